@@ -1,0 +1,72 @@
+// What the units share and callers never see: the paths, the data store operations, the profiles.
+#ifndef KELOTLS_SRC_INTERNAL_H
+#define KELOTLS_SRC_INTERNAL_H
+
+#include <json/value.h>
+#include <openssl/ssl.h>
+
+#include <string>
+
+namespace kelotls {
+
+// Directory constants end in a slash: every file name is a plain concatenation.
+constexpr char kTlsProfileDefaultsPath[] =
+    "/usr/kelo/etc.defaults/security-profile/tls-profile/TLSProfile.conf";  // reserved, unused
+constexpr char kDataStorePath[] = "/usr/kelo/etc/security-profile/tls-profile/datastore.json";
+constexpr char kServicesDir[] = "/usr/kelo/etc/security-profile/tls-profile/services/";
+constexpr char kConfigDir[] = "/usr/kelo/etc/security-profile/tls-profile/config/";
+constexpr char kSystemReloaderDir[] = "/usr/libexec/security-profile/tls-profile/";
+constexpr char kPackageReloaderDir[] = "/usr/local/libexec/security-profile/tls-profile/";
+
+// Unit validator.
+
+/// Whether the value is a data store; the first fault found is logged. An entry that is not an
+/// object goes straight to jsoncpp, whose exception passes through.
+bool validate_data_store(const Json::Value& root);
+
+// Unit framework_config.
+
+/// The validated data store, or null once the reason is logged.
+Json::Value load_data_store();
+
+/// Replaces the data store file with the value as it stands, null included. 0, or -1 once logged.
+int save_data_store(const Json::Value& root);
+
+/// A copy of the service's entry, or null when there is none. "services" is never copied.
+Json::Value get_service_entry(const Json::Value& root, const std::string& name);
+
+/// The service's effective level (negative and unknown values included), or kServiceNotJoined once
+/// logged. A level that jsoncpp cannot read as an integer raises its exception.
+int lookup_service_level(const Json::Value& root, const std::string& name);
+
+/// Sets the level of a service that has an entry. 0, or kServiceNotJoined once logged.
+int update_service_level(Json::Value& root, const std::string& name, int level);
+
+/// Sets the default level; a null root becomes an object that holds nothing else.
+void update_default_level(Json::Value& root, int level);
+
+// Unit profile_config.
+
+/// What one level asks for.
+struct Profile {
+  decltype(SSL_CTX_get_options(nullptr)) options;
+  const char* tls12_cipher_list;  // null: OpenSSL's default list stays
+  const char* dh_file;            // in kDhParamDir; null: no temporary DH parameters
+};
+
+/// The profile of a level of 0 or above; a value that names no level is served as intermediate.
+const Profile& profile_of_level(int level);
+
+/// Gives the context the temporary DH parameters of the file. Failures are only logged: the
+/// context then offers no DHE suite.
+void install_dh_parameters(SSL_CTX* context, const char* dh_file);
+
+/// Gives a resource up without releasing it. Each use is a leak that the contract asks for.
+template <typename Owner>
+void leak_on_purpose(Owner& owner) {
+  static_cast<void>(owner.release());
+}
+
+}  // namespace kelotls
+
+#endif
