@@ -186,8 +186,8 @@ bool sync_to_disk(int descriptor) {
 }
 
 bool write_in_place(const std::string& path, const std::string& text) {
-  Descriptor file(::open(path.c_str(),
-                         O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
+  Descriptor file(
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
   return file.is_open() && write_all(file.get(), text) && sync_to_disk(file.get()) && file.close();
 }
 
@@ -285,8 +285,8 @@ bool replace_file(std::string path, const std::string& text) {
 
   const std::string folder_path = folder_of(path);
   const std::string name = path.substr(folder_path.size());
-  const Descriptor folder(::open(folder_path.empty() ? "." : folder_path.c_str(),
-                                 O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor folder(
+      ::open(folder_path.empty() ? "." : folder_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder.is_open()) {
     return false;
   }

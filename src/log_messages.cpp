@@ -79,9 +79,7 @@ void dh_parameters_unreadable(const std::string& reasons) {
 
 // api_provider
 
-void no_memory_bio() {
-  syslog(LOG_ERR, "%s:%d Fatal Error. new bio failed.", kApiProvider, 402);
-}
+void no_memory_bio() { syslog(LOG_ERR, "%s:%d Fatal Error. new bio failed.", kApiProvider, 402); }
 
 void openssl_failure(const char* message, const char* reasons) {
   syslog(LOG_ERR, "%s:%d %s. [%s]", kApiProvider, 409, message, reasons);

@@ -107,7 +107,8 @@ void install_dh_parameters(SSL_CTX* context, const char* dh_file) {
   file.reset();
 
   SSL_CTX_set_tmp_dh(context, parameters.get());
-  SSL_CTX_set_options(context, SSL_OP_SINGLE_DH_USE);  // 0 today; kept for an OpenSSL where it is not
+  SSL_CTX_set_options(context,
+                      SSL_OP_SINGLE_DH_USE);  // 0 today; kept for an OpenSSL where it is not
   // A security level that refuses the parameters must not spoil the caller's next SSL_get_error.
   ERR_clear_error();
 }
