@@ -4,10 +4,41 @@
 #include <utility>
 
 #include "internal.h"
+#include "kelotls/api_provider.h"
 #include "kelotls/tls_profile_level.h"
 #include "log_messages.h"
 
 namespace kelotls {
+
+namespace {
+
+/// The data store in a saved file, or null once the reason is logged. The lines name the live data
+/// store, so that they read like those of its own loading.
+Json::Value load_saved_file(const std::string& path) {
+  Json::Value saved;
+  errno = 0;
+  if (!saved.fromFile(path)) {
+    log::saved_file_not_loaded(kDataStorePath);
+    return Json::Value();
+  }
+  if (!validate_data_store(saved)) {
+    log::saved_file_invalid(kDataStorePath);
+    return Json::Value();
+  }
+  return saved;
+}
+
+/// The level that a saved entry asks for, or kServiceNotJoined once logged.
+int saved_level(const Json::Value& saved, const std::string& name) {
+  const Json::Value entry = get_service_entry(saved, name);
+  if (entry.isNull()) {
+    log::saved_service_without_entry(name);
+    return kServiceNotJoined;
+  }
+  return entry["current-level"].asInt();
+}
+
+}  // namespace
 
 Json::Value load_data_store() {
   Json::Value root;
@@ -58,5 +89,40 @@ int update_service_level(Json::Value& root, const std::string& name, int level) 
 }
 
 void update_default_level(Json::Value& root, int level) { root["default-level"] = level; }
+
+int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& services) {
+  for (const ServiceDesc& service : services) {
+    const std::string name = service.get_service_name();
+    Json::Value entry;
+    entry["display-name"] = service.get_display_name();
+    if (service.has_i18n_display_name()) {
+      entry["display-name-i18n"] = service.get_i18n_display_name();
+    }
+    // An old entry without a level passes a null on, which the next load refuses; kept so.
+    const Json::Value old_entry = get_service_entry(root, name);
+    entry["current-level"] =
+        old_entry.isNull() ? Json::Value(TLS_PROFILE_LEVEL_DEFAULT) : old_entry["current-level"];
+    root["services"][name] = std::move(entry);
+  }
+  return 0;
+}
+
+int APIProvider::restore_framework(const std::string& path) const {
+  Json::Value live = load_data_store();
+  const Json::Value saved = load_saved_file(path);
+  update_default_level(live, saved["default-level"].asInt());
+
+  const Json::Value& saved_services = saved["services"];
+  for (auto service = saved_services.begin(); service != saved_services.end(); ++service) {
+    const std::string name = service.name();
+    if (get_service_entry(live, name).isNull()) {
+      log::saved_service_not_live(name);
+      continue;
+    }
+    update_service_level(live, name, saved_level(saved, name));
+  }
+  save_data_store(live);
+  return 0;
+}
 
 }  // namespace kelotls

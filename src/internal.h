@@ -6,6 +6,9 @@
 #include <openssl/ssl.h>
 
 #include <string>
+#include <vector>
+
+#include "kelotls/service_desc.h"
 
 namespace kelotls {
 
@@ -45,6 +48,10 @@ int update_service_level(Json::Value& root, const std::string& name, int level);
 /// Sets the default level; a null root becomes an object that holds nothing else.
 void update_default_level(Json::Value& root, int level);
 
+/// Gives each service an entry built afresh from its descriptor, with the level of the entry that
+/// it replaces, copied as it is, or 0. Turns a null root into an object. Always 0.
+int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& services);
+
 // Unit profile_config.
 
 /// What one level asks for.
@@ -52,6 +59,7 @@ struct Profile {
   decltype(SSL_CTX_get_options(nullptr)) options;
   const char* tls12_cipher_list;  // null: OpenSSL's default list stays
   const char* dh_file;            // in kDhParamDir; null: no temporary DH parameters
+  const char* tier;               // the section of a configuration template
 };
 
 /// The profile of a level of 0 or above; a value that names no level is served as intermediate.

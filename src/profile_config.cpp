@@ -45,9 +45,9 @@ constexpr auto kFromTls12 = kFromTls10 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1;
 constexpr auto kFromTls13 = kFromTls12 | SSL_OP_NO_TLSv1_2;
 
 // clang-format off
-constexpr Profile kModern       = {kFromTls13, nullptr,                  nullptr};
-constexpr Profile kIntermediate = {kFromTls12, INTERMEDIATE_CIPHER_LIST, "dh2048.pem"};
-constexpr Profile kOld          = {kFromTls10, OLD_CIPHER_LIST,          "dh1024.pem"};
+constexpr Profile kModern       = {kFromTls13, nullptr,                  nullptr,      "mozilla_modern"};
+constexpr Profile kIntermediate = {kFromTls12, INTERMEDIATE_CIPHER_LIST, "dh2048.pem", "mozilla_intermediate"};
+constexpr Profile kOld          = {kFromTls10, OLD_CIPHER_LIST,          "dh1024.pem", "mozilla_old"};
 // clang-format on
 
 struct FileClose {

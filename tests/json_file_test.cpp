@@ -1,1 +1,486 @@
+// The two whole-file JSON operations: what they read, what they write, what they leave alone.
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+
+#include "appliance.h"
+
+namespace kelotls::test {
+namespace {
+
+constexpr char kFolder[] = "/usr/kelo/json/";
+constexpr char kFile[] = "/usr/kelo/json/file";
+
+class JsonFile : public Appliance {
+ protected:
+  void SetUp() override {
+    Appliance::SetUp();
+    make_folders(kFolder);
+  }
+
+  static bool reads(const std::string& text, Json::Value& value) {
+    write_file(kFile, text);
+    errno = 0;
+    return value.fromFile(kFile);
+  }
+
+  static void expect_read(const std::string& text, const Json::Value& expected) {
+    Json::Value value;
+    EXPECT_TRUE(reads(text, value)) << text;
+    EXPECT_EQ(value, expected) << text;
+  }
+
+  static void expect_parse_error(const std::string& text) {
+    Json::Value value("as it was");
+    write_file(kFile, text);
+    errno = EPERM;  // a value that neither the calls nor the parser give
+    EXPECT_FALSE(value.fromFile(kFile)) << text.substr(0, 80);
+    EXPECT_EQ(errno, 0) << text.substr(0, 80);
+    EXPECT_EQ(value, Json::Value("as it was"));
+  }
+
+  static void expect_read_failure(const std::string& path, int error) {
+    Json::Value value("as it was");
+    errno = 0;
+    EXPECT_FALSE(value.fromFile(path)) << path;
+    EXPECT_EQ(errno, error) << path << ": " << std::strerror(errno);
+    EXPECT_EQ(value, Json::Value("as it was"));
+  }
+
+  static void expect_write_failure(const std::string& path, int error, bool in_place = false) {
+    errno = 0;
+    EXPECT_FALSE(Json::Value(1).toFile(path, in_place)) << path;
+    EXPECT_EQ(errno, error) << path << ": " << std::strerror(errno);
+  }
+
+  static struct stat status_of(const std::string& path) {
+    struct stat status = {};
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+    return status;
+  }
+
+  static std::string nested(int depth, const std::string& innermost) {
+    const auto count = static_cast<std::size_t>(depth);
+    return std::string(count, '[') + innermost + std::string(count, ']');
+  }
+};
+
+// Reading
+
+TEST_F(JsonFile, ReadsEveryKindOfDocument) {
+  expect_read("null", Json::Value());
+  expect_read("true", Json::Value(true));
+  expect_read("-3", Json::Value(-3));
+  expect_read("1.5", Json::Value(1.5));
+  expect_read("\"text\"", Json::Value("text"));
+  expect_read("[]", Json::Value(Json::arrayValue));
+  expect_read(" {} \n", Json::Value(Json::objectValue));
+  expect_read("4294967296", Json::Value(Json::Int64{4294967296}));
+}
+
+TEST_F(JsonFile, TakesTheLastOfTwoEqualKeys) {
+  Json::Value expected;
+  expected["a"] = 2;
+  expect_read(R"({"a": 1, "a": 2})", expected);
+}
+
+TEST_F(JsonFile, RefusesWhatIsNotOneStrictDocument) {
+  for (const char* text : {
+           "",
+           " ",
+           "\n",
+           "{",
+           "[1",
+           "[1,]",
+           "{\"a\": 1,}",
+           "{\"a\" 1}",
+           "{a: 1}",
+           "{'a': 1}",
+           "[,]",
+           "[1 2]",
+           "nul",
+           "nulll",
+           "\"open",
+           "\"\\x\"",
+           "// comment\n{}",
+           "/* comment */ {}",
+           "{} // comment",
+           "{\"a\": /* comment */ 1}",
+           "NaN",
+           "Infinity",
+           "\xEF\xBB\xBF{}",
+       }) {
+    expect_parse_error(text);
+  }
+}
+
+TEST_F(JsonFile, RefusesTrailingText) {
+  for (const char* text : {"{} {}", "{} x", "{}]", "{}}", "null null", "1 2", "1,2", "1],[2",
+                           "[] \"", "true/", "{}\x01", "\"a\"\"b\"", "{},", "[],"}) {
+    expect_parse_error(text);
+  }
+}
+
+TEST_F(JsonFile, RefusesRawNulBytes) {
+  expect_parse_error(std::string("{}\0", 3));
+  expect_parse_error(std::string("{}\0{}", 5));
+  expect_parse_error(std::string("\0", 1));
+  expect_parse_error(std::string("\"a\0b\"", 5));
+  expect_parse_error(std::string("\"a\\\0b\"", 6));
+  expect_parse_error(std::string("{\"a\": \0 1}", 10));
+}
+
+TEST_F(JsonFile, AcceptsNestingOf256AndRefuses257) {
+  Json::Value value;
+  EXPECT_TRUE(reads(nested(256, ""), value));
+  EXPECT_TRUE(reads(nested(256, "1"), value));
+  EXPECT_TRUE(reads(nested(254, "{\"a\": {\"b\": 1}}"), value));
+  expect_parse_error(nested(257, ""));
+  expect_parse_error(nested(257, "1"));
+  expect_parse_error(nested(255, "{\"a\": {}}"));
+  expect_parse_error(nested(300, ""));
+  expect_parse_error(nested(100000, ""));
+  expect_parse_error(std::string(100000, '['));
+  expect_parse_error(std::string(100000, '{'));
+}
+
+TEST_F(JsonFile, CountsOnlyBracketsThatAreOpenAtOnceAndOutsideOfStrings) {
+  Json::Value value;
+  EXPECT_TRUE(
+      reads("[\"" + std::string(1000, '[') + "\", \"\\\"" + std::string(1000, '{') + "\"]", value));
+  std::string wide = "[[]";
+  for (int i = 0; i < 1000; ++i) {
+    wide += ",[{}]";
+  }
+  EXPECT_TRUE(reads(wide + "]", value));
+}
+
+TEST_F(JsonFile, NeverThrowsOnNestingHiddenFromABracketCount) {
+  // A quote in a comment must not hide brackets from the check before the parser.
+  expect_parse_error("/* \" */" + std::string(2000, '[') + "\"");
+  expect_parse_error("[1, /* \" */" + std::string(2000, '[') + "\"]");
+  expect_parse_error("' \" '" + std::string(2000, '['));
+  expect_parse_error("]" + std::string(300, ']') + std::string(600, '['));
+}
+
+TEST_F(JsonFile, KeepsErrnoWhenANumberSetsItInTheParser) {
+  Json::Value value;
+  EXPECT_TRUE(reads("[1e-320, 1.5]", value));
+  EXPECT_EQ(errno, 0);
+  expect_parse_error("[1e-320, ");
+}
+
+TEST_F(JsonFile, PassesUtf8AndInvalidUtf8Through) {
+  expect_read("\"\xC3\xA9 \xE2\x82\xAC\"", Json::Value("\xC3\xA9 \xE2\x82\xAC"));
+  expect_read("\"\xFF\xFE\"", Json::Value("\xFF\xFE"));
+}
+
+TEST_F(JsonFile, ReportsWhyAFileCannotBeRead) {
+  expect_read_failure("/usr/kelo/json/missing", ENOENT);
+  expect_read_failure("", ENOENT);
+  expect_read_failure(kFolder, EISDIR);
+  expect_read_failure("/dev/null", EINVAL);
+  expect_read_failure("/dev/zero", EINVAL);
+  write_file(kFile, "{}");
+  expect_read_failure(std::string(kFile) + "/below", ENOTDIR);
+  expect_read_failure(kFile + std::string("\0hidden", 7), EINVAL);
+  ASSERT_EQ(::symlink("loop", "/usr/kelo/json/loop"), 0);
+  expect_read_failure("/usr/kelo/json/loop", ELOOP);
+  expect_read_failure(kFolder + std::string(300, 'x'), ENAMETOOLONG);
+}
+
+TEST_F(JsonFile, RefusesAFileWithoutPermission) {
+  write_file(kFile, "{}");
+  ASSERT_EQ(::chmod(kFile, 0), 0);
+  obey_file_permissions();
+  expect_read_failure(kFile, EACCES);
+}
+
+TEST_F(JsonFile, DoesNotWaitForAPipe) {
+  ASSERT_EQ(::mkfifo(kFile, 0600), 0);
+  expect_read_failure(kFile, EINVAL);
+}
+
+TEST_F(JsonFile, ReadsThroughALink) {
+  write_file("/usr/kelo/json/target", "[1]");
+  ASSERT_EQ(::symlink("target", kFile), 0);
+  Json::Value value;
+  EXPECT_TRUE(value.fromFile(kFile));
+  EXPECT_EQ(value.size(), 1u);
+}
+
+TEST_F(JsonFile, Reads64MiBAndRefusesMore) {
+  const std::size_t limit = std::size_t{64} << 20;
+  write_file(kFile, "[1" + std::string(limit - 3, ' ') + "]");
+  Json::Value value;
+  EXPECT_TRUE(value.fromFile(kFile));
+
+  write_file(kFile, "[1" + std::string(limit - 2, ' ') + "]");
+  expect_read_failure(kFile, EFBIG);
+}
+
+TEST_F(JsonFile, ReadsAFileWhoseSizeIsNotKnownBeforehand) {
+  Json::Value value;
+  EXPECT_TRUE(value.fromFile("/proc/self/oom_score"));  // a regular file of size 0 with a number
+  EXPECT_TRUE(value.isInt());
+}
+
+TEST_F(JsonFile, LeavesNoDescriptorOpenWhateverItReads) {
+  const std::vector<int> before = open_descriptors();
+  Json::Value value;
+  EXPECT_TRUE(reads("{}", value));
+  expect_parse_error("{");
+  expect_read_failure(kFolder, EISDIR);
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+// Writing
+
+TEST_F(JsonFile, WritesWhatItReadsBack) {
+  Json::Value value;
+  value["text"] = "quote \" backslash \\ slash / newline \n tab \t bell \x07 delete \x7F";
+  value["utf-8"] = "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x94\x92";
+  value["invalid utf-8"] = "\xFF\xC3";
+  value[std::string("nul\0key", 7)] = std::string("nul\0value", 9);
+  value["\x01"] = "\x1F";
+  value[""] = Json::Value();
+  value["numbers"][0] = Json::Int64{INT64_MIN};
+  value["numbers"][1] = Json::UInt64{UINT64_MAX};
+  value["numbers"][2] = 0.1;
+  value["numbers"][3] = 1e300;
+  value["numbers"][4] = -0.0;
+  value["empty"] = Json::Value(Json::objectValue);
+  value["list"] = Json::Value(Json::arrayValue);
+  value["truth"] = true;
+  for (const bool in_place : {false, true}) {
+    ASSERT_TRUE(value.toFile(kFile, in_place));
+
+    Json::Value back;
+    EXPECT_TRUE(back.fromFile(kFile));
+    EXPECT_EQ(back, value);
+  }
+}
+
+TEST_F(JsonFile, WritesReadableText) {
+  Json::Value value;
+  value["default-level"] = 2;
+  value["services"]["web"]["display-name"] = "Zugriff f\xC3\xBCr alle";
+  ASSERT_TRUE(value.toFile(kFile));
+
+  EXPECT_EQ(read_file(kFile),
+            "{\n"
+            "  \"default-level\" : 2,\n"
+            "  \"services\" : \n"
+            "  {\n"
+            "    \"web\" : \n"
+            "    {\n"
+            "      \"display-name\" : \"Zugriff f\xC3\xBCr alle\"\n"
+            "    }\n"
+            "  }\n"
+            "}\n");
+}
+
+TEST_F(JsonFile, WritesNull) {
+  ASSERT_TRUE(Json::Value().toFile(kFile));
+  EXPECT_EQ(read_file(kFile), "null\n");
+}
+
+TEST_F(JsonFile, ReplacesTheFileInsteadOfRewritingIt) {
+  write_file(kFile, "old");
+  const int old_file = ::open(kFile, O_RDONLY);
+  const ino_t old_inode = status_of(kFile).st_ino;
+
+  ASSERT_TRUE(Json::Value(1).toFile(kFile));
+
+  EXPECT_NE(status_of(kFile).st_ino, old_inode);
+  char text[4] = {};
+  EXPECT_EQ(::read(old_file, text, sizeof text), 3);
+  EXPECT_STREQ(text, "old");
+  ::close(old_file);
+  EXPECT_EQ(names_in(kFolder), Lines{"file"});
+}
+
+TEST_F(JsonFile, RewritesTheFileInPlaceWhenAsked) {
+  write_file(kFile, "something longer than the new text");
+  const ino_t old_inode = status_of(kFile).st_ino;
+
+  ASSERT_TRUE(Json::Value(1).toFile(kFile, true));
+
+  EXPECT_EQ(status_of(kFile).st_ino, old_inode);
+  EXPECT_EQ(read_file(kFile), "1\n");
+}
+
+TEST_F(JsonFile, GivesANewFileTheModeThatTheUmaskLeaves) {
+  for (const auto& [mask, mode] : {std::pair{0, 0666}, {022, 0644}, {077, 0600}, {027, 0640}}) {
+    for (const bool in_place : {false, true}) {
+      ::unlink(kFile);
+      ::umask(static_cast<mode_t>(mask));
+      ASSERT_TRUE(Json::Value(1).toFile(kFile, in_place));
+      EXPECT_EQ(status_of(kFile).st_mode & 07777, static_cast<mode_t>(mode)) << std::oct << mask;
+    }
+  }
+}
+
+TEST_F(JsonFile, KeepsTheModeOfAFileThatWasThere) {
+  for (const mode_t mode : {0600u, 0640u, 0666u, 0400u, 0755u}) {
+    for (const mode_t mask : {0u, 077u}) {
+      write_file(kFile, "old");
+      ASSERT_EQ(::chmod(kFile, mode), 0);
+      ::umask(mask);
+      ASSERT_TRUE(Json::Value(1).toFile(kFile));
+      EXPECT_EQ(status_of(kFile).st_mode & 07777, mode);
+    }
+  }
+}
+
+TEST_F(JsonFile, FollowsLinksToTheFileThatTheyName) {
+  make_folders("/usr/kelo/json/real");
+  write_file("/usr/kelo/json/real/target", "old");
+  ASSERT_EQ(::symlink("real/middle", kFile), 0);
+  ASSERT_EQ(::symlink("target", "/usr/kelo/json/real/middle"), 0);
+  const ino_t old_inode = status_of("/usr/kelo/json/real/target").st_ino;
+
+  ASSERT_TRUE(Json::Value(1).toFile(kFile));
+
+  EXPECT_NE(status_of("/usr/kelo/json/real/target").st_ino, old_inode);
+
+  EXPECT_TRUE(S_ISLNK(status_of(kFile).st_mode));
+  EXPECT_TRUE(S_ISLNK(status_of("/usr/kelo/json/real/middle").st_mode));
+  EXPECT_EQ(read_file("/usr/kelo/json/real/target"), "1\n");
+  EXPECT_EQ(names_in("/usr/kelo/json/real"), (Lines{"middle", "target"}));
+}
+
+TEST_F(JsonFile, CreatesTheTargetOfADanglingLink) {
+  make_folders("/usr/kelo/json/real");
+  ASSERT_EQ(::symlink("/usr/kelo/json/real/target", kFile), 0);
+
+  ASSERT_TRUE(Json::Value(1).toFile(kFile));
+
+  EXPECT_TRUE(S_ISLNK(status_of(kFile).st_mode));
+  EXPECT_EQ(read_file("/usr/kelo/json/real/target"), "1\n");
+}
+
+TEST_F(JsonFile, WritesToABareNameInTheWorkingFolder) {
+  ASSERT_EQ(::chdir(kFolder), 0);
+  ASSERT_TRUE(Json::Value(1).toFile("file"));
+  EXPECT_EQ(names_in(kFolder), Lines{"file"});
+}
+
+TEST_F(JsonFile, WritesInPlaceToWhatIsNoRegularFile) {
+  EXPECT_TRUE(Json::Value(1).toFile("/dev/null"));
+  EXPECT_TRUE(S_ISCHR(status_of("/dev/null").st_mode));
+  expect_write_failure("/dev/full", ENOSPC);
+}
+
+TEST_F(JsonFile, DoesNotWaitForTheReaderOfAPipe) {
+  ASSERT_EQ(::mkfifo(kFile, 0600), 0);
+  expect_write_failure(kFile, ENXIO);
+
+  const int reader = ::open(kFile, O_RDONLY | O_NONBLOCK);
+  EXPECT_TRUE(Json::Value(1).toFile(kFile));
+  char text[3] = {};
+  EXPECT_EQ(::read(reader, text, sizeof text), 2);
+  EXPECT_STREQ(text, "1\n");
+  ::close(reader);
+}
+
+TEST_F(JsonFile, ReportsWhyAFileCannotBeWritten) {
+  expect_write_failure("/usr/kelo/json/missing/file", ENOENT);
+  expect_write_failure("", ENOENT);
+  expect_write_failure(kFolder, EISDIR);
+  write_file(kFile, "{}");
+  expect_write_failure(std::string(kFile) + "/below", ENOTDIR);
+  expect_write_failure(kFile + std::string("\0hidden", 7), EINVAL);
+  ASSERT_EQ(::symlink("loop", "/usr/kelo/json/loop"), 0);
+  expect_write_failure("/usr/kelo/json/loop", ELOOP);
+  expect_write_failure(kFolder + std::string(300, 'x'), ENAMETOOLONG);
+  EXPECT_EQ(names_in(kFolder), (Lines{"file", "loop"}));
+}
+
+TEST_F(JsonFile, LeavesTheOldFileAndNothingElseWhenTheDiskIsFull) {
+  mount_small_file_system(kFolder, 64 << 10);
+  write_file(kFile, "old");
+  const Json::Value large(std::string(100 << 10, 'x'));
+
+  errno = 0;
+  EXPECT_FALSE(large.toFile(kFile));
+
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(read_file(kFile), "old");
+  EXPECT_EQ(names_in(kFolder), Lines{"file"});
+}
+
+TEST_F(JsonFile, LeavesTheOldFileOnAReadOnlyFileSystem) {
+  write_file(kFile, "old");
+  mount_read_only(kFolder);
+
+  expect_write_failure(kFile, EROFS);
+  expect_write_failure(kFile, EROFS, true);
+
+  EXPECT_EQ(read_file(kFile), "old");
+}
+
+TEST_F(JsonFile, LeavesTheOldFileWithoutPermissionForTheFolder) {
+  write_file(kFile, "old");
+  ASSERT_EQ(::chmod(kFolder, 0555), 0);
+  obey_file_permissions();
+
+  expect_write_failure(kFile, EACCES);
+
+  EXPECT_EQ(read_file(kFile), "old");
+}
+
+TEST_F(JsonFile, ReportsAWriteBeyondTheFileSizeLimit) {
+  write_file(kFile, "old");
+  std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit limit = {16, RLIM_INFINITY};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+
+  errno = 0;
+  EXPECT_FALSE(Json::Value(std::string(100, 'x')).toFile(kFile));
+  EXPECT_EQ(errno, EFBIG);
+
+  EXPECT_EQ(read_file(kFile), "old");
+  EXPECT_EQ(names_in(kFolder), Lines{"file"});
+}
+
+TEST_F(JsonFile, PassesOverTheTemporariesOfAProcessThatWasKilled) {
+  const std::string left_behind = std::string(kFile) + "." + std::to_string(::getpid()) + "-0";
+  write_file(left_behind, "half");
+
+  ASSERT_TRUE(Json::Value(1).toFile(kFile));
+
+  EXPECT_EQ(read_file(kFile), "1\n");
+  EXPECT_EQ(read_file(left_behind), "half");
+}
+
+TEST_F(JsonFile, KeepsTheOwnerOfAFileThatWasThereOrRefuses) {
+  write_file(kFile, "old");
+  // A namespace may know a single user and group; then there is no other owner to keep.
+  const uid_t other = ::chown(kFile, 1, 1) == 0 ? 1 : 0;
+
+  ASSERT_TRUE(Json::Value(1).toFile(kFile));
+
+  EXPECT_EQ(status_of(kFile).st_uid, other);
+  EXPECT_EQ(status_of(kFile).st_gid, other);
+}
+
+TEST_F(JsonFile, LeavesNoDescriptorOpenWhateverItWrites) {
+  const std::vector<int> before = open_descriptors();
+  EXPECT_TRUE(Json::Value(1).toFile(kFile));
+  EXPECT_TRUE(Json::Value(1).toFile(kFile, true));
+  expect_write_failure(kFolder, EISDIR);
+  expect_write_failure("/dev/full", ENOSPC);
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+}  // namespace
+}  // namespace kelotls::test
