@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kDhParamDir[] = "/usr/kelo/etc/ssl/";
 
-// The order of the suites is the server's preference and goes to OpenSSL as it stands.
+// The order of the suites counts; it goes to OpenSSL as it stands.
 constexpr char INTERMEDIATE_CIPHER_LIST[] =
     "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:"
     "ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384:"
