@@ -6,8 +6,8 @@
 find_path(JSONCPP_HEADER_DIR json/value.h HINTS ${JSONCPP_INCLUDE_DIRS} REQUIRED)
 set(KELOTLS_JSON_INCLUDE_DIR ${CMAKE_CURRENT_BINARY_DIR}/json_with_file_members)
 
-file(REMOVE_RECURSE ${KELOTLS_JSON_INCLUDE_DIR})
-file(COPY ${JSONCPP_HEADER_DIR}/json DESTINATION ${KELOTLS_JSON_INCLUDE_DIR})
+file(COPY ${JSONCPP_HEADER_DIR}/json DESTINATION ${KELOTLS_JSON_INCLUDE_DIR}
+     PATTERN value.h EXCLUDE)
 file(READ ${JSONCPP_HEADER_DIR}/json/value.h value_header)
 
 set(place "  String toStyledString() const;\n")
@@ -33,5 +33,11 @@ string(REPLACE "${place}" "${place}
   /// mode and owner; in_place truncates and rewrites it instead. False with errno on failure.
   bool toFile(const String& path, bool in_place = false) const;
 " value_header "${value_header}")
-file(WRITE ${KELOTLS_JSON_INCLUDE_DIR}/json/value.h "${value_header}")
+set(written_header "")
+if(EXISTS ${KELOTLS_JSON_INCLUDE_DIR}/json/value.h)
+  file(READ ${KELOTLS_JSON_INCLUDE_DIR}/json/value.h written_header)
+endif()
+if(NOT written_header STREQUAL value_header)  # or every configuration would rebuild everything
+  file(WRITE ${KELOTLS_JSON_INCLUDE_DIR}/json/value.h "${value_header}")
+endif()
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${JSONCPP_HEADER_DIR}/json/value.h)

@@ -1,0 +1,54 @@
+# shellcheck shell=bash
+# Words for scripts that set up what they need on a Debian machine; sourced by them.
+
+package_installed() {
+  dpkg-query --show --showformat '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
+}
+
+as_root() {
+  if [ "$(id -u)" = 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    echo "This needs root, and there is no sudo. As root: $*" >&2
+    return 1
+  fi
+}
+
+# quietly COMMAND...: its output shows only if it fails.
+quietly() {
+  local output status=0
+  output=$("$@" 2>&1 </dev/null) || status=$?
+  if [ "$status" != 0 ]; then
+    printf '%s\n' "$output" "$* ended with status $status" >&2
+  fi
+  return "$status"
+}
+
+# need_packages <<< "package: why" lines. Installs the ones that are missing and says why; says and
+# does nothing where all are there. Leaves the new ones in new_packages.
+need_packages() {
+  local package why
+  new_packages=()
+  while IFS=: read -r package why; do
+    if ! package_installed "$package"; then
+      [ ${#new_packages[@]} -gt 0 ] || echo 'Installing what is missing:'
+      printf '  %-16s%s\n' "$package" "${why# }"
+      new_packages+=("$package")
+    fi
+  done
+  if [ ${#new_packages[@]} -gt 0 ]; then
+    quietly as_root apt-get update
+    quietly as_root env DEBIAN_FRONTEND=noninteractive \
+      apt-get install --yes --no-install-recommends "${new_packages[@]}"
+  fi
+}
+
+# stop_new_service PACKAGE: Debian starts the services that it installs, now and at each boot. One
+# that came only because a script here needs its program is stopped again.
+stop_new_service() {
+  if [[ " ${new_packages[*]-} " == *" $1 "* ]] && [ -d /run/systemd/system ]; then
+    quietly as_root systemctl disable --now "$1"
+  fi
+}
