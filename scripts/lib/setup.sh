@@ -52,3 +52,17 @@ stop_new_service() {
     quietly as_root systemctl disable --now "$1"
   fi
 }
+
+# What the tests run beside what they test, whichever build that is.
+need_test_packages() {
+  need_packages <<'EOF'
+bubblewrap: gives each test a private appliance tree
+binutils: looks into the built library
+locales: a locale with a decimal comma, which no rendered number may show
+nginx-light: the real server behind the templated example
+openssl: makes the tests' certificates, and is their client
+python3-pystache: an independent judge of the template renderer's cases
+ruby-mustache: another one
+EOF
+  stop_new_service nginx-light
+}
