@@ -210,7 +210,10 @@ bool follow_links(std::string& path) {
       return false;
     }
     const std::string name(target, static_cast<std::size_t>(length));
-    path = name.compare(0, 1, "/") == 0 ? name : folder_of(path) + name;
+    if (name.compare(0, 1, "/") == 0) {
+      path.clear();
+    }
+    path.replace(folder_of(path).size(), std::string::npos, name);
   }
   return fail(ELOOP);
 }
