@@ -21,6 +21,7 @@ for entry in "$sdk"/{bin,etc,lib,lib32,lib64,libx32,sbin,usr}; do
   fi
 done
 view+=(--dev /dev --proc /proc --dir /mnt --dir /run --tmpfs /tmp
+       --ro-bind "$sdk/var/lib/dpkg" /var/lib/dpkg
        --ro-bind "$project" "$project" --bind "$project/build" "$project/build"
        --ro-bind "$sdk" "$sdk")
 

@@ -1,0 +1,224 @@
+// What kelotlsctl writes where: data, messages, colour, log lines; usage; pipes that close early.
+#include "kelotlsctl.h"
+
+namespace kelotls::test {
+namespace {
+
+constexpr char kEscape[] = "\033[";
+
+class KelotlsctlConsole : public Kelotlsctl {};
+
+TEST_F(KelotlsctlConsole, RefusesWhatItDoesNotKnow) {
+  const std::vector<Arguments> commands = {{"bogus"},
+                                           {"--bogus"},
+                                           {"set"},
+                                           {"set", "web"},
+                                           {"set", "web", "old", "more"},
+                                           {"list", "--dry-run"},
+                                           {"get", "web", "--apply"},
+                                           {"restore"},
+                                           {"validate"},
+                                           {"probe", "web", "--connect"},
+                                           {"list", "list"}};
+  for (const Arguments& command : commands) {
+    const Outcome outcome = run(command);
+    EXPECT_EQ(outcome.status, 2) << command[0];
+    EXPECT_EQ(outcome.out, "") << command[0];
+    EXPECT_NE(outcome.err, "") << command[0];
+  }
+}
+
+TEST_F(KelotlsctlConsole, RefusesWhatIsNoHostAndPort) {
+  join_both();
+  for (const char* text : {"host", ":443", "host:", "::1:443", ""}) {
+    EXPECT_EQ(run({"probe", "web", "--connect", text}).status, 2) << text;
+  }
+}
+
+TEST_F(KelotlsctlConsole, SaysThatNobodyAnswers) {
+  join_both();
+  const Outcome outcome = run({"probe", "web", "--connect", "127.0.0.1:9"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(contains(outcome.err, "kelotlsctl: error: "));
+}
+
+TEST_F(KelotlsctlConsole, ComparesARunningServerWithTheLevel) {
+  join_both();
+  ASSERT_EQ(run({"set", "web", "modern"}).status, 0);
+  const Outcome outcome = run_program(
+      {"bash", "-c",
+       "openssl s_server -quiet -accept 127.0.0.1:4433 -cert \"$1/rsa.pem\" -key \"$1/rsa.pem\" "
+       "> /dev/null 2>&1 & server=$!; "
+       "until (: < /dev/tcp/127.0.0.1/4433) 2> /dev/null; do sleep 0.05; done; "
+       "\"$0\" --json probe web --connect 127.0.0.1:4433; status=$?; kill $server; exit $status",
+       KELOTLSCTL, KELOTLS_CERTIFICATES});
+  EXPECT_EQ(outcome.status, 3) << outcome.err;
+  const Json::Value report = json(outcome.out);
+  EXPECT_EQ(faults_against(std::string(KELOTLS_SCHEMAS) + "/output/probe.schema.json", report), "");
+  EXPECT_EQ(report["agrees"], false);
+  bool offers_tls12 = false;
+  for (const Json::Value& difference : report["differences"]) {
+    offers_tls12 =
+        offers_tls12 || (difference["kind"] == "extra" && difference["what"] == "TLS 1.2");
+  }
+  EXPECT_TRUE(offers_tls12) << outcome.out;
+}
+
+TEST_F(KelotlsctlConsole, ShowsHelpAndVersion) {
+  const Outcome help = run({"--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const char* command :
+       {"list",   "show",  "get",      "set",     "default", "levels", "explain",
+        "probe",  "check", "validate", "join",    "leave",   "regen",  "render",
+        "reload", "apply", "backup",   "restore", "init",    "recover"}) {
+    EXPECT_TRUE(contains(help.out, std::string("\n  ") + command + " ")) << command;
+    EXPECT_EQ(run({command, "--help"}).status, 0) << command;
+  }
+  EXPECT_EQ(run({"--version"}).status, 0);
+  EXPECT_EQ(run({"--version"}).out, "kelotlsctl " KELOTLSCTL_VERSION "\n");
+}
+
+TEST_F(KelotlsctlConsole, ShowsEveryLogLineAndPassesItOn) {
+  write_file(kDataStore, "{");
+  log();
+  const Outcome outcome = run({"list"});
+  const std::string line =
+      std::string("framework_config.cpp:16 Load json data failed. [Success] ") + kDataStore;
+  EXPECT_TRUE(contains(outcome.err, "kelotlsctl: log: " + line + "\n"));
+  EXPECT_EQ(log(), Lines({error_line(line)}));
+}
+
+TEST_F(KelotlsctlConsole, ShowsLogLinesWithoutControlCharacters) {
+  join_both();
+  write_file("/tmp/levels.json",
+             R"({"default-level": 2, "services": {"\u001b[2J": {"display-name": ""}}})");
+  const Outcome outcome = run({"restore", "/tmp/levels.json"});
+  EXPECT_TRUE(contains(outcome.err, "service entry not found. \\x1b[2J\n"));
+  EXPECT_EQ((outcome.out + outcome.err).find('\033'), std::string::npos);
+}
+
+TEST_F(KelotlsctlConsole, KeepsQuietButForDataAndFaults) {
+  join_both();
+  const Outcome quiet = run({"--quiet", "set", "web", "old"});
+  EXPECT_EQ(quiet.out, "web: default became old\n");
+  EXPECT_EQ(quiet.err, "");
+  EXPECT_EQ(run({"set", "web", "modern", "--quiet"}).err, "");
+  EXPECT_NE(run({"set", "--quiet", "web", "bogus"}).err, "");
+}
+
+TEST_F(KelotlsctlConsole, PrintsJsonAloneOnTheStandardOutput) {
+  join_both();
+  write_file(kReloaderStatus, "1");
+  const Outcome outcome = run({"apply", "--json"});
+  EXPECT_EQ(outcome.status, 5);
+  EXPECT_EQ(json(outcome.out)["applied"], true);
+  EXPECT_EQ(outcome.out.front(), '{');
+  EXPECT_EQ(outcome.out.substr(outcome.out.size() - 3), "\n}\n");
+}
+
+TEST_F(KelotlsctlConsole, ColoursOnATerminalOnly) {
+  join_both();
+  remove_all(kTemplate);
+  EXPECT_TRUE(contains(run_on_terminal({"list"}).out, kEscape));
+  EXPECT_TRUE(contains(run_on_terminal({"check"}).out, kEscape));
+  EXPECT_TRUE(contains(run_on_terminal({"show", "nix"}).out, kEscape));
+  for (const Arguments& command :
+       {Arguments{"list"}, Arguments{"check"}, Arguments{"levels"}, Arguments{"explain", "old"},
+        Arguments{"probe", "web"}, Arguments{"show", "nix"}}) {
+    const Outcome outcome = run(command);
+    EXPECT_EQ((outcome.out + outcome.err).find(kEscape), std::string::npos) << command[0];
+  }
+}
+
+TEST_F(KelotlsctlConsole, NeverColoursWithNoColor) {
+  join_both();
+  remove_all(kTemplate);
+  for (const Arguments& command : {Arguments{"list"}, Arguments{"check"}, Arguments{"levels"},
+                                   Arguments{"explain", "old"}, Arguments{"show", "nix"}}) {
+    EXPECT_EQ(run_on_terminal(command, {"NO_COLOR=1"}).out.find(kEscape), std::string::npos)
+        << command[0];
+  }
+}
+
+TEST_F(KelotlsctlConsole, DrawsABarOnATerminalOnlyAndTakesItAway) {
+  join_both();
+  const Outcome terminal = run_on_terminal({"apply"}, {"NO_COLOR=1"});
+  EXPECT_EQ(terminal.status, 0);
+  EXPECT_TRUE(contains(terminal.out, "probing intermediate [#"));
+  EXPECT_TRUE(contains(terminal.out, "\r\033[KSERVICE"));
+  EXPECT_EQ(run({"apply"}).err, "");
+  EXPECT_EQ(run_on_terminal({"apply", "--quiet"}, {"NO_COLOR=1"}).out.find("probing"),
+            std::string::npos);
+}
+
+TEST_F(KelotlsctlConsole, FinishesItsWorkWhenNobodyReads) {
+  join_both();
+  const Outcome outcome =
+      run_program({"bash", "-c",
+                   "set -o pipefail; \"$0\" set web old --apply 2>&1 | true; echo ${PIPESTATUS[0]}",
+                   KELOTLSCTL});
+  EXPECT_EQ(outcome.out, "0\n");
+  EXPECT_EQ(stored_level("web"), 3);
+  EXPECT_EQ(read_file(rendered_path("web")), "level old\n");
+  EXPECT_EQ(read_file(kReloaderRuns), "run\n");
+}
+
+TEST_F(KelotlsctlConsole, SaysThatItsDataCouldNotBeWritten) {
+  join_both();
+  const Outcome outcome = run_program({"bash", "-c", "\"$0\" list > /dev/full", KELOTLSCTL});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "kelotlsctl: error: the standard output: No space left on device\n");
+}
+
+TEST_F(KelotlsctlConsole, WritesIntoNoFileThatTookTheNumberOfAClosedDescriptor) {
+  join_both();
+  write_file(kReloaderStatus, "1");
+  run_program({"bash", "-c", "\"$0\" apply <&- >&- 2>&-", KELOTLSCTL});
+  run_program({"bash", "-c", "\"$0\" backup /tmp/levels.json <&- >&- 2>&-", KELOTLSCTL});
+  const Outcome outcome =
+      run_program({"bash", "-c", "\"$0\" set web old <&- >&- 2>&-", KELOTLSCTL});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(stored_level("web"), 3);
+  EXPECT_EQ(read_json("/tmp/levels.json")["default-level"], 2);
+  EXPECT_EQ(read_file(rendered_path("web")), "level intermediate\n");
+}
+
+TEST_F(KelotlsctlConsole, ExplainsAndProbesByTheSchemas) {
+  join_both();
+  EXPECT_EQ(run_json("levels").document["levels"].size(), 3u);
+  EXPECT_EQ(run_json("explain", {"web"}).document["name"], "intermediate");
+  EXPECT_EQ(run_json("explain", {"OLD"}).document["level"], 3);
+  EXPECT_EQ(run_json("explain", {"default"}).document["level"], 2);
+  EXPECT_EQ(run_json("probe", {"web"}).document["agrees"], true);
+}
+
+TEST_F(KelotlsctlConsole, ExplainsALevelAsItDoesAServiceAtThatLevel) {
+  join_both();
+  for (const char* level : {"modern", "intermediate", "old"}) {
+    ASSERT_EQ(run({"set", "web", level}).status, 0);
+    EXPECT_EQ(run_json("explain", {level}).document, run_json("explain", {"web"}).document);
+  }
+}
+
+TEST_F(KelotlsctlConsole, ExplainsALevelWithoutADataStore) {
+  remove_all(kDataStore);
+  EXPECT_EQ(run({"explain", "modern"}).status, 0);
+  EXPECT_EQ(run({"levels"}).status, 0);
+}
+
+TEST_F(KelotlsctlConsole, SaysThatAProbeDoesNotAgree) {
+  join_both();
+  remove_all(std::string(kSslDir) + "dh2048.pem");
+  const JsonOutcome outcome = run_json("probe", {"web"});
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_EQ(outcome.document["differences"][0]["cause"], "dh-file-missing");
+}
+
+TEST_F(KelotlsctlConsole, FailsForAServiceThatGetsNoContext) {
+  write_file(kDataStore, data_store_text(2, {{"web", "-1"}}));
+  EXPECT_EQ(run({"probe", "web"}).status, 1);
+  EXPECT_EQ(run({"explain", "web"}).status, 1);
+}
+
+}  // namespace
+}  // namespace kelotls::test

@@ -1,0 +1,228 @@
+// kelotlsctl list, show, get, and what the states of services mean.
+#include <cstdio>
+
+#include "kelotlsctl.h"
+
+namespace kelotls::test {
+namespace {
+
+class KelotlsctlLook : public Kelotlsctl {
+ protected:
+  std::string state_of(const std::string& service) {
+    return run_json("show", {service}).document["state"].asString();
+  }
+};
+
+TEST_F(KelotlsctlLook, ListsServicesWithTheirLevelsStatesAndNames) {
+  join_both();
+  ASSERT_EQ(run({"set", "ssh", "old"}).status, 0);
+
+  const Outcome outcome = run({"list"});
+
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out,
+            "SERVICE  LEVEL                   STATE                           NAME\n"
+            "ssh      old                     in force from its next context  Shell\n"
+            "web      default → intermediate  in force                        Web server\n");
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(KelotlsctlLook, ListsWithoutACommand) {
+  join_both();
+  EXPECT_EQ(run({}).out, run({"list"}).out);
+  EXPECT_NE(run({}).out, "");
+}
+
+TEST_F(KelotlsctlLook, SaysOnTheStandardErrorThatNoServiceHasJoined) {
+  const Outcome outcome = run({"list"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "No service has joined.\n");
+}
+
+TEST_F(KelotlsctlLook, ListsInJsonByTheSchema) {
+  join_both();
+  const JsonOutcome outcome = run_json("list");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.document["default-level"]["name"], "intermediate");
+  ASSERT_EQ(outcome.document["services"].size(), 2u);
+  EXPECT_EQ(outcome.document["services"][1]["service"], "web");
+  EXPECT_EQ(outcome.document["services"][1]["stored-level"]["value"], 0);
+  EXPECT_EQ(outcome.document["services"][1]["effective-level"]["name"], "intermediate");
+}
+
+TEST_F(KelotlsctlLook, ListsNamesAloneForShells) {
+  join_both();
+  EXPECT_EQ(run({"list", "--names"}).out, "ssh\nweb\n");
+}
+
+TEST_F(KelotlsctlLook, AlignsColumnsByWhatATerminalShows) {
+  write_file(kDataStore, R"({"default-level": 1, "services": {"ö漢": {"display-name": "x"},)"
+                         R"( "abc": {"display-name": "y"}}})");
+  EXPECT_EQ(run({}).out,
+            "SERVICE  LEVEL             STATE               NAME\n"
+            "abc      default → modern  cannot be rendered  y\n"
+            "ö漢      default → modern  cannot be rendered  x\n");
+}
+
+TEST_F(KelotlsctlLook, LetsNoControlCharacterThrough) {
+  write_file(kDataStore, R"({"default-level": 1, "services": {)"
+                         R"("\u001b[2Jx": {"display-name": "\u0007bell\u007f"}}})");
+  const Outcome outcome = run({"list"});
+  EXPECT_TRUE(contains(outcome.out, "\\x1b[2Jx"));
+  EXPECT_TRUE(contains(outcome.out, "\\x07bell\\x7f"));
+  EXPECT_EQ(outcome.out.find('\033'), std::string::npos);
+}
+
+TEST_F(KelotlsctlLook, ShowsOneServiceWithItsFiles) {
+  join_both();
+  const Outcome outcome = run({"show", "web"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out,
+            "service       web\n"
+            "display name  Web server\n"
+            "level         default → intermediate\n"
+            "state         in force\n"
+            "descriptor    " +
+                descriptor_path("web") + "\n" +
+                "template      /tmp/web.mustache\n"
+                "rendered      " +
+                rendered_path("web") + "\n" +
+                "reloader      /tmp/reload-web\n"
+                "link          " +
+                link_path("web") + " → /tmp/reload-web\n");
+}
+
+TEST_F(KelotlsctlLook, ShowsAServiceWithoutFilesByTheSchema) {
+  join_both();
+  const Json::Value document = run_json("show", {"ssh"}).document;
+  EXPECT_TRUE(document["template"].isNull());
+  EXPECT_TRUE(document["reloader-link"].isNull());
+  EXPECT_EQ(document["descriptor"]["exists"], true);
+}
+
+TEST_F(KelotlsctlLook, GetsALevel) {
+  join_both();
+  EXPECT_EQ(run({"get", "web"}).out, "default → intermediate\n");
+  ASSERT_EQ(run({"set", "web", "old"}).status, 0);
+  EXPECT_EQ(run({"get", "web"}).out, "old\n");
+  const Json::Value document = run_json("get", {"web"}).document;
+  EXPECT_EQ(document["stored-level"]["value"], 3);
+  EXPECT_EQ(document["effective-level"]["value"], 3);
+}
+
+TEST_F(KelotlsctlLook, NamesLevelsThatHaveNoName) {
+  write_file(kDataStore, data_store_text(0, {{"a", "9"}, {"b", "-4"}, {"c", "0"}}));
+  EXPECT_EQ(run({"get", "a"}).out, "level 9 → intermediate\n");
+  EXPECT_EQ(run({"get", "b"}).out, "level -4 → unusable\n");
+  EXPECT_EQ(run({"get", "c"}).out, "default → intermediate\n");
+  EXPECT_EQ(run_json("get", {"b"}).document["stored-level"]["name"], "unknown");
+  EXPECT_EQ(state_of("b"), "unusable-level");
+}
+
+TEST_F(KelotlsctlLook, SaysThatThereIsNoSuchService) {
+  for (const Arguments& command : {Arguments{"show", "nix"}, Arguments{"get", "nix"},
+                                   Arguments{"explain", "nix"}, Arguments{"probe", "nix"}}) {
+    const Outcome outcome = run(command);
+    EXPECT_EQ(outcome.status, 10) << command[0];
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err,
+              "kelotlsctl: error: no service \"nix\" has joined\n"
+              "  kelotlsctl list shows those that have.\n");
+  }
+}
+
+TEST_F(KelotlsctlLook, AJoinedServiceIsPendingUntilItIsRenderedAndReloaded) {
+  join_web();
+  EXPECT_EQ(state_of("web"), "pending-render");
+  ASSERT_EQ(run({"render"}).status, 0);
+  EXPECT_EQ(state_of("web"), "pending-reload");
+  ASSERT_EQ(run({"reload"}).status, 0);
+  EXPECT_EQ(state_of("web"), "in-force");
+}
+
+TEST_F(KelotlsctlLook, ANewLevelOrTemplateMakesAServicePendingAgain) {
+  join_both();
+  ASSERT_EQ(run({"default", "old"}).status, 0);
+  EXPECT_EQ(state_of("web"), "pending-render");
+  ASSERT_EQ(run({"render"}).status, 0);
+  ASSERT_EQ(run({"reload"}).status, 0);
+
+  write_file(kTemplate, "another text\n");
+  EXPECT_EQ(state_of("web"), "pending-render");
+  ASSERT_EQ(run({"render"}).status, 0);
+  EXPECT_EQ(state_of("web"), "pending-reload");
+}
+
+TEST_F(KelotlsctlLook, AServiceWithAReloaderAloneIsPendingAfterANewLevel) {
+  const std::string registration =
+      std::string(R"({"services": [{"service": "dns", "display-name": "", "reloader-path": ")") +
+      kReloader + "\"}]}";
+  ASSERT_EQ(run({"join", "-"}, registration).status, 0);
+  EXPECT_EQ(state_of("dns"), "pending-reload");
+  ASSERT_EQ(run({"reload"}).status, 0);
+  EXPECT_EQ(state_of("dns"), "in-force");
+  ASSERT_EQ(run({"set", "dns", "modern"}).status, 0);
+  EXPECT_EQ(state_of("dns"), "pending-reload");
+}
+
+TEST_F(KelotlsctlLook, AServiceWithNeitherIsInForceFromItsNextContextOn) {
+  join_both();
+  EXPECT_EQ(state_of("ssh"), "next-context");
+}
+
+TEST_F(KelotlsctlLook, AServiceWhoseReloaderFailedIsPending) {
+  join_both();
+  write_file(kReloaderStatus, "3");
+  EXPECT_EQ(run({"reload"}).status, 5);
+  EXPECT_EQ(state_of("web"), "pending-reload");
+}
+
+TEST_F(KelotlsctlLook, AServiceThatJoinsAgainIsPendingAgain) {
+  join_both();
+  join_web();
+  EXPECT_EQ(state_of("web"), "pending-reload");
+}
+
+TEST_F(KelotlsctlLook, NamesWhyAServiceCannotBeRendered) {
+  join_both();
+  remove_all(kTemplate);
+  const Json::Value document = run_json("show", {"web"}).document;
+  EXPECT_EQ(document["state"], "cannot-render");
+  EXPECT_EQ(document["fault"], "template /tmp/web.mustache is missing");
+}
+
+TEST_F(KelotlsctlLook, WritesNothing) {
+  join_both();
+  const Lines before = tree();
+  for (const Arguments& command :
+       {Arguments{"list"}, Arguments{"show", "web"}, Arguments{"get", "web"}, Arguments{"levels"},
+        Arguments{"explain", "web"}, Arguments{"probe", "web"}, Arguments{"check"},
+        Arguments{"default"}, Arguments{"render", "--check"}}) {
+    EXPECT_EQ(run(command).status, 0) << command[0];
+  }
+  EXPECT_EQ(tree(), before);
+  EXPECT_EQ(names_in("/dev/shm"), Lines());
+}
+
+TEST_F(KelotlsctlLook, ListsAThousandServicesWithinTheBlinkOfAnEye) {
+  std::string services;
+  for (int number = 0; number < 1000; ++number) {
+    services += (number == 0 ? "" : ",") + std::string(R"({"service": "s)") +
+                std::to_string(number) + R"(", "display-name": "", "mustache-path": ")" +
+                kTemplate + "\"}";
+  }
+  ASSERT_EQ(run({"join", "-"}, "{\"services\": [" + services + "]}").status, 0);
+
+  // Time of this program's own, so that other work on the machine does not count.
+  const Outcome outcome =
+      run_program({"bash", "-c", "TIMEFORMAT='%U %S'; time \"$0\" list > /tmp/list", KELOTLSCTL});
+  double user = 1;
+  double system = 1;
+  ASSERT_EQ(std::sscanf(outcome.err.c_str(), "%lf %lf", &user, &system), 2) << outcome.err;
+  EXPECT_LT(user + system, KELOTLSCTL_LIST_SECONDS);
+  EXPECT_TRUE(contains(read_file("/tmp/list"), "s999"));
+}
+
+}  // namespace
+}  // namespace kelotls::test
