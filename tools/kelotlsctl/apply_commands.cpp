@@ -22,9 +22,10 @@ const char* verb(Rendering verdict, bool is_done) {
   }
 }
 
-void report_rendering(Session& session, const std::vector<RenderResult>& results, bool check) {
-  Console& console = session.console;
-  const bool is_done = !check && !session.dry_run;
+void report_rendering(Invocation& invocation, const std::vector<RenderResult>& results,
+                      bool check) {
+  Console& console = invocation.console;
+  const bool is_done = !check && !invocation.dry_run;
   if (console.json()) {
     Json::Value document(Json::objectValue);
     document["written"] = is_done;
@@ -57,14 +58,14 @@ bool any_change(const std::vector<RenderResult>& results) {
   return false;
 }
 
-void report_reloading(Session& session, const ReloadResult& result) {
-  Console& console = session.console;
+void report_reloading(Invocation& invocation, const ReloadResult& result) {
+  Console& console = invocation.console;
   if (!result.fault.empty()) {
     console.warn("no reloader has run: " + printable(result.fault));
   }
   if (console.json()) {
     Json::Value document(Json::objectValue);
-    document["run"] = !session.dry_run && result.fault.empty();
+    document["run"] = !invocation.dry_run && result.fault.empty();
     document["reloaders"] = reload_json(result);
     if (!result.fault.empty()) {
       document["fault"] = result.fault;
@@ -73,7 +74,7 @@ void report_reloading(Session& session, const ReloadResult& result) {
     return;
   }
   for (const ReloadResult::Reloader& reloader : result.reloaders) {
-    const std::string verdict = session.dry_run          ? "would be run"
+    const std::string verdict = invocation.dry_run       ? "would be run"
                                 : reloader.fault.empty() ? "done"
                                                          : reloader.fault;
     console.data() << printable(reloader.path) << ": " << printable(verdict) << '\n';
@@ -84,72 +85,73 @@ void report_reloading(Session& session, const ReloadResult& result) {
 }
 
 /// What apply would do.
-int foresee_application(Session& session, const Store& store) {
+int foresee_application(Invocation& invocation, const Store& store) {
   Application application;
   application.rendered = compare_templates(store);
   application.reloaded = list_reloaders();
-  if (session.console.json()) {
+  if (invocation.console.json()) {
     Json::Value document = application_json(application);
     document["applied"] = false;
-    session.console.document(document);
+    invocation.console.document(document);
     return kDone;
   }
-  report_rendering(session, application.rendered, false);
-  report_reloading(session, application.reloaded);
+  report_rendering(invocation, application.rendered, false);
+  report_reloading(invocation, application.reloaded);
   return kDone;
 }
 
 }  // namespace
 
-int regenerate(Session& session) {
-  const Lock lock(session.console, !session.dry_run);
+int regenerate(Invocation& invocation) {
+  const Lock lock(invocation.console, !invocation.dry_run);
   const Store before = load_store();
   const Regeneration regeneration =
-      session.dry_run ? foresee_regeneration(before) : run_regeneration(before);
-  Console& console = session.console;
+      invocation.dry_run ? foresee_regeneration(before) : run_regeneration(before);
+  Console& console = invocation.console;
   if (console.json()) {
     Json::Value document = regeneration_json(regeneration);
-    document["written"] = !session.dry_run;
+    document["written"] = !invocation.dry_run;
     console.document(document);
   } else {
-    print_regeneration(console, regeneration, session.dry_run);
+    print_regeneration(console, regeneration, invocation.dry_run);
   }
   return regeneration.unreadable.empty() ? kDone : kFailed;
 }
 
-int render(Session& session, bool check) {
-  const bool writes = !check && !session.dry_run;
-  const Lock lock(session.console, writes);
+int render(Invocation& invocation, bool check) {
+  const bool writes = !check && !invocation.dry_run;
+  const Lock lock(invocation.console, writes);
   const Store store = load_store();
   const std::vector<RenderResult> results =
       writes ? render_templates(store) : compare_templates(store);
-  report_rendering(session, results, check);
+  report_rendering(invocation, results, check);
   if (any_failed(results)) {
     return kFailed;
   }
   return check && any_change(results) ? kNotSo : kDone;
 }
 
-int reload(Session& session) {
-  const Lock lock(session.console, !session.dry_run);
+int reload(Invocation& invocation) {
+  const Lock lock(invocation.console, !invocation.dry_run);
   const Store store = load_store();
-  const ReloadResult result = session.dry_run ? list_reloaders() : run_reloaders(store);
-  report_reloading(session, result);
+  const ReloadResult result = invocation.dry_run ? list_reloaders() : run_reloaders(store);
+  report_reloading(invocation, result);
   return result.code();
 }
 
-int apply_levels(Session& session) {
-  if (session.dry_run) {
-    return foresee_application(session, load_store());
+int apply_levels(Invocation& invocation) {
+  if (invocation.dry_run) {
+    return foresee_application(invocation, load_store());
   }
-  const Lock lock(session.console, !session.dry_run);
+  const Lock lock(invocation.console, !invocation.dry_run);
   const Store store = load_store();
-  const Application application = apply_to(session.console, store, store.services.getMemberNames());
-  print_application(session.console, store, application);
-  if (session.console.json()) {
+  const Application application =
+      apply_to(invocation.console, store, store.services.getMemberNames());
+  print_application(invocation.console, store, application);
+  if (invocation.console.json()) {
     Json::Value document = application_json(application);
     document["applied"] = true;
-    session.console.document(document);
+    invocation.console.document(document);
   }
   return application.code();
 }

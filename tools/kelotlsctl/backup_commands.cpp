@@ -38,9 +38,9 @@ Json::Value names_json(const std::vector<std::string>& names) {
   return list;
 }
 
-void print_restoration(Session& session, const Restoration& restoration) {
-  std::ostream& out = session.console.data();
-  const char* const becomes = session.dry_run ? " would become " : " became ";
+void print_restoration(Invocation& invocation, const Restoration& restoration) {
+  std::ostream& out = invocation.console.data();
+  const char* const becomes = invocation.dry_run ? " would become " : " became ";
   if (restoration.default_from != restoration.default_to) {
     out << "default level: " << level_name(restoration.default_from) << becomes
         << level_name(restoration.default_to) << '\n';
@@ -56,15 +56,15 @@ void print_restoration(Session& session, const Restoration& restoration) {
     out << printable(service) << ": not in the backup; keeps its level\n";
   }
   if (restoration.default_from == restoration.default_to && restoration.changes.empty()) {
-    session.console.say("No level differs from the backup.");
+    invocation.console.say("No level differs from the backup.");
   }
 }
 
 }  // namespace
 
-int backup(Session& session, const std::string& file) {
-  Console& console = session.console;
-  const Lock lock(session.console, !session.dry_run);
+int backup(Invocation& invocation, const std::string& file) {
+  Console& console = invocation.console;
+  const Lock lock(invocation.console, !invocation.dry_run);
   const Store store = load_store();
   const std::string path = file.empty() ? dated_name("kelotls-levels-", ".json") : file;
   if (stands_at(path)) {
@@ -73,40 +73,40 @@ int backup(Session& session, const std::string& file) {
   Json::Value saved(Json::objectValue);
   saved["default-level"] = store.default_level;
   saved["services"] = store.services;
-  if (!session.dry_run && !create_file(path, json_text(saved), 0600)) {
+  if (!invocation.dry_run && !create_file(path, json_text(saved), 0600)) {
     throw Failure(kFailed, printable(path) + ": " + std::strerror(errno));
   }
 
   if (console.json()) {
     Json::Value document(Json::objectValue);
     document["file"] = path;
-    document["written"] = !session.dry_run;
+    document["written"] = !invocation.dry_run;
     document["services"] = store.services.size();
     console.document(document);
   } else {
-    console.data() << printable(path) << (session.dry_run ? ": would hold " : ": holds ")
+    console.data() << printable(path) << (invocation.dry_run ? ": would hold " : ": holds ")
                    << "the levels of " << store.services.size()
                    << (store.services.size() == 1 ? " service\n" : " services\n");
   }
   return kDone;
 }
 
-int restore(Session& session, const std::string& file) {
-  Console& console = session.console;
-  const Lock lock(session.console, !session.dry_run);
+int restore(Invocation& invocation, const std::string& file) {
+  Console& console = invocation.console;
+  const Lock lock(invocation.console, !invocation.dry_run);
   const Store live = load_store();
   const Backup saved = read_backup(file);
   const Restoration restoration = foresee_restoration(live, saved);
   for (const std::string& warning : saved.warnings) {
     console.warn(printable(warning));
   }
-  if (!session.dry_run) {
+  if (!invocation.dry_run) {
     run_restoration(saved, restoration);
   }
 
   if (console.json()) {
     Json::Value document(Json::objectValue);
-    document["written"] = !session.dry_run;
+    document["written"] = !invocation.dry_run;
     document["default-level"]["from"] = level_json(restoration.default_from);
     document["default-level"]["to"] = level_json(restoration.default_to);
     document["changes"] = changes_json(restoration);
@@ -114,8 +114,8 @@ int restore(Session& session, const std::string& file) {
     document["missing"] = names_json(restoration.missing);
     console.document(document);
   } else {
-    print_restoration(session, restoration);
-    if (!session.dry_run) {
+    print_restoration(invocation, restoration);
+    if (!invocation.dry_run) {
       console.say("Not in force yet: kelotlsctl apply");
     }
   }

@@ -64,8 +64,8 @@ void print_finding(Console& console, const Finding& finding) {
 
 }  // namespace
 
-int check_framework(Session& session) {
-  Console& console = session.console;
+int check_framework(Invocation& invocation) {
+  Console& console = invocation.console;
   const Findings findings = find_all();
   const bool is_healthy = std::all_of(findings.begin(), findings.end(), [](const Finding& finding) {
     return finding.severity == Severity::kNote;

@@ -10,41 +10,44 @@
 namespace kelotlsctl {
 
 /// What every command gets.
-struct Session {
+struct Invocation {
   Console& console;
   bool dry_run = false;  ///< say what would be done, and write nothing
 };
 
 // Looking
-int list_services(Session& session, bool names_only);
-int show_service(Session& session, const std::string& service);
-int get_level(Session& session, const std::string& service);
-int show_levels(Session& session);
-int explain(Session& session, const std::string& level_or_service);
-int probe_service(Session& session, const std::string& service, const std::string& host_and_port);
-int check_framework(Session& session);
+int list_services(Invocation& invocation, bool names_only);
+int show_service(Invocation& invocation, const std::string& service);
+int get_level(Invocation& invocation, const std::string& service);
+int show_levels(Invocation& invocation);
+int explain(Invocation& invocation, const std::string& level_or_service);
+int probe_service(Invocation& invocation, const std::string& service,
+                  const std::string& host_and_port);
+int check_framework(Invocation& invocation);
 
 // Levels
-int set_level(Session& session, const std::string& service, const std::string& level, bool apply);
-int show_default(Session& session);
-int set_default(Session& session, const std::string& level);
+int set_level(Invocation& invocation, const std::string& service, const std::string& level,
+              bool apply);
+int show_default(Invocation& invocation);
+int set_default(Invocation& invocation, const std::string& level);
 
 // Membership; a file is "-" for the standard input
-int validate_registration(Session& session, const std::string& file);
-int join_services(Session& session, const std::string& file);
-int leave_services(Session& session, const std::string& file);
+int validate_registration(Invocation& invocation, const std::string& file);
+int join_services(Invocation& invocation, const std::string& file);
+int leave_services(Invocation& invocation, const std::string& file);
 
 // Taking up levels
-int regenerate(Session& session);
-int render(Session& session, bool check);
-int reload(Session& session);
-int apply_levels(Session& session);
+int regenerate(Invocation& invocation);
+int render(Invocation& invocation, bool check);
+int reload(Invocation& invocation);
+int apply_levels(Invocation& invocation);
 
 // Keeping and getting back
-int backup(Session& session, const std::string& file);
-int restore(Session& session, const std::string& file);
-int initialise(Session& session, const std::string& default_level);
-int recover(Session& session, const std::string& backup_file, const std::string& default_level);
+int backup(Invocation& invocation, const std::string& file);
+int restore(Invocation& invocation, const std::string& file);
+int initialise(Invocation& invocation, const std::string& default_level);
+int recover(Invocation& invocation, const std::string& backup_file,
+            const std::string& default_level);
 
 }  // namespace kelotlsctl
 

@@ -22,26 +22,27 @@ struct Change {
   bool is_undone = false;
 };
 
-Json::Value change_json(const Session& session, const Change& change) {
+Json::Value change_json(const Invocation& invocation, const Change& change) {
   Json::Value value(Json::objectValue);
   value["service"] = change.service;
   value["former-level"] = level_json(change.former);
   value["stored-level"] =
-      level_json(change.is_undone || session.dry_run ? change.former : change.level);
+      level_json(change.is_undone || invocation.dry_run ? change.former : change.level);
   value["requested-level"] = level_json(change.level);
-  value["written"] = !session.dry_run && !change.is_undone && change.former != change.level;
+  value["written"] = !invocation.dry_run && !change.is_undone && change.former != change.level;
   value["undone"] = change.is_undone;
   return value;
 }
 
-void print_change(Session& session, const Change& change) {
+void print_change(Invocation& invocation, const Change& change) {
   const std::string name = printable(change.service);
   const std::string level = describe_levels(change.level, change.effective);
   if (change.former == change.level) {
-    session.console.data() << name << ": already " << level << '\n';
+    invocation.console.data() << name << ": already " << level << '\n';
   } else {
-    session.console.data() << name << ": " << level_name(change.former)
-                           << (session.dry_run ? " would become " : " became ") << level << '\n';
+    invocation.console.data() << name << ": " << level_name(change.former)
+                              << (invocation.dry_run ? " would become " : " became ") << level
+                              << '\n';
   }
 }
 
@@ -61,8 +62,8 @@ void undo(Console& console, Change& change) {
 }
 
 /// Sets the level and brings it into force; should a step fail, undoes it.
-int set_and_apply(Session& session, Change& change, Json::Value& document) {
-  Console& console = session.console;
+int set_and_apply(Invocation& invocation, Change& change, Json::Value& document) {
+  Console& console = invocation.console;
   write_service_level(change.service, change.level);
   try {
     const Store store = load_store();
@@ -92,10 +93,11 @@ std::string next_step(const std::string& service) {
 
 }  // namespace
 
-int set_level(Session& session, const std::string& service, const std::string& level, bool apply) {
-  Console& console = session.console;
+int set_level(Invocation& invocation, const std::string& service, const std::string& level,
+              bool apply) {
+  Console& console = invocation.console;
   const int wanted = parse_level(level);
-  const Lock lock(session.console, !session.dry_run);
+  const Lock lock(invocation.console, !invocation.dry_run);
   const Store store = load_store();
   require_service(store, service);
 
@@ -106,53 +108,53 @@ int set_level(Session& session, const std::string& service, const std::string& l
   change.effective = wanted != 0 ? wanted : store.default_level;
   Json::Value applied(Json::objectValue);
   int code = kDone;
-  if (!session.dry_run && apply) {
-    code = set_and_apply(session, change, applied);
-  } else if (!session.dry_run && change.former != wanted) {
+  if (!invocation.dry_run && apply) {
+    code = set_and_apply(invocation, change, applied);
+  } else if (!invocation.dry_run && change.former != wanted) {
     write_service_level(service, wanted);
   }
 
   if (console.json()) {
-    Json::Value document = change_json(session, change);
+    Json::Value document = change_json(invocation, change);
     document["apply"] = applied["apply"];
     console.document(document);
     return code;
   }
   if (!change.is_undone) {
-    print_change(session, change);
+    print_change(invocation, change);
   }
-  if (!apply && !session.dry_run && change.former != wanted) {
+  if (!apply && !invocation.dry_run && change.former != wanted) {
     console.say(next_step(service));
   }
   return code;
 }
 
-int show_default(Session& session) {
+int show_default(Invocation& invocation) {
   const Store store = load_store();
-  if (session.console.json()) {
+  if (invocation.console.json()) {
     Json::Value document(Json::objectValue);
     document["default-level"] = level_json(store.default_level);
     document["written"] = false;
-    session.console.document(document);
+    invocation.console.document(document);
   } else {
-    session.console.data() << describe_levels(store.default_level, store.default_level) << '\n';
+    invocation.console.data() << describe_levels(store.default_level, store.default_level) << '\n';
   }
   return kDone;
 }
 
-int set_default(Session& session, const std::string& level) {
-  Console& console = session.console;
+int set_default(Invocation& invocation, const std::string& level) {
+  Console& console = invocation.console;
   const int wanted = parse_level(level);
-  const Lock lock(session.console, !session.dry_run);
+  const Lock lock(invocation.console, !invocation.dry_run);
   const int former = load_store().default_level;
-  const bool writes = !session.dry_run && former != wanted;
+  const bool writes = !invocation.dry_run && former != wanted;
   if (writes) {
     write_default_level(wanted);
   }
 
   if (console.json()) {
     Json::Value document(Json::objectValue);
-    document["default-level"] = level_json(session.dry_run ? former : wanted);
+    document["default-level"] = level_json(invocation.dry_run ? former : wanted);
     document["former-level"] = level_json(former);
     document["requested-level"] = level_json(wanted);
     document["written"] = writes;
@@ -161,7 +163,7 @@ int set_default(Session& session, const std::string& level) {
     console.data() << "default level: already " << level_name(wanted) << '\n';
   } else {
     console.data() << "default level: " << level_name(former)
-                   << (session.dry_run ? " would become " : " became ") << level_name(wanted)
+                   << (invocation.dry_run ? " would become " : " became ") << level_name(wanted)
                    << '\n';
   }
   if (wanted == 0) {

@@ -92,8 +92,8 @@ void print_details(std::ostream& out, const ServiceStatus& status) {
 
 }  // namespace
 
-int list_services(Session& session, bool names_only) {
-  Console& console = session.console;
+int list_services(Invocation& invocation, bool names_only) {
+  Console& console = invocation.console;
   const Store store = load_store();
   if (names_only) {
     return list_names(console, store);
@@ -121,8 +121,8 @@ int list_services(Session& session, bool names_only) {
   return kDone;
 }
 
-int show_service(Session& session, const std::string& service) {
-  Console& console = session.console;
+int show_service(Invocation& invocation, const std::string& service) {
+  Console& console = invocation.console;
   const Store store = load_store();
   require_service(store, service);
   const ServiceStatus status = ServiceInspector(store).inspect(service);
@@ -134,8 +134,8 @@ int show_service(Session& session, const std::string& service) {
   return kDone;
 }
 
-int get_level(Session& session, const std::string& service) {
-  Console& console = session.console;
+int get_level(Invocation& invocation, const std::string& service) {
+  Console& console = invocation.console;
   const Store store = load_store();
   require_service(store, service);
   const int stored = store.stored_level(service);

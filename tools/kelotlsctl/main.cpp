@@ -39,7 +39,7 @@ struct Arguments {
 /// An option that is given means something.
 std::string not_empty(const std::string& text) { return text.empty() ? "is empty" : ""; }
 
-using Action = std::function<int(Session&)>;
+using Action = std::function<int(Invocation&)>;
 
 class CommandLine {
  public:
@@ -91,36 +91,36 @@ class CommandLine {
   void add_looking() {
     Arguments& a = arguments_;
     CLI::App* command = add("list", "Show all services (without a command, this)",
-                            [&a](Session& s) { return list_services(s, a.names); });
+                            [&a](Invocation& i) { return list_services(i, a.names); });
     command->add_flag("--names", a.names)->group("");
     add_service(add("show", "Show one service and its files",
-                    [&a](Session& s) { return show_service(s, a.service); }));
-    add_service(
-        add("get", "Show a service's level", [&a](Session& s) { return get_level(s, a.service); }));
-    add("levels", "Show what each level asks for", [](Session& s) { return show_levels(s); });
+                    [&a](Invocation& i) { return show_service(i, a.service); }));
+    add_service(add("get", "Show a service's level",
+                    [&a](Invocation& i) { return get_level(i, a.service); }));
+    add("levels", "Show what each level asks for", [](Invocation& i) { return show_levels(i); });
     command = add("explain", "Show what this machine gives of a level, and why",
-                  [&a](Session& s) { return explain(s, a.subject); });
+                  [&a](Invocation& i) { return explain(i, a.subject); });
     command->add_option("LEVEL|SERVICE", a.subject, "A level, or a service and its level")
         ->required();
     command = add("probe", "Shake hands with a service and compare",
-                  [&a](Session& s) { return probe_service(s, a.service, a.host_and_port); });
+                  [&a](Invocation& i) { return probe_service(i, a.service, a.host_and_port); });
     add_service(command);
     command->add_option("--connect", a.host_and_port, "HOST:PORT of a running server")
         ->check(not_empty);
-    add("check", "Look for whatever is wrong", [](Session& s) { return check_framework(s); });
+    add("check", "Look for whatever is wrong", [](Invocation& i) { return check_framework(i); });
   }
 
   void add_levels() {
     Arguments& a = arguments_;
-    CLI::App* command = add_writer("set", "Set a service's level", [&a](Session& s) {
-      return set_level(s, a.service, a.level, a.apply);
+    CLI::App* command = add_writer("set", "Set a service's level", [&a](Invocation& i) {
+      return set_level(i, a.service, a.level, a.apply);
     });
     add_service(command);
     command->add_option("LEVEL", a.level, "modern, intermediate, old, default, or 0 to 3")
         ->required();
     command->add_flag("--apply", a.apply, "Render, reload and probe; undo when a step fails");
-    command = add_writer("default", "Show or set the default level", [&a](Session& s) {
-      return a.level.empty() ? show_default(s) : set_default(s, a.level);
+    command = add_writer("default", "Show or set the default level", [&a](Invocation& i) {
+      return a.level.empty() ? show_default(i) : set_default(i, a.level);
     });
     command->add_option("LEVEL", a.level, "modern, intermediate, old, or 1 to 3")->check(not_empty);
   }
@@ -131,42 +131,42 @@ class CommandLine {
       command->add_option("FILE", a.file, "A registration; - for the standard input")->required();
     };
     add_file(add("validate", "Name every fault of a registration",
-                 [&a](Session& s) { return validate_registration(s, a.file); }));
+                 [&a](Invocation& i) { return validate_registration(i, a.file); }));
     add_file(add_writer("join", "Make services join",
-                        [&a](Session& s) { return join_services(s, a.file); }));
+                        [&a](Invocation& i) { return join_services(i, a.file); }));
     add_file(add_writer("leave", "Make services leave",
-                        [&a](Session& s) { return leave_services(s, a.file); }));
+                        [&a](Invocation& i) { return leave_services(i, a.file); }));
   }
 
   void add_taking_up() {
     Arguments& a = arguments_;
     add_writer("regen", "Bring the data store in line with the descriptors",
-               [](Session& s) { return regenerate(s); });
-    add_writer("render", "Render all templates", [&a](Session& s) {
-      return render(s, a.check);
+               [](Invocation& i) { return regenerate(i); });
+    add_writer("render", "Render all templates", [&a](Invocation& i) {
+      return render(i, a.check);
     })->add_flag("--check", a.check, "Show what would change, with the differences");
-    add_writer("reload", "Run all reloaders", [](Session& s) { return reload(s); });
-    add_writer("apply", "Render, reload and probe", [](Session& s) { return apply_levels(s); });
+    add_writer("reload", "Run all reloaders", [](Invocation& i) { return reload(i); });
+    add_writer("apply", "Render, reload and probe", [](Invocation& i) { return apply_levels(i); });
   }
 
   void add_keeping() {
     Arguments& a = arguments_;
-    add_writer("backup", "Save all levels", [&a](Session& s) { return backup(s, a.file); })
+    add_writer("backup", "Save all levels", [&a](Invocation& i) { return backup(i, a.file); })
         ->add_option("FILE", a.file, "A new file; a dated one in this folder unless named")
         ->check(not_empty);
     add_writer("restore", "Take levels from a backup",
-               [&a](Session& s) { return restore(s, a.file); })
+               [&a](Invocation& i) { return restore(i, a.file); })
         ->add_option("FILE", a.file, "The backup")
         ->required();
     add_writer("init", "Make the first data store of a fresh appliance",
-               [&a](Session& s) {
-                 return initialise(s, a.default_level.empty() ? "intermediate" : a.default_level);
+               [&a](Invocation& i) {
+                 return initialise(i, a.default_level.empty() ? "intermediate" : a.default_level);
                })
         ->add_option("--default", a.default_level, "The default level; else intermediate")
         ->check(not_empty);
     CLI::App* const command =
         add_writer("recover", "Get back from a data store that is missing or broken",
-                   [&a](Session& s) { return recover(s, a.backup_file, a.default_level); });
+                   [&a](Invocation& i) { return recover(i, a.backup_file, a.default_level); });
     command->add_option("--from", a.backup_file, "A backup to take the levels from")
         ->check(not_empty);
     command->add_option("--default", a.default_level, "The default level")->check(not_empty);
@@ -174,13 +174,13 @@ class CommandLine {
 
   CLI::App app_{"Manage the TLS security levels of an appliance's services"};
   Arguments arguments_;
-  Action action_ = [](Session& session) { return list_services(session, false); };
+  Action action_ = [](Invocation& invocation) { return list_services(invocation, false); };
 };
 
 int run(Console& console, const CommandLine& command_line) {
-  Session session{console, command_line.arguments().dry_run};
+  Invocation invocation{console, command_line.arguments().dry_run};
   try {
-    return command_line.action()(session);
+    return command_line.action()(invocation);
   } catch (const Failure& failure) {
     console.error(failure);
     return failure.code();

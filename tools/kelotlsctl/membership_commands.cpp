@@ -111,10 +111,10 @@ void run_join(const Registration& registration, const Store& store) {
   forget_stamps(services);
 }
 
-void report_join(Session& session, const std::vector<Joined>& joined) {
-  Console& console = session.console;
+void report_join(Invocation& invocation, const std::vector<Joined>& joined) {
+  Console& console = invocation.console;
   Json::Value document(Json::objectValue);
-  document["written"] = !session.dry_run;
+  document["written"] = !invocation.dry_run;
   document["services"] = Json::Value(Json::arrayValue);
   for (const Joined& service : joined) {
     Json::Value value(Json::objectValue);
@@ -126,7 +126,7 @@ void report_join(Session& session, const std::vector<Joined>& joined) {
     document["services"].append(value);
     if (!console.json()) {
       console.data() << printable(service.service)
-                     << (session.dry_run ? ": would join" : ": joined")
+                     << (invocation.dry_run ? ": would join" : ": joined")
                      << (service.is_new ? "" : " again, keeping its level")
                      << (service.has_link ? ", reloader linked" : "") << '\n';
     }
@@ -205,8 +205,8 @@ void require_left(const std::vector<std::string>& services, const Json::Value& d
 
 }  // namespace
 
-int validate_registration(Session& session, const std::string& file) {
-  Console& console = session.console;
+int validate_registration(Invocation& invocation, const std::string& file) {
+  Console& console = invocation.console;
   const Registration registration = read_registration(file, Purpose::kJoin);
   if (console.json()) {
     Json::Value document(Json::objectValue);
@@ -226,11 +226,11 @@ int validate_registration(Session& session, const std::string& file) {
   return registration.faults.empty() ? kDone : kNotSo;
 }
 
-int join_services(Session& session, const std::string& file) {
+int join_services(Invocation& invocation, const std::string& file) {
   const Registration registration = require_registration(file, Purpose::kJoin);
-  const Lock lock(session.console, !session.dry_run);
+  const Lock lock(invocation.console, !invocation.dry_run);
   const Store store = load_store();
-  warn_of(session.console, registration);
+  warn_of(invocation.console, registration);
 
   std::vector<Joined> joined;
   for (const Json::Value& service : registration.document["services"]) {
@@ -238,32 +238,32 @@ int join_services(Session& session, const std::string& file) {
     const bool has_link = service.isMember("reloader-path") && !is_system_service(registration);
     joined.push_back({name, !store.has(name), has_link});
   }
-  if (!session.dry_run) {
+  if (!invocation.dry_run) {
     run_join(registration, store);
   }
-  report_join(session, joined);
-  if (!session.dry_run) {
-    session.console.say("Not in force yet: kelotlsctl apply");
+  report_join(invocation, joined);
+  if (!invocation.dry_run) {
+    invocation.console.say("Not in force yet: kelotlsctl apply");
   }
   return kDone;
 }
 
-int leave_services(Session& session, const std::string& file) {
-  Console& console = session.console;
+int leave_services(Invocation& invocation, const std::string& file) {
+  Console& console = invocation.console;
   const Registration registration = require_registration(file, Purpose::kLeave);
-  const Lock lock(session.console, !session.dry_run);
+  const Lock lock(invocation.console, !invocation.dry_run);
   const Store store = load_store();
   require_members(registration, store);
 
   const std::vector<std::string> services = services_of(registration);
   Json::Value document(Json::objectValue);
-  document["written"] = !session.dry_run;
+  document["written"] = !invocation.dry_run;
   document["services"] = Json::Value(Json::arrayValue);
   for (const std::string& service : services) {
     document["services"].append(
         left_json(service, files_of(service, is_system_service(registration))));
   }
-  if (!session.dry_run) {
+  if (!invocation.dry_run) {
     const Json::Value complete = registration_to_leave(registration);
     if (kelotls::APIProvider().leave_framework(complete) != 0) {
       throw Failure(kFailed, "the services have not left", "The log lines say why.");
@@ -278,9 +278,9 @@ int leave_services(Session& session, const std::string& file) {
   }
   for (const Json::Value& left : document["services"]) {
     console.data() << printable(left["service"].asString())
-                   << (session.dry_run ? ": would leave" : ": left") << '\n';
+                   << (invocation.dry_run ? ": would leave" : ": left") << '\n';
     for (const Json::Value& path : left["removed"]) {
-      console.data() << "  " << (session.dry_run ? "would remove " : "removed ")
+      console.data() << "  " << (invocation.dry_run ? "would remove " : "removed ")
                      << printable(path.asString()) << '\n';
     }
   }

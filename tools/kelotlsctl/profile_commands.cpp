@@ -68,8 +68,8 @@ void split_host_and_port(const std::string& text, ProbeTarget& target) {
 
 }  // namespace
 
-int show_levels(Session& session) {
-  Console& console = session.console;
+int show_levels(Invocation& invocation) {
+  Console& console = invocation.console;
   Json::Value document(Json::objectValue);
   document["levels"] = Json::Value(Json::arrayValue);
   for (int level = kelotls::TLS_PROFILE_LEVEL_MODERN; level <= kelotls::TLS_PROFILE_LEVEL_OLD;
@@ -86,19 +86,20 @@ int show_levels(Session& session) {
   return kDone;
 }
 
-int explain(Session& session, const std::string& level_or_service) {
+int explain(Invocation& invocation, const std::string& level_or_service) {
   const LevelContext subject = context_of(level_or_service);
   const Json::Value explanation = explain_context(subject.context.get(), subject.level);
-  if (session.console.json()) {
-    session.console.document(explanation);
+  if (invocation.console.json()) {
+    invocation.console.document(explanation);
   } else {
-    print_explanation(session.console.data(), explanation, session.console.colour());
+    print_explanation(invocation.console.data(), explanation, invocation.console.colour());
   }
   return kDone;
 }
 
-int probe_service(Session& session, const std::string& service, const std::string& host_and_port) {
-  Console& console = session.console;
+int probe_service(Invocation& invocation, const std::string& service,
+                  const std::string& host_and_port) {
+  Console& console = invocation.console;
   ProbeTarget target;
   if (!host_and_port.empty()) {
     split_host_and_port(host_and_port, target);

@@ -165,9 +165,9 @@ Recovery foresee_recovery(const std::optional<Backup>& saved, int default_level,
   return recovery;
 }
 
-Json::Value recovery_json(const Session& session, const Recovery& recovery) {
+Json::Value recovery_json(const Invocation& invocation, const Recovery& recovery) {
   Json::Value document(Json::objectValue);
-  document["written"] = !session.dry_run;
+  document["written"] = !invocation.dry_run;
   document["put-aside"] =
       recovery.put_aside.empty() ? Json::Value() : Json::Value(recovery.put_aside);
   document["default-level"] = level_json(recovery.default_level);
@@ -187,9 +187,9 @@ Json::Value recovery_json(const Session& session, const Recovery& recovery) {
   return document;
 }
 
-void print_recovery(Session& session, const Recovery& recovery) {
-  std::ostream& out = session.console.data();
-  const std::string would = session.dry_run ? "would be " : "";
+void print_recovery(Invocation& invocation, const Recovery& recovery) {
+  std::ostream& out = invocation.console.data();
+  const std::string would = invocation.dry_run ? "would be " : "";
   if (!recovery.put_aside.empty()) {
     out << "broken data store: " << would << "put aside as " << recovery.put_aside << '\n';
   }
@@ -212,24 +212,24 @@ void print_recovery(Session& session, const Recovery& recovery) {
 
 }  // namespace
 
-int initialise(Session& session, const std::string& default_level) {
-  Console& console = session.console;
+int initialise(Invocation& invocation, const std::string& default_level) {
+  Console& console = invocation.console;
   const int level = parse_level(default_level);
   if (stands_at(kDataStorePath)) {
     throw Failure(kFailed, std::string("there is a data store already: ") + kDataStorePath,
                   "Nothing was changed. If it cannot be used: kelotlsctl recover");
   }
   const std::vector<std::string> made =
-      session.dry_run ? missing_folders() : make_missing_folders();
-  const Lock lock(session.console, !session.dry_run);
-  if (!session.dry_run && !create_file(kDataStorePath, empty_store_text(level), kStoreMode)) {
+      invocation.dry_run ? missing_folders() : make_missing_folders();
+  const Lock lock(invocation.console, !invocation.dry_run);
+  if (!invocation.dry_run && !create_file(kDataStorePath, empty_store_text(level), kStoreMode)) {
     fail_on(kDataStorePath);
   }
 
-  const std::string verb = session.dry_run ? "would be made" : "made";
+  const std::string verb = invocation.dry_run ? "would be made" : "made";
   if (console.json()) {
     Json::Value document(Json::objectValue);
-    document["written"] = !session.dry_run;
+    document["written"] = !invocation.dry_run;
     document["data-store"] = kDataStorePath;
     document["default-level"] = level_json(level);
     document["folders"] = list_json(made);
@@ -248,33 +248,34 @@ int initialise(Session& session, const std::string& default_level) {
   return kDone;
 }
 
-int recover(Session& session, const std::string& backup_file, const std::string& default_level) {
-  Console& console = session.console;
+int recover(Invocation& invocation, const std::string& backup_file,
+            const std::string& default_level) {
+  Console& console = invocation.console;
   const bool default_wins = !default_level.empty();
   const int level = parse_level(default_wins ? default_level : "intermediate");
   std::optional<Backup> saved;
   if (!backup_file.empty()) {
     saved = read_backup(backup_file);
   }
-  if (!session.dry_run) {
+  if (!invocation.dry_run) {
     std::vector<std::string> made;
     if (!make_folders(kFrameworkDir, kFolderMode, made)) {
       fail_on(kFrameworkDir);
     }
   }
-  const Lock lock(session.console, !session.dry_run);
+  const Lock lock(invocation.console, !invocation.dry_run);
   require_unusable_store();
-  const Recovery recovery = session.dry_run ? foresee_recovery(saved, level, default_wins)
-                                            : run_recovery(saved, level, default_wins);
+  const Recovery recovery = invocation.dry_run ? foresee_recovery(saved, level, default_wins)
+                                               : run_recovery(saved, level, default_wins);
   if (console.json()) {
-    console.document(recovery_json(session, recovery));
+    console.document(recovery_json(invocation, recovery));
   } else {
-    print_recovery(session, recovery);
+    print_recovery(invocation, recovery);
   }
   for (const std::string& path : recovery.unreadable) {
     console.warn(printable(path) + " is no descriptor and was passed over");
   }
-  if (!session.dry_run) {
+  if (!invocation.dry_run) {
     console.say("Not in force yet: kelotlsctl apply");
   }
   return recovery.unreadable.empty() ? kDone : kFailed;
