@@ -3,6 +3,7 @@
 #include <json/json.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,8 +11,37 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "appliance.h"
+
+namespace {
+
+/// The calls that bring a file to the disk, in order, while a test wants to know them.
+std::vector<std::string>* recorded_calls = nullptr;
+
+void record(const char* call) {
+  if (recorded_calls != nullptr) {
+    recorded_calls->push_back(call);
+  }
+}
+
+}  // namespace
+
+// In front of the C library's. No file shows afterwards whether it would have outlived a power cut.
+
+extern "C" int fsync(int descriptor) {
+  struct stat status = {};
+  record(::fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode) ? "fsync of a folder"
+                                                                      : "fsync of a file");
+  return static_cast<int>(::syscall(SYS_fsync, descriptor));
+}
+
+extern "C" int renameat(int from_folder, const char* from, int to_folder, const char* to) noexcept {
+  record("rename");
+  return static_cast<int>(::syscall(SYS_renameat, from_folder, from, to_folder, to));
+}
 
 namespace kelotls::test {
 namespace {
@@ -306,6 +336,28 @@ TEST_F(JsonFile, ReplacesTheFileInsteadOfRewritingIt) {
   EXPECT_STREQ(text, "old");
   ::close(old_file);
   EXPECT_EQ(names_in(kFolder), Lines{"file"});
+}
+
+TEST_F(JsonFile, IsOnTheDiskBeforeItReplacesAndSoIsTheNameAfterwards) {
+  Lines calls;
+  recorded_calls = &calls;
+
+  const bool written = Json::Value(1).toFile(kFile);
+
+  recorded_calls = nullptr;
+  EXPECT_TRUE(written);
+  EXPECT_EQ(calls, (Lines{"fsync of a file", "rename", "fsync of a folder"}));
+}
+
+TEST_F(JsonFile, IsOnTheDiskWhenItIsRewrittenInPlace) {
+  Lines calls;
+  recorded_calls = &calls;
+
+  const bool written = Json::Value(1).toFile(kFile, true);
+
+  recorded_calls = nullptr;
+  EXPECT_TRUE(written);
+  EXPECT_EQ(calls, Lines{"fsync of a file"});
 }
 
 TEST_F(JsonFile, RewritesTheFileInPlaceWhenAsked) {
