@@ -294,7 +294,7 @@ void remove_entries(Json::Value& root, const std::vector<ServiceDesc>& services)
 }  // namespace
 
 SSL_CTX* APIProvider::acquire_server_context(const std::string& service) const {
-  const int level = lookup_service_level(load_data_store(), service);
+  const int level = load_service_level(service);
   if (level < 0) {
     return nullptr;
   }

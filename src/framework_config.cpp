@@ -38,6 +38,12 @@ int saved_level(const Json::Value& saved, const std::string& name) {
   return entry["current-level"].asInt();
 }
 
+/// The service's effective level where reading the data store's text is enough to tell.
+std::optional<int> scan_data_store(const std::string& name) {
+  std::string text;
+  return read_regular_file(kDataStorePath, text) ? scan_service_level(text, name) : std::nullopt;
+}
+
 }  // namespace
 
 Json::Value load_data_store() {
@@ -52,6 +58,11 @@ Json::Value load_data_store() {
     return Json::Value();
   }
   return root;
+}
+
+int load_service_level(const std::string& name) {
+  const std::optional<int> level = scan_data_store(name);
+  return level ? *level : lookup_service_level(load_data_store(), name);
 }
 
 int save_data_store(const Json::Value& root) {

@@ -5,7 +5,9 @@
 #include <json/value.h>
 #include <openssl/ssl.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kelotls/service_desc.h"
@@ -27,7 +29,22 @@ constexpr char kPackageReloaderDir[] = "/usr/local/libexec/security-profile/tls-
 /// object goes straight to jsoncpp, whose exception passes through.
 bool validate_data_store(const Json::Value& root);
 
+// Unit json_file.
+
+/// Appends what a regular file of bounded size holds to the text. False with errno on failure.
+bool read_regular_file(const std::string& path, std::string& text);
+
+// Unit level_scan.
+
+/// The service's effective level, found without building the data store's tree; nothing where the
+/// text is not of the ordinary form, or has no entry for the service: load_data_store and
+/// lookup_service_level then say what it is. Where it gives a level they give the same.
+std::optional<int> scan_service_level(std::string_view text, std::string_view name);
+
 // Unit framework_config.
+
+/// The service's effective level as lookup_service_level gives it, with whatever loading logs.
+int load_service_level(const std::string& name);
 
 /// The validated data store, or null once the reason is logged.
 Json::Value load_data_store();

@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+#include "internal.h"
+
 namespace {
 
 constexpr std::size_t kMaxBytes = std::size_t{64} << 20;
@@ -72,28 +74,6 @@ bool read_to_end(int descriptor, std::size_t expected_bytes, std::string& text) 
       text.resize(2 * used);
     }
   }
-}
-
-/// Reads a regular file of bounded size; anything else is refused without waiting for it.
-bool read_file(const std::string& path, std::string& text) {
-  if (has_nul(path)) {
-    return fail(EINVAL);
-  }
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-  if (!file.is_open()) {
-    return false;
-  }
-  struct stat status = {};
-  if (::fstat(file.get(), &status) != 0) {
-    return false;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    return fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
-  }
-  if (status.st_size > static_cast<off_t>(kMaxBytes)) {
-    return fail(EFBIG);
-  }
-  return read_to_end(file.get(), static_cast<std::size_t>(status.st_size), text);
 }
 
 /// Past the closing quote of the string that starts at text; null when it has none.
@@ -309,9 +289,31 @@ Json::StreamWriterBuilder make_writer_settings() {
 
 }  // namespace
 
+// Anything but a regular file is refused without waiting for it.
+bool kelotls::read_regular_file(const std::string& path, std::string& text) {
+  if (has_nul(path)) {
+    return fail(EINVAL);
+  }
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  if (!file.is_open()) {
+    return false;
+  }
+  struct stat status = {};
+  if (::fstat(file.get(), &status) != 0) {
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  }
+  if (status.st_size > static_cast<off_t>(kMaxBytes)) {
+    return fail(EFBIG);
+  }
+  return read_to_end(file.get(), static_cast<std::size_t>(status.st_size), text);
+}
+
 bool Json::Value::fromFile(const String& path) {
   std::string text = "[";
-  if (!read_file(path, text)) {
+  if (!kelotls::read_regular_file(path, text)) {
     return false;
   }
   text += ']';
