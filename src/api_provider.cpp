@@ -6,11 +6,11 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "internal.h"
@@ -183,35 +183,39 @@ void render_service(const Json::Value& root, const std::string& name) {
 
 // Registrations
 
-const Json::Value* find_member(const Json::Value& value, const std::string& key) {
+const Json::Value* find_member(const Json::Value& value, std::string_view key) {
   return value.isObject() ? value.find(key.data(), key.data() + key.size()) : nullptr;
-}
-
-bool is_filled_string(const Json::Value* value) {
-  return value != nullptr && value->isString() && !value->asString().empty();
-}
-
-bool is_absent_or_filled_string(const Json::Value* value) {
-  return value == nullptr || is_filled_string(value);
-}
-
-bool can_join(const Json::Value& service) {
-  const Json::Value* const display_name = find_member(service, "display-name");
-  return is_filled_string(find_member(service, "service")) && display_name != nullptr &&
-         display_name->isString() &&  // may be empty, unlike the others
-         is_absent_or_filled_string(find_member(service, "display-name-i18n")) &&
-         is_absent_or_filled_string(find_member(service, "mustache-path")) &&
-         is_absent_or_filled_string(find_member(service, "reloader-path"));
 }
 
 bool can_leave(const Json::Value& service) {
   return is_filled_string(find_member(service, "service"));
 }
 
+bool can_join(const Json::Value& service) {
+  const Json::Value* const display_name = find_member(service, "display-name");
+  if (!can_leave(service) || display_name == nullptr || !display_name->isString()) {
+    return false;  // the display name may be empty, unlike the others
+  }
+  for (const char* key : {"display-name-i18n", "mustache-path", "reloader-path"}) {
+    const Json::Value* const value = find_member(service, key);
+    if (value != nullptr && !is_filled_string(value)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool is_registration(const Json::Value& registration, bool (*is_service)(const Json::Value&)) {
   const Json::Value* const services = find_member(registration, "services");
-  return services != nullptr && services->isArray() &&
-         std::all_of(services->begin(), services->end(), is_service);
+  if (services == nullptr || !services->isArray()) {
+    return false;
+  }
+  for (const Json::Value& service : *services) {
+    if (!is_service(service)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 /// The services of a valid registration, in its order.

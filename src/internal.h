@@ -25,6 +25,9 @@ constexpr char kPackageReloaderDir[] = "/usr/local/libexec/security-profile/tls-
 
 // Unit validator.
 
+/// Whether there is a value and it is a string with something in it.
+bool is_filled_string(const Json::Value* value);
+
 /// Whether the value is a data store; the first fault found is logged. An entry that is not an
 /// object goes straight to jsoncpp, whose exception passes through.
 bool validate_data_store(const Json::Value& root);

@@ -6,7 +6,9 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -225,13 +227,14 @@ class Temporary {
 
  private:
   int create(const std::string& target, mode_t mode) {
-    const std::string prefix = target + "." + std::to_string(::getpid()) + "-";
     for (int attempt = 0;; ++attempt) {
-      const std::string name = prefix + std::to_string(attempt);
+      char ending[32];
+      std::snprintf(ending, sizeof ending, ".%d-%d", ::getpid(), attempt);
+      std::string name = target + ending;
       const int number =
           ::openat(folder_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
       if (number >= 0) {
-        name_ = name;
+        name_ = std::move(name);  // a copy might fail, and nobody would remove the file
       }
       if (number >= 0 || errno != EEXIST) {
         return number;
@@ -287,6 +290,15 @@ Json::StreamWriterBuilder make_writer_settings() {
   return builder;
 }
 
+std::string text_of(const Json::Value& value) {
+  static const Json::StreamWriterBuilder settings = make_writer_settings();
+  std::ostringstream text(std::ios::out);
+  text.exceptions(std::ios::badbit);  // or a text cut short for want of memory would look whole
+  std::unique_ptr<Json::StreamWriter>(settings.newStreamWriter())->write(value, &text);
+  text << '\n';
+  return text.str();
+}
+
 }  // namespace
 
 // Anything but a regular file is refused without waiting for it.
@@ -324,10 +336,9 @@ bool Json::Value::fromFile(const String& path) {
 }
 
 bool Json::Value::toFile(const String& path, bool in_place) const {
-  static const StreamWriterBuilder settings = make_writer_settings();
   if (has_nul(path)) {
     return fail(EINVAL);
   }
-  const std::string text = writeString(settings, *this) + '\n';
+  const std::string text = text_of(*this);
   return in_place ? write_in_place(path, text) : replace_file(path, text);
 }

@@ -26,7 +26,7 @@ bool validate_entry(const Json::Value& entry) {
 
   // Unlike the display name, a translation key that is present may not be empty.
   const Json::Value* const i18n_name = find_member(entry, "display-name-i18n");
-  if (i18n_name != nullptr && (!i18n_name->isString() || i18n_name->asString().empty())) {
+  if (i18n_name != nullptr && !is_filled_string(i18n_name)) {
     log::bad_i18n_display_name();
     return false;
   }
@@ -40,6 +40,12 @@ bool validate_entry(const Json::Value& entry) {
 }
 
 }  // namespace
+
+bool is_filled_string(const Json::Value* value) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  return value != nullptr && value->isString() && value->getString(&begin, &end) && begin != end;
+}
 
 bool validate_data_store(const Json::Value& root) {
   // The type of "default-level" is not looked at; whoever reads it meets jsoncpp's exception.
