@@ -1,0 +1,171 @@
+// Any command line, one argument a line; what follows a line that reads "%%" is the standard input.
+// The command runs on a small framework and in an empty folder of its own: its exit code is one of
+// the documented, what it says is where it belongs, and what should write nothing does not.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <utility>
+
+#include "appliance.h"
+#include "command_line.h"
+#include "failure.h"
+#include "harness.h"
+
+namespace kelotls::fuzz {
+namespace {
+
+constexpr char kWorkingFolder[] = "/usr/kelo/working-folder";
+
+/// A file in memory in the place of a standard descriptor.
+class Redirection {
+ public:
+  explicit Redirection(int descriptor, std::string_view text = {})
+      : descriptor_(descriptor),
+        saved_(::fcntl(descriptor, F_DUPFD_CLOEXEC, 100)),
+        file_(::memfd_create("redirection", MFD_CLOEXEC)) {
+    require(saved_ >= 0 && file_ >= 0, "a descriptor can be redirected");
+    require(::pwrite(file_, text.data(), text.size(), 0) >= 0, "a file in memory can be written");
+    ::dup2(file_, descriptor);
+  }
+  ~Redirection() {
+    if (file_ >= 0) {
+      end();
+    }
+  }
+  Redirection(const Redirection&) = delete;
+  Redirection& operator=(const Redirection&) = delete;
+
+  /// Puts the descriptor back. What was written to the other one.
+  std::string end() {
+    ::dup2(saved_, descriptor_);
+    ::close(saved_);
+    std::string text(static_cast<std::size_t>(::lseek(file_, 0, SEEK_END)), '\0');
+    require(::pread(file_, text.data(), text.size(), 0) >= 0, "a file in memory can be read");
+    ::close(std::exchange(file_, -1));
+    return text;
+  }
+
+ private:
+  int descriptor_;
+  int saved_;
+  int file_;
+};
+
+void make_framework() {
+  using namespace test;
+  for (const char* folder :
+       {"/usr/kelo/etc", kSystemReloaders, kPackageReloaders, kWorkingFolder}) {
+    remove_all(folder);
+  }
+  for (const char* folder :
+       {kServices, kConfig, kSystemReloaders, kPackageReloaders, kWorkingFolder}) {
+    make_folders(folder);
+  }
+  require(::chdir(kWorkingFolder) == 0, "the folder can be entered");
+  write_file(kDataStore, data_store_text(1, {{"one", "1"}, {"two", "0"}}));
+  write_file("/usr/kelo/one.mustache", "{{#mozilla_modern}}modern{{/mozilla_modern}}\n");
+  write_file(
+      std::string(kServices) + "one.conf",
+      R"({"service": "one", "display-name": "One", "mustache-path": "/usr/kelo/one.mustache"})");
+  write_file(std::string(kServices) + "two.conf", R"({"service": "two", "display-name": "2"})");
+  write_file("saved.json", data_store_text(2, {{"one", "3"}}));
+  write_file("join.json", R"({"services": [{"service": "new", "display-name": "New"}]})");
+}
+
+std::vector<std::string> arguments_of(std::string_view text) {
+  std::vector<std::string> arguments = {"kelotlsctl"};
+  while (!text.empty()) {
+    const std::size_t end = text.find('\n');
+    arguments.emplace_back(text.substr(0, end));
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    // The arguments of a real program end at their NUL bytes.
+    arguments.back().resize(std::string(arguments.back().c_str()).size());
+  }
+  return arguments;
+}
+
+struct Outcome {
+  int code;
+  std::string output;
+  std::string errors;
+};
+
+Outcome run(std::vector<std::string> arguments, std::string_view standard_input) {
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) {
+    argv.push_back(argument.data());
+  }
+  argv.push_back(nullptr);
+  Redirection input(STDIN_FILENO, standard_input);
+  Redirection output(STDOUT_FILENO);
+  Redirection errors(STDERR_FILENO);
+  // An exception that leaves is a finding: the program would end with a bare message.
+  const int code = kelotlsctl::run_program(static_cast<int>(arguments.size()), argv.data());
+  std::cout.flush();
+  return {code, output.end(), errors.end()};
+}
+
+bool contains(const std::vector<std::string>& texts, const std::string& text) {
+  return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+bool contains_any(const std::vector<std::string>& texts, const std::vector<std::string>& wanted) {
+  return std::any_of(wanted.begin(), wanted.end(),
+                     [&](const std::string& text) { return contains(texts, text); });
+}
+
+/// Whether what the command does with its options is for the arguments alone to say: no help is
+/// asked for, and nothing that looks like an option is meant as a name.
+bool is_straight(const std::vector<std::string>& arguments) {
+  return !contains_any(arguments, {"--", "-h", "--help", "--version"});
+}
+
+bool may_write(const std::vector<std::string>& arguments, int code) {
+  static const std::vector<std::string> kWriters = {"set",    "default", "join",   "leave",
+                                                    "regen",  "render",  "reload", "apply",
+                                                    "backup", "restore", "init",   "recover"};
+  return code != kelotlsctl::kUsage && contains_any(arguments, kWriters) &&
+         !(is_straight(arguments) && contains(arguments, "--dry-run"));
+}
+
+void check_outcome(const std::vector<std::string>& arguments, const Outcome& outcome) {
+  const std::vector<int> documented = {0, 1, 2, 3, 4, 5, 10};
+  require(std::count(documented.begin(), documented.end(), outcome.code) == 1,
+          "the exit code is one of those documented");
+  require(outcome.code != kelotlsctl::kUsage || outcome.output.empty(),
+          "a mistake in the arguments puts nothing on the standard output");
+  const bool has_answer = outcome.code == kelotlsctl::kDone || outcome.code == kelotlsctl::kNotSo;
+  require(has_answer || !outcome.errors.empty(), "a failure says what failed");
+  Json::Value document;
+  require(outcome.code != kelotlsctl::kDone || !is_straight(arguments) ||
+              !contains(arguments, "--json") || parse(outcome.output, document),
+          "with --json the standard output is one document");
+}
+
+}  // namespace
+}  // namespace kelotls::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace kelotls;
+  using namespace kelotls::fuzz;
+  static test::Lines framework;
+  if (framework.empty()) {
+    make_framework();
+    framework = test::tree();
+  }
+  std::string_view input = text_of(data, size);
+  const std::vector<std::string> arguments = arguments_of(take_part(input));
+
+  const Outcome outcome = run(arguments, input);
+
+  check_outcome(arguments, outcome);
+  if (test::tree() != framework) {
+    require(may_write(arguments, outcome.code),
+            "a command that only looks, or only says what it would do, writes nothing");
+    framework.clear();
+  }
+  return 0;
+}
