@@ -1,6 +1,7 @@
 // The two whole-file JSON operations: what they read, what they write, what they leave alone.
 #include <fcntl.h>
 #include <json/json.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -493,12 +494,15 @@ TEST_F(JsonFile, LeavesTheOldFileWithoutPermissionForTheFolder) {
 TEST_F(JsonFile, ReportsAWriteBeyondTheFileSizeLimit) {
   write_file(kFile, "old");
   std::signal(SIGXFSZ, SIG_IGN);
-  const rlimit limit = {16, RLIM_INFINITY};
+  rlimit before = {};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit limit = {16, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
 
   errno = 0;
   EXPECT_FALSE(Json::Value(std::string(100, 'x')).toFile(kFile));
   EXPECT_EQ(errno, EFBIG);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);  // a counting build writes at its end
 
   EXPECT_EQ(read_file(kFile), "old");
   EXPECT_EQ(names_in(kFolder), Lines{"file"});
@@ -532,6 +536,26 @@ TEST_F(JsonFile, LeavesNoDescriptorOpenWhateverItWrites) {
   expect_write_failure(kFolder, EISDIR);
   expect_write_failure("/dev/full", ENOSPC);
   EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(JsonFile, ReportsWhyReadingFails) {
+  // A regular file, to be opened by anybody, whose first byte is an input/output error.
+  expect_read_failure("/proc/self/mem", EIO);
+}
+
+TEST_F(JsonFile, ReportsALinkWhoseTargetCannotBeRead) {
+  // The program of a process outside of the test's namespace.
+  expect_write_failure("/proc/1/exe", EACCES);
+}
+
+TEST_F(JsonFile, LeavesTheOldFileAndNothingElseWhenItCannotBeReplaced) {
+  write_file(kFile, "old");
+  ASSERT_EQ(::mount(kFile, kFile, nullptr, MS_BIND, nullptr), 0);  // pins the name
+
+  expect_write_failure(kFile, EBUSY);
+
+  EXPECT_EQ(read_file(kFile), "old");
+  EXPECT_EQ(names_in(kFolder), Lines{"file"});
 }
 
 }  // namespace

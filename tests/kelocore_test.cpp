@@ -29,11 +29,14 @@
 
 #include <gtest/gtest.h>
 
+#include "appliance.h"
+
 namespace fs = std::filesystem;
 
 namespace {
 
 bool forget_types = false;
+int lists_before_memory_runs_out = -1;  // blocks of lists that there is still memory for
 
 // The C library's own function of that name.
 template <typename Function>
@@ -65,6 +68,28 @@ dirent64* readdir64(DIR* directory) {
   return forget_type(next(directory));
 }
 }
+
+// A sanitizer's malloc ends the program instead of failing.
+#if defined(__SANITIZE_ADDRESS__)
+#define SANITIZED_MALLOC
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
+    __has_feature(memory_sanitizer)
+#define SANITIZED_MALLOC
+#endif
+#endif
+
+#ifndef SANITIZED_MALLOC
+extern "C" void* realloc(void* block, std::size_t size) noexcept {
+  static const auto next = next_function<void* (*)(void*, std::size_t)>("realloc");
+  if (lists_before_memory_runs_out == 0) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  lists_before_memory_runs_out -= lists_before_memory_runs_out > 0;
+  return next(block, size);
+}
+#endif
 
 namespace {
 
@@ -138,16 +163,6 @@ TEST(StringList, RefusesANegativeSize) {
   EXPECT_EQ(KLIBCSzListAlloc(-1), nullptr);
   EXPECT_EQ(errno, EINVAL);
 }
-
-// A sanitizer's malloc ends the program instead of failing.
-#if defined(__SANITIZE_ADDRESS__)
-#define SANITIZED_MALLOC
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
-    __has_feature(memory_sanitizer)
-#define SANITIZED_MALLOC
-#endif
-#endif
 
 #ifndef SANITIZED_MALLOC
 TEST(StringList, GivesNullWhenMemoryRunsOut) {
@@ -683,5 +698,59 @@ TEST_F(Exec, LeavesNeitherAChildNorADescriptorBehind) {
   EXPECT_EQ(errno, ECHILD);
   EXPECT_EQ(open_descriptors(), before);
 }
+
+TEST_F(FileEnumDir, FailsWhereTheTypesThatTheFolderDoesNotTellCannotBeLookedUp) {
+  write("a");
+  fs::permissions(folder_, fs::perms::owner_read);
+  kelotls::test::obey_file_permissions();
+  forget_types = true;
+  errno = 0;
+
+  const int added = enumerate(folder_);
+
+  EXPECT_EQ(added, -1);
+  EXPECT_EQ(errno, EACCES);
+  EXPECT_EQ(list_->count, 0);
+  fs::permissions(folder_, fs::perms::owner_all);
+}
+
+TEST_F(FileEnumDir, FailsWhereTheCountHasNoRoomForMore) {
+  write("a");
+  list_->count = INT32_MAX;
+  errno = 0;
+
+  const int added = enumerate(folder_);
+
+  EXPECT_EQ(added, -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(list_->count, INT32_MAX);
+  list_->count = 0;
+}
+
+#ifndef SANITIZED_MALLOC
+TEST_F(FileEnumDir, LeavesTheListAsItWasWhereverMemoryRunsOut) {
+  write("a");
+  KLIBCSzListFree(list_);
+  list_ = KLIBCSzListAlloc(0);
+
+  int failures = 0;
+  for (;; ++failures) {
+    lists_before_memory_runs_out = failures;
+    errno = 0;
+    const int added = enumerate(folder_);
+    const int error = errno;
+    lists_before_memory_runs_out = -1;
+    if (added >= 0) {
+      break;
+    }
+    EXPECT_EQ(added, -1);
+    EXPECT_EQ(error, ENOMEM);
+    EXPECT_EQ(list_->count, 0);
+  }
+
+  EXPECT_EQ(failures, 3);  // the list of new names, its first growth, the growth of the caller's
+  EXPECT_EQ(names_in(list_), Names{"a"});
+}
+#endif
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <json/json.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,6 +30,40 @@
 #include "appliance.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// How many of the next calls a signal interrupts.
+int interrupted_reads = 0;
+int interrupted_writes = 0;
+int interrupted_syncs = 0;
+
+bool interrupt(int& left) {
+  if (left == 0) {
+    return false;
+  }
+  --left;
+  errno = EINTR;
+  return true;
+}
+
+}  // namespace
+
+// In front of the C library's. A regular file is never interrupted, a network's may be.
+extern "C" {
+
+ssize_t read(int descriptor, void* buffer, size_t size) {
+  return interrupt(interrupted_reads) ? -1 : ::syscall(SYS_read, descriptor, buffer, size);
+}
+
+ssize_t write(int descriptor, const void* buffer, size_t size) {
+  return interrupt(interrupted_writes) ? -1 : ::syscall(SYS_write, descriptor, buffer, size);
+}
+
+int fsync(int descriptor) {
+  return interrupt(interrupted_syncs) ? -1 : static_cast<int>(::syscall(SYS_fsync, descriptor));
+}
+}
 
 namespace {
 
@@ -847,6 +882,28 @@ TEST_F(OutputFile, LeavesNoDescriptorOpen) {
   render_text("new");
 
   EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(OutputFile, IsWholeThoughSignalsInterrupt) {
+  for (int* interrupted : {&interrupted_reads, &interrupted_writes, &interrupted_syncs}) {
+    write_template("name: {{name}}");
+    std::vector<Json::Value> contexts{kData};
+    *interrupted = 2;
+
+    EXPECT_TRUE(KELO::RenderMustacheToFile(template_.string(), contexts, output_.string()));
+    EXPECT_EQ(*interrupted, 0);
+    EXPECT_EQ(output(), "name: kelo");
+  }
+}
+
+TEST_F(Size, OfTheTextCountsTheIndentationOfAFirstLine) {
+  Json::Value data;
+  data["v"] = std::string(kMebibyte, 'x');
+  data["w"] = std::string(kMebibyte - 1, 'x');
+  write_partial("line", "y");
+
+  EXPECT_FALSE(render_text(repeat("{{&v}}", 15) + "{{&w}}\n {{>line}}", data));
+  expect_untouched();
 }
 
 }  // namespace

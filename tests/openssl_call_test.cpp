@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 #include <sstream>
 #include <utility>
 
@@ -22,7 +23,8 @@ namespace {
 /// itself. Knows the context, parameters and BIO of the calls by these words.
 struct Recorder {
   bool on = false;
-  Lines refused;  // how the calls begin that fail
+  Lines refused;                 // how the calls begin that fail
+  bool memory_runs_out = false;  // while reasons are printed
   Lines calls;
   const void* context = nullptr;
   const void* parameters = nullptr;
@@ -172,6 +174,9 @@ void ERR_clear_error() {
 
 void ERR_print_errors(BIO* bio) {
   record("ERR_print_errors " + word(bio));
+  if (recorder.memory_runs_out) {
+    throw std::bad_alloc();
+  }
   pass_on(&ERR_print_errors, "ERR_print_errors", bio);
 }
 
@@ -404,6 +409,21 @@ TEST_F(OpenSslCall, SaysSoWhenTheLoggerHasNoBio) {
                  "api_provider.cpp:402 Fatal Error. new bio failed.");
   expect_refusal({"SSL_CTX_new", "BIO_new"}, joined({{kNew}, of_the_logger}),
                  "api_provider.cpp:402 Fatal Error. new bio failed.");
+}
+
+TEST_F(OpenSslCall, KeepsNothingWhenMemoryRunsOutBeforeTheReasonsAreLogged) {
+  write_file(std::string(kSslDir) + "dh2048.pem", "no parameters");
+  const std::vector<int> descriptors = open_descriptors();
+  recorder = Recorder();
+  recorder.on = true;
+  recorder.memory_runs_out = true;
+
+  EXPECT_THROW(APIProvider().acquire_server_context("web"), std::bad_alloc);
+  recorder.on = false;
+
+  const Lines last(recorder.calls.end() - 3, recorder.calls.end());
+  EXPECT_EQ(last, (Lines{"ERR_print_errors bio", "BIO_free bio", kFree}));
+  EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 }  // namespace
