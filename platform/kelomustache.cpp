@@ -38,9 +38,10 @@ class FileDescriptor {
   ~FileDescriptor() { close(); }
 
   int get() const { return descriptor_; }
+  /// Linux has let the descriptor go even where close reports EINTR.
   bool close() {
     const int descriptor = std::exchange(descriptor_, -1);
-    return descriptor >= 0 && ::close(descriptor) == 0;
+    return descriptor >= 0 && (::close(descriptor) == 0 || errno == EINTR);
   }
 
  private:
@@ -417,7 +418,7 @@ std::string real_text(double number) {
   // Fifteen digits lose nothing that was written with fifteen; only subnormal numbers carry fewer.
   int digits = std::fpclassify(number) == FP_SUBNORMAL ? 1 : DBL_DIG;
   do {
-    std::snprintf(buffer.data(), buffer.size(), "%.*g", digits, number);
+    static_cast<void>(std::snprintf(buffer.data(), buffer.size(), "%.*g", digits, number));
   } while (++digits <= DBL_DECIMAL_DIG && std::strtod(buffer.data(), nullptr) != number);
   std::string text(buffer.data());
   // The locale's decimal point, whatever it is, is the only part that is no sign, digit or

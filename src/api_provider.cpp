@@ -93,18 +93,19 @@ int list_folder(const char* folder, Names& names) {
 }
 
 /// Reads a descriptor. What is no object is no descriptor.
-bool read_descriptor(const std::string& path, Json::Value& descriptor) {
+bool read_descriptor(JsonReader& reader, const std::string& path, Json::Value& descriptor) {
   errno = 0;
-  return descriptor.fromFile(path) && descriptor.isObject();
+  return reader.read(path, descriptor) && descriptor.isObject();
 }
 
 /// The descriptors that can be read, in the order of the listing; the others are logged.
 std::vector<ServiceDesc> read_descriptors(const KLIBCSzList* names) {
   std::vector<ServiceDesc> services;
+  JsonReader reader;
   for (int32_t index = 0; index < names->count; ++index) {
     const std::string name = KLIBCSzListGet(names, index);
     Json::Value descriptor;
-    if (!read_descriptor(kServicesDir + name, descriptor)) {
+    if (!read_descriptor(reader, kServicesDir + name, descriptor)) {
       log::descriptor_not_loaded(name);
       continue;
     }
@@ -140,7 +141,9 @@ bool collect_reloaders(std::vector<std::string>& paths) {
 void render_file(const std::string& template_path, std::vector<Json::Value>& contexts,
                  const std::string& output_path) {
   char temporary_path[4096];
-  std::snprintf(temporary_path, sizeof temporary_path, "%s", (output_path + ".XXXXXX").c_str());
+  // What does not fit is cut short, and mkstemp then refuses it.
+  static_cast<void>(std::snprintf(temporary_path, sizeof temporary_path, "%s",
+                                  (output_path + ".XXXXXX").c_str()));
   errno = 0;
   const int descriptor = mkstemp(temporary_path);
   if (descriptor < 0) {
@@ -160,10 +163,10 @@ void render_file(const std::string& template_path, std::vector<Json::Value>& con
 }
 
 /// Renders one service's template, if it names one, for its level in the data store.
-void render_service(const Json::Value& root, const std::string& name) {
+void render_service(const Json::Value& root, const std::string& name, JsonReader& reader) {
   const std::string descriptor_path = service_file(kServicesDir, name);
   Json::Value descriptor;
-  if (!read_descriptor(descriptor_path, descriptor)) {
+  if (!read_descriptor(reader, descriptor_path, descriptor)) {
     log::descriptor_not_read(descriptor_path);
     return;
   }
@@ -175,9 +178,8 @@ void render_service(const Json::Value& root, const std::string& name) {
     log::no_level_to_render();
     return;
   }
-  Json::Value context;
-  context[profile_of_level(level).tier] = true;
-  std::vector<Json::Value> contexts = {context};
+  std::vector<Json::Value> contexts(1);
+  contexts[0][profile_of_level(level).tier] = true;
   render_file(descriptor["mustache-path"].asString(), contexts, service_file(kConfigDir, name));
 }
 
@@ -405,8 +407,9 @@ int APIProvider::execute_service_reloader() const {
 int APIProvider::render_service_template() const {
   const Json::Value root = load_data_store();
   const Json::Value& services = root["services"];
+  JsonReader reader;
   for (auto service = services.begin(); service != services.end(); ++service) {
-    render_service(root, service.name());
+    render_service(root, service.name(), reader);
   }
   return 0;
 }

@@ -79,7 +79,7 @@ Json::Value get_service_entry(const Json::Value& root, const std::string& name) 
 }
 
 int lookup_service_level(const Json::Value& root, const std::string& name) {
-  const Json::Value entry = get_service_entry(root, name);
+  const Json::Value& entry = root["services"][name];
   if (entry.isNull()) {
     log::lookup_of_unjoined_service(name);
     return kServiceNotJoined;
@@ -110,10 +110,11 @@ int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& ser
       entry["display-name-i18n"] = service.get_i18n_display_name();
     }
     // An old entry without a level passes a null on, which the next load refuses; kept so.
-    const Json::Value old_entry = get_service_entry(root, name);
+    Json::Value& slot = root["services"][name];
+    const Json::Value& old_entry = slot;
     entry["current-level"] =
         old_entry.isNull() ? Json::Value(TLS_PROFILE_LEVEL_DEFAULT) : old_entry["current-level"];
-    root["services"][name] = std::move(entry);
+    slot = std::move(entry);
   }
   return 0;
 }

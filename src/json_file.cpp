@@ -131,23 +131,6 @@ Json::CharReaderBuilder make_reader_settings() {
   return builder;
 }
 
-/// Parses a text that stands in brackets of its own. jsoncpp refuses trailing text dependably only
-/// where it also refuses a scalar for a document; as the one element of an array any value will do.
-bool parse_bracketed(const std::string& text, Json::Value& document) {
-  static const Json::CharReaderBuilder settings = make_reader_settings();
-  if (!is_safe_to_parse(text.data() + 1, text.data() + text.size() - 1)) {
-    return false;
-  }
-  const std::unique_ptr<Json::CharReader> reader(settings.newCharReader());
-  Json::Value documents;
-  if (!reader->parse(text.data(), text.data() + text.size(), &documents, nullptr) ||
-      documents.size() != 1) {
-    return false;
-  }
-  document = std::move(documents[0]);
-  return true;
-}
-
 // Writing
 
 bool write_all(int descriptor, const std::string& text) {
@@ -176,11 +159,12 @@ bool write_in_place(const std::string& path, const std::string& text) {
 /// The folder's part of a path, its slash included; empty for a bare name.
 std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
-/// Replaces the path by the one that its links lead to, whether or not something stands there.
-bool follow_links(std::string& path) {
+/// Replaces the path by the one that its links lead to. The status is that of what stands there,
+/// with mode 0 where nothing does.
+bool follow_links(std::string& path, struct stat& status) {
   for (int links = 0; links < kMaxLinks; ++links) {
-    struct stat status = {};
     if (::lstat(path.c_str(), &status) != 0) {
+      status.st_mode = 0;
       return errno == ENOENT;
     }
     if (!S_ISLNK(status.st_mode)) {
@@ -260,11 +244,11 @@ bool copy_owner_and_mode(int descriptor, const struct stat& from) {
 
 /// After a power cut at any moment the file holds either its old text or the new one.
 bool replace_file(std::string path, const std::string& text) {
-  if (!follow_links(path)) {
+  struct stat old_status = {};
+  if (!follow_links(path, old_status)) {
     return false;
   }
-  struct stat old_status = {};
-  const bool replaces = ::lstat(path.c_str(), &old_status) == 0;
+  const bool replaces = old_status.st_mode != 0;
   if (replaces && !S_ISREG(old_status.st_mode)) {
     return write_in_place(path, text);
   }
@@ -323,17 +307,33 @@ bool kelotls::read_regular_file(const std::string& path, std::string& text) {
   return read_to_end(file.get(), static_cast<std::size_t>(status.st_size), text);
 }
 
-bool Json::Value::fromFile(const String& path) {
+kelotls::JsonReader::JsonReader() {
+  static const Json::CharReaderBuilder settings = make_reader_settings();
+  reader_.reset(settings.newCharReader());
+}
+
+/// The text stands in brackets of its own: jsoncpp refuses trailing text dependably only where it
+/// also refuses a scalar for a document; as the one element of an array any value will do.
+bool kelotls::JsonReader::read(const std::string& path, Json::Value& document) {
   std::string text = "[";
-  if (!kelotls::read_regular_file(path, text)) {
+  if (!read_regular_file(path, text)) {
     return false;
   }
   text += ']';
   const int error = errno;  // reading numbers may set it
-  const bool parsed = parse_bracketed(text, *this);
-  errno = parsed ? error : 0;
-  return parsed;
+  Json::Value documents;
+  if (!is_safe_to_parse(text.data() + 1, text.data() + text.size() - 1) ||
+      !reader_->parse(text.data(), text.data() + text.size(), &documents, nullptr) ||
+      documents.size() != 1) {
+    errno = 0;
+    return false;
+  }
+  document = std::move(documents[0]);
+  errno = error;
+  return true;
 }
+
+bool Json::Value::fromFile(const String& path) { return kelotls::JsonReader().read(path, *this); }
 
 bool Json::Value::toFile(const String& path, bool in_place) const {
   if (has_nul(path)) {

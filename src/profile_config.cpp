@@ -51,7 +51,7 @@ constexpr Profile kOld          = {kFromTls10, OLD_CIPHER_LIST,          "dh1024
 // clang-format on
 
 struct FileClose {
-  void operator()(std::FILE* file) const { std::fclose(file); }
+  void operator()(std::FILE* file) const { static_cast<void>(std::fclose(file)); }
 };
 struct BioFree {
   void operator()(BIO* bio) const { BIO_free(bio); }

@@ -3,14 +3,6 @@
 
 namespace kelotls {
 
-namespace {
-
-std::string optional_text(const Json::Value& object, const char* key) {
-  return object.isMember(key) ? object[key].asString() : std::string();
-}
-
-}  // namespace
-
 ServiceDesc::ServiceDesc() : system_service_(false) {}
 
 std::string ServiceDesc::get_service_name() const { return service_name_; }
@@ -52,9 +44,9 @@ Json::Value ServiceDesc::to_json() const {
 int ServiceDesc::from_json(const Json::Value& value) {
   service_name_ = value["service"].asString();
   display_name_ = value["display-name"].asString();
-  i18n_display_name_ = optional_text(value, "display-name-i18n");
-  mustache_path_ = optional_text(value, "mustache-path");
-  reloader_path_ = optional_text(value, "reloader-path");
+  i18n_display_name_ = value["display-name-i18n"].asString();
+  mustache_path_ = value["mustache-path"].asString();
+  reloader_path_ = value["reloader-path"].asString();
   return 0;
 }
 

@@ -227,8 +227,9 @@ void mount_small_file_system(const std::string& folder, std::size_t bytes) {
 }
 
 void mount_read_only(const std::string& folder) {
-  require(::mount(folder.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr) == 0, folder);
-  require(::mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0,
+  // The kernel looks at no type here, but memcheck does.
+  require(::mount(folder.c_str(), folder.c_str(), "none", MS_BIND, nullptr) == 0, folder);
+  require(::mount(nullptr, folder.c_str(), "none", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0,
           folder);
 }
 

@@ -23,7 +23,7 @@ void require(bool succeeded, const std::string& what) {
 }
 
 void bind_mount(const std::string& from, const std::string& to) {
-  require(::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) == 0, to);
+  require(::mount(from.c_str(), to.c_str(), "none", MS_BIND, nullptr) == 0, to);
 }
 
 struct stat status_of(const std::string& path) {

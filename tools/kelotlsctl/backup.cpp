@@ -102,7 +102,7 @@ std::string dated_name(const std::string& head, const std::string& tail) {
   std::tm local = {};
   ::localtime_r(&now, &local);
   char date[32];
-  std::strftime(date, sizeof date, "%Y%m%d-%H%M%S", &local);
+  static_cast<void>(std::strftime(date, sizeof date, "%Y%m%d-%H%M%S", &local));
   return head + date + tail;
 }
 

@@ -2,6 +2,7 @@
 #include "command_line.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -214,10 +215,14 @@ void occupy_standard_descriptors() {
   }
 }
 
+/// What the library makes has the mode that the umask leaves; nobody else shall write it.
+void keep_files_from_others() { ::umask(::umask(077) | 022); }
+
 }  // namespace
 
 int run_program(int argc, char** argv) {
   occupy_standard_descriptors();
+  keep_files_from_others();
   outlive_closed_pipes();
   CommandLine command_line;
   try {

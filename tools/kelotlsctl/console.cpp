@@ -33,7 +33,7 @@ std::string printable(const std::string& text) {
     const auto byte = static_cast<unsigned char>(character);
     if (is_control(byte)) {
       char escape[8];
-      std::snprintf(escape, sizeof escape, "\\x%02x", byte);
+      static_cast<void>(std::snprintf(escape, sizeof escape, "\\x%02x", byte));
       result += escape;
     } else {
       result += character;

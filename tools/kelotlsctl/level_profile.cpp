@@ -125,7 +125,8 @@ std::string version_name(int version) {
     }
   }
   char text[32];
-  std::snprintf(text, sizeof text, "version 0x%04x", static_cast<unsigned int>(version));
+  static_cast<void>(
+      std::snprintf(text, sizeof text, "version 0x%04x", static_cast<unsigned int>(version)));
   return text;
 }
 

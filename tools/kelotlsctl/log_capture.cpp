@@ -33,7 +33,7 @@ std::string format_line(const char* format, std::va_list arguments) {
     return format;
   }
   std::string text(static_cast<std::size_t>(length) + 1, '\0');
-  std::vsnprintf(text.data(), text.size(), format, arguments);
+  static_cast<void>(std::vsnprintf(text.data(), text.size(), format, arguments));
   text.pop_back();
   return text;
 }

@@ -7,6 +7,6 @@
 int main(int argc, char** argv) try {
   return kelotlsctl::run_program(argc, argv);
 } catch (const std::exception& exception) {
-  std::fputs(exception.what(), stderr);
+  static_cast<void>(std::fputs(exception.what(), stderr));
   return kelotlsctl::kFailed;
 }

@@ -1,5 +1,6 @@
 // The commands about membership: validate, join, leave.
 #include <kelotls/api_provider.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,7 +45,8 @@ class FormerFiles {
  public:
   explicit FormerFiles(std::string service)
       : service_(std::move(service)), link_(link_target(service_)) {
-    has_descriptor_ = read_file(descriptor_path(service_), descriptor_);
+    has_descriptor_ = read_file(descriptor_path(service_), descriptor_) &&
+                      ::stat(descriptor_path(service_).c_str(), &status_) == 0;
   }
 
   /// Puts back what is gone. In place: a temporary file in that folder would be read as a service.
@@ -53,7 +55,8 @@ class FormerFiles {
     if (has_descriptor_ && !stands_at(descriptor_path(service_))) {
       std::ofstream file(descriptor_path(service_), std::ios::binary);
       file << descriptor_;
-      is_back = bool(file.flush());
+      is_back = bool(file.flush()) &&
+                ::chmod(descriptor_path(service_).c_str(), status_.st_mode & 07777) == 0;
     }
     if (!link_.empty() && !stands_at(link_path(service_))) {
       is_back = ::symlink(link_.c_str(), link_path(service_).c_str()) == 0 && is_back;
@@ -65,6 +68,7 @@ class FormerFiles {
   std::string service_;
   std::string link_;
   std::string descriptor_;
+  struct stat status_ = {};
   bool has_descriptor_ = false;
 };
 

@@ -86,7 +86,7 @@ void write_empty_store(int default_level, const std::optional<struct stat>& form
                     former ? former->st_mode & 0777 : kStoreMode)) {
     fail_on(kDataStorePath);
   }
-  if (former && ::chown(kDataStorePath, former->st_uid, former->st_gid) != 0) {
+  if (former && ::lchown(kDataStorePath, former->st_uid, former->st_gid) != 0) {
     fail_on(kDataStorePath);
   }
 }

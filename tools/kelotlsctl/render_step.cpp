@@ -59,7 +59,7 @@ std::vector<RenderResult> compare_templates(const Store& store) {
     if (file.verdict == Rendering::kNone) {
       continue;
     }
-    const std::string path = rendered_path(service);
+    const std::string path = printable(rendered_path(service));
     const bool is_new = file.verdict == Rendering::kNew;
     const bool differs = is_new || file.verdict == Rendering::kChanged;
     results.push_back({service, file.verdict, file.fault,
