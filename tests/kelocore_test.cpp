@@ -748,7 +748,9 @@ TEST_F(FileEnumDir, LeavesTheListAsItWasWhereverMemoryRunsOut) {
     EXPECT_EQ(list_->count, 0);
   }
 
-  EXPECT_EQ(failures, 3);  // the list of new names, its first growth, the growth of the caller's
+  // The growth of the list of new names and that of the caller's; the first block of the new names
+  // where the compiler has not made a malloc of it.
+  EXPECT_GE(failures, 2);
   EXPECT_EQ(names_in(list_), Names{"a"});
 }
 #endif
