@@ -822,7 +822,6 @@ class Sweep {
       : operation_(operation), is_warm_(is_warm), log_(log), told_(told), totals_(totals) {}
 
   void run_all() {
-    const long points_before = totals_.points;
     make_tree();
     operation_.prepare();
     reference_.files_before = files();
@@ -834,8 +833,6 @@ class Sweep {
     for (const Mode& mode : kModes) {
       run_mode(mode);
     }
-    std::fprintf(stderr, "%s, %s: %ld points\n", operation_.name.c_str(),
-                 is_warm_ ? "warm" : "cold", totals_.points - points_before);
   }
 
  private:
@@ -930,7 +927,7 @@ int sweep_all(const std::string& name) {
       }
     }
   }
-  return report("allocation_sweep", totals.points, name.empty() ? kLeastPoints : 1,
+  return report("an allocation failed", totals.points, name.empty() ? kLeastPoints : 1,
                 static_cast<long>(totals.states.size()), totals.violations);
 }
 

@@ -184,8 +184,6 @@ Findings run(const Course& course) {
   int status = -1;
   ::waitpid(writer, &status, 0);
   findings.violations += violations_of_writer(course, shared, log.take()) + (status != 0 ? 1 : 0);
-  std::fprintf(stderr, "%d services: %ld loads, %ld saves, %ld violations\n", course.services,
-               findings.loads, shared.saves.load(), findings.violations);
   return findings;
 }
 
@@ -200,7 +198,7 @@ int run_all() {
     all.violations += findings.violations;
     least_loads += course.loads;
   }
-  return report("readers_under_fire", all.loads, least_loads, all.states, all.violations);
+  return report("loads while saves run", all.loads, least_loads, all.states, all.violations);
 }
 
 }  // namespace
