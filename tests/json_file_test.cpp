@@ -8,11 +8,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "appliance.h"
@@ -28,11 +32,105 @@ void record(const char* call) {
   }
 }
 
+/// The most that one call reads or writes, and how many calls had a descriptor that programs which
+/// are started in the meantime would be given.
+std::size_t most_bytes_at_once = SIZE_MAX;
+int calls_on_inheritable_files = 0;
+
+/// The permissions of the file that was written last, at that time; where it was renamed from; and
+/// whether closing and removing leave something in errno.
+mode_t mode_when_written = 0;
+std::string renamed_from;
+bool cleaning_up_sets_errno = false;
+
+void look_for_inheritance(int descriptor) {
+  calls_on_inheritable_files += (::fcntl(descriptor, F_GETFD) & FD_CLOEXEC) == 0;
+}
+
+/// The owners that every name and every open file seem to have, and those that files are given,
+/// while a test wants to know them: its namespace may hold a single user and group.
+using Owner = std::pair<uid_t, gid_t>;
+Owner owner_of_names;
+const Owner owner_of_files(3, 5);
+std::vector<Owner>* given_owners = nullptr;
+
+int status_of(int folder, const char* path, int flags, struct stat* status, const Owner& owner) {
+  const int result = ::fstatat(folder, path, status, flags);
+  if (given_owners != nullptr) {
+    std::tie(status->st_uid, status->st_gid) = owner;
+  }
+  return result;
+}
+
+int status_of_name(const char* path, struct stat* status) {
+  return status_of(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, status, owner_of_names);
+}
+
+int status_of_file(int descriptor, struct stat* status) {
+  return status_of(descriptor, "", AT_EMPTY_PATH, status, owner_of_files);
+}
+
 }  // namespace
 
 // In front of the C library's. No file shows afterwards whether it would have outlived a power cut.
 
+extern "C" {
+
+ssize_t read(int descriptor, void* buffer, std::size_t size) {
+  look_for_inheritance(descriptor);
+  return ::syscall(SYS_read, descriptor, buffer, std::min(size, most_bytes_at_once));
+}
+
+ssize_t write(int descriptor, const void* buffer, std::size_t size) {
+  struct stat status = {};
+  mode_when_written = ::fstat(descriptor, &status) == 0 ? status.st_mode & 07777 : 0;
+  look_for_inheritance(descriptor);
+  return ::syscall(SYS_write, descriptor, buffer, std::min(size, most_bytes_at_once));
+}
+
+int close(int descriptor) {
+  const int result = static_cast<int>(::syscall(SYS_close, descriptor));
+  errno = cleaning_up_sets_errno ? EILSEQ : errno;
+  return result;
+}
+
+int unlinkat(int folder, const char* name, int flags) noexcept {
+  const int result = static_cast<int>(::syscall(SYS_unlinkat, folder, name, flags));
+  errno = cleaning_up_sets_errno ? EILSEQ : errno;
+  return result;
+}
+
+int fchown(int descriptor, uid_t user, gid_t group) noexcept {
+  if (given_owners != nullptr) {
+    given_owners->emplace_back(user, group);
+    return 0;
+  }
+  return ::fchownat(descriptor, "", user, group, AT_EMPTY_PATH);
+}
+
+// lstat and fstat have these names in the C libraries of the development host and of the appliance.
+
+int lstat_of_today(const char* path, struct stat* status) __asm__("lstat64");
+int lstat_of_today(const char* path, struct stat* status) { return status_of_name(path, status); }
+
+int lstat_of_before(int version, const char* path, struct stat* status) __asm__("__lxstat64");
+int lstat_of_before(int, const char* path, struct stat* status) {
+  return status_of_name(path, status);
+}
+
+int fstat_of_today(int descriptor, struct stat* status) __asm__("fstat64");
+int fstat_of_today(int descriptor, struct stat* status) {
+  return status_of_file(descriptor, status);
+}
+
+int fstat_of_before(int version, int descriptor, struct stat* status) __asm__("__fxstat64");
+int fstat_of_before(int, int descriptor, struct stat* status) {
+  return status_of_file(descriptor, status);
+}
+}
+
 extern "C" int fsync(int descriptor) {
+  look_for_inheritance(descriptor);
   struct stat status = {};
   record(::fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode) ? "fsync of a folder"
                                                                       : "fsync of a file");
@@ -41,6 +139,7 @@ extern "C" int fsync(int descriptor) {
 
 extern "C" int renameat(int from_folder, const char* from, int to_folder, const char* to) noexcept {
   record("rename");
+  renamed_from = from;
   return static_cast<int>(::syscall(SYS_renameat, from_folder, from, to_folder, to));
 }
 
@@ -556,6 +655,141 @@ TEST_F(JsonFile, LeavesTheOldFileAndNothingElseWhenItCannotBeReplaced) {
 
   EXPECT_EQ(read_file(kFile), "old");
   EXPECT_EQ(names_in(kFolder), Lines{"file"});
+}
+
+TEST_F(JsonFile, IsWholeHoweverLittleIsReadOrWrittenAtOnce) {
+  const Json::Value value(std::string(100, 'x') + std::string(100, 'y'));
+  most_bytes_at_once = 3;
+  for (const bool in_place : {false, true}) {
+    EXPECT_TRUE(value.toFile(kFile, in_place));
+    Json::Value back;
+    EXPECT_TRUE(back.fromFile(kFile));
+    EXPECT_EQ(back, value);
+  }
+}
+
+TEST_F(JsonFile, IsNotInheritedByPrograms) {
+  calls_on_inheritable_files = 0;
+
+  Json::Value value;
+  EXPECT_TRUE(Json::Value(1).toFile(kFile));
+  EXPECT_TRUE(Json::Value(1).toFile(kFile, true));
+  EXPECT_TRUE(value.fromFile(kFile));
+
+  EXPECT_EQ(calls_on_inheritable_files, 0);
+}
+
+TEST_F(JsonFile, TakesNoTerminalForThatOfItsProcess) {
+  const int host = ::posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_TRUE(::grantpt(host) == 0 && ::unlockpt(host) == 0);
+  const std::string terminal = ::ptsname(host);
+  const int user = ::open(terminal.c_str(), O_RDWR | O_NOCTTY);  // its last one lets it go
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::setsid();  // a leader of a session is given a terminal by opening one
+    Json::Value(1).fromFile(terminal);
+    Json::Value(1).toFile(terminal, true);
+    ::_exit(::open("/dev/tty", O_RDWR) >= 0 ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+
+  expect_read_failure(terminal, EINVAL);
+  EXPECT_TRUE(Json::Value(1).toFile(terminal, true));
+  ::close(user);
+  ::close(host);
+}
+
+TEST_F(JsonFile, FollowsAChainOf39LinksAndRefuses40) {
+  std::string target = "target";
+  for (int link = 1; link <= 40; ++link) {
+    const std::string name = "link" + std::to_string(link);
+    ASSERT_EQ(::symlink(target.c_str(), (kFolder + name).c_str()), 0);
+    target = name;
+  }
+
+  EXPECT_TRUE(Json::Value(1).toFile(std::string(kFolder) + "link39"));
+  expect_write_failure(std::string(kFolder) + "link40", ELOOP);
+
+  EXPECT_EQ(read_file(std::string(kFolder) + "target"), "1\n");
+}
+
+TEST_F(JsonFile, GivesANewFileTheUserAndGroupOfTheOldOneWhereTheyDiffer) {
+  std::vector<Owner> owners;
+  write_file(kFile, "old");
+  given_owners = &owners;
+
+  owner_of_names = owner_of_files;
+  EXPECT_TRUE(Json::Value(1).toFile(kFile));
+  EXPECT_TRUE(owners.empty());
+  for (const Owner& other : {Owner(7, 9), Owner(7, 5), Owner(3, 9), Owner(5, 5), Owner(3, 3)}) {
+    owners.clear();
+    owner_of_names = other;
+    EXPECT_TRUE(Json::Value(1).toFile(kFile));
+    EXPECT_EQ(owners, std::vector<Owner>{other});
+  }
+  given_owners = nullptr;
+}
+
+TEST_F(JsonFile, ShowsNobodyANewTextBeforeItHasTheModeOfTheOld) {
+  ::umask(0);
+  write_file(kFile, "old");
+  ASSERT_EQ(::chmod(kFile, 0666), 0);
+
+  EXPECT_TRUE(Json::Value(1).toFile(kFile));
+
+  EXPECT_EQ(mode_when_written, 0600u);
+}
+
+TEST_F(JsonFile, NamesATemporaryAfterItsFileAndProcessAndCountsOnFromThoseLeftBehind) {
+  const std::string prefix = "file." + std::to_string(::getpid()) + "-";
+  for (const char* number : {"0", "1", "2"}) {
+    EXPECT_TRUE(Json::Value(1).toFile(kFile));
+    EXPECT_EQ(renamed_from, prefix + number);
+    write_file(kFolder + renamed_from, "left behind");
+  }
+}
+
+TEST_F(JsonFile, WorksForAProcessWithoutStandardInput) {
+  ::close(0);
+  const std::vector<int> before = open_descriptors();
+  for (const bool in_place : {true, false}) {
+    Json::Value value;
+    EXPECT_TRUE(Json::Value(1).toFile(kFile, in_place));
+    EXPECT_TRUE(value.fromFile(kFile));
+    EXPECT_EQ(value, Json::Value(1));
+    EXPECT_EQ(open_descriptors(), before);
+  }
+}
+
+TEST_F(JsonFile, ReportsTheFailureAndNotWhatCleaningUpLeaves) {
+  mount_small_file_system(kFolder, 64 << 10);
+  const Json::Value large(std::string(100 << 10, 'x'));
+  for (const bool in_place : {false, true}) {
+    cleaning_up_sets_errno = true;
+    errno = 0;
+    const bool written = large.toFile(kFile, in_place);
+    const int error = errno;
+    cleaning_up_sets_errno = false;
+
+    EXPECT_FALSE(written);
+    EXPECT_EQ(error, ENOSPC);
+  }
+}
+
+TEST_F(JsonFile, RefusesANulByteBehindABracketThatClosesNothing) {
+  expect_parse_error(std::string("1]\0", 3));
+  expect_parse_error(std::string("{}]\0 {}", 7));
+}
+
+TEST_F(JsonFile, CountsTheBracketRightBehindAString) {
+  std::string wide = "[";
+  for (int i = 0; i < 1000; ++i) {
+    wide += R"(["a"],)";
+  }
+  Json::Value value;
+  EXPECT_TRUE(reads(wide + "0]", value));
 }
 
 }  // namespace

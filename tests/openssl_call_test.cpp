@@ -15,6 +15,7 @@
 
 #include "handshake.h"
 #include "kelotls/api_provider.h"
+#include "kelotls/server_context.h"
 
 namespace kelotls::test {
 namespace {
@@ -424,6 +425,17 @@ TEST_F(OpenSslCall, KeepsNothingWhenMemoryRunsOutBeforeTheReasonsAreLogged) {
   const Lines last(recorder.calls.end() - 3, recorder.calls.end());
   EXPECT_EQ(last, (Lines{"ERR_print_errors bio", "BIO_free bio", kFree}));
   EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST_F(OpenSslCall, ReleasesAContextThroughTheCInterfaceByOne) {
+  SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
+  recorder = Recorder();
+  recorder.context = context;
+  recorder.on = true;
+  KELOTLS_release_context(context);
+  recorder.on = false;
+
+  EXPECT_EQ(recorder.calls, Lines{kFree});
 }
 
 }  // namespace

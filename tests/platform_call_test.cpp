@@ -2,9 +2,12 @@
 // stand before theirs: what it passes, what it makes of answers that the development host's own
 // libraries never give. Each passes the call on unless a test says otherwise.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <kelocore.h>
 #include <kelomustache.h>
 #include <kelotls/api_provider.h>
+#include <kelotls/data_store_provider.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,6 +49,7 @@ struct Platform {
   bool reverses_listings = false;  // names in descending order
   int error_of_runs = 0;           // errno after a run that ends with status 0
   bool sync_fails_without_reason = false;
+  Lines failing_without_reason;  // calls of the C library by name and path
 };
 
 Platform platform;
@@ -67,6 +71,11 @@ int list_files(const char* folder, const char* pattern, KLIBCSzList** list, int 
       next<decltype(&KLIBCFileEnumDir)>("KLIBCFileEnumDir")(folder, pattern, list, flags);
   platform.is_listing = false;
   return result;
+}
+
+bool fails(const std::string& call) {
+  const Lines& calls = platform.failing_without_reason;
+  return std::find(calls.begin(), calls.end(), call) != calls.end();
 }
 
 void reverse(KLIBCSzList& list) {
@@ -128,6 +137,36 @@ int fsync(int descriptor) {
   }
   return kelotls::test::next<int (*)(int)>("fsync")(descriptor);
 }
+
+int unlink(const char* path) noexcept {
+  return kelotls::test::fails(std::string("unlink ") + path)
+             ? -1
+             : kelotls::test::next<int (*)(const char*)>("unlink")(path);
+}
+
+int symlink(const char* target, const char* path) noexcept {
+  return kelotls::test::fails(std::string("symlink ") + path)
+             ? -1
+             : kelotls::test::next<int (*)(const char*, const char*)>("symlink")(target, path);
+}
+
+int rename(const char* from, const char* to) noexcept {
+  return kelotls::test::fails(std::string("rename ") + to)
+             ? -1
+             : kelotls::test::next<int (*)(const char*, const char*)>("rename")(from, to);
+}
+
+int mkstemp(char* path) {
+  return kelotls::test::fails(std::string("mkstemp ") + path)
+             ? -1
+             : kelotls::test::next<int (*)(char*)>("mkstemp64")(path);
+}
+
+FILE* fopen(const char* path, const char* mode) {
+  return kelotls::test::fails(std::string("fopen ") + path)
+             ? nullptr
+             : kelotls::test::next<FILE* (*)(const char*, const char*)>("fopen64")(path, mode);
+}
 }
 
 bool KELO::RenderMustacheToFile(const std::string& template_path,
@@ -142,6 +181,7 @@ bool KELO::RenderMustacheToFile(const std::string& template_path,
   }
   contexts.clear();  // nobody looks at it any more
   kelotls::test::write_file(output_path, "rendered by the test");
+  errno = EPERM;  // whatever a library leaves there
   return true;
 }
 
@@ -330,6 +370,132 @@ TEST_F(PlatformCalls, LogsErrnoZeroForADescriptorWriteThatFailsWithoutAReason) {
                                     "[0][Success]: " +
                                     descriptor_path("web"))});
   EXPECT_EQ(installed, Lines());
+}
+
+// Failures without a reason: what a caller has left in errno is none of them.
+
+TEST_F(PlatformCalls, LogsErrnoZeroForARemovalThatFailsWithoutAReason) {
+  platform.failing_without_reason = {"unlink " + descriptor_path("web"),
+                                     "unlink " + link_path("web"),
+                                     "unlink " + rendered_path("web")};
+  Lines installed;
+
+  errno = EPERM;
+  EXPECT_EQ(APIProvider().uninstall_service_descriptor("web"), 0);
+  errno = EPERM;
+  EXPECT_EQ(APIProvider().uninstall_service_reloader("web"), 0);
+  errno = EPERM;
+  EXPECT_EQ(APIProvider().install_service_reloader("web", "/opt/reload", installed), -1);
+  errno = EPERM;
+  EXPECT_EQ(APIProvider().cleanup_service_template("web"), -1);
+
+  EXPECT_EQ(
+      log(),
+      (Lines{error_line("api_provider.cpp:286 Uninstall service desc failed. [0][Success]: " +
+                        descriptor_path("web")),
+             error_line("api_provider.cpp:319 uninstall service reloader failed. [0][Success]: " +
+                        link_path("web")),
+             error_line("api_provider.cpp:299 Unlink service reloader failed. [0][Success]: " +
+                        link_path("web")),
+             error_line("api_provider.cpp:241 cleanup render path failed. [0][Success]: " +
+                        rendered_path("web"))}));
+  EXPECT_EQ(installed, Lines());
+}
+
+TEST_F(PlatformCalls, LogsErrnoZeroForALinkThatFailsWithoutAReason) {
+  platform.failing_without_reason = {"symlink " + link_path("web")};
+  Lines installed;
+
+  EXPECT_EQ(APIProvider().install_service_reloader("web", "/opt/reload", installed), -1);
+
+  EXPECT_EQ(log(), Lines{error_line("api_provider.cpp:305 Install service reloader failed. "
+                                    "[0][Success]: /opt/reload -> " +
+                                    link_path("web"))});
+}
+
+TEST_F(PlatformCalls, LogsErrnoZeroForAnInstalledFileThatStaysWithoutAReason) {
+  write_file(kDataStore, data_store_text(2, {}));
+  remove_all(kPackageReloaders);
+  platform.failing_without_reason = {"unlink " + descriptor_path("web")};
+
+  EXPECT_EQ(APIProvider().join_framework(json(R"({"services": [
+                {"service": "web", "display-name": "Web", "reloader-path": "/opt/reload"}]})")),
+            -1);
+
+  const Lines lines = log();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[2], error_line("api_provider.cpp:108 Fallback installed file failed.. "
+                                 "[0][Success]: " +
+                                 descriptor_path("web")));
+}
+
+TEST_F(PlatformCalls, LogsErrnoZeroForATemporaryFileThatFailsWithoutAReason) {
+  write_file(kDataStore, data_store_text(3, {{"web", "1"}}));
+  write_file(descriptor_path("web"), R"({"mustache-path": "/tls.mustache"})");
+
+  for (const std::string& call :
+       {"mkstemp " + rendered_path("web") + ".XXXXXX", "rename " + rendered_path("web")}) {
+    platform.failing_without_reason = {call};
+    EXPECT_EQ(APIProvider().render_service_template(), 0);
+  }
+
+  const Lines lines = log();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], error_line("api_provider.cpp:213 Failed to mkstemp. [Success]"));
+  EXPECT_EQ(lines[1].substr(lines[1].size() - 9), "[Success]");
+}
+
+TEST_F(PlatformCalls, LogsErrnoZeroForADhFileThatCannotBeOpenedWithoutAReason) {
+  write_file(kDataStore, data_store_text(3, {{"web", "2"}}));
+  platform.failing_without_reason = {std::string("fopen ") + kSslDir + "dh2048.pem"};
+  errno = EPERM;
+
+  APIProvider().release_context(APIProvider().acquire_server_context("web"));
+
+  EXPECT_EQ(log(), Lines{error_line("profile_config.cpp:83 Open dhparam file failed. "
+                                    "[0][Success]: " +
+                                    std::string(kSslDir) + "dh2048.pem")});
+}
+
+TEST_F(PlatformCalls, LogsErrnoZeroForASaveThatFailsWithoutAReason) {
+  write_file(kDataStore, data_store_text(2, {}));
+  ASSERT_EQ(::chmod(kDataStore, 0), 0);
+  obey_file_permissions();
+  platform.sync_fails_without_reason = true;  // after a loading that failed with one
+
+  DataStoreProvider().set_default_level(TLS_PROFILE_LEVEL_OLD);
+
+  const Lines lines = log();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], error_line("framework_config.cpp:55 Write json data failed. [Success] " +
+                                 std::string(kDataStore)));
+}
+
+TEST_F(PlatformCalls, LogsErrnoZeroForADescriptorThatIsNoObjectWhateverFailedBefore) {
+  write_file(kDataStore, data_store_text(3, {{"a", "1"}, {"b", "1"}}));
+  write_file(descriptor_path("a"), R"({"mustache-path": "/tls.mustache"})");
+  make_folders(rendered_path("a"));
+  write_file(descriptor_path("b"), "[]");
+
+  EXPECT_EQ(APIProvider().render_service_template(), 0);
+
+  const Lines lines = log();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], error_line("api_provider.cpp:184 Read service descriptor failed. "
+                                 "[0][Success] " +
+                                 descriptor_path("b")));
+}
+
+TEST_F(PlatformCalls, RendersForAProcessWithoutStandardInput) {
+  write_file(kDataStore, data_store_text(3, {{"web", "1"}}));
+  write_file(descriptor_path("web"), R"({"mustache-path": "/tls.mustache"})");
+
+  ::close(0);
+  EXPECT_EQ(APIProvider().render_service_template(), 0);
+  EXPECT_EQ(::open("/dev/null", O_RDONLY), 0);
+
+  EXPECT_EQ(log(), Lines());
+  EXPECT_EQ(read_file(rendered_path("web")), "rendered by the test");
 }
 
 }  // namespace
