@@ -50,7 +50,7 @@ bool fail(int error) {
   return false;
 }
 
-bool has_nul(const std::string& path) { return path.find('\0') != std::string::npos; }
+bool has_nul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 // Reading
 
@@ -78,33 +78,27 @@ bool read_to_end(int descriptor, std::size_t expected_bytes, std::string& text) 
   }
 }
 
-/// Past the closing quote of the string that starts at text; null when it has none.
-const char* skip_string(const char* text, const char* end) {
-  for (++text; text < end && *text != '\0'; ++text) {
-    if (*text == '"') {
-      return text + 1;
-    }
-    if (*text == '\\') {
-      ++text;
-    }
+/// The closing quote of the string that starts at text; end, or one beyond, when it has none.
+const char* closing_quote(const char* text, const char* end) {
+  for (++text; text < end && *text != '"'; ++text) {
+    text += *text == '\\' ? 1 : 0;
   }
-  return nullptr;
+  return text;
 }
 
 /// jsoncpp throws when nesting passes its limit and takes a NUL byte for the end of the text, so
-/// both are looked for before it starts.
-bool is_safe_to_parse(const char* text, const char* end) {
-  int nesting = 0;
-  while (text < end) {
+/// both are looked for before it starts. The text stands in brackets of its own.
+bool is_safe_to_parse(const std::string& bracketed) {
+  if (has_nul(bracketed)) {
+    return false;
+  }
+  int nesting = -1;
+  const char* const end = bracketed.data() + bracketed.size() - 1;
+  for (const char* text = bracketed.data(); text < end; ++text) {
     switch (*text) {
-      case '\0':
-        return false;
       case '"':
-        text = skip_string(text, end);
-        if (text == nullptr) {
-          return false;
-        }
-        continue;
+        text = closing_quote(text, end);
+        break;
       case '[':
       case '{':
         if (++nesting > kMaxNesting) {
@@ -118,7 +112,6 @@ bool is_safe_to_parse(const char* text, const char* end) {
       default:
         break;
     }
-    ++text;
   }
   return true;
 }
@@ -322,7 +315,7 @@ bool kelotls::JsonReader::read(const std::string& path, Json::Value& document) {
   text += ']';
   const int error = errno;  // reading numbers may set it
   Json::Value documents;
-  if (!is_safe_to_parse(text.data() + 1, text.data() + text.size() - 1) ||
+  if (!is_safe_to_parse(text) ||
       !reader_->parse(text.data(), text.data() + text.size(), &documents, nullptr) ||
       documents.size() != 1) {
     errno = 0;

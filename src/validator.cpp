@@ -44,7 +44,7 @@ bool validate_entry(const Json::Value& entry) {
 bool is_filled_string(const Json::Value* value) {
   const char* begin = nullptr;
   const char* end = nullptr;
-  return value != nullptr && value->isString() && value->getString(&begin, &end) && begin != end;
+  return value != nullptr && value->getString(&begin, &end) && begin != end;
 }
 
 bool validate_data_store(const Json::Value& root) {
