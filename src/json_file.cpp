@@ -206,7 +206,7 @@ class Temporary {
   int create(const std::string& target, mode_t mode) {
     for (int attempt = 0;; ++attempt) {
       char ending[32];
-      std::snprintf(ending, sizeof ending, ".%d-%d", ::getpid(), attempt);
+      static_cast<void>(std::snprintf(ending, sizeof ending, ".%d-%d", ::getpid(), attempt));
       std::string name = target + ending;
       const int number =
           ::openat(folder_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);

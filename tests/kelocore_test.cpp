@@ -36,7 +36,9 @@ namespace fs = std::filesystem;
 namespace {
 
 bool forget_types = false;
+#ifndef SANITIZED_MALLOC
 int lists_before_memory_runs_out = -1;  // blocks of lists that there is still memory for
+#endif
 
 // The C library's own function of that name.
 template <typename Function>
