@@ -36,9 +36,6 @@ namespace fs = std::filesystem;
 namespace {
 
 bool forget_types = false;
-#ifndef SANITIZED_MALLOC
-int lists_before_memory_runs_out = -1;  // blocks of lists that there is still memory for
-#endif
 
 // The C library's own function of that name.
 template <typename Function>
@@ -82,6 +79,8 @@ dirent64* readdir64(DIR* directory) {
 #endif
 
 #ifndef SANITIZED_MALLOC
+static int lists_before_memory_runs_out = -1;  // blocks of lists that there is still memory for
+
 extern "C" void* realloc(void* block, std::size_t size) noexcept {
   static const auto next = next_function<void* (*)(void*, std::size_t)>("realloc");
   if (lists_before_memory_runs_out == 0) {
