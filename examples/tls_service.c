@@ -193,6 +193,8 @@ int main(int argc, char** argv) {
     }
   }
 
+  close(listener);
+  close(service.signals);
   KELOTLS_release_context(service.context);
   return pid_file == NULL || unlink(pid_file) == 0 ? 0 : 1;
 }
