@@ -3,7 +3,9 @@
 //   bench RESULTS.json ROUNDS DISK_FOLDER [--benchmark_...]
 //
 // A benchmark is one operation at one size. Library and floor take turns in it, so that whatever
-// disturbs the machine disturbs both; the ratio is that of their medians.
+// disturbs the machine disturbs both; the ratio is the median of those of the single rounds, since
+// a machine that falls from one speed to another leaves the medians of the two sides at different
+// ones.
 #include <benchmark/benchmark.h>
 #include <json/json.h>
 #include <kelotls/data_store_provider.h>
@@ -55,12 +57,14 @@ double median(std::vector<double> numbers) {
 void measure(benchmark::State& state, const Operation& operation) {
   std::vector<double> library;
   std::vector<double> floor;
+  std::vector<double> ratios;
   warm_up(operation);
   for (auto _ : state) {
     operation.before();
     library.push_back(microseconds(operation.library));
     operation.before();
     floor.push_back(microseconds(operation.floor));
+    ratios.push_back(library.back() / floor.back());
     state.SetIterationTime(library.back() / 1e6);
   }
   require(operation.same(), operation.name + ": the library and the floor came to the same");
@@ -70,7 +74,7 @@ void measure(benchmark::State& state, const Operation& operation) {
   row["services"] = operation.services;
   row["library_us"] = median(library);
   row["floor_us"] = median(floor);
-  row["ratio"] = median(library) / median(floor);
+  row["ratio"] = median(ratios);
   row["goal"] = operation.goal;
   row["unit"] = "us";
   row["rounds"] = Json::UInt64(library.size());

@@ -102,6 +102,7 @@ void make_places(const std::string& disk_folder) {
     test::make_folders(disk_folder);
     mount_at(kData, disk_folder.c_str(), nullptr, MS_BIND);
   }
+  test::make_folders(test::kSystemReloaders);  // stays empty, but is listed
   test::make_folders(test::kSslDir);
   test::write_file(std::string(test::kSslDir) + "dh2048.pem", test::test_data("data/dh2048.pem"));
   for (const Places& places : {library_places(), floor_places()}) {
