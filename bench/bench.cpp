@@ -139,7 +139,7 @@ void add_cost_per_service(Json::Value& growth) {
   row["to"] = kLarge;
   row["library"] = added("library_us");
   row["floor"] = added("floor_us");
-  row["goal"] = 1.10 * row["floor"].asDouble();
+  row["goal"] = 1.20;  // constant but for the caches, which 10,000 services do not fit into
   growth.append(row);
 }
 

@@ -58,17 +58,18 @@ bool has_nul(const std::string& text) { return text.find('\0') != std::string::n
 bool read_to_end(int descriptor, std::size_t expected_bytes, std::string& text) {
   std::size_t used = text.size();
   const std::size_t limit = used + kMaxBytes;
-  text.resize(used + expected_bytes + 1);  // one more, to meet the end without growing
+  const std::size_t expected_end = used + expected_bytes;
+  text.resize(expected_end + 1);  // one more, to notice a file that has grown
   for (;;) {
     const ssize_t count = ::read(descriptor, &text[used], text.size() - used);
     if (count < 0 && errno == EINTR) {
       continue;
     }
-    if (count <= 0) {
+    used += count > 0 ? static_cast<std::size_t>(count) : 0;
+    if (count <= 0 || used == expected_end) {
       text.resize(used);
-      return count == 0;
+      return count >= 0;
     }
-    used += static_cast<std::size_t>(count);
     if (used > limit) {
       return fail(EFBIG);
     }
