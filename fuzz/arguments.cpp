@@ -112,22 +112,25 @@ bool contains(const std::vector<std::string>& texts, const std::string& text) {
   return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-bool contains_any(const std::vector<std::string>& texts, const std::vector<std::string>& wanted) {
-  return std::any_of(wanted.begin(), wanted.end(),
-                     [&](const std::string& text) { return contains(texts, text); });
-}
-
-/// Whether what the command does with its options is for the arguments alone to say: no help is
-/// asked for, and nothing that looks like an option is meant as a name.
+/// Whether what the command does with its options is for the arguments alone to say: each is
+/// spelled out, so that no help is asked for, none is taken back, nothing like one is meant as a
+/// name.
 bool is_straight(const std::vector<std::string>& arguments) {
-  return !contains_any(arguments, {"--", "-h", "--help", "--version"});
+  static const std::vector<std::string> kOptions = {"-",       "--json",   "--quiet", "--dry-run",
+                                                    "--apply", "--check",  "--names", "--connect",
+                                                    "--from",  "--default"};
+  return std::all_of(arguments.begin(), arguments.end(), [](const std::string& argument) {
+    return argument[0] != '-' || contains(kOptions, argument);
+  });
 }
 
 bool may_write(const std::vector<std::string>& arguments, int code) {
   static const std::vector<std::string> kWriters = {"set",    "default", "join",   "leave",
                                                     "regen",  "render",  "reload", "apply",
                                                     "backup", "restore", "init",   "recover"};
-  return code != kelotlsctl::kUsage && contains_any(arguments, kWriters) &&
+  return code != kelotlsctl::kUsage &&
+         std::any_of(arguments.begin(), arguments.end(),
+                     [](const std::string& argument) { return contains(kWriters, argument); }) &&
          !(is_straight(arguments) && contains(arguments, "--dry-run"));
 }
 
