@@ -94,7 +94,7 @@ bool is_safe_to_parse(const std::string& bracketed) {
     return false;
   }
   int nesting = -1;
-  const char* const end = bracketed.data() + bracketed.size() - 1;
+  const char* const end = bracketed.data() + bracketed.size();
   for (const char* text = bracketed.data(); text < end; ++text) {
     switch (*text) {
       case '"':

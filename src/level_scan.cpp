@@ -89,9 +89,9 @@ bool take_object(Scanner& scanner, TakeValue take_value) {
   return scanner.take('}');
 }
 
-/// Takes a service's entry, if it is one that the validator would let pass.
+/// Takes a service's entry, if it is one that the validator would let pass. An entry without a
+/// level leaves it as it was.
 bool take_entry(Scanner& scanner, int& level) {
-  level = TLS_PROFILE_LEVEL_DEFAULT;
   bool has_display_name = false;
   const bool taken = take_object(scanner, [&](std::string_view key) {
     if (key == "current-level") {

@@ -327,6 +327,13 @@ TEST_F(JsonFile, ReportsWhyAFileCannotBeRead) {
   expect_read_failure(kFolder + std::string(300, 'x'), ENAMETOOLONG);
 }
 
+TEST_F(JsonFile, TakesNoInterruptionFromBeforeForOneOfItsOwn) {
+  write_file(kFile, "");
+  Json::Value value;
+  errno = EINTR;
+  EXPECT_FALSE(value.fromFile(kFile));  // and does not read on at the end for ever
+}
+
 TEST_F(JsonFile, RefusesAFileWithoutPermission) {
   write_file(kFile, "{}");
   ASSERT_EQ(::chmod(kFile, 0), 0);
@@ -518,6 +525,7 @@ TEST_F(JsonFile, CreatesTheTargetOfADanglingLink) {
 
   EXPECT_TRUE(S_ISLNK(status_of(kFile).st_mode));
   EXPECT_EQ(read_file("/usr/kelo/json/real/target"), "1\n");
+  EXPECT_NE(renamed_from, "");  // whole at once, as any new file
 }
 
 TEST_F(JsonFile, WritesToABareNameInTheWorkingFolder) {
@@ -790,6 +798,11 @@ TEST_F(JsonFile, CountsTheBracketRightBehindAString) {
   }
   Json::Value value;
   EXPECT_TRUE(reads(wide + "0]", value));
+}
+
+TEST_F(JsonFile, CountsTheBracketsBehindAStringThatEndsInAnEscape) {
+  expect_parse_error(R"(["\\", )" + std::string(300, '['));
+  expect_parse_error(R"(["\n", )" + std::string(300, '['));
 }
 
 }  // namespace

@@ -66,7 +66,7 @@ TEST_F(LevelScan, FindsLevelsWhateverTheOrderAndTheBlanks) {
   for (const std::string text : {
            R"({"services":{"web":{"display-name":"W","current-level":2}},"default-level":1})",
            "\r\n\t {\"default-level\"\t:1\r,\"services\":{ \"a\":{\"display-name\":\"\"}\n,"
-           "\"web\":{\"current-level\" : 2 , \"display-name\":\"W\"} } } \r\n\t ",
+           "\"web\":{\"current-level\" : 2 , \"display-name\":\"W w\"} } } \r\n\t ",
        }) {
     EXPECT_EQ(scan_service_level(text, "web"), 2) << text;
     EXPECT_TRUE(agrees(text, "web")) << text;
@@ -77,12 +77,20 @@ TEST_F(LevelScan, TakesAnEntryWithoutALevelForTheDefault) {
   EXPECT_EQ(scan_service_level(with_entry(R"({"display-name":"W"})"), "web"), 2);
 }
 
+TEST_F(LevelScan, GivesALevelThatDoesNotExistAsItIs) {
+  const std::string text = with_entry(R"({"display-name":"W","current-level":9})");
+  EXPECT_EQ(scan_service_level(text, "web"), 9);
+  EXPECT_EQ(parsed_level(text, "web"), 9);
+}
+
 TEST_F(LevelScan, TakesTheLastOfMembersWithTheSameKey) {
   for (const std::string& text : {
            with_entry(R"({"display-name":"W","current-level":1,"current-level":3})"),
            with_entry(R"({"display-name":"V"},"web":{"display-name":"W","current-level":3})"),
            std::string(R"({"default-level":1,"services":{"web":{"display-name":"W"}},)"
                        R"("default-level":3})"),
+           std::string(R"({"default-level":3,"services":{},)"
+                       R"("services":{"web":{"display-name":"W"}}})"),
        }) {
     EXPECT_EQ(scan_service_level(text, "web"), 3) << text;
     EXPECT_EQ(parsed_level(text, "web"), 3) << text;
@@ -108,6 +116,11 @@ TEST_F(LevelScan, LeavesTheUnusualToTheParser) {
            std::string(R"({"default-level":2,"services":{}})"),
            std::string(R"({"default-level":2,"extra":1,"services":{"web":{"display-name":"W"}}})"),
            std::string(R"({"default-level":"2","services":{"web":{"display-name":"W"}}})"),
+           std::string(R"({"default-level":2,"extra":,"services":{"web":{"display-name":"W"}}})"),
+           std::string(
+               R"({"default-level":2,"services":,"services":{"web":{"display-name":"W"}}})"),
+           std::string(R"({"default-level":2,"services":{:{"display-name":"V"},)"
+                       R"("web":{"display-name":"W"}}})"),
            with_entry(R"({"display-name":"W"})") + "x",
            with_entry(R"({"display-name":"W"})") + std::string(1, '\0'),
            with_entry(R"({"display-name":"W"})") + "// comment",
@@ -117,6 +130,7 @@ TEST_F(LevelScan, LeavesTheUnusualToTheParser) {
            with_entry(R"({"current-level":1})"),
            with_entry(R"({"display-name":1})"),
            with_entry(R"({"display-name":null})"),
+           with_entry(R"({"display-name":})"),
            with_entry(R"({"display-name":"a\u0041"})"),
            with_entry(R"({"display-name":"\"W"})"),
            with_entry("{\"display-name\":\"W\n\"}"),
@@ -148,7 +162,8 @@ TEST_F(LevelScan, LeavesAServiceWithoutAnEntryToTheParser) {
 }
 
 TEST_F(LevelScan, FindsNothingInATextThatIsCutShort) {
-  const std::string document = kText.substr(0, kText.size() - 1);
+  // What stands behind the end would make it whole.
+  const std::string_view document = std::string_view(kText).substr(0, kText.size() - 1);
   for (std::size_t length = 0; length < document.size(); ++length) {
     EXPECT_EQ(scan_service_level(document.substr(0, length), "web"), std::nullopt) << length;
   }

@@ -228,7 +228,10 @@ TEST_F(SystemCalls, ReadNoMoreThan64MiBWhateverTheSizeOfAFileWasSaidToBe) {
   EXPECT_EQ(default_level({}), 2);
 
   const std::string text = data_store_text(2, {});
-  write_file(kDataStore, text + std::string((std::size_t{64} << 20) - text.size() + 1, ' '));
+  const std::string full = text + std::string((std::size_t{64} << 20) - text.size(), ' ');
+  write_file(kDataStore, full);
+  EXPECT_EQ(default_level({}), 2);
+  write_file(kDataStore, full + ' ');
   expect_no_reading({}, EFBIG);
 }
 

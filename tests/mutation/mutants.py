@@ -188,7 +188,7 @@ class Source:
             value = self.span(place + 1, last)
             if value in ("true", "false", "nullptr") or re.fullmatch(r"-?\d+", value):
                 continue
-            if not re.fullmatch(r"[\w:]+\(\)", value):  # is {} already
+            if not re.fullmatch(r"[\w:]+\(\)|std::nullopt", value):  # is {} already
                 self.replace(place + 1, last, "{}", "return value")
             self.replace(place + 1, last, "true", "return value")
 
