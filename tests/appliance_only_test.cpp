@@ -387,7 +387,7 @@ TEST_F(NarrowNumbers, ListDescriptorFilesOnADisk) {
   const std::string on_disk = KELOTLS_TEST_FOLDER "/appliance_only_services";
   remove_all(on_disk);
   make_folders(on_disk);
-  ASSERT_EQ(::mount(on_disk.c_str(), kServices, nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(::mount(on_disk.c_str(), kServices, "none", MS_BIND, nullptr), 0);
   constexpr int kFiles = 200;
   for (int number = 0; number < kFiles; ++number) {
     const std::string name = "service" + std::to_string(number);

@@ -657,7 +657,7 @@ TEST_F(JsonFile, ReportsALinkWhoseTargetCannotBeRead) {
 
 TEST_F(JsonFile, LeavesTheOldFileAndNothingElseWhenItCannotBeReplaced) {
   write_file(kFile, "old");
-  ASSERT_EQ(::mount(kFile, kFile, nullptr, MS_BIND, nullptr), 0);  // pins the name
+  ASSERT_EQ(::mount(kFile, kFile, "none", MS_BIND, nullptr), 0);  // pins the name
 
   expect_write_failure(kFile, EBUSY);
 
