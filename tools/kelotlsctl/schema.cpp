@@ -77,6 +77,20 @@ std::string with_article(const std::string& type) {
   return (begins_with_vowel ? "an " : "a ") + type;
 }
 
+/// Replaces each byte beyond ASCII in the strings. The validator counts their characters, and bytes
+/// that only continue one lead its count out of its tables.
+void make_ascii(Json::Value& value) {
+  if (value.isString()) {
+    std::string text = value.asString();
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return (c & 0x80) != 0; }, '?');
+    value = text;
+  }
+  for (Json::Value& inner : value) {
+    make_ascii(inner);
+  }
+}
+
 /// The validator's words are about the schema; an administrator asks about the document.
 std::string explain(const std::string& description, const Place& place) {
   if (begins_with(description, "Value type not permitted") && place.value && place.schema) {
@@ -116,8 +130,10 @@ std::vector<Fault> schema_faults(const Json::Value& document, const char* schema
   }
   valijson::Schema schema;
   valijson::SchemaParser().populateSchema(JsonCppAdapter(schema_document), schema);
+  Json::Value to_validate = document;
+  make_ascii(to_validate);
   valijson::ValidationResults results;
-  valijson::Validator().validate(schema, JsonCppAdapter(document), &results);
+  valijson::Validator().validate(schema, JsonCppAdapter(to_validate), &results);
 
   std::vector<Fault> faults;
   for (const valijson::ValidationResults::Error& error : results) {
