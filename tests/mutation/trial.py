@@ -173,7 +173,7 @@ def lines_run(program, case, folder):
 
 
 def protect_devices():
-    """The device files are the host's own, and a mutant has changed the mode of one."""
+    """The device files are the host's own; run by root, a mutant could change their modes."""
     for name in ("null", "zero", "full", "random", "urandom", "tty"):
         subprocess.run(["mount", "-o", "remount,bind,ro", f"/dev/{name}"], check=True)
 
