@@ -285,7 +285,8 @@ class Inheritance : public Security {
     Security::SetUp();
     write_program(kReloader, kCuriousReloader);
     join_web();
-    ASSERT_EQ(::dup2(::open("/usr/kelo", O_RDONLY), 100), 100);  // without O_CLOEXEC
+    inheritable_ = ::open("/usr/kelo", O_RDONLY);  // without O_CLOEXEC
+    ASSERT_EQ(::dup2(inheritable_, 100), 100);
     sigset_t signals;
     ::sigfillset(&signals);
     ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &signals, nullptr), 0);
@@ -293,11 +294,20 @@ class Inheritance : public Security {
     ASSERT_NE(::signal(SIGHUP, SIG_IGN), SIG_ERR);
   }
 
+  void TearDown() override {
+    ::close(100);
+    ::close(inheritable_);
+    Security::TearDown();
+  }
+
   static void expect_nothing_inherited() {
     // 3 is the listing's own.
     EXPECT_EQ(read_file("/tmp/inherited"), "0\n1\n2\n3\nSigBlk:\t0000000000000000\n");
     remove_all("/tmp/inherited");
   }
+
+ private:
+  int inheritable_ = -1;
 };
 
 TEST_F(Inheritance, IsNothingFromACallerOfTheLibrary) {
