@@ -101,6 +101,12 @@ class InFolder : public testing::Test {
 
   void TearDown() override { fs::remove_all(folder_); }
 
+  // For the next case of a table.
+  void start_afresh() {
+    TearDown();
+    SetUp();
+  }
+
   static void write(const fs::path& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
   }
@@ -139,8 +145,6 @@ struct Case {
   std::string want;
 };
 
-std::ostream& operator<<(std::ostream& out, const Case& tested) { return out << tested.name; }
-
 Case read_case(const std::string& module, const Json::Value& entry) {
   Case read{module + "_" + entry["name"].asString(),
             entry["template"].asString(),
@@ -165,22 +169,22 @@ std::vector<Case> read_cases() {
   return cases;
 }
 
-class MustacheLanguage : public InFolder, public testing::WithParamInterface<Case> {};
+using MustacheLanguage = InFolder;
 
-TEST_P(MustacheLanguage, RendersAsTheTableSays) {
-  const Case& tested = GetParam();
-  for (const auto& [name, text] : tested.partials) {
-    write_partial(name, text);
+TEST_F(MustacheLanguage, RendersAsTheTableSays) {
+  for (const Case& tested : read_cases()) {
+    SCOPED_TRACE(tested.name);
+    start_afresh();
+    for (const auto& [name, text] : tested.partials) {
+      write_partial(name, text);
+    }
+
+    const bool rendered = render_text(tested.text, tested.data);
+
+    EXPECT_TRUE(rendered) << "template: " << tested.text;
+    EXPECT_EQ(output(), tested.want) << "template: " << tested.text;
   }
-
-  const bool rendered = render_text(tested.text, tested.data);
-
-  EXPECT_TRUE(rendered) << "template: " << tested.text;
-  EXPECT_EQ(output(), tested.want) << "template: " << tested.text;
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, MustacheLanguage, testing::ValuesIn(read_cases()),
-                         [](const auto& tested) { return tested.param.name; });
 
 TEST(MustacheTable, CoversEveryModuleUnderNamesOfItsOwn) {
   std::set<std::string> modules;
@@ -202,8 +206,6 @@ struct Malformed {
   const char* name;
   const char* text;
 };
-
-std::ostream& operator<<(std::ostream& out, const Malformed& tested) { return out << tested.name; }
 
 const Malformed kMalformed[] = {
     {"UnclosedTag", "a {{name"},
@@ -290,35 +292,45 @@ class WithOldOutput : public InFolder {
   fs::file_time_type before_;
 };
 
-class MalformedTemplate : public WithOldOutput, public testing::WithParamInterface<Malformed> {};
+using MalformedTemplate = WithOldOutput;
 
-TEST_P(MalformedTemplate, IsRefusedAndLeavesTheOutputAlone) {
-  const bool rendered = render_text(GetParam().text, kData);
+TEST_F(MalformedTemplate, IsRefusedAndLeavesTheOutputAlone) {
+  for (const Malformed& tested : kMalformed) {
+    SCOPED_TRACE(tested.name);
+    start_afresh();
 
-  EXPECT_FALSE(rendered) << "template: " << GetParam().text;
-  expect_untouched();
+    const bool rendered = render_text(tested.text, kData);
+
+    EXPECT_FALSE(rendered) << "template: " << tested.text;
+    expect_untouched();
+  }
 }
 
-TEST_P(MalformedTemplate, IsRefusedAsAPartialThatIsReached) {
-  write_partial("bad", GetParam().text);
+TEST_F(MalformedTemplate, IsRefusedAsAPartialThatIsReached) {
+  for (const Malformed& tested : kMalformed) {
+    SCOPED_TRACE(tested.name);
+    start_afresh();
+    write_partial("bad", tested.text);
 
-  const bool rendered = render_text("a\n{{>bad}}\nb\n", kData);
+    const bool rendered = render_text("a\n{{>bad}}\nb\n", kData);
 
-  EXPECT_FALSE(rendered) << "partial: " << GetParam().text;
-  expect_untouched();
+    EXPECT_FALSE(rendered) << "partial: " << tested.text;
+    expect_untouched();
+  }
 }
 
-TEST_P(MalformedTemplate, DoesNotMatterAsAPartialThatIsNotReached) {
-  write_partial("bad", GetParam().text);
+TEST_F(MalformedTemplate, DoesNotMatterAsAPartialThatIsNotReached) {
+  for (const Malformed& tested : kMalformed) {
+    SCOPED_TRACE(tested.name);
+    start_afresh();
+    write_partial("bad", tested.text);
 
-  const bool rendered = render_text("a{{#off}}{{>bad}}{{/off}}b", kData);
+    const bool rendered = render_text("a{{#off}}{{>bad}}{{/off}}b", kData);
 
-  EXPECT_TRUE(rendered);
-  EXPECT_EQ(output(), "ab");
+    EXPECT_TRUE(rendered);
+    EXPECT_EQ(output(), "ab");
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, MalformedTemplate, testing::ValuesIn(kMalformed),
-                         [](const auto& tested) { return std::string(tested.param.name); });
 
 // ---- Limits ----
 
