@@ -409,8 +409,9 @@ class Services : public Appliance {
     configuration.replace(configuration.find(port), port.size(), ":" + std::to_string(nginx_port_));
     write_file(kNginxConfiguration, configuration);
     nginx_ = std::make_unique<Process>(nginx_command("daemon off;"), "/tmp/nginx.out");
-    ASSERT_TRUE(eventually([&] { return connect_to(nginx_port_).has_value(); }))
-        << "nginx did not start";
+    // It listens before its process identifier is on file and before it has workers; a reload that
+    // came in between would reach nobody.
+    ASSERT_TRUE(eventually([&] { return !nginx_workers().empty(); })) << "nginx did not start";
   }
 
   /// The tree's only user is root, so nginx's workers run as root too.
