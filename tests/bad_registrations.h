@@ -3,10 +3,8 @@
 #ifndef KELOTLS_TESTS_BAD_REGISTRATIONS_H
 #define KELOTLS_TESTS_BAD_REGISTRATIONS_H
 
-#include <gtest/gtest.h>
 #include <json/value.h>
 
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,18 +14,9 @@
 namespace kelotls::test {
 
 struct BadRegistration {
-  std::string name;  // a word, for the name of a test
+  std::string name;  // for whoever reads of a failure
   Json::Value registration;
 };
-
-inline std::ostream& operator<<(std::ostream& stream, const BadRegistration& bad) {
-  return stream << bad.name;
-}
-
-/// For INSTANTIATE_TEST_SUITE_P.
-inline std::string name_of_kind(const ::testing::TestParamInfo<BadRegistration>& tested) {
-  return tested.param.name;
-}
 
 /// A value of each JSON type, and the corners of it.
 inline const std::vector<std::pair<std::string, std::string>>& json_values() {
