@@ -29,16 +29,18 @@ void require(bool succeeded, const char* what) {
 
 using KeyMaker = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
 
-/// strength: of an RSA key its bits, of any other its curve.
+/// strength: of an RSA key its bits, of any other its curve. An RSA key gets three primes, which
+/// are found in a third of the time that two take and are as good to a client.
 KeyOwner make_key(int kind, int strength) {
   const KeyMaker maker(EVP_PKEY_CTX_new_id(kind, nullptr));
   require(maker != nullptr && EVP_PKEY_keygen_init(maker.get()) == 1, "no key can be made");
-  require(
-      (kind == EVP_PKEY_RSA ? EVP_PKEY_CTX_set_rsa_keygen_bits(maker.get(), strength)
-                            : EVP_PKEY_CTX_set_ec_paramgen_curve_nid(maker.get(), strength)) == 1,
-      "no key of this strength can be made");
+  EVP_PKEY_CTX* const raw = maker.get();
+  require(kind == EVP_PKEY_RSA ? EVP_PKEY_CTX_set_rsa_keygen_bits(raw, strength) == 1 &&
+                                     EVP_PKEY_CTX_set_rsa_keygen_primes(raw, 3) == 1
+                               : EVP_PKEY_CTX_set_ec_paramgen_curve_nid(raw, strength) == 1,
+          "no key of this strength can be made");
   EVP_PKEY* key = nullptr;
-  require(EVP_PKEY_keygen(maker.get(), &key) == 1, "no key can be made");
+  require(EVP_PKEY_keygen(raw, &key) == 1, "no key can be made");
   return KeyOwner(key);
 }
 
