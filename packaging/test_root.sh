@@ -40,7 +40,8 @@ make_bare_root() {
   mkdir -p "$bare.incomplete"
   mmdebstrap --variant=essential --include="${root_packages[*]}" \
     --keyring=/usr/share/keyrings/debian-archive-keyring.gpg \
-    --dpkgopt='path-exclude=/usr/share/locale/*' --quiet bookworm - "deb $address bookworm main" |
+    --dpkgopt='path-exclude=/usr/share/locale/*' --dpkgopt=force-unsafe-io --quiet \
+    bookworm - "deb $address bookworm main" |
     tar -C "$bare.incomplete" -xf - --no-same-owner --exclude='./dev/*'
   echo "${root_packages[*]}" > "$bare.incomplete.contents"
   mv "$bare.incomplete" "$bare"

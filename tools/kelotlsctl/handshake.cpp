@@ -76,11 +76,12 @@ const Identity& throw_away_identity() {
   return identity;
 }
 
-/// Stronger keys where the security level asks for them, as the service's own would be; but level
-/// 4 would ask for 7680 bits of RSA, which nobody has.
+/// As strong as the security level asks for and no stronger; but level 4 would ask for 7680 bits of
+/// RSA, which nobody has.
 const Identity& rsa_identity(int security_level) {
-  return security_level < 3 ? throw_away_identity<EVP_PKEY_RSA, 2048>()
-                            : throw_away_identity<EVP_PKEY_RSA, 3072>();
+  return security_level < 2   ? throw_away_identity<EVP_PKEY_RSA, 1024>()
+         : security_level < 3 ? throw_away_identity<EVP_PKEY_RSA, 2048>()
+                              : throw_away_identity<EVP_PKEY_RSA, 3072>();
 }
 
 const Identity& ecdsa_identity(int security_level) {
