@@ -1,6 +1,6 @@
 // Measures each operation of the library beside its floor and writes what it found.
 //
-//   bench RESULTS.json ROUNDS DISK_FOLDER [--benchmark_...]
+//   bench RESULTS.json ROUNDS DISK_DIRECTORY [--benchmark_...]
 //
 // A benchmark is one operation at one size. Library and floor take turns in it, so that whatever
 // disturbs the machine disturbs both; the ratio is the median of those of the single rounds, since
@@ -23,10 +23,10 @@
 #include <string>
 #include <vector>
 
-#include "appliance.h"
 #include "heap.h"
 #include "operations.h"
 #include "places.h"
+#include "private_tree.h"
 
 namespace kelotls::bench {
 
@@ -179,9 +179,9 @@ Json::Value measure_memory() {
   return memory;
 }
 
-std::string file_system_of(const std::string& folder) {
+std::string file_system_of(const std::string& directory) {
   struct statfs status = {};
-  require(::statfs(folder.c_str(), &status) == 0, folder);
+  require(::statfs(directory.c_str(), &status) == 0, directory);
   const std::map<long, std::string> names = {{0xEF53, "ext4"},
                                              {0x01021994, "tmpfs"},
                                              {0x58465342, "xfs"},
@@ -223,7 +223,7 @@ Json::Value machine() {
 int main(int argc, char** argv) {
   using namespace kelotls::bench;
   benchmark::Initialize(&argc, argv);
-  require(argc == 4, "usage: bench RESULTS.json ROUNDS DISK_FOLDER [--benchmark_...]");
+  require(argc == 4, "usage: bench RESULTS.json ROUNDS DISK_DIRECTORY [--benchmark_...]");
   make_places(argv[3]);
   Json::Value results;
   results["machine"] = machine();

@@ -99,9 +99,9 @@ void replace(const std::string& path, const std::string& text) {
   const std::string temporary = path + ".new";
   write_text(temporary, O_EXCL, text);
   require(::rename(temporary.c_str(), path.c_str()) == 0, path);
-  const int folder = ::open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_CLOEXEC);
-  require(folder >= 0 && ::fsync(folder) == 0, path);
-  ::close(folder);
+  const int directory = ::open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_CLOEXEC);
+  require(directory >= 0 && ::fsync(directory) == 0, path);
+  ::close(directory);
 }
 
 void save(const Places& places, const Json::Value& root) {
@@ -119,10 +119,10 @@ int stored_level(const Places& places, const std::string& service) {
   return level_of(root, *services.find(service.data(), service.data() + service.size()));
 }
 
-std::vector<std::string> names_in(const std::string& folder) {
+std::vector<std::string> names_in(const std::string& directory) {
   std::vector<std::string> names;
-  DIR* const directory = ::opendir(folder.c_str());
-  require(directory != nullptr, folder);
+  DIR* const directory = ::opendir(directory.c_str());
+  require(directory != nullptr, directory);
   while (const dirent* const entry = ::readdir(directory)) {
     if (entry->d_type == DT_REG) {
       names.emplace_back(entry->d_name);

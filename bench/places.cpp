@@ -1,4 +1,4 @@
-// Owns the measurements' folders and the data in them.
+// Owns the measurements' directories and the data in them.
 #include "places.h"
 
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <iostream>
 
-#include "appliance.h"
+#include "private_tree.h"
 
 namespace kelotls::bench {
 
@@ -35,9 +35,9 @@ constexpr char kTemplateText[] =
     "ssl_dhparam /usr/kelo/etc/ssl/dh1024.pem;\n{{/mozilla_old}}\n"
     "ssl_session_tickets off;\nssl_prefer_server_ciphers off;\n";
 
-void mount_at(const std::string& folder, const char* source, const char* type,
+void mount_at(const std::string& directory, const char* source, const char* type,
               unsigned long flags) {
-  require(::mount(source, folder.c_str(), type, flags, nullptr) == 0, "mount at " + folder);
+  require(::mount(source, directory.c_str(), type, flags, nullptr) == 0, "mount at " + directory);
 }
 
 Json::Value element(int number) {
@@ -69,7 +69,7 @@ std::map<std::string, std::string> content_below(const std::string& top) {
   return content;
 }
 
-std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+std::string directory_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
 }  // namespace
 
@@ -94,20 +94,22 @@ void require(bool condition, const std::string& what) {
   }
 }
 
-void make_places(const std::string& disk_folder) {
-  require(std::getenv("KELOTLS_APPLIANCE") != nullptr, "start this through tests/in_appliance");
-  test::make_folders(kData);
-  if (!disk_folder.empty()) {
-    test::remove_all(disk_folder);
-    test::make_folders(disk_folder);
-    mount_at(kData, disk_folder.c_str(), nullptr, MS_BIND);
+void make_places(const std::string& disk_directory) {
+  require(std::getenv("KELOTLS_PRIVATE_TREE") != nullptr,
+          "start this through tests/bed/in_private_tree");
+  test::make_directories(kData);
+  if (!disk_directory.empty()) {
+    test::remove_all(disk_directory);
+    test::make_directories(disk_directory);
+    mount_at(kData, disk_directory.c_str(), nullptr, MS_BIND);
   }
-  test::make_folders(test::kSystemReloaders);  // stays empty, but is listed
-  test::make_folders(test::kSslDir);
-  test::write_file(std::string(test::kSslDir) + "dh2048.pem", test::test_data("data/dh2048.pem"));
+  test::make_directories(test::kSystemReloaders);  // stays empty, but is listed
+  test::make_directories(test::kSslDir);
+  test::write_file(std::string(test::kSslDir) + "dh2048.pem",
+                   test::test_data("bed/data/dh2048.pem"));
   for (const Places& places : {library_places(), floor_places()}) {
-    for (const std::string& folder : {places.services, places.config, places.reloaders}) {
-      test::make_folders(folder);
+    for (const std::string& directory : {places.services, places.config, places.reloaders}) {
+      test::make_directories(directory);
     }
     mount_at(places.config, "none", "tmpfs", 0);
   }
@@ -164,7 +166,7 @@ void write_descriptors(int services) {
 }
 
 void write_template() {
-  test::make_folders(folder_of(kTemplate));
+  test::make_directories(directory_of(kTemplate));
   test::write_file(kTemplate, kTemplateText);
 }
 
@@ -176,24 +178,24 @@ void write_reloaders(int reloaders) {
 
 void remove_service_files() {
   for (const Places& places : {library_places(), floor_places()}) {
-    for (const std::string& folder : {places.services, places.config, places.reloaders}) {
-      for (const std::string& name : test::names_in(folder)) {
-        require(::unlink((folder + name).c_str()) == 0, "unlink " + folder + name);
+    for (const std::string& directory : {places.services, places.config, places.reloaders}) {
+      for (const std::string& name : test::names_in(directory)) {
+        require(::unlink((directory + name).c_str()) == 0, "unlink " + directory + name);
       }
     }
   }
 }
 
 bool same_files() {
-  return content_below(folder_of(library_places().data_store)) ==
-             content_below(folder_of(floor_places().data_store)) &&
+  return content_below(directory_of(library_places().data_store)) ==
+             content_below(directory_of(floor_places().data_store)) &&
          content_below(library_places().reloaders) == content_below(floor_places().reloaders);
 }
 
 void settle_disk() {
-  const int folder = ::open(kData, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  require(folder >= 0 && ::syncfs(folder) == 0, "syncfs");
-  ::close(folder);
+  const int directory = ::open(kData, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  require(directory >= 0 && ::syncfs(directory) == 0, "syncfs");
+  ::close(directory);
 }
 
 }  // namespace kelotls::bench

@@ -22,9 +22,10 @@ const Places& floor_places();
 /// Ends the program unless the condition holds.
 void require(bool condition, const std::string& what);
 
-/// The data below /usr/kelo/etc goes to this folder of the host, on its disk; rendered files stay
-/// in memory. Needs the namespace of tests/in_appliance. Empty: everything stays in memory.
-void make_places(const std::string& disk_folder);
+/// The data below /usr/kelo/etc goes to this directory of the host, on its disk; rendered files
+/// stay in memory. Needs the namespace of tests/bed/in_private_tree. Empty: everything stays in
+/// memory.
+void make_places(const std::string& disk_directory);
 
 /// "service-00006" for 6; its level is 6 % 4, so this one's is 2.
 std::string service_name(int number);

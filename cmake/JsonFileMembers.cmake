@@ -1,7 +1,7 @@
 # Gives the library's own units a copy of jsoncpp's headers in which Json::Value has the two
 # whole-file operations as members. Callers use the stock headers; the members are not exported.
 #
-# Sets KELOTLS_JSON_INCLUDE_DIR, the folder to put before jsoncpp's own.
+# Sets KELOTLS_JSON_INCLUDE_DIR, the directory to put before jsoncpp's own.
 
 find_path(JSONCPP_HEADER_DIR json/value.h HINTS ${JSONCPP_INCLUDE_DIRS} REQUIRED)
 set(KELOTLS_JSON_INCLUDE_DIR ${CMAKE_CURRENT_BINARY_DIR}/json_with_file_members)

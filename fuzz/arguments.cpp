@@ -1,6 +1,6 @@
 // Any command line, one argument a line; what follows a line that reads "%%" is the standard input.
-// The command runs on a small framework and in an empty folder of its own: its exit code is one of
-// the documented, what it says is where it belongs, and what should write nothing does not.
+// The command runs on a small framework and in an empty directory of its own: its exit code is one
+// of the documented, what it says is where it belongs, and what should write nothing does not.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -9,15 +9,15 @@
 #include <iostream>
 #include <utility>
 
-#include "appliance.h"
 #include "command_line.h"
 #include "failure.h"
 #include "harness.h"
+#include "private_tree.h"
 
 namespace kelotls::fuzz {
 namespace {
 
-constexpr char kWorkingFolder[] = "/usr/kelo/working-folder";
+constexpr char kWorkingDirectory[] = "/usr/kelo/working-directory";
 
 /// A file in memory in the place of a standard descriptor.
 class Redirection {
@@ -56,15 +56,15 @@ class Redirection {
 
 void make_framework() {
   using namespace test;
-  for (const char* folder :
-       {"/usr/kelo/etc", kSystemReloaders, kPackageReloaders, kWorkingFolder}) {
-    remove_all(folder);
+  for (const char* directory :
+       {"/usr/kelo/etc", kSystemReloaders, kPackageReloaders, kWorkingDirectory}) {
+    remove_all(directory);
   }
-  for (const char* folder :
-       {kServices, kConfig, kSystemReloaders, kPackageReloaders, kWorkingFolder}) {
-    make_folders(folder);
+  for (const char* directory :
+       {kServices, kConfig, kSystemReloaders, kPackageReloaders, kWorkingDirectory}) {
+    make_directories(directory);
   }
-  require(::chdir(kWorkingFolder) == 0, "the folder can be entered");
+  require(::chdir(kWorkingDirectory) == 0, "the directory can be entered");
   write_file(kDataStore, data_store_text(1, {{"one", "1"}, {"two", "0"}}));
   write_file("/usr/kelo/one.mustache", "{{#mozilla_modern}}modern{{/mozilla_modern}}\n");
   write_file(

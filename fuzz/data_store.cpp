@@ -8,10 +8,10 @@
 #include <cerrno>
 #include <optional>
 
-#include "appliance.h"
 #include "harness.h"
 #include "internal.h"
 #include "json_grammar.h"
+#include "private_tree.h"
 #include "rules.h"
 
 namespace kelotls::fuzz {

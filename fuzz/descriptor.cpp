@@ -6,9 +6,9 @@
 
 #include <cerrno>
 
-#include "appliance.h"
 #include "harness.h"
 #include "json_grammar.h"
+#include "private_tree.h"
 #include "rules.h"
 
 namespace kelotls::fuzz {
@@ -93,7 +93,7 @@ Json::Value merged(const ServiceDesc& record) {
 void check_regeneration(Verdict verdict, const ServiceDesc& record) {
   int result = 0;
   const bool raised = raises([&] { result = APIProvider().regen_framework_config(); });
-  require(result == 0, "regeneration of a folder that can be listed succeeds");
+  require(result == 0, "regeneration of a directory that can be listed succeeds");
   require(raised == (verdict == Verdict::kRaises), "a list or an object for a text raises");
   if (raised) {
     require(test::read_file(kDataStore) == kStore, "a call that raises writes nothing");

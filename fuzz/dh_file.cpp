@@ -15,9 +15,9 @@
 #include <set>
 #include <utility>
 
-#include "appliance.h"
 #include "harness.h"
 #include "kelotls/api_provider.h"
+#include "private_tree.h"
 
 namespace {
 

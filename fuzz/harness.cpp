@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "appliance.h"
+#include "private_tree.h"
 
 namespace kelotls::fuzz {
 
@@ -53,11 +53,11 @@ std::string_view take_part(std::string_view& input) {
 }  // namespace kelotls::fuzz
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelotls::fuzz::require(std::getenv("KELOTLS_APPLIANCE") != nullptr,
-                         "a fuzzer is started through tests/in_appliance");
+  kelotls::fuzz::require(std::getenv("KELOTLS_PRIVATE_TREE") != nullptr,
+                         "a fuzzer is started through tests/bed/in_private_tree");
   using namespace kelotls::test;
-  for (const char* folder : {kServices, kConfig, kSystemReloaders, kPackageReloaders, kSslDir}) {
-    make_folders(folder);
+  for (const char* directory : {kServices, kConfig, kSystemReloaders, kPackageReloaders, kSslDir}) {
+    make_directories(directory);
   }
   return 0;
 }

@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <map>
 
-#include "appliance.h"
 #include "harness.h"
+#include "private_tree.h"
 #include "rules.h"
 
 namespace kelotls::fuzz {
@@ -47,9 +47,9 @@ struct Tree {
 /// The files as they are, and "-> " with the target of each link.
 using Files = std::map<std::string, std::string>;
 
-void add_files(Files& files, const std::string& folder) {
-  for (const std::string& name : test::names_in(folder)) {
-    const std::string path = folder + name;
+void add_files(Files& files, const std::string& directory) {
+  for (const std::string& name : test::names_in(directory)) {
+    const std::string path = directory + name;
     char target[4097];
     const ssize_t length = ::readlink(path.c_str(), target, sizeof target);
     files[path] = length < 0 ? test::read_file(path)
@@ -59,17 +59,17 @@ void add_files(Files& files, const std::string& folder) {
 
 Files read_files() {
   Files files;
-  for (const char* folder : {kServices, kConfig, kPackageReloaders}) {
-    add_files(files, folder);
+  for (const char* directory : {kServices, kConfig, kPackageReloaders}) {
+    add_files(files, directory);
   }
   files[kDataStore] = test::read_file(kDataStore);
   return files;
 }
 
 Files make_files() {
-  for (const char* folder : {kServices, kConfig, kPackageReloaders}) {
-    test::remove_all(folder);
-    test::make_folders(folder);
+  for (const char* directory : {kServices, kConfig, kPackageReloaders}) {
+    test::remove_all(directory);
+    test::make_directories(directory);
   }
   test::remove_all(kDataStore);
   test::write_file(kDataStore, kStore);
@@ -88,12 +88,12 @@ Tree tree_of(const Files& files) {
   Tree tree;
   for (const auto& [path, text] : files) {
     const std::string name = path.substr(path.rfind('/') + 1);
-    const std::string folder = path.substr(0, path.rfind('/') + 1);
-    if (folder == kServices) {
+    const std::string directory = path.substr(0, path.rfind('/') + 1);
+    if (directory == kServices) {
       require(parse(text, tree.descriptors[name]), "a descriptor file is JSON");
-    } else if (folder == kPackageReloaders) {
+    } else if (directory == kPackageReloaders) {
       tree.links[name] = text.substr(3);
-    } else if (folder == kConfig) {
+    } else if (directory == kConfig) {
       tree.rendered[name] = text;
     }
   }
@@ -104,7 +104,7 @@ std::string text_under(const Json::Value& service, const char* key) {
   return service.get(key, "").asString();
 }
 
-/// Whether the name of a service names files in the framework's own folders.
+/// Whether the name of a service names files in the framework's own directories.
 bool is_plain(const Json::Value& service) {
   const std::string name = text_under(service, "service");
   const std::string target = text_under(service, "reloader-path");
@@ -113,7 +113,7 @@ bool is_plain(const Json::Value& service) {
 }
 
 /// Asked of any registration: one that is refused must not leave a file anywhere either, but only
-/// the framework's own folders are looked at.
+/// the framework's own directories are looked at.
 bool all_are_plain(const Json::Value& registration) {
   if (judge_leaving(registration) != Verdict::kAccepted) {
     return true;

@@ -3,23 +3,23 @@
 #include <filesystem>
 #include <string>
 
-#include "appliance.h"
 #include "harness.h"
+#include "private_tree.h"
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 int main(int argc, char** argv) {
   if (argc != 2) {
-    std::fprintf(stderr, "usage: %s CORPUS-FOLDER\n", argv[0]);
+    std::fprintf(stderr, "usage: %s CORPUS-DIRECTORY\n", argv[0]);
     return 2;
   }
-  const std::string folder = std::filesystem::absolute(argv[1]);  // a fuzzer may go elsewhere
+  const std::string directory = std::filesystem::absolute(argv[1]);  // a fuzzer may go elsewhere
   LLVMFuzzerInitialize(&argc, &argv);
   int count = 0;
-  for (const std::string& name : kelotls::test::names_in(folder)) {
+  for (const std::string& name : kelotls::test::names_in(directory)) {
     std::printf("%s\n", name.c_str());
     std::fflush(stdout);  // the last one shown is the one that failed
-    const std::string input = kelotls::test::read_file(folder + "/" + name);
+    const std::string input = kelotls::test::read_file(directory + "/" + name);
     LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
     ++count;
   }

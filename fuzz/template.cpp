@@ -5,15 +5,15 @@
 
 #include <algorithm>
 
-#include "appliance.h"
 #include "harness.h"
+#include "private_tree.h"
 
 namespace kelotls::fuzz {
 namespace {
 
-const std::string kFolder = "/usr/kelo/templates/";
-const std::string kTemplate = kFolder + "main.mustache";
-const std::string kOutput = kFolder + "output";
+const std::string kDirectory = "/usr/kelo/templates/";
+const std::string kTemplate = kDirectory + "main.mustache";
+const std::string kOutput = kDirectory + "output";
 constexpr char kOldOutput[] = "what was there before\n";
 constexpr std::size_t kMaxNesting = 64;
 constexpr std::size_t kMaxOutput = std::size_t{16} << 20;
@@ -76,10 +76,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string_view input = text_of(data, size);
   std::vector<Json::Value> contexts = contexts_of(take_part(input));
   const std::string text(take_part(input));
-  test::make_folders(kFolder);
+  test::make_directories(kDirectory);
   test::write_file(kTemplate, text);
   for (const std::string name : {"a", "b", "c"}) {
-    test::write_file(kFolder + name + ".mustache", std::string(take_part(input)));
+    test::write_file(kDirectory + name + ".mustache", std::string(take_part(input)));
   }
   const Rendered rendered = render(contexts);
 
@@ -92,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(
       !had_context || (again.succeeded == rendered.succeeded && again.output == rendered.output),
       "an empty context below the others changes nothing");
-  require(test::names_in(kFolder) ==
+  require(test::names_in(kDirectory) ==
               test::Lines{"a.mustache", "b.mustache", "c.mustache", "main.mustache", "output"},
           "rendering makes no other file");
   return 0;

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2034,SC2154  # what the scripts that source this set and use
 # A Debian root in which the packages are installed and tried, without network and without a trace
-# on the machine; sourced by tests/check_packages and scripts/record with $project set. Works for
+# on the machine; sourced by tests/checks/packages and scripts/record with $project set. Works for
 # root and for an ordinary user alike.
 #
 # Below build/packages: root, the bare root, made once; test-root, a copy that a test may spoil.

@@ -1,4 +1,4 @@
-// Owns the string lists, the folder listing that fills them, and the running of programs.
+// Owns the string lists, the directory listing that fills them, and the running of programs.
 #include "kelocore.h"
 
 #include <dirent.h>

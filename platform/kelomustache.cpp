@@ -434,8 +434,8 @@ std::string real_text(double number) {
 
 class Renderer {
  public:
-  Renderer(std::string folder, const std::vector<Json::Value>& contexts)
-      : folder_(std::move(folder)) {
+  Renderer(std::string directory, const std::vector<Json::Value>& contexts)
+      : directory_(std::move(directory)) {
     for (const Json::Value& context : contexts) {
       contexts_.push_back(&context);
     }
@@ -546,7 +546,7 @@ class Renderer {
       return &known->second;
     }
     Template& partial = partials_[std::string(name)];
-    const std::string path = folder_ + std::string(name) + ".mustache";
+    const std::string path = directory_ + std::string(name) + ".mustache";
     return load_template(path, partial) == Loaded::kRefused ? nullptr : &partial;
   }
 
@@ -658,7 +658,7 @@ class Renderer {
     return put(rest);
   }
 
-  std::string folder_;
+  std::string directory_;
   std::vector<const Json::Value*> contexts_;  // the stack, top last
   std::map<std::string, Template, std::less<>> partials_;
   std::string output_;
@@ -666,7 +666,7 @@ class Renderer {
   std::size_t steps_ = 0;
 };
 
-std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+std::string directory_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
 bool render_to_file(const std::string& template_path, const std::vector<Json::Value>& contexts,
                     const std::string& output_path) {
@@ -674,7 +674,7 @@ bool render_to_file(const std::string& template_path, const std::vector<Json::Va
   if (load_template(template_path, whole) != Loaded::kWhole) {
     return false;
   }
-  Renderer renderer(folder_of(template_path), contexts);
+  Renderer renderer(directory_of(template_path), contexts);
   return renderer.render(whole) && save_text(output_path, renderer.output());
 }
 

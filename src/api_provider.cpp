@@ -78,16 +78,17 @@ bool configure_context(SSL_CTX* context, const Profile& profile) {
 
 // Files of a service
 
-std::string service_file(const char* folder, const std::string& name) {
-  return folder + name + ".conf";
+std::string service_file(const char* directory, const std::string& name) {
+  return directory + name + ".conf";
 }
 
 Names make_names() { return Names(KLIBCSzListAlloc(1024)); }
 
-/// Adds the names in a folder. The platform may move the list. Negative when it cannot be listed.
-int list_folder(const char* folder, Names& names) {
+/// Adds the names in a directory. The platform may move the list. Negative when it cannot be
+/// listed.
+int list_directory(const char* directory, Names& names) {
   KLIBCSzList* list = names.release();
-  const int result = KLIBCFileEnumDir(folder, nullptr, &list, 0x80);
+  const int result = KLIBCFileEnumDir(directory, nullptr, &list, 0x80);
   names.reset(list);
   return result;
 }
@@ -116,18 +117,18 @@ std::vector<ServiceDesc> read_descriptors(const KLIBCSzList* names) {
   return services;
 }
 
-/// The paths of all reloaders, the base system's first. False once a folder that cannot be listed
-/// is logged.
+/// The paths of all reloaders, the base system's first. False once a directory that cannot be
+/// listed is logged.
 bool collect_reloaders(std::vector<std::string>& paths) {
   Names names = make_names();
-  for (const char* folder : {kSystemReloaderDir, kPackageReloaderDir}) {
-    if (list_folder(folder, names) < 0) {
-      log::reloaders_not_listed(kConfigDir);  // whichever folder it was
+  for (const char* directory : {kSystemReloaderDir, kPackageReloaderDir}) {
+    if (list_directory(directory, names) < 0) {
+      log::reloaders_not_listed(kConfigDir);  // whichever directory it was
       leak_on_purpose(names);
       return false;
     }
     for (int32_t index = 0; index < names->count; ++index) {
-      paths.push_back(std::string(folder) + KLIBCSzListGet(names.get(), index));
+      paths.push_back(std::string(directory) + KLIBCSzListGet(names.get(), index));
     }
     KLIBCSzListRemoveAll(names.get());
   }
@@ -328,7 +329,7 @@ int APIProvider::install_service_descriptor(const std::string& name, const Servi
   const std::string path = service_file(kServicesDir, name);
   const Json::Value descriptor = desc.to_json();
   errno = 0;
-  // In place: whoever lists the folder reads every file there, a temporary one too.
+  // In place: whoever lists the directory reads every file there, a temporary one too.
   if (!descriptor.toFile(path, true)) {
     log::descriptor_not_installed(path);
     return -1;
@@ -348,8 +349,8 @@ int APIProvider::uninstall_service_descriptor(const std::string& name) const {
 
 int APIProvider::regen_framework_config() const {
   Names names = make_names();
-  if (list_folder(kServicesDir, names) < 0) {
-    log::descriptors_not_listed(kConfigDir);  // not the folder that failed; the text is kept
+  if (list_directory(kServicesDir, names) < 0) {
+    log::descriptors_not_listed(kConfigDir);  // not the directory that failed; the text is kept
     return -1;
   }
   Json::Value root = load_data_store();

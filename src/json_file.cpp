@@ -150,8 +150,8 @@ bool write_in_place(const std::string& path, const std::string& text) {
   return file.is_open() && write_all(file.get(), text) && sync_to_disk(file.get()) && file.close();
 }
 
-/// The folder's part of a path, its slash included; empty for a bare name.
-std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+/// The directory's part of a path, its slash included; empty for a bare name.
+std::string directory_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
 /// Replaces the path by the one that its links lead to. The status is that of what stands there,
 /// with mode 0 where nothing does.
@@ -173,7 +173,7 @@ bool follow_links(std::string& path, struct stat& status) {
     if (name.compare(0, 1, "/") == 0) {
       path.clear();
     }
-    path.replace(folder_of(path).size(), std::string::npos, name);
+    path.replace(directory_of(path).size(), std::string::npos, name);
   }
   return fail(ELOOP);
 }
@@ -181,14 +181,14 @@ bool follow_links(std::string& path, struct stat& status) {
 /// A new file beside the one that it is to replace, removed again unless it was renamed.
 class Temporary {
  public:
-  Temporary(int folder, const std::string& target, mode_t mode)
-      : folder_(folder), file_(create(target, mode)) {}
+  Temporary(int directory, const std::string& target, mode_t mode)
+      : directory_(directory), file_(create(target, mode)) {}
   Temporary(const Temporary&) = delete;
   Temporary& operator=(const Temporary&) = delete;
   ~Temporary() {
     if (!name_.empty()) {
       const int error = errno;
-      ::unlinkat(folder_, name_.c_str(), 0);
+      ::unlinkat(directory_, name_.c_str(), 0);
       errno = error;
     }
   }
@@ -196,7 +196,7 @@ class Temporary {
   Descriptor& file() { return file_; }
 
   bool rename_to(const std::string& target) {
-    if (::renameat(folder_, name_.c_str(), folder_, target.c_str()) != 0) {
+    if (::renameat(directory_, name_.c_str(), directory_, target.c_str()) != 0) {
       return false;
     }
     name_.clear();
@@ -210,7 +210,7 @@ class Temporary {
       static_cast<void>(std::snprintf(ending, sizeof ending, ".%d-%d", ::getpid(), attempt));
       std::string name = target + ending;
       const int number =
-          ::openat(folder_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+          ::openat(directory_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
       if (number >= 0) {
         name_ = std::move(name);  // a copy might fail, and nobody would remove the file
       }
@@ -220,7 +220,7 @@ class Temporary {
     }
   }
 
-  int folder_;
+  int directory_;
   std::string name_;
   Descriptor file_;
 };
@@ -247,18 +247,18 @@ bool replace_file(std::string path, const std::string& text) {
     return write_in_place(path, text);
   }
 
-  const std::string folder_path = folder_of(path);
-  const std::string name = path.substr(folder_path.size());
-  const Descriptor folder(
-      ::open(folder_path.empty() ? "." : folder_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder.is_open()) {
+  const std::string directory_path = directory_of(path);
+  const std::string name = path.substr(directory_path.size());
+  const Descriptor directory(::open(directory_path.empty() ? "." : directory_path.c_str(),
+                                    O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.is_open()) {
     return false;
   }
-  Temporary temporary(folder.get(), name, replaces ? 0600 : 0666);
+  Temporary temporary(directory.get(), name, replaces ? 0600 : 0666);
   Descriptor& file = temporary.file();
   return file.is_open() && write_all(file.get(), text) &&
          (!replaces || copy_owner_and_mode(file.get(), old_status)) && sync_to_disk(file.get()) &&
-         file.close() && temporary.rename_to(name) && sync_to_disk(folder.get());
+         file.close() && temporary.rename_to(name) && sync_to_disk(directory.get());
 }
 
 Json::StreamWriterBuilder make_writer_settings() {

@@ -201,8 +201,8 @@ void reloader_link_not_removed(const std::string& link_path) {
          std::strerror(error), link_path.c_str());
 }
 
-void reloaders_not_listed(const std::string& folder) {
-  syslog(LOG_ERR, "%s:%d Fail to list dir %s", kApiProvider, 332, folder.c_str());
+void reloaders_not_listed(const std::string& directory) {
+  syslog(LOG_ERR, "%s:%d Fail to list dir %s", kApiProvider, 332, directory.c_str());
 }
 
 void reloader_not_run(const std::string& path) {
@@ -216,8 +216,8 @@ void reloader_failed(int status, const std::string& path) {
          path.c_str());
 }
 
-void descriptors_not_listed(const std::string& folder) {
-  syslog(LOG_ERR, "%s:%d Fail to list dir %s", kApiProvider, 364, folder.c_str());
+void descriptors_not_listed(const std::string& directory) {
+  syslog(LOG_ERR, "%s:%d Fail to list dir %s", kApiProvider, 364, directory.c_str());
 }
 
 void descriptor_not_loaded(const std::string& entry_name) {

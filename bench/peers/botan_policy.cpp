@@ -7,14 +7,14 @@
 #include <algorithm>
 #include <fstream>
 
-#include "appliance.h"
 #include "contestant.h"
+#include "private_tree.h"
 
 namespace kelotls::bench {
 
 namespace {
 
-constexpr char kFolder[] = "/usr/kelo/etc/ssl/botan/";
+constexpr char kDirectory[] = "/usr/kelo/etc/ssl/botan/";
 
 constexpr char kCommon[] =
     "allow_dtls10 = false\nallow_dtls12 = false\nsignature_methods = ECDSA RSA\n"
@@ -29,7 +29,7 @@ constexpr char kOld[] =
     "ciphers = AES-128/GCM AES-256/GCM ChaCha20Poly1305 AES-128 AES-256 3DES\n"
     "macs = AEAD SHA-384 SHA-256 SHA-1\nkey_exchange_methods = ECDH DH RSA\n";
 
-std::string file_of(const std::string& service) { return kFolder + service + ".policy"; }
+std::string file_of(const std::string& service) { return kDirectory + service + ".policy"; }
 
 /// What takes an SSL_CTX's place: a server is made from these.
 struct Settings {
@@ -50,8 +50,8 @@ class Policy : public Contestant {
   }
 
   void write_files(const Services& services) override {
-    test::remove_all(kFolder);
-    test::make_folders(kFolder);
+    test::remove_all(kDirectory);
+    test::make_directories(kDirectory);
     for (const Service& service : services) {
       // What level modern asks for cannot be said: there is no TLS 1.3.
       test::write_file(file_of(service.name),

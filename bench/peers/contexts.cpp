@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "appliance.h"
 #include "contestant.h"
+#include "private_tree.h"
 
 namespace kelotls::bench {
 
@@ -133,8 +133,8 @@ void require(bool succeeded, const std::string& what) {
 int main(int argc, char** argv) {
   using namespace kelotls;
   bench::require(argc > 2, "peer_contexts ROUNDS SERVICES...");
-  test::make_folders(test::kSslDir);
-  test::write_file(bench::kDhFile, test::test_data("data/dh2048.pem"));
+  test::make_directories(test::kSslDir);
+  test::write_file(bench::kDhFile, test::test_data("bed/data/dh2048.pem"));
   bench::Contestants contestants;
   bench::add_openssl_contestants(contestants);
   bench::add_gnutls_contestants(contestants);

@@ -8,8 +8,8 @@
 #include <ctime>
 #include <sstream>
 
-#include "appliance.h"
 #include "contestant.h"
+#include "private_tree.h"
 
 namespace kelotls::bench {
 

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "contestant.h"
-#include "handshake.h"
+#include "tls_client.h"
 
 namespace kelotls::bench {
 
@@ -81,7 +81,7 @@ class Library : public OpensslContestant {
     for (const Service& service : services) {
       levels.emplace_back(service.name, std::to_string(service.level));
     }
-    test::make_folders(test::kServices);
+    test::make_directories(test::kServices);
     test::write_file(test::kDataStore, test::data_store_text(2, levels));
     // Rewritten as the library lays it out.
     require(DataStoreProvider().set_service_level(

@@ -40,9 +40,9 @@ def write_data_store(store):
         os.fchmod(number, os.stat(DATA_STORE).st_mode & 0o7777)
         os.fsync(number)
     os.rename(temporary, DATA_STORE)
-    folder = os.open(FRAMEWORK, os.O_RDONLY | os.O_DIRECTORY)
-    os.fsync(folder)
-    os.close(folder)
+    directory = os.open(FRAMEWORK, os.O_RDONLY | os.O_DIRECTORY)
+    os.fsync(directory)
+    os.close(directory)
 
 
 def replace_rendered_file(path, text):

@@ -14,7 +14,7 @@ namespace kelotls {
 /// Holds no state and takes no lock: make one whenever you need one. Contexts may be acquired and
 /// released from any thread at any time; whoever changes the framework serialises its own calls.
 ///
-/// Per-service files are named by plain concatenation, folder + name + ".conf"; names are not
+/// Per-service files are named by plain concatenation, directory + name + ".conf"; names are not
 /// checked. Every failure is a line in the system log. All operations pass through std::bad_alloc
 /// and jsoncpp's exceptions for values of the wrong type.
 ///
@@ -56,14 +56,14 @@ class __attribute__((visibility("default"))) APIProvider {
   /// the level that the service had, or 0. Entries without a file stay.
   ///
   /// Reads the data store and every descriptor file; writes the data store.
-  /// Result: 0; -1 when the folder cannot be listed, with nothing written.
+  /// Result: 0; -1 when the directory cannot be listed, with nothing written.
   /// Only logged: a descriptor that is unreadable or no object (skipped), a failed save, and an
   /// unusable data store, which is overwritten by one that holds only "services".
   int regen_framework_config() const;
 
   // Reloaders
 
-  /// Links the reloader path, as it stands, into the links' folder; whatever file or link stood
+  /// Links the reloader path, as it stands, into the links' directory; whatever file or link stood
   /// there is replaced. 0, and the link's path is appended to installed; or -1 once logged.
   int install_service_reloader(const std::string& name, const std::string& reloader_path,
                                std::vector<std::string>& installed) const;
@@ -72,9 +72,9 @@ class __attribute__((visibility("default"))) APIProvider {
   /// included.
   int uninstall_service_reloader(const std::string& name) const;
 
-  /// Runs every reloader of both folders, the base system's first, one after another, each without
-  /// arguments and to its end. 0; -1 when a folder cannot be listed, and then none has run.
-  /// Only logged: a reloader that cannot be run or does not end with status 0.
+  /// Runs every reloader of both directories, the base system's first, one after another, each
+  /// without arguments and to its end. 0; -1 when a directory cannot be listed, and then none has
+  /// run. Only logged: a reloader that cannot be run or does not end with status 0.
   int execute_service_reloader() const;
 
   // Rendered configuration

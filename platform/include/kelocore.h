@@ -1,7 +1,7 @@
 /*
- * String lists, folder listings and running programs: the part of the appliance's core library that
- * services build on. Valid C and C++. No state, no locks: any thread may call, but a list belongs
- * to one thread at a time. No exception leaves these functions.
+ * String lists, directory listings and running programs: the part of the appliance's core library
+ * that services build on. Valid C and C++. No state, no locks: any thread may call, but a list
+ * belongs to one thread at a time. No exception leaves these functions.
  */
 #ifndef KELOCORE_H
 #define KELOCORE_H
@@ -33,15 +33,15 @@ typedef struct KLIBCSzList {
 KELOCORE_API KLIBCSzList* KLIBCSzListAlloc(int32_t size);
 
 /*
- * Appends the names, without the folder, of the regular files and links in a folder, in ascending
- * byte order. A link counts whatever it points to, a folder or nothing at all included; folders,
- * pipes, sockets and devices do not count. "pattern" is null for all names, or an fnmatch(3)
- * pattern in which "*" and "?" match a leading period too. "flags" is KLIBC_ENUM_FILES_AND_LINKS;
- * any other value is refused.
+ * Appends the names, without the directory, of the regular files and links in a directory, in
+ * ascending byte order. A link counts whatever it points to, a directory or nothing at all
+ * included; directories, pipes, sockets and devices do not count. "pattern" is null for all names,
+ * or an fnmatch(3) pattern in which "*" and "?" match a leading period too. "flags" is
+ * KLIBC_ENUM_FILES_AND_LINKS; any other value is refused.
  *
- * Returns the number of names appended, or -1 with errno set when the folder cannot be listed, an
- * argument is refused (EINVAL) or memory runs out (ENOMEM); then the list is as it was. On success
- * *list may be another list than before, and the earlier pointer is no longer valid.
+ * Returns the number of names appended, or -1 with errno set when the directory cannot be listed,
+ * an argument is refused (EINVAL) or memory runs out (ENOMEM); then the list is as it was. On
+ * success *list may be another list than before, and the earlier pointer is no longer valid.
  */
 KELOCORE_API int KLIBCFileEnumDir(const char* directory, const char* pattern, KLIBCSzList** list,
                                   int flags);
@@ -60,8 +60,8 @@ KELOCORE_API void KLIBCSzListFree(KLIBCSzList* list);
 
 /*
  * Runs the program at a path with up to four arguments, the first null one ending them, and waits
- * for its end. The program gets the caller's environment, working folder and descriptors 0 to 2, no
- * other descriptor, no blocked signal and default signal dispositions. A script needs its "#!"
+ * for its end. The program gets the caller's environment, working directory and descriptors 0 to 2,
+ * no other descriptor, no blocked signal and default signal dispositions. A script needs its "#!"
  * line.
  *
  * Returns the program's exit status, or 128 + the number of the signal that ended it; errno is then

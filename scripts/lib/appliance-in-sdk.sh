@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs a command inside the appliance's SDK, as root of a namespace of its own: the SDK's tools and
-# libraries read-only, this project and its build folder at the paths that they have outside, no
+# libraries read-only, this project and its build directory at the paths that they have outside, no
 # network. ARM programs start by themselves.
 #
 #   appliance-in-sdk.sh COMMAND [ARGUMENT]...

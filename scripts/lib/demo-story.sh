@@ -74,8 +74,8 @@ within_seconds() {
 make_appliance() {
   mkdir -p "$work" "$framework"/{services,config} /usr/kelo/run /usr/kelo/etc/{ssl,nginx} \
     /usr/kelo/share {/usr,/usr/local}/libexec/security-profile/tls-profile
-  cp "$project"/tests/data/dh{1024,2048}.pem /usr/kelo/etc/ssl/
-  "$project/tests/make_certificates" "$work"
+  cp "$project"/tests/bed/data/dh{1024,2048}.pem /usr/kelo/etc/ssl/
+  "$project/tests/bed/make_certificates" "$work"
   for level in 0 1; do
     security_level "$level" > "$work/security_level_$level.cnf"
   done

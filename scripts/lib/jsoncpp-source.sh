@@ -1,17 +1,17 @@
 # shellcheck shell=bash
 # Fetches the source of the installed jsoncpp, so that the fuzzers can have it instrumented.
 
-# fetch_jsoncpp_source FOLDER: unpacks into FOLDER what Debian built the installed package from, with
+# fetch_jsoncpp_source DIRECTORY: unpacks into DIRECTORY what Debian built the installed package from, with
 # Debian's changes. From the mirrors that the machine is set up with, and with lists of its own: the
 # machine's do not usually hold sources, and stay as they are.
 fetch_jsoncpp_source() {
-  local folder=$1 work=$1.work file
+  local directory=$1 work=$1.work file
   local version apt
   version=$(dpkg-query --show --showformat '${source:Version}' libjsoncpp-dev)
-  if [ "$(cat "$folder/VERSION_OF_PACKAGE" 2>/dev/null)" = "$version" ]; then
+  if [ "$(cat "$directory/VERSION_OF_PACKAGE" 2>/dev/null)" = "$version" ]; then
     return
   fi
-  rm -rf "$folder" "$work"
+  rm -rf "$directory" "$work"
   mkdir -p "$work"/{sources,lists/partial,cache/archives/partial}
   for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
     [ ! -f "$file" ] || sed -n 's/^deb\s/deb-src /p' "$file" > "$work/sources/${file##*/}.list"
@@ -24,7 +24,7 @@ fetch_jsoncpp_source() {
   # A mirror of somebody else's packages may have no sources; what counts is the next step.
   quietly "${apt[@]}" update || true
   (cd "$work" && quietly "${apt[@]}" source --only-source "libjsoncpp=$version")
-  mv "$work"/libjsoncpp-*/ "$folder"
+  mv "$work"/libjsoncpp-*/ "$directory"
   rm -rf "$work"
-  echo "$version" > "$folder/VERSION_OF_PACKAGE"
+  echo "$version" > "$directory/VERSION_OF_PACKAGE"
 }

@@ -303,7 +303,9 @@ struct Operation {
   bool has_dh_file = false;   // that can be opened
 };
 
-std::string conf(const char* folder, const std::string& name) { return folder + name + ".conf"; }
+std::string conf(const char* directory, const std::string& name) {
+  return directory + name + ".conf";
+}
 
 Json::Value registration_element(const std::string& name) {
   Json::Value element;
@@ -338,7 +340,7 @@ void make_tree() {
       std::filesystem::remove_all(entry);
     }
   }
-  make_appliance_folders();
+  make_framework_directories();
   write_file(kDataStore, data_store_text(2, {{kModern, "1"}, {kIntermediate, "2"}, {kOld, "3"}}));
   write_file(kSaved, data_store_text(3, {{kModern, "3"}, {"service-that-has-left", "2"}}));
   write_file(kTemplate,
@@ -370,7 +372,8 @@ Operation acquisition(const std::string& service, const std::string& file,
       {"profile_config.cpp:83 Open dhparam file failed. [12]", nullptr},
       {"profile_config.cpp:95 New ssl ctx failed. [", nullptr}};
   static const std::map<std::string, std::string> texts = {
-      {"dh1024.pem", test_data("data/dh1024.pem")}, {"dh2048.pem", test_data("data/dh2048.pem")}};
+      {"dh1024.pem", test_data("bed/data/dh1024.pem")},
+      {"dh2048.pem", test_data("bed/data/dh2048.pem")}};
   operation.is_acquisition = true;
   operation.is_warm_only = service != kIntermediate || state != "good";
   operation.has_dh_file = !file.empty() && state != "missing";
@@ -910,7 +913,7 @@ void warm_up(const std::vector<Operation>& operations, const LogSocket& log) {
 }
 
 int sweep_all(const std::string& name) {
-  make_appliance_folders();
+  make_framework_directories();
   set_openssl_configuration(kSecurityLevel0);
   const LogSocket log;
   Told& told = *static_cast<Told*>(

@@ -1,5 +1,5 @@
-// What the programs of this folder have in common: the tree that they start from, and the line that
-// they end with.
+// What the programs of this directory have in common: the tree that they start from, and the line
+// that they end with.
 #ifndef KELOTLS_TESTS_FAULTS_REPORT_H
 #define KELOTLS_TESTS_FAULTS_REPORT_H
 
@@ -7,16 +7,17 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "appliance.h"
+#include "private_tree.h"
 
 namespace kelotls::test {
 
-inline void make_appliance_folders() {
-  if (std::getenv("KELOTLS_APPLIANCE") == nullptr) {
-    throw std::runtime_error("start this program through tests/in_appliance: it writes to /usr");
+inline void make_appliance_directories() {
+  if (std::getenv("KELOTLS_PRIVATE_TREE") == nullptr) {
+    throw std::runtime_error(
+        "start this program through tests/bed/in_private_tree: it writes to /usr");
   }
-  for (const char* folder : {kServices, kConfig, kSystemReloaders, kPackageReloaders, kSslDir}) {
-    make_folders(folder);
+  for (const char* directory : {kServices, kConfig, kSystemReloaders, kPackageReloaders, kSslDir}) {
+    make_directories(directory);
   }
 }
 

@@ -3,14 +3,14 @@
 import json
 import pathlib
 
-from appliance import (CONFIG, DH_FOLDER, ELSEWHERE, PACKAGE_RELOADERS, SERVICES, STORE,
+from private_tree import (CONFIG, DH_DIRECTORY, ELSEWHERE, PACKAGE_RELOADERS, SERVICES, STORE,
                        SYSTEM_RELOADERS)
 from states import RELOADER, TEMPLATE, rendered
 
 TEMPLATE_PATH = "/usr/kelo/data/template.mustache"
 SAVED_PATH = "/usr/kelo/data/saved.json"
 RELOADER_PATH = "/usr/kelo/data/reloader"
-DH_PARAMETERS = (pathlib.Path(__file__).parent.parent / "data/dh2048.pem").read_bytes()
+DH_PARAMETERS = (pathlib.Path(__file__).parent.parent / "bed/data/dh2048.pem").read_bytes()
 
 DIRECT, MISSING, LINKED, DANGLING = "direct", "missing", "linked", "dangling link"
 
@@ -136,7 +136,7 @@ def for_faults():
     yield join_with_failing_save(2, start(0), "2 new services")
     yield Scenario(["leave", registration(range(2))], start(2), "both services")
     yield Scenario(["render"], start(1), "1 service")
-    dh_file = {DH_FOLDER + "dh2048.pem": (0o644, DH_PARAMETERS)}
+    dh_file = {DH_DIRECTORY + "dh2048.pem": (0o644, DH_PARAMETERS)}
     yield Scenario(["acquire", "service-00"], start(2) | dh_file, "level modern")
     yield Scenario(["acquire", "service-01"], start(2) | dh_file, "level intermediate")
     system = {SYSTEM_RELOADERS + "base": (0o755, RELOADER)}

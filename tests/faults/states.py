@@ -15,7 +15,7 @@ import json
 import os
 import re
 
-from appliance import (CONFIG, DH_FOLDER, PACKAGE_RELOADERS, SERVICES, STORE, SYSTEM_RELOADERS)
+from private_tree import (CONFIG, DH_DIRECTORY, PACKAGE_RELOADERS, SERVICES, STORE, SYSTEM_RELOADERS)
 
 CUT_SHORT = "(cut short)"
 UNREADABLE = object()
@@ -341,7 +341,7 @@ class Model:
         level = self.level(root, name, 123)
         if level < 0:
             return -1
-        path = DH_FOLDER + ("dh1024.pem" if level == 3 else "dh2048.pem")
+        path = DH_DIRECTORY + ("dh1024.pem" if level == 3 else "dh2048.pem")
         if level != 1 and not self.says("profile_config.cpp:83 Open dhparam file failed. %E: {}",
                                         path):
             if self.says("profile_config.cpp:95 New ssl ctx failed. [%T]"):
@@ -352,8 +352,8 @@ class Model:
         if self.says("api_provider.cpp:332 Fail to list dir {}", CONFIG):
             return -1
         paths = {path for tree in self.now for path, _ in tree}
-        for folder in (SYSTEM_RELOADERS, PACKAGE_RELOADERS):
-            for path in sorted(path for path in paths if path.startswith(folder)):
+        for directory in (SYSTEM_RELOADERS, PACKAGE_RELOADERS):
+            for path in sorted(path for path in paths if path.startswith(directory)):
                 if self.says("api_provider.cpp:346 KLIBCExec failed. %E: {}", path):
                     continue
                 log = self.entry(RELOADED)

@@ -1,4 +1,4 @@
-"""Runs a sweep over its scenarios in two appliances at once, and reports what both found."""
+"""Runs a sweep over its scenarios in two private trees at once, and reports what both found."""
 
 import argparse
 import collections
@@ -10,7 +10,7 @@ import shlex
 import subprocess
 import sys
 
-from appliance import (CONFIG, SERVICES, Appliance, make_tree, read_tree)
+from private_tree import (CONFIG, SERVICES, PrivateTree, make_tree, read_tree)
 from states import CUT_SHORT, Contradiction, Model, meaning
 
 WORKERS = 2
@@ -111,13 +111,13 @@ def contradiction(scenario, before, run, seen):
 class Undisturbed:
     """A scenario's run to its end, traced: its calls, its log, and the states on its way."""
 
-    def __init__(self, appliance, scenario):
+    def __init__(self, private_tree, scenario):
         make_tree(scenario.tree)
-        appliance.run(scenario.words)
+        private_tree.run(scenario.words)
         self.texts = Texts(scenario.tree, read_tree())
         self.start, _ = self.texts.observe(scenario.tree, True)
         make_tree(scenario.tree)
-        self.run = appliance.run(scenario.words, scenario.failing, "all")
+        self.run = private_tree.run(scenario.words, scenario.failing, "all")
         self.tree, _ = self.texts.observe(read_tree(), True)
         wrong, self.model = contradiction(scenario, self.start, self.run, self.tree)
         if wrong:
@@ -133,7 +133,7 @@ def names(injections):
 def parse_arguments():
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", type=pathlib.Path, default=TESTS.parent / "build/release")
-    parser.add_argument("--library", type=pathlib.Path, help="folder of another libkelotls.so.7")
+    parser.add_argument("--library", type=pathlib.Path, help="directory of another libkelotls.so.7")
     parser.add_argument("--only", default="", help="scenarios whose name has this text in it")
     parser.add_argument("--part", type=int, help=argparse.SUPPRESS)
     return parser.parse_args()
@@ -145,20 +145,20 @@ def start_worker(part, arguments):
         "LC_ALL": "C.UTF-8", "PYTHONDONTWRITEBYTECODE": "1", "PYTHONHASHSEED": "0"}
     if arguments.library:
         environment["LD_LIBRARY_PATH"] = str(arguments.library)
-    command = [TESTS / "in_appliance", sys.executable, *sys.argv, "--part", str(part)]
+    command = [TESTS / "bed/in_private_tree", sys.executable, *sys.argv, "--part", str(part)]
     return subprocess.Popen(command, env=environment, stdout=subprocess.PIPE, text=True)
 
 
 def main(name, scenarios, sweep, minimum):
-    """sweep(appliance, scenario, report) tries the points that are report.mine()."""
+    """sweep(private_tree, scenario, report) tries the points that are report.mine()."""
     arguments = parse_arguments()
     if arguments.part is not None:
-        appliance, report = Appliance(), Report(arguments.part)
+        private_tree, report = PrivateTree(), Report(arguments.part)
         for scenario in scenarios:
             if arguments.only in scenario.name:
                 report.begin(scenario)
                 try:
-                    sweep(appliance, scenario, report)
+                    sweep(private_tree, scenario, report)
                 except Contradiction as what:
                     report.violation("nothing: it was left alone", what)
         json.dump([report.points, sorted(report.states), report.violations, report.turns],

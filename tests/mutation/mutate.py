@@ -89,14 +89,14 @@ def compile_prelude():
                    check=True)
 
 
-def compile_library(folder, *options):
-    os.makedirs(f"{WORK}/{folder}", exist_ok=True)
+def compile_library(directory, *options):
+    os.makedirs(f"{WORK}/{directory}", exist_ok=True)
     units = trial.units()
     for unit in units:
-        must(trial.compile_unit(unit, f"{PROJECT}/src", f"{WORK}/{folder}", *options), unit)
-    objects = [f"{WORK}/{folder}/{unit}.o" for unit in units]
+        must(trial.compile_unit(unit, f"{PROJECT}/src", f"{WORK}/{directory}", *options), unit)
+    objects = [f"{WORK}/{directory}/{unit}.o" for unit in units]
     for library in (trial.SHIPPED, trial.OPEN):
-        must(trial.link(library, objects, f"{WORK}/{folder}", *options), library)
+        must(trial.link(library, objects, f"{WORK}/{directory}", *options), library)
 
 
 def all_cases():
@@ -123,15 +123,15 @@ def each(requests, processors):
     ready = threading.Semaphore(0)
 
     def work(number):
-        folder = f"{WORK}/{number}"
-        os.makedirs(folder, exist_ok=True)
+        directory = f"{WORK}/{number}"
+        os.makedirs(directory, exist_ok=True)
         for name in glob.glob(f"{WORK}/coverage/*.gcno"):
-            link = f"{folder}/{os.path.basename(name)}"
+            link = f"{directory}/{os.path.basename(name)}"
             if not os.path.lexists(link):
                 os.symlink(name, link)
         with subprocess.Popen(
-                [f"{PROJECT}/tests/in_appliance", "--writable", folder, "python3", "-B",
-                 f"{PROJECT}/tests/mutation/trial.py", folder],
+                [f"{PROJECT}/tests/bed/in_private_tree", "--writable", directory, "python3", "-B",
+                 f"{PROJECT}/tests/mutation/trial.py", directory],
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as worker:
             while True:
                 try:

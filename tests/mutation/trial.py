@@ -1,6 +1,6 @@
 """Tries mutants: compiles one, puts it into the libraries, and runs test cases until one fails.
 
-Runs inside tests/in_appliance, one process for each processor. Reads trials from standard input and
+Runs inside tests/bed/in_private_tree, one process for each processor. Reads trials from standard input and
 answers each on standard output, a line of JSON both.
 """
 import ctypes
@@ -56,14 +56,14 @@ def compile_unit(unit, sources, objects, *more):
         stderr=subprocess.DEVNULL, check=False).returncode == 0
 
 
-def link(library, objects, folder, *more):
+def link(library, objects, directory, *more):
     """False where the mutant calls what is not there."""
     special = []
     if library == SHIPPED:
         special = [f"-Wl,--version-script={PROJECT}/src/libkelotls.map,-Bsymbolic-functions"]
-    os.makedirs(folder, exist_ok=True)
+    os.makedirs(directory, exist_ok=True)
     return subprocess.run(
-        ["g++", "-shared", "-fuse-ld=gold", "-o", f"{folder}/{library}", f"-Wl,-soname,{library},--no-undefined",
+        ["g++", "-shared", "-fuse-ld=gold", "-o", f"{directory}/{library}", f"-Wl,-soname,{library},--no-undefined",
          *special, *more, *objects, f"-L{BUILD}/platform", "-l:libkelocore.so.7",
          "-l:libkelomustache.so.7", "-ljsoncpp", "-lssl", "-lcrypto"],
         stderr=subprocess.DEVNULL, check=False).returncode == 0
@@ -77,8 +77,8 @@ def enter_fresh_tree():
     """What the appliance has of its own is empty for each case. Runs in the case's process."""
     if LIBC.unshare(CLONE_NEWNS) != 0:
         os._exit(125)
-    for folder in PRIVATE:
-        if LIBC.mount(b"tmpfs", folder.encode(), b"tmpfs", 0, b"mode=0755,size=256m") != 0:
+    for directory in PRIVATE:
+        if LIBC.mount(b"tmpfs", directory.encode(), b"tmpfs", 0, b"mode=0755,size=256m") != 0:
             os._exit(125)
     resource.setrlimit(resource.RLIMIT_CPU, (CPU_SECONDS, CPU_SECONDS))
     resource.setrlimit(resource.RLIMIT_AS, (1 << 32, 1 << 32))
@@ -98,12 +98,12 @@ def clear_shared_places():
             os.unlink(path)
 
 
-def run_case(program, case, folder, **environment):
+def run_case(program, case, directory, **environment):
     """How the case ended: "" where it passed."""
     clear_shared_places()
     process = subprocess.Popen(
         [program_path(program), f"--gtest_filter={case}"], cwd="/tmp",
-        env={**os.environ, "LD_LIBRARY_PATH": f"{folder}:{BUILD}/platform", **environment},
+        env={**os.environ, "LD_LIBRARY_PATH": f"{directory}:{BUILD}/platform", **environment},
         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
         start_new_session=True, preexec_fn=enter_fresh_tree)
     poll = select.poll()
@@ -123,43 +123,43 @@ def run_case(program, case, folder, **environment):
     return "" if status == 0 else "fails" if status > 0 else "crashes"
 
 
-def try_mutant(mutant, cases, folder):
+def try_mutant(mutant, cases, directory):
     """What became of the mutant, and the case that told."""
-    sources = f"{folder}/src"
+    sources = f"{directory}/src"
     shutil.rmtree(sources, ignore_errors=True)
     shutil.copytree(f"{PROJECT}/src", sources)
     if mutant["file"]:
         with open(f"{PROJECT}/{mutant['file']}", encoding="utf-8") as file:
             text = file.read()
-        with open(f"{folder}/{mutant['file']}", "w", encoding="utf-8") as file:
+        with open(f"{directory}/{mutant['file']}", "w", encoding="utf-8") as file:
             file.write(text[:mutant["start"]] + mutant["new"] + text[mutant["end"]:])
     unit = os.path.basename(mutant["file"])
     changed = [unit] if unit in units() else units()  # a header reaches all of them
-    if not all(compile_unit(unit, sources, folder) for unit in changed):
+    if not all(compile_unit(unit, sources, directory) for unit in changed):
         return {"result": "does not compile"}
-    objects = [f"{folder if unit in changed else WORK + '/objects'}/{unit}.o" for unit in units()]
+    objects = [f"{directory if unit in changed else WORK + '/objects'}/{unit}.o" for unit in units()]
     linked = set()
     for program, case in cases:
         library = PROGRAMS[program]
-        if library not in linked and not link(library, objects, f"{folder}/lib"):
+        if library not in linked and not link(library, objects, f"{directory}/lib"):
             return {"result": "does not compile"}
         linked.add(library)
-        how = run_case(program, case, f"{folder}/lib")
+        how = run_case(program, case, f"{directory}/lib")
         if how:
             return {"result": "killed", "how": how, "case": case}
     return {"result": "survived"}
 
 
-def lines_run(program, case, folder):
+def lines_run(program, case, directory):
     """The lines of src/ that the case reaches, how it ended, and the processor's time it took."""
-    for name in os.listdir(folder):
+    for name in os.listdir(directory):
         if name.endswith(".gcda"):
-            os.unlink(f"{folder}/{name}")
+            os.unlink(f"{directory}/{name}")
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
-    how = run_case(program, case, f"{WORK}/coverage", GCOV_PREFIX=folder, GCOV_PREFIX_STRIP="99")
+    how = run_case(program, case, f"{WORK}/coverage", GCOV_PREFIX=directory, GCOV_PREFIX_STRIP="99")
     after = resource.getrusage(resource.RUSAGE_CHILDREN)
     report = subprocess.run(
-        "gcov --stdout --json-format *.gcda", shell=True, cwd=folder, check=True,
+        "gcov --stdout --json-format *.gcda", shell=True, cwd=directory, check=True,
         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout.decode()
     reached = set()
     for text in report.splitlines():
@@ -179,16 +179,16 @@ def protect_devices():
 
 
 def main():
-    folder = sys.argv[1]
+    directory = sys.argv[1]
     protect_devices()
     for place in PRIVATE:
         os.makedirs(place, exist_ok=True)
     for request in sys.stdin:
         trial = json.loads(request)
         if "coverage" in trial:
-            answer = lines_run(*trial["coverage"], folder)
+            answer = lines_run(*trial["coverage"], directory)
         else:
-            answer = try_mutant(trial["mutant"], trial["cases"], folder)
+            answer = try_mutant(trial["mutant"], trial["cases"], directory)
         print(json.dumps(answer), flush=True)
 
 

@@ -1,0 +1,200 @@
+// kelotlsctl check: each thing that can be wrong, made so, is found; and nothing else is.
+#include <sys/stat.h>
+
+#include <functional>
+
+#include "kelotlsctl.h"
+
+namespace kelotls::test {
+namespace {
+
+constexpr char kFramework[] = "/usr/kelo/etc/security-profile/tls-profile";
+
+/// One thing put wrong, and what is to be said of it.
+struct Fault {
+  std::string name;
+  std::function<void()> make;
+  std::string severity;
+  std::string path;
+  std::string text;
+};
+
+void PrintTo(const Fault& value, std::ostream* out) { *out << value.name; }
+
+class KelotlsctlCheck : public Kelotlsctl, public ::testing::WithParamInterface<Fault> {};
+
+void set_mode(const std::string& path, mode_t mode) { ASSERT_EQ(::chmod(path.c_str(), mode), 0); }
+
+void change_store(const std::function<void(Json::Value&)>& change) {
+  Json::Value store = read_json(kDataStore);
+  change(store);
+  write_file(kDataStore, store.toStyledString());
+}
+
+TEST_F(KelotlsctlCheck, FindsNothingWrongWithAHealthyAppliance) {
+  join_both();
+  const Outcome outcome = run({"check"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "Nothing is wrong.\n");
+  const JsonOutcome as_json = run_json("check");
+  EXPECT_EQ(as_json.document["healthy"], true);
+  EXPECT_EQ(as_json.document["findings"].size(), 0u);
+}
+
+TEST_F(KelotlsctlCheck, OnlyNotesLevelsThatAreNotInForce) {
+  join_both();
+  ASSERT_EQ(run({"set", "web", "old"}).status, 0);
+  const JsonOutcome outcome = run_json("check");
+  EXPECT_EQ(outcome.status, 0);
+  ASSERT_EQ(outcome.document["findings"].size(), 1u);
+  EXPECT_EQ(outcome.document["findings"][0]["severity"], "note");
+  EXPECT_EQ(outcome.document["findings"][0]["path"], rendered_path("web"));
+}
+
+TEST_P(KelotlsctlCheck, FindsWhatIsWrong) {
+  join_both();
+  GetParam().make();
+  const Lines before = tree();
+
+  const JsonOutcome outcome = run_json("check");
+
+  EXPECT_EQ(outcome.status, GetParam().severity == "note" ? 0 : 3);
+  bool is_found = false;
+  for (const Json::Value& finding : outcome.document["findings"]) {
+    is_found = is_found ||
+               (finding["severity"] == GetParam().severity && finding["path"] == GetParam().path &&
+                finding["text"].asString().find(GetParam().text) != std::string::npos &&
+                !finding["action"].asString().empty());
+  }
+  EXPECT_TRUE(is_found) << outcome.document.toStyledString();
+  const Outcome text = run({"check"});
+  EXPECT_EQ(text.status, outcome.status);
+  EXPECT_TRUE(contains(text.out, GetParam().severity + ": " + GetParam().path + ": "));
+  EXPECT_EQ(tree(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kelotlsctl, KelotlsctlCheck,
+    ::testing::Values(
+        Fault{"StoreMissing", [] { remove_all(kDataStore); }, "error", kDataStore, "is missing"},
+        Fault{"StoreCutShort", [] { write_file(kDataStore, "{"); }, "error", kDataStore,
+              "cannot be used: not a JSON text"},
+        Fault{"EntryIsNoObject",
+              [] { write_file(kDataStore, R"({"default-level": 2, "services": {"a": 5}})"); },
+              "error", kDataStore, "cannot be used: $.services.a is a number, must be an object"},
+        Fault{"DefaultLevelZero",
+              [] { change_store([](Json::Value& store) { store["default-level"] = 0; }); },
+              "warning", kDataStore, "the default level is 0"},
+        Fault{"LevelWithoutAName",
+              [] {
+                change_store(
+                    [](Json::Value& store) { store["services"]["web"]["current-level"] = 9; });
+              },
+              "warning", kDataStore, "the level of web is 9: it counts as intermediate"},
+        Fault{"NegativeLevel",
+              [] {
+                change_store(
+                    [](Json::Value& store) { store["services"]["web"]["current-level"] = -4; });
+              },
+              "error", kDataStore, "the level of web is -4: it gives no context"},
+        Fault{"NameThatEscapes",
+              [] {
+                change_store([](Json::Value& store) {
+                  store["services"]["../config/x"]["display-name"] = "";
+                });
+              },
+              "error", kDataStore, "the service name \"../config/x\" holds a \"/\""},
+        Fault{"DescriptorMissing", [] { remove_all(descriptor_path("web")); }, "error",
+              descriptor_path("web"), "is missing"},
+        Fault{"DescriptorCutShort", [] { write_file(descriptor_path("web"), "{"); }, "error",
+              descriptor_path("web"), "is no descriptor"},
+        Fault{"DescriptorIsNoObject", [] { write_file(descriptor_path("web"), "[]"); }, "error",
+              descriptor_path("web"), "it is no JSON object"},
+        Fault{"DescriptorWithAFault",
+              [] { write_file(descriptor_path("web"), R"({"service": "web"})"); }, "error",
+              descriptor_path("web"), "lacks \"display-name\""},
+        Fault{"DescriptorOfAnother",
+              [] {
+                write_file(descriptor_path("alias"), R"({"service": "web", "display-name": ""})");
+              },
+              "error", descriptor_path("alias"),
+              "is not the descriptor of the service that it names, web"},
+        Fault{
+            "DescriptorWithoutEntry",
+            [] { write_file(descriptor_path("new"), R"({"service": "new", "display-name": ""})"); },
+            "error", descriptor_path("new"), "has no entry in the data store"},
+        Fault{"DisplayNameDiffers",
+              [] {
+                change_store(
+                    [](Json::Value& store) { store["services"]["web"]["display-name"] = "x"; });
+              },
+              "warning", descriptor_path("web"), "the display name is not the data store's"},
+        Fault{"DirectoryAmongDescriptors", [] { make_directories(std::string(kServices) + "old"); },
+              "warning", std::string(kServices) + "old", "is a folder"},
+        Fault{"TemplateMissing", [] { remove_all(kTemplate); }, "error", kTemplate, "is missing"},
+        Fault{"TemplateBroken", [] { write_file(kTemplate, "{{#a}}"); }, "error", kTemplate,
+              "cannot be rendered"},
+        Fault{"LinkElsewhere",
+              [] {
+                remove_all(link_path("web"));
+                make_link("/usr/bin/true", link_path("web"));
+              },
+              "warning", link_path("web"), "leads to /usr/bin/true"},
+        Fault{"LinkMissing", [] { remove_all(link_path("web")); }, "note", link_path("web"),
+              "a reloader that is not linked"},
+        Fault{"FileInThePlaceOfALink",
+              [] {
+                remove_all(link_path("web"));
+                write_program(link_path("web"), "#!/bin/sh\n");
+              },
+              "warning", link_path("web"), "is no link"},
+        Fault{"LinkOfNobody", [] { make_link("/usr/bin/true", link_path("gone")); }, "warning",
+              link_path("gone"), "belongs to no service"},
+        Fault{"ReloaderMissing", [] { remove_all(kReloader); }, "error", link_path("web"),
+              "the reloader cannot be run: No such file"},
+        Fault{"ReloaderNotExecutable", [] { set_mode(kReloader, 0644); }, "error", link_path("web"),
+              "is not executable"},
+        Fault{"ReloaderForAllToChange", [] { set_mode(kReloader, 0777); }, "error",
+              link_path("web"), "others may change it"},
+        Fault{"SystemReloaderNotExecutable",
+              [] { write_file(std::string(kSystemReloaders) + "base", ""); }, "error",
+              std::string(kSystemReloaders) + "base", "is not executable"},
+        Fault{"DhFileMissing", [] { remove_all(std::string(kSslDir) + "dh2048.pem"); }, "warning",
+              std::string(kSslDir) + "dh2048.pem", "level intermediate offers no DHE suite"},
+        Fault{"DhFileBroken", [] { write_file(std::string(kSslDir) + "dh1024.pem", "x"); },
+              "warning", std::string(kSslDir) + "dh1024.pem", "holds no DH parameters"},
+        Fault{"DhFileOfAnotherSize",
+              [] {
+                write_file(std::string(kSslDir) + "dh1024.pem", test_data("bed/data/dh2048.pem"));
+              },
+              "warning", std::string(kSslDir) + "dh1024.pem", "of 2048 bits, not 1024"},
+        Fault{"DirectoryMissing", [] { remove_all(kSystemReloaders); }, "error", kSystemReloaders,
+              "No such file or directory"},
+        Fault{"DirectoryForAllToChange", [] { set_mode(kServices, 0777); }, "error", kServices,
+              "others than its owner may change it"},
+        Fault{"DirectoryClosed", [] { set_mode(kConfig, 0700); }, "warning", kConfig,
+              "services that are not root cannot read it"},
+        Fault{"StoreForAllToChange", [] { set_mode(kDataStore, 0666); }, "error", kDataStore,
+              "others than its owner may change it"},
+        Fault{"StoreClosed", [] { set_mode(kDataStore, 0600); }, "warning", kDataStore,
+              "services that are not root cannot read it"},
+        Fault{"TemporaryRenderedFile", [] { write_file(rendered_path("web") + ".a1B2c3", ""); },
+              "warning", rendered_path("web") + ".a1B2c3", "was left behind"},
+        Fault{"TemporaryDataStore", [] { write_file(std::string(kDataStore) + ".123-0", ""); },
+              "warning", std::string(kDataStore) + ".123-0", "was left behind"},
+        Fault{"RenderedFileOfNobody", [] { write_file(rendered_path("gone"), ""); }, "warning",
+              rendered_path("gone"), "belongs to no service"},
+        Fault{"StampBroken", [] { write_file(kStamp, "x"); }, "warning", kStamp, "cannot be used"}),
+    [](const auto& suite) { return suite.param.name; });
+
+TEST_F(KelotlsctlCheck, ReportsEverythingAtOnce) {
+  remove_all(kFramework);
+  remove_all(kSslDir);
+  const JsonOutcome outcome = run_json("check");
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_GE(outcome.document["findings"].size(), 6u);
+}
+
+}  // namespace
+}  // namespace kelotls::test

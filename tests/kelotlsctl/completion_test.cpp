@@ -1,0 +1,78 @@
+// Completion on the command line, in a real bash; the file for zsh knows the same commands.
+#include "kelotlsctl.h"
+
+namespace kelotls::test {
+namespace {
+
+class KelotlsctlCompletion : public Kelotlsctl {
+ protected:
+  /// What bash offers for the words, the last of which is being typed.
+  std::string complete(const std::string& words) {
+    const std::string script =
+        std::string("source ") + KELOTLSCTL_COMPLETION + "/kelotlsctl.bash; kelotlsctl() { " +
+        KELOTLSCTL + " \"$@\"; }; " + "COMP_WORDS=(" + words +
+        "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " + "_kelotlsctl; echo \"${COMPREPLY[*]}\"";
+    const Outcome outcome = run_program({"bash", "-c", script});
+    EXPECT_EQ(outcome.err, "") << words;
+    return outcome.out;
+  }
+};
+
+TEST_F(KelotlsctlCompletion, OffersCommands) {
+  EXPECT_EQ(complete("kelotlsctl re"), "regen render reload restore recover\n");
+  EXPECT_EQ(complete("kelotlsctl --j"), "--json\n");
+}
+
+TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
+  join_both();
+  EXPECT_EQ(complete("kelotlsctl get ''"), "ssh web\n");
+  EXPECT_EQ(complete("kelotlsctl --json set w"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl set web m"), "modern\n");
+  EXPECT_EQ(complete("kelotlsctl default ''"), "modern intermediate old default\n");
+  EXPECT_EQ(complete("kelotlsctl recover --default o"), "old\n");
+  EXPECT_EQ(complete("kelotlsctl explain w"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl get web ''"), "\n");
+}
+
+TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
+  write_file(kDataStore, data_store_text(2, {{"two words", "0"}}));
+  EXPECT_EQ(complete("kelotlsctl get t"), "two\\ words\n");
+}
+
+TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
+  EXPECT_EQ(complete("kelotlsctl render --"), "--json --quiet --help --dry-run --check\n");
+  EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
+}
+
+TEST_F(KelotlsctlCompletion, OffersFiles) {
+  make_directories("/tmp/files");
+  write_file("/tmp/files/registration.json", "");
+  EXPECT_EQ(complete("kelotlsctl join /tmp/files/r"), "/tmp/files/registration.json\n");
+}
+
+TEST_F(KelotlsctlCompletion, OffersNothingWithoutADataStore) {
+  remove_all(kDataStore);
+  EXPECT_EQ(complete("kelotlsctl get ''"), "\n");
+}
+
+TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
+  const std::string bash = read_file(std::string(KELOTLSCTL_COMPLETION) + "/kelotlsctl.bash");
+  const std::string zsh = read_file(std::string(KELOTLSCTL_COMPLETION) + "/_kelotlsctl");
+  const std::string help = run({"--help"}).out;
+  std::size_t commands = 0;
+  for (std::size_t at = help.find("Subcommands:"); at != std::string::npos;
+       at = help.find("\n  ", at + 1)) {
+    const std::size_t begin = help.find_first_not_of(" \n", at);
+    const std::string name = help.substr(begin, help.find(' ', begin) - begin);
+    if (at == help.find("Subcommands:") || help.compare(at, 4, "\n   ") == 0) {
+      continue;
+    }
+    ++commands;
+    EXPECT_TRUE(contains(bash, name));
+    EXPECT_TRUE(contains(zsh, "'" + name + ":"));
+  }
+  EXPECT_EQ(commands, 20u);
+}
+
+}  // namespace
+}  // namespace kelotls::test
