@@ -188,7 +188,7 @@ Findings run(const Course& course) {
 }
 
 int run_all() {
-  make_appliance_directories();
+  make_framework_directories();
   Findings all;
   long least_loads = 0;
   for (const Course& course : kCourses) {

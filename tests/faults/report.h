@@ -11,7 +11,7 @@
 
 namespace kelotls::test {
 
-inline void make_appliance_directories() {
+inline void make_framework_directories() {
   if (std::getenv("KELOTLS_PRIVATE_TREE") == nullptr) {
     throw std::runtime_error(
         "start this program through tests/bed/in_private_tree: it writes to /usr");
