@@ -9,7 +9,9 @@
 #include <optional>
 
 #include "harness.h"
-#include "internal.h"
+#include "framework_config.h"
+#include "level_scan.h"
+#include "validator.h"
 #include "json_grammar.h"
 #include "private_tree.h"
 #include "rules.h"

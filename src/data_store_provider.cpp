@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "internal.h"
+#include "framework_config.h"
 
 namespace kelotls {
 

@@ -1,47 +1,25 @@
-// Owns the data store: loading, saving, looking up and changing what it holds.
-#include <cerrno>
+// Owns the data store: loading and saving it, looking up and changing what it holds.
+#include "framework_config.h"
 
+#include <cerrno>
+#include <optional>
 #include <utility>
 
-#include "internal.h"
-#include "kelotls/api_provider.h"
+#include "files.h"
 #include "kelotls/tls_profile_level.h"
+#include "level_scan.h"
 #include "log_messages.h"
+#include "paths.h"
+#include "validator.h"
 
 namespace kelotls {
 
 namespace {
 
-/// The data store in a saved file, or null once the reason is logged. The lines name the live data
-/// store, so that they read like those of its own loading.
-Json::Value load_saved_file(const std::string& path) {
-  Json::Value saved;
-  errno = 0;
-  if (!saved.fromFile(path)) {
-    log::saved_file_not_loaded(kDataStorePath);
-    return Json::Value();
-  }
-  if (!validate_data_store(saved)) {
-    log::saved_file_invalid(kDataStorePath);
-    return Json::Value();
-  }
-  return saved;
-}
-
-/// The level that a saved entry asks for, or kServiceNotJoined once logged.
-int saved_level(const Json::Value& saved, const std::string& name) {
-  const Json::Value entry = get_service_entry(saved, name);
-  if (entry.isNull()) {
-    log::saved_service_without_entry(name);
-    return kServiceNotJoined;
-  }
-  return entry["current-level"].asInt();
-}
-
 /// The service's effective level where reading the data store's text is enough to tell.
 std::optional<int> scan_data_store(const std::string& name) {
   std::string text;
-  return read_regular_file(kDataStorePath, text) ? scan_service_level(text, name) : std::nullopt;
+  return read_file(kDataStorePath, text) ? scan_service_level(text, name) : std::nullopt;
 }
 
 }  // namespace
@@ -116,24 +94,6 @@ int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& ser
         old_entry.isNull() ? Json::Value(TLS_PROFILE_LEVEL_DEFAULT) : old_entry["current-level"];
     slot = std::move(entry);
   }
-  return 0;
-}
-
-int APIProvider::restore_framework(const std::string& path) const {
-  Json::Value live = load_data_store();
-  const Json::Value saved = load_saved_file(path);
-  update_default_level(live, saved["default-level"].asInt());
-
-  const Json::Value& saved_services = saved["services"];
-  for (auto service = saved_services.begin(); service != saved_services.end(); ++service) {
-    const std::string name = service.name();
-    if (get_service_entry(live, name).isNull()) {
-      log::saved_service_not_live(name);
-      continue;
-    }
-    update_service_level(live, name, saved_level(saved, name));
-  }
-  save_data_store(live);
   return 0;
 }
 

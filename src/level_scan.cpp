@@ -1,9 +1,8 @@
 // Finds a service's level in the data store's text in one pass, without building its tree.
-#include <optional>
-#include <string>
-#include <string_view>
+#include "level_scan.h"
 
-#include "internal.h"
+#include <string>
+
 #include "kelotls/tls_profile_level.h"
 
 namespace kelotls {
@@ -11,7 +10,7 @@ namespace kelotls {
 namespace {
 
 /// Takes a JSON text apart from its front. Each operation skips the blanks before it, and is false
-/// for whatever the parser has to judge: escapes, control characters, other types, faults.
+/// for anything that the parser has to judge: escapes, control characters, other types, faults.
 class Scanner {
  public:
   explicit Scanner(std::string_view text) : text_(text) {}
@@ -71,7 +70,7 @@ class Scanner {
   std::string_view text_;
 };
 
-/// Takes an object; take_value takes the value that stands under the key it is given.
+/// Takes an object; take_value takes the value of the key that it is given.
 template <typename TakeValue>
 bool take_object(Scanner& scanner, TakeValue take_value) {
   if (!scanner.take('{')) {

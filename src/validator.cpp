@@ -1,37 +1,47 @@
 // Decides whether a JSON value is a data store.
-#include <json/value.h>
+#include "validator.h"
 
-#include "internal.h"
+#include <string_view>
+
+#include "json_document.h"
 #include "log_messages.h"
 
 namespace kelotls {
 
 namespace {
 
-const Json::Value* find_member(const Json::Value& object, const char* key, std::size_t length) {
-  return object.find(key, key + length);
-}
+constexpr MemberRule kDataStore[] = {
+    {"default-level", Json::intValue, true, false},
+    {"services", Json::objectValue, true, false},
+    {},
+};
+constexpr MemberRule kEntry[] = {
+    {"display-name", Json::stringValue, true, true},
+    {"display-name-i18n", Json::stringValue, false, false},
+    {"current-level", Json::intValue, false, false},
+    {},
+};
 
-template <std::size_t Size>
-const Json::Value* find_member(const Json::Value& object, const char (&key)[Size]) {
-  return find_member(object, key, Size - 1);
+/// Unlike find_member, leaves what is no object to jsoncpp.
+const Json::Value* find_in(const Json::Value& object, std::string_view key) {
+  return object.find(key.data(), key.data() + key.size());
 }
 
 bool validate_entry(const Json::Value& entry) {
-  const Json::Value* const display_name = find_member(entry, "display-name");
+  const Json::Value* const display_name = find_in(entry, "display-name");
   if (display_name == nullptr || !display_name->isString()) {
     log::no_display_name();
     return false;
   }
 
   // Unlike the display name, a translation key that is present may not be empty.
-  const Json::Value* const i18n_name = find_member(entry, "display-name-i18n");
+  const Json::Value* const i18n_name = find_in(entry, "display-name-i18n");
   if (i18n_name != nullptr && !is_filled_string(i18n_name)) {
     log::bad_i18n_display_name();
     return false;
   }
 
-  const Json::Value* const level = find_member(entry, "current-level");
+  const Json::Value* const level = find_in(entry, "current-level");
   if (level != nullptr && !level->isInt()) {
     log::bad_current_level();
     return false;
@@ -40,12 +50,6 @@ bool validate_entry(const Json::Value& entry) {
 }
 
 }  // namespace
-
-bool is_filled_string(const Json::Value* value) {
-  const char* begin = nullptr;
-  const char* end = nullptr;
-  return value != nullptr && value->getString(&begin, &end) && begin != end;
-}
 
 bool validate_data_store(const Json::Value& root) {
   // The type of "default-level" is not looked at; whoever reads it meets jsoncpp's exception.
@@ -66,6 +70,18 @@ bool validate_data_store(const Json::Value& root) {
     }
   }
   return true;
+}
+
+Faults data_store_faults(const Json::Value& root) {
+  Faults faults;
+  append_faults(root, kDataStore, "$", faults);
+  const Json::Value* const services = find_member(root, "services");
+  if (services != nullptr && services->isObject()) {
+    for (const std::string& name : services->getMemberNames()) {
+      append_faults((*services)[name], kEntry, path_of_member("$.services", name), faults);
+    }
+  }
+  return faults;
 }
 
 }  // namespace kelotls

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "capability.h"
-#include "internal.h"
+#include "profile.h"
 #include "kelotls/api_provider.h"
 #include "private_tree.h"
 
@@ -108,7 +108,7 @@ TEST_F(Explain, DescribesEachLevelWithTheLibrarysOwnSettings) {
 
     EXPECT_EQ(description["level"], level);
     EXPECT_EQ("mozilla_" + description["name"].asString(), profile.tier);
-    const std::string list = profile.tls12_cipher_list == nullptr ? "" : profile.tls12_cipher_list;
+    const std::string list = profile.cipher_list == nullptr ? "" : profile.cipher_list;
     EXPECT_EQ(joined(description["cipher-suites"]), list);
     EXPECT_EQ(description["dh-file"].isNull(), profile.dh_file == nullptr);
     if (profile.dh_file != nullptr) {

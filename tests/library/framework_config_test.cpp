@@ -4,7 +4,8 @@
 
 #include <cerrno>
 
-#include "internal.h"
+#include "framework_config.h"
+#include "paths.h"
 #include "kelotls/tls_profile_level.h"
 #include "private_tree.h"
 

@@ -272,7 +272,7 @@ class FileEnumDir : public InDirectory {
     fs::current_path(before);
   }
 
-  const Names kFilesAndLinks{".hidden", "file", "link-to-file", "link-to-directory",
+  const Names kFilesAndLinks{".hidden", "file", "link-to-directory", "link-to-file",
                              "link-to-nothing"};
 
   KLIBCSzList* list_ = nullptr;

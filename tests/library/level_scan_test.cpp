@@ -3,7 +3,8 @@
 
 #include <optional>
 
-#include "internal.h"
+#include "framework_config.h"
+#include "level_scan.h"
 #include "kelotls/tls_profile_level.h"
 #include "private_tree.h"
 

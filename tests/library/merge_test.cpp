@@ -2,7 +2,7 @@
 #include <json/json.h>
 
 #include "framework.h"
-#include "internal.h"
+#include "framework_config.h"
 
 namespace kelotls::test {
 namespace {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "internal.h"
+#include "validator.h"
 #include "private_tree.h"
 
 namespace kelotls::test {

@@ -36,7 +36,7 @@ def read(path):
 def all_mutants():
     header = read(f"{PROJECT}/src/log_messages.h")
     found = []
-    for name in trial.units() + ["internal.h"]:
+    for name in trial.units() + ["paths.h"]:
         found += mutants.mutants_of(f"src/{name}", read(f"{PROJECT}/src/{name}"), header)
     return found
 

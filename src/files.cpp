@@ -1,0 +1,309 @@
+// Owns how files are read, written, replaced, created and listed.
+#include "files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <utility>
+
+namespace kelotls {
+
+namespace {
+
+constexpr int kMaxLinks = 40;
+
+/// A pipe, a device or a file system without the operation has nothing to bring to the disk.
+bool sync_to_disk(int descriptor) {
+  return ::fsync(descriptor) == 0 || errno == EINVAL || errno == ENOTSUP;
+}
+
+/// The directory's part of a path, its slash included; empty for a bare name.
+std::string directory_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+
+/// Replaces the path by the one that its links lead to. The status is that of what exists there,
+/// with mode 0 where nothing does.
+bool follow_links(std::string& path, struct stat& status) {
+  for (int links = 0; links < kMaxLinks; ++links) {
+    if (::lstat(path.c_str(), &status) != 0) {
+      status.st_mode = 0;
+      return errno == ENOENT;
+    }
+    if (!S_ISLNK(status.st_mode)) {
+      return true;
+    }
+    char target[PATH_MAX];
+    const ssize_t length = ::readlink(path.c_str(), target, sizeof target);
+    if (length < 0) {
+      return false;
+    }
+    const std::string name(target, static_cast<std::size_t>(length));
+    if (name.compare(0, 1, "/") == 0) {
+      path.clear();
+    }
+    path.replace(directory_of(path).size(), std::string::npos, name);
+  }
+  return fail(ELOOP);
+}
+
+/// A new file beside the one that it is to become, removed again unless it was renamed.
+class Temporary {
+ public:
+  Temporary(int directory, const std::string& target, mode_t mode)
+      : directory_(directory), file_(create(target, mode)) {}
+  Temporary(const Temporary&) = delete;
+  Temporary& operator=(const Temporary&) = delete;
+  ~Temporary() {
+    if (!name_.empty()) {
+      const int error = errno;
+      ::unlinkat(directory_, name_.c_str(), 0);
+      errno = error;
+    }
+  }
+
+  Descriptor& file() { return file_; }
+
+  bool rename_to(const std::string& target) {
+    if (::renameat(directory_, name_.c_str(), directory_, target.c_str()) != 0) {
+      return false;
+    }
+    name_.clear();
+    return true;
+  }
+
+  /// Unlike a rename, a second name never replaces what exists.
+  bool link_to(const std::string& target) const {
+    return ::linkat(directory_, name_.c_str(), directory_, target.c_str(), 0) == 0;
+  }
+
+ private:
+  int create(const std::string& target, mode_t mode) {
+    for (int attempt = 0;; ++attempt) {
+      char ending[32];
+      static_cast<void>(std::snprintf(ending, sizeof ending, ".%d-%d", ::getpid(), attempt));
+      std::string name = target + ending;
+      const int number =
+          ::openat(directory_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+      if (number >= 0) {
+        name_ = std::move(name);  // a copy might fail, and nobody would remove the file
+      }
+      if (number >= 0 || errno != EEXIST) {
+        return number;
+      }
+    }
+  }
+
+  int directory_;
+  std::string name_;
+  Descriptor file_;
+};
+
+/// Gives a file the owner and mode of the one that it replaces.
+bool copy_owner_and_mode(int descriptor, const struct stat& from) {
+  struct stat now = {};
+  if (::fstat(descriptor, &now) != 0) {
+    return false;
+  }
+  const bool same_owner = now.st_uid == from.st_uid && now.st_gid == from.st_gid;
+  return (same_owner || ::fchown(descriptor, from.st_uid, from.st_gid) == 0) &&
+         ::fchmod(descriptor, from.st_mode & 07777) == 0;
+}
+
+/// Writes a whole new file beside the path, prepared as prepare says, and has place put it there.
+template <typename Prepare, typename Place>
+bool write_beside(const std::string& path, const std::string& text, mode_t mode, Prepare prepare,
+                  Place place) {
+  const std::string directory_path = directory_of(path);
+  const std::string name = path.substr(directory_path.size());
+  const Descriptor directory(::open(directory_path.empty() ? "." : directory_path.c_str(),
+                                    O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.is_open()) {
+    return false;
+  }
+  Temporary temporary(directory.get(), name, mode);
+  Descriptor& file = temporary.file();
+  return file.is_open() && write_all(file.get(), text) && prepare(file.get()) &&
+         sync_to_disk(file.get()) && file.close() && place(temporary, name) &&
+         sync_to_disk(directory.get());
+}
+
+bool rename_into_place(Temporary& temporary, const std::string& name) {
+  return temporary.rename_to(name);
+}
+
+bool replace_regular_file(const std::string& path, const std::string& text,
+                          const struct stat& old_status) {
+  return write_beside(
+      path, text, 0600, [&](int file) { return copy_owner_and_mode(file, old_status); },
+      rename_into_place);
+}
+
+/// Makes one directory. True where it exists afterwards.
+bool make_directory(const std::string& path, mode_t mode, std::vector<std::string>& made) {
+  if (::mkdir(path.c_str(), mode) != 0) {
+    return errno == EEXIST || exists_at(path);
+  }
+  made.push_back(path);
+  return ::chmod(path.c_str(), mode) == 0;  // whatever the umask
+}
+
+}  // namespace
+
+Descriptor::~Descriptor() {
+  const int error = errno;
+  close();
+  errno = error;
+}
+
+int Descriptor::release() { return std::exchange(number_, -1); }
+
+bool Descriptor::close() {
+  const int number = release();
+  return number < 0 || ::close(number) == 0 || errno == EINTR;
+}
+
+bool fail(int error) {
+  errno = error;
+  return false;
+}
+
+bool exists_at(const std::string& path) {
+  struct stat status = {};
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+bool has_nul(const std::string& text) { return text.find('\0') != std::string::npos; }
+
+bool read_to_end(int descriptor, std::size_t expected_bytes, std::string& text) {
+  std::size_t used = text.size();
+  const std::size_t limit = used + kMaxFileBytes;
+  const std::size_t expected_end = used + expected_bytes;
+  text.resize(expected_end + 1);  // one more, to notice a file that has grown
+  for (;;) {
+    const ssize_t count = ::read(descriptor, &text[used], text.size() - used);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    used += count > 0 ? static_cast<std::size_t>(count) : 0;
+    if (count <= 0 || used == expected_end) {
+      text.resize(used);
+      return count >= 0;
+    }
+    if (used > limit) {
+      return fail(EFBIG);
+    }
+    if (used == text.size()) {
+      text.resize(2 * used);
+    }
+  }
+}
+
+bool read_file(const std::string& path, std::string& text) {
+  if (has_nul(path)) {
+    return fail(EINVAL);
+  }
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  if (!file.is_open()) {
+    return false;
+  }
+  struct stat status = {};
+  if (::fstat(file.get(), &status) != 0) {
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  }
+  if (status.st_size > static_cast<off_t>(kMaxFileBytes)) {
+    return fail(EFBIG);
+  }
+  return read_to_end(file.get(), static_cast<std::size_t>(status.st_size), text);
+}
+
+bool write_all(int descriptor, const std::string& text) {
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t count = ::write(descriptor, text.data() + written, text.size() - written);
+    if (count < 0 && errno != EINTR) {
+      return false;
+    }
+    written += count < 0 ? 0 : static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+bool write_in_place(const std::string& path, const std::string& text) {
+  Descriptor file(
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
+  return file.is_open() && write_all(file.get(), text) && sync_to_disk(file.get()) && file.close();
+}
+
+bool replace_file(std::string path, const std::string& text) {
+  struct stat old_status = {};
+  if (!follow_links(path, old_status)) {
+    return false;
+  }
+  if (old_status.st_mode == 0) {
+    return write_beside(
+        path, text, 0666, [](int) { return true; }, rename_into_place);
+  }
+  return S_ISREG(old_status.st_mode) ? replace_regular_file(path, text, old_status)
+                                     : write_in_place(path, text);
+}
+
+bool replace_entry(const std::string& path, const std::string& text, mode_t mode) {
+  struct stat old_status = {};
+  if (::lstat(path.c_str(), &old_status) == 0 && S_ISREG(old_status.st_mode)) {
+    return replace_regular_file(path, text, old_status);
+  }
+  return write_beside(
+      path, text, 0600, [mode](int file) { return ::fchmod(file, mode) == 0; }, rename_into_place);
+}
+
+bool create_file(const std::string& path, const std::string& text, mode_t mode) {
+  return write_beside(
+      path, text, 0600, [mode](int file) { return ::fchmod(file, mode) == 0; },
+      [](const Temporary& temporary, const std::string& name) { return temporary.link_to(name); });
+}
+
+bool make_directories(const std::string& path, mode_t mode, std::vector<std::string>& made) {
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    if (!make_directory(path.substr(0, slash), mode, made)) {
+      return false;
+    }
+  }
+  struct stat status = {};
+  return make_directory(path, mode, made) && ::stat(path.c_str(), &status) == 0;
+}
+
+bool list_directory(const std::string& path, std::vector<std::string>& names) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
+  if (directory == nullptr) {
+    return false;
+  }
+  errno = 0;
+  while (const dirent* const entry = ::readdir(directory.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") {
+      names.push_back(name);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return errno == 0;
+}
+
+FileList make_file_list() { return FileList(KLIBCSzListAlloc(1024)); }
+
+int list_files(const char* directory, FileList& names) {
+  KLIBCSzList* list = names.release();
+  const int result = KLIBCFileEnumDir(directory, nullptr, &list, 0x80);
+  names.reset(list);
+  return result;
+}
+
+}  // namespace kelotls

@@ -1,0 +1,46 @@
+// Owns the data store: loading and saving it, looking up and changing what it holds.
+#ifndef KELOTLS_SRC_FRAMEWORK_CONFIG_H
+#define KELOTLS_SRC_FRAMEWORK_CONFIG_H
+
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+#include "kelotls/service_desc.h"
+
+namespace kelotls {
+
+/// The service's effective level as lookup_service_level gives it, with all that loading logs.
+int load_service_level(const std::string& name);
+
+/// The validated data store, or null once the reason is logged.
+Json::Value load_data_store();
+
+/// Replaces the data store file with the value as it is, null included. 0, or -1 once logged.
+int save_data_store(const Json::Value& root);
+
+/// A copy of the service's entry, or null when there is none. "services" is never copied.
+Json::Value get_service_entry(const Json::Value& root, const std::string& name);
+
+/// The service's effective level (negative and unknown values included), or kServiceNotJoined once
+/// logged. A level that jsoncpp cannot read as an integer raises its exception.
+int lookup_service_level(const Json::Value& root, const std::string& name);
+
+/// Sets the level of a service that has an entry. 0, or kServiceNotJoined once logged.
+int update_service_level(Json::Value& root, const std::string& name, int level);
+
+/// Sets the default level; a null root becomes an object that holds nothing else.
+void update_default_level(Json::Value& root, int level);
+
+/// Gives each service an entry built afresh from its descriptor, with the level of the entry that
+/// it replaces, copied as it is, or 0. Turns a null root into an object. Always 0.
+int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& services);
+
+/// Takes the default level and the levels of services that have an entry from a saved data store,
+/// or 0 for the default from null. A saved service that has none is logged and passed over.
+void restore_levels(Json::Value& live, const Json::Value& saved);
+
+}  // namespace kelotls
+
+#endif

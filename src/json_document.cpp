@@ -1,0 +1,300 @@
+// Owns JSON text: the strict reader and the writer.
+#include "json_document.h"
+
+#include <json/writer.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <sstream>
+#include <utility>
+
+#include "files.h"
+
+namespace kelotls {
+
+namespace {
+
+constexpr int kMaxNesting = 256;
+
+/// Judges a text by the grammar of RFC 8259. jsoncpp takes more than that, throws when nesting
+/// passes its limit, and takes a NUL byte for the end: it only ever sees what was accepted here.
+class Grammar {
+ public:
+  /// The text has a NUL byte behind its end, where every step stops.
+  Grammar(const char* begin, const char* end) : begin_(begin), at_(begin), end_(end) {}
+
+  bool accepts() {
+    skip_blanks();
+    return value(0) && (at_ == end_ || refuse("nothing may follow the document"));
+  }
+
+  std::size_t place() const { return static_cast<std::size_t>(at_ - begin_); }
+  const char* reason() const { return reason_; }
+
+ private:
+  /// Each of these begins at its first character and skips the blanks behind its last one.
+  bool value(int depth) {
+    switch (*at_) {
+      case '{':
+        return list(depth, '}', &Grammar::member);
+      case '[':
+        return list(depth, ']', &Grammar::value);
+      case '"':
+        return string();
+      case 't':
+        return word("true");
+      case 'f':
+        return word("false");
+      case 'n':
+        return word("null");
+      default:
+        return number();
+    }
+  }
+
+  bool list(int depth, char closing, bool (Grammar::*element)(int)) {
+    if (depth == kMaxNesting) {
+      return refuse("nested deeper than 256");
+    }
+    ++at_;
+    skip_blanks();
+    if (take(closing)) {
+      return true;
+    }
+    do {
+      if (!(this->*element)(depth + 1)) {
+        return false;
+      }
+    } while (take(','));
+    return take(closing) || refuse("a comma or the end of the list is missing");
+  }
+
+  bool member(int depth) {
+    return (*at_ == '"' ? string() : refuse("a key in quotes is missing")) &&
+           (take(':') || refuse("a colon is missing")) && value(depth);
+  }
+
+  bool string() {
+    for (++at_; *at_ != '"'; ++at_) {
+      if (static_cast<unsigned char>(*at_) < ' ') {
+        return refuse("a control character, or the end, within a string");
+      }
+      if (*at_ == '\\' && !escape()) {
+        return refuse("no such escape");
+      }
+    }
+    ++at_;
+    skip_blanks();
+    return true;
+  }
+
+  /// Ends on its last character.
+  bool escape() {
+    switch (*++at_) {
+      case '"':
+      case '\\':
+      case '/':
+      case 'b':
+      case 'f':
+      case 'n':
+      case 'r':
+      case 't':
+        return true;
+      case 'u':
+        return is_hex(*++at_) && is_hex(*++at_) && is_hex(*++at_) && is_hex(*++at_);
+      default:
+        return false;
+    }
+  }
+
+  bool number() {
+    at_ += *at_ == '-' ? 1 : 0;
+    if (*at_ == '0') {
+      ++at_;
+    } else if (!digits()) {
+      return refuse("a value is missing");
+    }
+    if (*at_ == '.') {
+      ++at_;
+      if (!digits()) {
+        return refuse("a digit is missing");
+      }
+    }
+    if (*at_ == 'e' || *at_ == 'E') {
+      ++at_;
+      at_ += *at_ == '+' || *at_ == '-' ? 1 : 0;
+      if (!digits()) {
+        return refuse("a digit is missing");
+      }
+    }
+    skip_blanks();
+    return true;
+  }
+
+  bool digits() {
+    const char* const first = at_;
+    while (is_digit(*at_)) {
+      ++at_;
+    }
+    return at_ != first;
+  }
+
+  bool word(const char* rest) {
+    for (; *rest != '\0'; ++rest, ++at_) {
+      if (*at_ != *rest) {
+        return refuse("a value is missing");
+      }
+    }
+    skip_blanks();
+    return true;
+  }
+
+  bool take(char expected) {
+    if (*at_ != expected) {
+      return false;
+    }
+    ++at_;
+    skip_blanks();
+    return true;
+  }
+
+  void skip_blanks() {
+    while (*at_ == ' ' || *at_ == '\n' || *at_ == '\t' || *at_ == '\r') {
+      ++at_;
+    }
+  }
+
+  bool refuse(const char* reason) {
+    reason_ = reason;
+    return false;
+  }
+
+  static bool is_digit(char c) { return c >= '0' && c <= '9'; }
+  static bool is_hex(char c) {
+    const char lower = static_cast<char>(c | 0x20);
+    return is_digit(c) || (lower >= 'a' && lower <= 'f');
+  }
+
+  const char* const begin_;
+  const char* at_;
+  const char* const end_;
+  const char* reason_ = nullptr;
+};
+
+Json::CharReaderBuilder make_reader_settings(DuplicateKeys duplicates) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["rejectDupKeys"] = duplicates == DuplicateKeys::kRefused;
+  builder["stackLimit"] = kMaxNesting + 2;  // the brackets around the document, the innermost value
+  return builder;
+}
+
+/// What jsoncpp says of a text that keeps to the grammar: half a surrogate pair, a number that is
+/// too large, a key that is there twice. "* Line 1, Column 2\n  Text\n" → "Line 1, Column 2: Text".
+std::string jsoncpp_fault(const std::string& text, DuplicateKeys duplicates) {
+  Json::CharReaderBuilder settings = make_reader_settings(duplicates);
+  settings["strictRoot"] = false;
+  const std::unique_ptr<Json::CharReader> reader(settings.newCharReader());
+  Json::Value ignored;
+  std::string errors;
+  reader->parse(text.data(), text.data() + text.size(), &ignored, &errors);
+  const std::size_t line_end = errors.find("\n  ");
+  return errors.substr(2, line_end - 2) + ": " +
+         errors.substr(line_end + 3, errors.find('\n', line_end + 1) - line_end - 3);
+}
+
+Json::StreamWriterBuilder make_writer_settings(Colons colons) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "  ";
+  builder["emitUTF8"] = true;
+  builder["enableYAMLCompatibility"] = colons == Colons::kPlain;
+  return builder;
+}
+
+}  // namespace
+
+JsonReader::JsonReader(DuplicateKeys duplicates) : duplicates_(duplicates) {
+  static const Json::CharReaderBuilder last_counts =
+      make_reader_settings(DuplicateKeys::kLastCounts);
+  reader_.reset(duplicates == DuplicateKeys::kLastCounts
+                    ? last_counts.newCharReader()
+                    : make_reader_settings(duplicates).newCharReader());
+}
+
+bool JsonReader::read(const std::string& path, Json::Value& document) {
+  std::string text = "[";
+  if (!read_file(path, text)) {
+    return false;
+  }
+  const int error = errno;  // reading numbers may set it
+  const bool is_document = parse_bracketed(text, document);
+  errno = is_document ? error : 0;
+  return is_document;
+}
+
+bool JsonReader::parse(const std::string& text, Json::Value& document) {
+  std::string bracketed = "[" + text;
+  return parse_bracketed(bracketed, document);
+}
+
+/// Of "[" and a text. jsoncpp reads it in brackets, as the one element of an array: it takes a
+/// scalar for a document only where it also takes text behind it.
+bool JsonReader::parse_bracketed(std::string& text, Json::Value& document) {
+  Grammar grammar(text.data() + 1, text.data() + text.size());
+  const bool is_accepted = grammar.accepts();
+  text += ']';
+  Json::Value documents;
+  if (!is_accepted ||
+      !reader_->parse(text.data(), text.data() + text.size(), &documents, nullptr)) {
+    text.pop_back();
+    text.erase(0, 1);
+    refused_ = std::move(text);
+    place_ = grammar.place();
+    reason_ = grammar.reason();
+    return false;
+  }
+  document = std::move(documents[0]);
+  return true;
+}
+
+std::string JsonReader::fault() const {
+  if (reason_ == nullptr) {
+    return jsoncpp_fault(refused_, duplicates_);
+  }
+  const std::string before = refused_.substr(0, place_);
+  const auto line = 1 + std::count(before.begin(), before.end(), '\n');
+  const std::size_t column = place_ - before.rfind('\n');  // without a line end before: npos, -1
+  return "Line " + std::to_string(line) + ", Column " + std::to_string(column) + ": " + reason_;
+}
+
+std::string json_text(const Json::Value& value, Colons colons) {
+  static const Json::StreamWriterBuilder spaced = make_writer_settings(Colons::kSpaced);
+  static const Json::StreamWriterBuilder plain = make_writer_settings(Colons::kPlain);
+  std::ostringstream text(std::ios::out);
+  text.exceptions(std::ios::badbit);  // or a text cut short for want of memory would look whole
+  const Json::StreamWriterBuilder& settings = colons == Colons::kSpaced ? spaced : plain;
+  std::unique_ptr<Json::StreamWriter>(settings.newStreamWriter())->write(value, &text);
+  text << '\n';
+  return text.str();
+}
+
+const Json::Value* find_member(const Json::Value& value, std::string_view key) {
+  return value.isObject() ? value.find(key.data(), key.data() + key.size()) : nullptr;
+}
+
+std::string text_member(const Json::Value& value, std::string_view key) {
+  const Json::Value* const member = find_member(value, key);
+  return member != nullptr && member->isString() ? member->asString() : std::string();
+}
+
+}  // namespace kelotls
+
+bool Json::Value::fromFile(const String& path) { return kelotls::JsonReader().read(path, *this); }
+
+bool Json::Value::toFile(const String& path, bool in_place) const {
+  if (kelotls::has_nul(path)) {
+    return kelotls::fail(EINVAL);
+  }
+  const std::string text = kelotls::json_text(*this, kelotls::Colons::kSpaced);
+  return in_place ? kelotls::write_in_place(path, text) : kelotls::replace_file(path, text);
+}

@@ -1,0 +1,57 @@
+// Owns JSON text: one strict reader, by the letter of RFC 8259, that can say where and why a text
+// is no document, and one writer. Json::Value::fromFile and toFile are these two on whole files.
+#ifndef KELOTLS_SRC_JSON_DOCUMENT_H
+#define KELOTLS_SRC_JSON_DOCUMENT_H
+
+#include <json/reader.h>
+#include <json/value.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kelotls {
+
+enum class DuplicateKeys { kLastCounts, kRefused };
+
+/// Reads documents. The bytes of strings are taken as they are, valid UTF-8 or not; arrays and
+/// objects nest 256 deep at most. Making jsoncpp's reader costs half as much as reading a
+/// descriptor, so callers that read many files make one of these for all.
+class JsonReader {
+ public:
+  explicit JsonReader(DuplicateKeys duplicates = DuplicateKeys::kLastCounts);
+
+  /// Reads a regular file of bounded size. On failure the document is as it was and errno is that
+  /// of the call that failed, 0 for a text that is no document.
+  bool read(const std::string& path, Json::Value& document);
+
+  /// Reads a text. On failure the document is as it was, and fault() says why.
+  bool parse(const std::string& text, Json::Value& document);
+
+  /// Of the text that was refused last: "Line 2, Column 5: a value is missing".
+  std::string fault() const;
+
+ private:
+  bool parse_bracketed(std::string& text, Json::Value& document);
+
+  DuplicateKeys duplicates_;
+  std::unique_ptr<Json::CharReader> reader_;
+  std::string refused_;           // what was refused, without brackets
+  std::size_t place_ = 0;         // of the fault
+  const char* reason_ = nullptr;  // null where only jsoncpp saw it
+};
+
+enum class Colons { kSpaced, kPlain };  ///< "key" : value, as toFile writes it; or "key": value
+
+/// The text of a value: indented, UTF-8 as it is, a line end behind it.
+std::string json_text(const Json::Value& value, Colons colons = Colons::kPlain);
+
+/// The member of an object, or null where the value is no object or has none.
+const Json::Value* find_member(const Json::Value& value, std::string_view key);
+
+/// The member's text, or the empty string where it is missing or no string.
+std::string text_member(const Json::Value& value, std::string_view key);
+
+}  // namespace kelotls
+
+#endif

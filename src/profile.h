@@ -1,0 +1,60 @@
+// Owns what each level means: the one table of profiles, and the making of a context from a row.
+#ifndef KELOTLS_SRC_PROFILE_H
+#define KELOTLS_SRC_PROFILE_H
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+
+namespace kelotls {
+
+/// Releases OpenSSL's handles, files and the like: unique_ptr<SSL_CTX, Release<SSL_CTX_free>>.
+template <auto release>
+struct Release {
+  template <typename Handle>
+  void operator()(Handle* handle) const {
+    static_cast<void>(release(handle));
+  }
+};
+
+using ContextOwner = std::unique_ptr<SSL_CTX, Release<SSL_CTX_free>>;
+
+/// What one level asks for. Lists are in OpenSSL's spelling, in the order of preference.
+struct Profile {
+  int level;
+  const char* name;
+  const char* tier;  // the section of a configuration template
+  int oldest_version;
+  decltype(SSL_CTX_get_options(nullptr)) options;
+  const char* cipher_list;   // for TLS 1.2 and older; null: OpenSSL's default list stays
+  const char* ciphersuites;  // for TLS 1.3
+  const char* groups;
+  const char* dh_file;  // in kDhParamDir; null: no temporary DH parameters
+  int dh_bits;
+};
+
+/// The profile of a level of 0 or above; a value that names no level is served as intermediate.
+const Profile& profile_of_level(int level);
+
+/// The outcome of installing temporary DH parameters. Without them a context offers no DHE suite.
+struct DhResult {
+  enum class Step { kNone, kInstalled, kOpen, kRead };
+  Step step = Step::kNone;  // kOpen, kRead: what failed
+  int error = 0;            // of kOpen
+  std::string path;         // of kOpen
+  std::string reasons;      // of kRead, OpenSSL's
+};
+
+struct ContextResult {
+  ContextOwner context;           // half made where something was refused
+  const char* refused = nullptr;  // what OpenSSL refused, as it is logged
+  DhResult dh;
+};
+
+/// A new server context with all that the row asks for.
+ContextResult make_context(const Profile& profile);
+
+}  // namespace kelotls
+
+#endif

@@ -1,0 +1,141 @@
+// Owns the rules of what may join and leave the framework.
+#include "registration.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+#include "json_document.h"
+
+namespace kelotls {
+
+namespace {
+
+constexpr MemberRule kRegistration[] = {
+    {"services", Json::arrayValue, true, false},
+    {},
+};
+constexpr MemberRule kCautiousRegistration[] = {
+    {"services", Json::arrayValue, true, false},
+    {"system-service", Json::booleanValue, false, false},
+    {},
+};
+constexpr MemberRule kJoiningService[] = {
+    {"service", Json::stringValue, true, false},
+    {"display-name", Json::stringValue, true, true},
+    {"display-name-i18n", Json::stringValue, false, false},
+    {"mustache-path", Json::stringValue, false, false},
+    {"reloader-path", Json::stringValue, false, false},
+    {},
+};
+constexpr MemberRule kLeavingService[] = {
+    {"service", Json::stringValue, true, false},
+    {},
+};
+
+// A file name holds 255 bytes at most. The suffix takes five; the temporary file that becomes the
+// rendered one takes seven more.
+constexpr std::size_t kMaxName = 250;
+constexpr std::size_t kMaxNameWithTemplate = 243;
+
+const MemberRule* rules_for(Purpose purpose) {
+  return purpose == Purpose::kJoin ? kJoiningService : kLeavingService;
+}
+
+/// The rules on names, of elements that have one.
+void append_name_faults(const Json::Value& services, Faults& faults) {
+  std::map<std::string, std::string> first_places;
+  for (Json::ArrayIndex index = 0; index < services.size(); ++index) {
+    const std::string name = text_member(services[index], "service");
+    if (name.empty()) {
+      continue;
+    }
+    const std::string element = path_of_element("$.services", index);
+    const std::string fault =
+        name_fault(name, !text_member(services[index], "mustache-path").empty());
+    if (!fault.empty()) {
+      faults.push_back({element + ".service", fault});
+    }
+    const auto [first, is_new] = first_places.emplace(name, element);
+    if (!is_new) {
+      faults.push_back(
+          {element + ".service", "\"" + name + "\" is already named by " + first->second});
+    }
+  }
+}
+
+}  // namespace
+
+bool is_registration(const Json::Value& registration, Purpose purpose) {
+  if (broken_rule(registration, kRegistration) != nullptr) {
+    return false;
+  }
+  const Json::Value& services = *find_member(registration, "services");
+  return std::all_of(services.begin(), services.end(), [&](const Json::Value& service) {
+    return broken_rule(service, rules_for(purpose)) == nullptr;
+  });
+}
+
+Faults registration_faults(const Json::Value& registration, Purpose purpose) {
+  Faults faults;
+  const Json::Value* const services = find_member(registration, "services");
+  const bool has_services = services != nullptr && services->isArray();
+  for (Json::ArrayIndex index = 0; has_services && index < services->size(); ++index) {
+    append_faults((*services)[index], rules_for(purpose), path_of_element("$.services", index),
+                  faults);
+  }
+  append_faults(registration, kCautiousRegistration, "$", faults);
+  if (has_services) {
+    append_name_faults(*services, faults);
+  }
+  return faults;
+}
+
+std::string name_fault(const std::string& name, bool has_template) {
+  if (name.empty()) {
+    return "is empty";
+  }
+  if (name == "." || name == "..") {
+    return "must not be \"" + name + "\"";
+  }
+  if (name.find('/') != std::string::npos) {
+    return "holds a \"/\": its files would lie outside of the framework's folders";
+  }
+  if (std::any_of(name.begin(), name.end(),
+                  [](unsigned char character) { return character < 0x20 || character == 0x7f; })) {
+    return "holds a control character";
+  }
+  if (name.size() > kMaxName) {
+    return "is " + std::to_string(name.size()) + " bytes long, 250 are allowed";
+  }
+  if (has_template && name.size() > kMaxNameWithTemplate) {
+    return "is " + std::to_string(name.size()) +
+           " bytes long; with a template 243 are allowed, or it could never be rendered";
+  }
+  return {};
+}
+
+bool is_system_service(const Json::Value& registration) {
+  const Json::Value* const flag = find_member(registration, "system-service");
+  return flag != nullptr && flag->asBool();
+}
+
+std::vector<ServiceDesc> services_of(const Json::Value& registration) {
+  const bool belong_to_system = is_system_service(registration);
+  std::vector<ServiceDesc> services;
+  for (const Json::Value& element : registration["services"]) {
+    ServiceDesc service;
+    service.from_json(element);
+    if (belong_to_system) {
+      service.set_system_service();
+    }
+    services.push_back(std::move(service));
+  }
+  return services;
+}
+
+bool needs_reloader_link(const ServiceDesc& service) {
+  return service.has_reloader() && !service.is_system_service();
+}
+
+}  // namespace kelotls

@@ -1,0 +1,56 @@
+// Owns which reloaders there are, and running one.
+#include "reloaders.h"
+
+#include <cerrno>
+
+#include "files.h"
+#include "kelotls/api_provider.h"
+#include "log_messages.h"
+#include "paths.h"
+
+namespace kelotls {
+
+bool collect_reloaders(std::vector<std::string>& paths, const char*& directory) {
+  FileList names = make_file_list();
+  for (const char* listed : {kSystemReloaderDir, kPackageReloaderDir}) {
+    directory = listed;
+    if (list_files(directory, names) < 0) {
+      leak_on_purpose(names);
+      return false;
+    }
+    for (int32_t index = 0; index < names->count; ++index) {
+      paths.push_back(std::string(directory) + KLIBCSzListGet(names.get(), index));
+    }
+    KLIBCSzListRemoveAll(names.get());
+  }
+  return true;
+}
+
+ReloadResult run_reloader(const std::string& path) {
+  ReloadResult result;
+  result.path = path;
+  errno = 0;
+  result.status = KLIBCExec(path.c_str(), nullptr, nullptr, nullptr, nullptr);
+  result.error = errno;
+  if (result.error != 0) {
+    log::reloader_not_run(path);
+  } else if (result.status != 0) {
+    log::reloader_failed(result.status, path);
+  }
+  return result;
+}
+
+int APIProvider::execute_service_reloader() const {
+  std::vector<std::string> paths;
+  const char* directory = nullptr;
+  if (!collect_reloaders(paths, directory)) {
+    log::reloaders_not_listed(kConfigDir);  // whichever directory it was; the text is kept
+    return -1;
+  }
+  for (const std::string& path : paths) {
+    run_reloader(path);
+  }
+  return 0;
+}
+
+}  // namespace kelotls
