@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "command_line.h"
-#include "failure.h"
 #include "harness.h"
 #include "private_tree.h"
 

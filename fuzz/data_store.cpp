@@ -10,8 +10,6 @@
 
 #include "harness.h"
 #include "framework_config.h"
-#include "level_scan.h"
-#include "validator.h"
 #include "json_grammar.h"
 #include "private_tree.h"
 #include "rules.h"

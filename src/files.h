@@ -1,7 +1,6 @@
 // Owns how files are read, written, replaced, created and listed: whole, bounded and durable.
 // Operations that can fail return false (or a closed descriptor) with errno set.
-#ifndef KELOTLS_SRC_FILES_H
-#define KELOTLS_SRC_FILES_H
+#pragma once
 
 #include <kelocore.h>
 #include <sys/types.h>
@@ -96,5 +95,3 @@ void leak_on_purpose(Owner& owner) {
 }
 
 }  // namespace kelotls
-
-#endif

@@ -7,10 +7,8 @@
 
 #include "files.h"
 #include "kelotls/tls_profile_level.h"
-#include "level_scan.h"
 #include "log_messages.h"
 #include "paths.h"
-#include "validator.h"
 
 namespace kelotls {
 

@@ -1,15 +1,30 @@
-// Owns the data store: loading and saving it, looking up and changing what it holds.
-#ifndef KELOTLS_SRC_FRAMEWORK_CONFIG_H
-#define KELOTLS_SRC_FRAMEWORK_CONFIG_H
+// Owns the data store: loading, validating and saving it, looking up and changing what it holds.
+#pragma once
 
 #include <json/value.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kelotls/service_desc.h"
+#include "member_rules.h"
 
 namespace kelotls {
+
+/// Whether the value is a data store; the first fault found is logged. An entry that is not an
+/// object goes straight to jsoncpp, whose exception passes through.
+bool validate_data_store(const Json::Value& root);
+
+/// Every fault, with its place: what validate_data_store looks for, and values that make jsoncpp
+/// raise its exception. A level that is missing follows the default.
+Faults data_store_faults(const Json::Value& root);
+
+/// The service's effective level, found without building the data store's tree; nothing where the
+/// text is not of the ordinary form, or has no entry for the service: load_data_store and
+/// lookup_service_level then say what it is. Where it gives a level they give the same.
+std::optional<int> scan_service_level(std::string_view text, std::string_view name);
 
 /// The service's effective level as lookup_service_level gives it, with all that loading logs.
 int load_service_level(const std::string& name);
@@ -42,5 +57,3 @@ int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& ser
 void restore_levels(Json::Value& live, const Json::Value& saved);
 
 }  // namespace kelotls
-
-#endif

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <sstream>
 #include <utility>
 
@@ -90,21 +91,11 @@ class Grammar {
 
   /// Ends on its last character.
   bool escape() {
-    switch (*++at_) {
-      case '"':
-      case '\\':
-      case '/':
-      case 'b':
-      case 'f':
-      case 'n':
-      case 'r':
-      case 't':
-        return true;
-      case 'u':
-        return is_hex(*++at_) && is_hex(*++at_) && is_hex(*++at_) && is_hex(*++at_);
-      default:
-        return false;
+    ++at_;
+    if (*at_ == 'u') {
+      return is_hex(*++at_) && is_hex(*++at_) && is_hex(*++at_) && is_hex(*++at_);
     }
+    return *at_ != '\0' && std::strchr("\"\\/bfnrt", *at_) != nullptr;
   }
 
   bool number() {

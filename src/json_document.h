@@ -1,7 +1,6 @@
 // Owns JSON text: one strict reader, by the letter of RFC 8259, that can say where and why a text
 // is no document, and one writer. Json::Value::fromFile and toFile are these two on whole files.
-#ifndef KELOTLS_SRC_JSON_DOCUMENT_H
-#define KELOTLS_SRC_JSON_DOCUMENT_H
+#pragma once
 
 #include <json/reader.h>
 #include <json/value.h>
@@ -53,5 +52,3 @@ const Json::Value* find_member(const Json::Value& value, std::string_view key);
 std::string text_member(const Json::Value& value, std::string_view key);
 
 }  // namespace kelotls
-
-#endif

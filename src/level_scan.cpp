@@ -1,5 +1,5 @@
 // Finds a service's level in the data store's text in one pass, without building its tree.
-#include "level_scan.h"
+#include "framework_config.h"
 
 #include <string>
 

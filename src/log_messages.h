@@ -1,8 +1,7 @@
 // Every line that the library writes to the system log: one function a message, in order of unit
 // and number. The numbers are identities like error codes: frozen, unique within their unit. No
 // other code knows the text of a line.
-#ifndef KELOTLS_SRC_LOG_MESSAGES_H
-#define KELOTLS_SRC_LOG_MESSAGES_H
+#pragma once
 
 #include <cerrno>
 #include <string>
@@ -164,5 +163,3 @@ inline void openssl_failure(const char* message, const char* reasons) {
 }
 
 }  // namespace kelotls::log
-
-#endif

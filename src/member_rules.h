@@ -1,6 +1,5 @@
 // Owns how the members of a JSON object are judged by a table, and how a fault is named.
-#ifndef KELOTLS_SRC_MEMBER_RULES_H
-#define KELOTLS_SRC_MEMBER_RULES_H
+#pragma once
 
 #include <json/value.h>
 
@@ -40,5 +39,3 @@ std::string path_of_member(const std::string& path, const std::string& name);
 std::string path_of_element(const std::string& path, std::size_t index);
 
 }  // namespace kelotls
-
-#endif

@@ -1,7 +1,6 @@
 // Owns where the framework's files are. Directories end in a slash: a file's path is a plain
 // concatenation.
-#ifndef KELOTLS_SRC_PATHS_H
-#define KELOTLS_SRC_PATHS_H
+#pragma once
 
 #include <string>
 
@@ -30,5 +29,3 @@ inline std::string link_path(const std::string& name) {
 }
 
 }  // namespace kelotls
-
-#endif

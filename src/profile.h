@@ -1,6 +1,5 @@
 // Owns what each level means: the one table of profiles, and the making of a context from a row.
-#ifndef KELOTLS_SRC_PROFILE_H
-#define KELOTLS_SRC_PROFILE_H
+#pragma once
 
 #include <openssl/ssl.h>
 
@@ -56,5 +55,3 @@ struct ContextResult {
 ContextResult make_context(const Profile& profile);
 
 }  // namespace kelotls
-
-#endif

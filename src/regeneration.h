@@ -1,6 +1,5 @@
 // Owns how descriptor files are read, and how the data store is brought in line with them.
-#ifndef KELOTLS_SRC_REGENERATION_H
-#define KELOTLS_SRC_REGENERATION_H
+#pragma once
 
 #include <json/value.h>
 
@@ -28,5 +27,3 @@ struct DescriptorFile {
 DescriptorFile read_descriptor_file(JsonReader& reader, const std::string& file_name);
 
 }  // namespace kelotls
-
-#endif

@@ -1,6 +1,5 @@
 // Owns the rules of what may join and leave the framework.
-#ifndef KELOTLS_SRC_REGISTRATION_H
-#define KELOTLS_SRC_REGISTRATION_H
+#pragma once
 
 #include <json/value.h>
 
@@ -36,5 +35,3 @@ std::vector<ServiceDesc> services_of(const Json::Value& registration);
 bool needs_reloader_link(const ServiceDesc& service);
 
 }  // namespace kelotls
-
-#endif

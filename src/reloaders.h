@@ -1,6 +1,5 @@
 // Owns which reloaders there are, and running one.
-#ifndef KELOTLS_SRC_RELOADERS_H
-#define KELOTLS_SRC_RELOADERS_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -22,5 +21,3 @@ struct ReloadResult {
 ReloadResult run_reloader(const std::string& path);
 
 }  // namespace kelotls
-
-#endif

@@ -1,6 +1,5 @@
 // Owns rendering: from a service's descriptor and level to its rendered file.
-#ifndef KELOTLS_SRC_RENDERING_H
-#define KELOTLS_SRC_RENDERING_H
+#pragma once
 
 #include <json/value.h>
 
@@ -40,5 +39,3 @@ RenderResult render_and_compare(const Json::Value& root, const std::string& name
                                 JsonReader& reader, Rendering rendering, RenderedTexts& texts);
 
 }  // namespace kelotls
-
-#endif

@@ -6,7 +6,6 @@
 #include "kelotls/tls_profile_level.h"
 #include "log_messages.h"
 #include "paths.h"
-#include "validator.h"
 
 namespace kelotls {
 

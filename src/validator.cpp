@@ -1,5 +1,5 @@
 // Decides whether a JSON value is a data store.
-#include "validator.h"
+#include "framework_config.h"
 
 #include <string_view>
 

@@ -10,10 +10,10 @@
 #include <sstream>
 #include <string>
 
-#include "capability.h"
-#include "profile.h"
 #include "kelotls/api_provider.h"
 #include "private_tree.h"
+#include "profile.h"
+#include "tls/report.h"
 
 namespace kelotls::test {
 namespace {

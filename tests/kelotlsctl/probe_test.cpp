@@ -21,10 +21,9 @@
 #include <string>
 #include <thread>
 
-#include "capability.h"
 #include "kelotls/api_provider.h"
 #include "private_tree.h"
-#include "probe.h"
+#include "tls/report.h"
 
 namespace kelotls::test {
 namespace {

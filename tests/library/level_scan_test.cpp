@@ -4,7 +4,6 @@
 #include <optional>
 
 #include "framework_config.h"
-#include "level_scan.h"
 #include "kelotls/tls_profile_level.h"
 #include "private_tree.h"
 

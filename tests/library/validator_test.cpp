@@ -4,7 +4,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "validator.h"
+#include "framework_config.h"
 #include "private_tree.h"
 
 namespace kelotls::test {

@@ -1,12 +1,67 @@
-// The command as a whole.
+// Owns the command line: what a command is, the table of all of them, and running one.
 #ifndef KELOTLSCTL_COMMAND_LINE_H
 #define KELOTLSCTL_COMMAND_LINE_H
 
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+#include "output/console.h"
+
 namespace kelotlsctl {
 
-/// Does what the arguments ask for, the program's name being the first; the result is the exit
-/// code. Lets through only what the standard library throws where nothing can be done, as for no
-/// memory.
+/// What the command line fills in. Each command uses its own part.
+struct Arguments {
+  bool dry_run = false;  ///< say what would be done, and write nothing
+  bool names = false;
+  bool check = false;
+  bool apply = false;
+  std::string service;
+  std::string level;
+  std::string subject;
+  std::string address;
+  std::string file;  ///< "-" for the standard input
+  std::string backup_file;
+  std::string default_level;
+};
+
+/// What a command has to say: one document, printed as text or as JSON, and what follows it.
+struct Report {
+  int code = kDone;
+  Json::Value document{Json::objectValue};
+  std::vector<std::string> warnings;
+  std::vector<std::string> notes;  ///< for people; silent with --quiet
+  /// Prints the document as text instead of the row's function, where an option asks for another
+  /// form.
+  void (*print)(Console& console, const Json::Value& document) = nullptr;
+};
+
+/// One argument of a command: a flag, an option ("--from") or a positional ("SERVICE").
+struct ArgumentRow {
+  const char* name;
+  const char* help;
+  bool Arguments::*flag = nullptr;
+  std::string Arguments::*text = nullptr;
+  bool is_required = false;
+  bool may_be_empty = false;
+  bool is_hidden = false;
+};
+
+struct CommandRow {
+  const char* name;
+  const char* help;
+  std::vector<ArgumentRow> arguments;
+  const char* exit_codes;
+  Report (*run)(Console& console, const Arguments& arguments);
+  /// Writes the document as text; console.data() takes it.
+  void (*print)(Console& console, const Json::Value& document);
+};
+
+/// Every command, in the order of the help.
+const std::vector<CommandRow>& commands();
+
+/// Parses the command line and runs the command. The exit code.
 int run_program(int argc, char** argv);
 
 }  // namespace kelotlsctl

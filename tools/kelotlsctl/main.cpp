@@ -1,8 +1,8 @@
+// Starts the command; what ends it in no other way ends here.
 #include <cstdio>
 #include <exception>
 
 #include "command_line.h"
-#include "failure.h"
 
 int main(int argc, char** argv) try {
   return kelotlsctl::run_program(argc, argv);

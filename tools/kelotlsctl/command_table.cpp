@@ -1,0 +1,82 @@
+// Owns the table of commands: what each is called with, says, and is done by.
+#include "command_line.h"
+#include "commands/commands.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+// clang-format off
+const ArgumentRow kDryRun  = {"--dry-run", "Say what would be done, write nothing", &Arguments::dry_run};
+const ArgumentRow kService = {"SERVICE", "The name that the service joined with", nullptr, &Arguments::service, true, true};
+const ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
+
+const std::vector<CommandRow> kCommands = {
+    {"list", "Show all services (without a command, this)",
+     {{"--names", "", &Arguments::names, nullptr, false, false, true}},
+     "0, 1, 4", list_services, print_services},
+    {"show", "Show one service and its files", {kService},
+     "0, 1, 4, 10", show_service, print_service},
+    {"get", "Show a service's level", {kService},
+     "0, 1, 4, 10", get_level, print_level_of_service},
+    {"levels", "Show what each level asks for", {},
+     "0, 1", show_levels, print_levels},
+    {"explain", "Show what this machine gives of a level, and why",
+     {{"LEVEL|SERVICE", "A level, or a service and its level", nullptr, &Arguments::subject, true, true}},
+     "0, 1, 4, 10", explain, print_explained},
+    {"probe", "Shake hands with a service and compare",
+     {kService,
+      {"--connect", "HOST:PORT of a running server", nullptr, &Arguments::address}},
+     "0, 1, 2, 3, 4, 10", probe_service, print_probed},
+    {"check", "Look for whatever is wrong", {},
+     "0, 1, 3", check_framework, print_findings},
+
+    {"set", "Set a service's level",
+     {kDryRun, kService,
+      {"LEVEL", "modern, intermediate, old, default, or 0 to 3", nullptr, &Arguments::level, true, true},
+      {"--apply", "Render, reload and probe; undo when a step fails", &Arguments::apply}},
+     "0, 1, 2, 3, 4, 5, 10", set_level, print_set},
+    {"default", "Show or set the default level",
+     {kDryRun,
+      {"LEVEL", "modern, intermediate, old, or 1 to 3", nullptr, &Arguments::level}},
+     "0, 1, 2, 4", default_level, print_default},
+
+    {"validate", "Name every fault of a registration", {kFile},
+     "0, 1, 3", validate_registration, print_validated},
+    {"join", "Make services join", {kDryRun, kFile},
+     "0, 1, 4", join_services, print_joined},
+    {"leave", "Make services leave", {kDryRun, kFile},
+     "0, 1, 4, 10", leave_services, print_left},
+
+    {"regen", "Bring the data store in line with the descriptors", {kDryRun},
+     "0, 1, 4", regenerate, print_regenerated},
+    {"render", "Render all templates",
+     {kDryRun, {"--check", "Show what would change, with the differences", &Arguments::check}},
+     "0, 1, 3, 4", render_templates, print_rendered},
+    {"reload", "Run all reloaders", {kDryRun},
+     "0, 1, 4, 5", reload, print_reloaded},
+    {"apply", "Render, reload and probe", {kDryRun},
+     "0, 1, 3, 4, 5", apply_levels, print_applied},
+
+    {"backup", "Save all levels",
+     {kDryRun, {"FILE", "A new file; a dated one in this folder unless named", nullptr, &Arguments::file}},
+     "0, 1, 4", backup, print_backup},
+    {"restore", "Take levels from a backup",
+     {kDryRun, {"FILE", "The backup", nullptr, &Arguments::file, true, true}},
+     "0, 1, 4", restore, print_restored},
+    {"init", "Make the first data store of a fresh appliance",
+     {kDryRun, {"--default", "The default level; else intermediate", nullptr, &Arguments::default_level}},
+     "0, 1, 2", initialise, print_initialised},
+    {"recover", "Get back from a data store that is missing or broken",
+     {kDryRun,
+      {"--from", "A backup to take the levels from", nullptr, &Arguments::backup_file},
+      {"--default", "The default level", nullptr, &Arguments::default_level}},
+     "0, 1, 2", recover, print_recovered},
+};
+// clang-format on
+
+}  // namespace
+
+const std::vector<CommandRow>& commands() { return kCommands; }
+
+}  // namespace kelotlsctl

@@ -1,0 +1,40 @@
+// kelotlsctl backup: all levels, saved to a new file.
+#include <cerrno>
+#include <cstring>
+
+#include "commands/commands.h"
+#include "files.h"
+#include "json_document.h"
+#include "state/documents.h"
+
+namespace kelotlsctl {
+
+Report backup(Console& console, const Arguments& arguments) {
+  const Lock lock(console, !arguments.dry_run);
+  const Store store = load_store();
+  const std::string path =
+      arguments.file.empty() ? dated_name("kelotls-levels-", ".json") : arguments.file;
+  if (kelotls::exists_at(path)) {
+    throw Failure(kFailed, printable(path) + " exists already", "A backup never replaces a file.");
+  }
+  Json::Value saved(Json::objectValue);
+  saved["default-level"] = store.default_level();
+  saved["services"] = store.services();
+  if (!arguments.dry_run && !kelotls::create_file(path, kelotls::json_text(saved), 0600)) {
+    throw Failure(kFailed, printable(path) + ": " + std::strerror(errno));
+  }
+  Report report;
+  report.document["file"] = path;
+  report.document["written"] = !arguments.dry_run;
+  report.document["services"] = store.services().size();
+  return report;
+}
+
+void print_backup(Console& console, const Json::Value& document) {
+  const unsigned int services = document["services"].asUInt();
+  console.data() << printable(document["file"].asString())
+                 << (document["written"].asBool() ? ": holds " : ": would hold ")
+                 << "the levels of " << services << (services == 1 ? " service\n" : " services\n");
+}
+
+}  // namespace kelotlsctl

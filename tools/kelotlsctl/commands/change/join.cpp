@@ -1,0 +1,128 @@
+// kelotlsctl join: services of a registration join, or join again.
+#include <fcntl.h>
+#include <kelotls/api_provider.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "commands/commands.h"
+#include "files.h"
+#include "paths.h"
+#include "state/documents.h"
+#include "state/service_state.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+/// What a join of a service may overwrite and, should it fail, takes away.
+class FormerFiles {
+ public:
+  explicit FormerFiles(const std::string& service)
+      : descriptor_path_(kelotls::descriptor_path(service)),
+        link_path_(kelotls::link_path(service)),
+        link_target_(link_target(service)),
+        has_descriptor_(kelotls::read_file(descriptor_path_, descriptor_) &&
+                        ::stat(descriptor_path_.c_str(), &status_) == 0) {}
+
+  /// Puts back what is gone. In place: a temporary file in that directory would be read as a
+  /// service.
+  bool put_back() const {
+    bool is_back = true;
+    if (has_descriptor_ && !kelotls::exists_at(descriptor_path_)) {
+      is_back = kelotls::write_in_place(descriptor_path_, descriptor_) &&
+                ::chmod(descriptor_path_.c_str(), status_.st_mode & 07777) == 0;
+    }
+    if (!link_target_.empty() && !kelotls::exists_at(link_path_)) {
+      is_back = ::symlink(link_target_.c_str(), link_path_.c_str()) == 0 && is_back;
+    }
+    return is_back;
+  }
+
+ private:
+  std::string descriptor_path_;
+  std::string link_path_;
+  std::string link_target_;
+  std::string descriptor_;
+  struct stat status_ = {};
+  bool has_descriptor_;
+};
+
+/// Who joins, as it is reported.
+Json::Value plan_json(const Registration& registration, const Store& store) {
+  Json::Value document(Json::objectValue);
+  document["services"] = Json::Value(Json::arrayValue);
+  for (const kelotls::ServiceDesc& service : kelotls::services_of(registration.document)) {
+    const std::string name = service.get_service_name();
+    Json::Value value(Json::objectValue);
+    value["service"] = name;
+    value["new"] = !store.has(name);
+    value["descriptor"] = kelotls::descriptor_path(name);
+    value["reloader-link"] = kelotls::needs_reloader_link(service)
+                                 ? Json::Value(kelotls::link_path(name))
+                                 : Json::Value();
+    document["services"].append(value);
+  }
+  return document;
+}
+
+void require_joined(const std::vector<std::string>& services) {
+  const Store store = load_store();
+  for (const std::string& service : services) {
+    if (!store.has(service) || !read_service_descriptor(service).usable) {
+      throw Failure(kFailed, "the service \"" + printable(service) + "\" has not joined");
+    }
+  }
+}
+
+void execute(const Registration& registration, Store& store) {
+  const std::vector<std::string> services = registration.names();
+  const std::vector<FormerFiles> former(services.begin(), services.end());
+  if (complete_levels(store)) {
+    save_store(store);
+  }
+  if (kelotls::APIProvider().join_framework(registration.document) != 0) {
+    const auto lost = std::count_if(former.begin(), former.end(),
+                                    [](const FormerFiles& files) { return !files.put_back(); });
+    throw Failure(kFailed, "the services have not joined",
+                  lost == 0 ? "The log lines say why. What stood there before still stands."
+                            : "The log lines say why. Files of services that had joined before are "
+                              "gone: let these join again.");
+  }
+  require_joined(services);
+  Stamp stamp = Stamp::load();
+  if (stamp.forget(services)) {
+    stamp.save();
+  }
+}
+
+}  // namespace
+
+Report join_services(Console& console, const Arguments& arguments) {
+  const Registration registration = require_registration(arguments.file, kelotls::Purpose::kJoin);
+  const Lock lock(console, !arguments.dry_run);
+  Store store = load_store();
+  for (const std::string& warning : warnings_of(registration)) {
+    console.warn(warning);
+  }
+  Report report;
+  report.document = plan_json(registration, store);
+  report.document["written"] = !arguments.dry_run;
+  if (!arguments.dry_run) {
+    execute(registration, store);
+    report.notes.emplace_back("Not in force yet: kelotlsctl apply");
+  }
+  return report;
+}
+
+void print_joined(Console& console, const Json::Value& document) {
+  for (const Json::Value& service : document["services"]) {
+    console.data() << printable(service["service"].asString())
+                   << (document["written"].asBool() ? ": joined" : ": would join")
+                   << (service["new"].asBool() ? "" : " again, keeping its level")
+                   << (service["reloader-link"].isNull() ? "" : ", reloader linked") << '\n';
+  }
+}
+
+}  // namespace kelotlsctl

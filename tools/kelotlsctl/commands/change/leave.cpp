@@ -1,0 +1,116 @@
+// kelotlsctl leave: services of a registration leave, with their files.
+#include <kelotls/api_provider.h>
+
+#include "commands/commands.h"
+#include "files.h"
+#include "paths.h"
+#include "state/documents.h"
+#include "state/service_state.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+/// The registration with exactly what is there to remove: the library goes by what it is told, and
+/// would leave a link behind that is not named, or log the absence of a file that is.
+Json::Value registration_to_leave(const Registration& registration) {
+  Json::Value complete(Json::objectValue);
+  complete["system-service"] = kelotls::is_system_service(registration.document);
+  complete["services"] = Json::Value(Json::arrayValue);
+  for (const std::string& service : registration.names()) {
+    Json::Value element(Json::objectValue);
+    element["service"] = service;
+    if (kelotls::exists_at(kelotls::link_path(service))) {
+      element["reloader-path"] = kelotls::link_path(service);
+    }
+    if (kelotls::exists_at(kelotls::rendered_path(service))) {
+      element["mustache-path"] = kelotls::rendered_path(service);
+    }
+    complete["services"].append(element);
+  }
+  return complete;
+}
+
+/// A leave that was interrupted can be finished: its services have no entry, but files.
+void require_members(const Registration& registration, const Store& store) {
+  for (const std::string& service : registration.names()) {
+    if (!kelotls::exists_at(kelotls::descriptor_path(service))) {
+      require_service(store, service);
+    }
+  }
+}
+
+/// Who leaves, and the files that go.
+Json::Value plan_json(const Registration& registration) {
+  const bool keeps_link = kelotls::is_system_service(registration.document);
+  Json::Value services(Json::arrayValue);
+  for (const std::string& service : registration.names()) {
+    Json::Value value(Json::objectValue);
+    value["service"] = service;
+    value["removed"] = Json::Value(Json::arrayValue);
+    for (const std::string& path :
+         {keeps_link ? std::string() : kelotls::link_path(service),
+          kelotls::descriptor_path(service), kelotls::rendered_path(service)}) {
+      if (!path.empty() && kelotls::exists_at(path)) {
+        value["removed"].append(path);
+      }
+    }
+    services.append(value);
+  }
+  return services;
+}
+
+void require_left(const Json::Value& services) {
+  const Store store = load_store();
+  for (const Json::Value& left : services) {
+    const std::string service = left["service"].asString();
+    if (store.has(service)) {
+      throw Failure(kFailed, "the service \"" + printable(service) + "\" has not left");
+    }
+    for (const Json::Value& path : left["removed"]) {
+      if (kelotls::exists_at(path.asString())) {
+        throw Failure(kFailed, printable(path.asString()) + " could not be removed");
+      }
+    }
+  }
+}
+
+void execute(const Registration& registration, const Json::Value& services) {
+  if (kelotls::APIProvider().leave_framework(registration_to_leave(registration)) != 0) {
+    throw Failure(kFailed, "the services have not left", "The log lines say why.");
+  }
+  require_left(services);
+  Stamp stamp = Stamp::load();
+  if (stamp.forget(registration.names())) {
+    stamp.save();
+  }
+}
+
+}  // namespace
+
+Report leave_services(Console& console, const Arguments& arguments) {
+  const Registration registration = require_registration(arguments.file, kelotls::Purpose::kLeave);
+  const Lock lock(console, !arguments.dry_run);
+  require_members(registration, load_store());
+  Report report;
+  report.document["written"] = !arguments.dry_run;
+  report.document["services"] = plan_json(registration);
+  if (!arguments.dry_run) {
+    execute(registration, report.document["services"]);
+  }
+  return report;
+}
+
+void print_left(Console& console, const Json::Value& document) {
+  const bool is_done = document["written"].asBool();
+  for (const Json::Value& left : document["services"]) {
+    console.data() << printable(left["service"].asString())
+                   << (is_done ? ": left\n" : ": would leave\n");
+    for (const Json::Value& path : left["removed"]) {
+      console.data() << (is_done ? "  removed " : "  would remove ") << printable(path.asString())
+                     << '\n';
+    }
+  }
+}
+
+}  // namespace kelotlsctl

@@ -1,0 +1,41 @@
+// kelotlsctl render: all templates, rendered for the levels of their services.
+#include <algorithm>
+
+#include "commands/commands.h"
+#include "state/application.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+void print_differences(Console& console, const Json::Value& document) {
+  for (const Json::Value& rendered : document["services"]) {
+    console.data() << rendered["diff"].asString();
+  }
+}
+
+}  // namespace
+
+Report render_templates(Console& console, const Arguments& arguments) {
+  const bool writes = !arguments.check && !arguments.dry_run;
+  const Lock lock(console, writes);
+  const Renderings renderings = render_all(
+      load_store(), writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview);
+  warn_of(console, renderings);
+  const bool any_change =
+      std::any_of(renderings.begin(), renderings.end(), [](const Rendered& rendered) {
+        return rendered.change == Change::kNew || rendered.change == Change::kChanged;
+      });
+  Report report;
+  report.document["written"] = writes;
+  report.document["services"] = renderings_json(renderings, arguments.check);
+  report.code = any_failed(renderings) ? kFailed : arguments.check && any_change ? kNotSo : kDone;
+  report.print = arguments.check ? print_differences : print_rendered;
+  return report;
+}
+
+void print_rendered(Console& console, const Json::Value& document) {
+  print_renderings(console, document["services"], document["written"].asBool());
+}
+
+}  // namespace kelotlsctl

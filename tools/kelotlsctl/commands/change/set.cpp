@@ -1,0 +1,133 @@
+// kelotlsctl set: a service's level, and with --apply its way into force.
+#include <exception>
+
+#include "commands/commands.h"
+#include "state/application.h"
+#include "state/store.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+/// A change of one service's level.
+struct Plan {
+  std::string service;
+  int former = 0;
+  int level = 0;
+  Store before;
+  Store after;
+
+  bool changes_anything() const { return former != level; }
+};
+
+Plan make_plan(const Arguments& arguments, int level) {
+  Plan plan;
+  plan.before = load_store();
+  require_service(plan.before, arguments.service);
+  plan.service = arguments.service;
+  plan.former = plan.before.stored_level(plan.service);
+  plan.level = level;
+  plan.after = plan.before;
+  plan.after.root["services"][plan.service]["current-level"] = level;
+  return plan;
+}
+
+Report report_of(const Plan& plan, bool is_written) {
+  Report report;
+  report.document["service"] = plan.service;
+  report.document["former-level"] = level_json(plan.former);
+  report.document["stored-level"] = level_json(is_written ? plan.level : plan.former);
+  report.document["requested-level"] = level_json(plan.level);
+  report.document["effective-level"] =
+      effective_level_json(plan.after.effective_level(plan.service));
+  report.document["written"] = is_written && plan.changes_anything();
+  report.document["undone"] = false;
+  report.document["apply"] = Json::Value();
+  return report;
+}
+
+/// Everything as it was before, as far as that can be had.
+void undo(Console& console, const Plan& plan, Report& report) {
+  save_store(plan.before);
+  bool is_in_force = false;
+  try {
+    is_in_force = apply_to(console, plan.before, {}).code == kDone;
+  } catch (const std::exception& exception) {
+    console.warn(printable(exception.what()));
+  }
+  report.document["undone"] = true;
+  report.document["written"] = false;
+  report.document["stored-level"] = level_json(plan.former);
+  report.warnings.push_back(
+      printable(plan.service) + " is back at " + level_name(plan.former) +
+      (is_in_force ? ", rendered and reloaded" : ", but rendering or reloading failed again"));
+}
+
+/// Sets the level and brings it into force; should a step fail, undoes it.
+Report set_and_apply(Console& console, const Plan& plan) {
+  Report report = report_of(plan, true);
+  save_store(plan.after);
+  try {
+    const Application application = apply_to(console, plan.after, {plan.service});
+    report.document["apply"] = application.document;
+    report.code = application.code;
+  } catch (const std::exception&) {
+    undo(console, plan, report);
+    console.warn(report.warnings.back());
+    throw;
+  }
+  if (report.code != kDone) {
+    undo(console, plan, report);
+  }
+  return report;
+}
+
+/// How the new level gets to the service.
+std::string next_step(const Store& store, const std::string& service) {
+  return ServiceInspector(store).inspect(service).state == State::kNextContext
+             ? "In force from the service's next context on."
+             : "Not in force yet: kelotlsctl apply";
+}
+
+}  // namespace
+
+Report set_level(Console& console, const Arguments& arguments) {
+  const int level = parse_level(arguments.level);
+  const Lock lock(console, !arguments.dry_run);
+  const Plan plan = make_plan(arguments, level);
+  if (arguments.dry_run) {
+    return report_of(plan, false);
+  }
+  if (arguments.apply) {
+    return set_and_apply(console, plan);
+  }
+  if (!plan.changes_anything()) {
+    return report_of(plan, true);
+  }
+  save_store(plan.after);
+  Report report = report_of(plan, true);
+  if (!console.json()) {
+    report.notes.push_back(next_step(plan.after, plan.service));
+  }
+  return report;
+}
+
+void print_set(Console& console, const Json::Value& document) {
+  if (!document["apply"].isNull()) {
+    print_application(console, document["apply"]);
+  }
+  if (document["undone"].asBool()) {
+    return;
+  }
+  const std::string level = describe_levels(document["requested-level"]["value"].asInt(),
+                                            document["effective-level"]["value"].asInt());
+  console.data() << printable(document["service"].asString()) << ": ";
+  if (document["former-level"] == document["requested-level"]) {
+    console.data() << "already " << level << '\n';
+    return;
+  }
+  console.data() << level_text(document["former-level"])
+                 << (document["written"].asBool() ? " became " : " would become ") << level << '\n';
+}
+
+}  // namespace kelotlsctl

@@ -1,0 +1,426 @@
+// kelotlsctl check: everything that is wrong with the framework, and what to do about it. Each part
+// looks at one kind of thing and changes nothing.
+#include <kelotls/tls_profile_level.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <regex>
+#include <set>
+
+#include "commands/commands.h"
+#include "files.h"
+#include "json_document.h"
+#include "paths.h"
+#include "profile.h"
+#include "regeneration.h"
+#include "registration.h"
+#include "state/service_state.h"
+#include "state/store.h"
+#include "tls/report.h"
+#include "framework_config.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+using kelotls::exists_at;
+using kelotls::kConfigDir;
+using kelotls::kDataStorePath;
+using kelotls::kFrameworkDir;
+using kelotls::kPackageReloaderDir;
+using kelotls::kServicesDir;
+using kelotls::kSystemReloaderDir;
+
+constexpr char kError[] = "error";      // something does not work, or is not safe
+constexpr char kWarning[] = "warning";  // something is not as it should be
+constexpr char kNote[] = "note";        // nothing is wrong, but it should be known
+
+/// The document's list of findings, as it grows.
+class Findings {
+ public:
+  void add(const char* severity, const std::string& path, const std::string& text,
+           const std::string& action) {
+    Json::Value finding(Json::objectValue);
+    finding["severity"] = severity;
+    finding["path"] = path;
+    finding["text"] = text;
+    finding["action"] = action;
+    list_.append(finding);
+  }
+
+  const Json::Value& list() const { return list_; }
+
+ private:
+  Json::Value list_{Json::arrayValue};
+};
+
+std::vector<std::string> names_in(const std::string& directory) {
+  std::vector<std::string> names;
+  kelotls::list_directory(directory, names);  // where it cannot be listed, its own check says so
+  return names;
+}
+
+/// "web" of "web.conf"; empty for another kind of name.
+std::string service_of_file(const std::string& name) {
+  const std::string suffix = kelotls::kServiceFileSuffix;
+  const std::size_t length = name.size() - std::min(name.size(), suffix.size());
+  return name.compare(length, std::string::npos, suffix) == 0 ? name.substr(0, length)
+                                                              : std::string();
+}
+
+bool is_directory(const std::string& path) {
+  struct stat status = {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// The data store
+
+/// Why the library cannot use the data store.
+std::string store_fault() {
+  Json::Value document;
+  std::string fault;
+  if (!read_document(kDataStorePath, document, fault)) {
+    return fault;
+  }
+  const kelotls::Faults faults = kelotls::data_store_faults(document);
+  return faults.empty() ? "the library refuses it" : faults[0].path + " " + faults[0].text;
+}
+
+bool check_store(Store& store, Findings& findings) {
+  switch (try_store(store)) {
+    case StoreCondition::kUsable:
+      return true;
+    case StoreCondition::kMissing:
+      findings.add(kError, kDataStorePath, "is missing", unreadable_store().advice());
+      return false;
+    default:
+      findings.add(kError, kDataStorePath, "cannot be used: " + store_fault(),
+                   "kelotlsctl recover [--from BACKUP]");
+      return false;
+  }
+}
+
+void check_level(int level, const std::string& what, Findings& findings) {
+  if (level < 0) {
+    findings.add(kError, kDataStorePath,
+                 what + " is " + std::to_string(level) + ": it gives no context",
+                 "set another level");
+  } else if (level > 3) {
+    findings.add(kWarning, kDataStorePath,
+                 what + " is " + std::to_string(level) + ": it counts as intermediate",
+                 "set another level");
+  }
+}
+
+void check_entries(const Store& store, Findings& findings) {
+  check_level(store.default_level(), "the default level", findings);
+  if (store.default_level() == 0) {
+    findings.add(kWarning, kDataStorePath, "the default level is 0, which counts as intermediate",
+                 "kelotlsctl default intermediate, or another level");
+  }
+  for (const std::string& service : store.names()) {
+    check_level(store.stored_level(service), "the level of " + service, findings);
+    const bool has_template = !read_service_descriptor(service).template_path().empty();
+    const std::string fault = kelotls::name_fault(service, has_template);
+    if (!fault.empty()) {
+      findings.add(kError, kDataStorePath,
+                   std::string("the service name \"").append(service) + "\" " + fault,
+                   "whoever made it join has to make it leave; kelotlsctl takes no such name");
+    }
+  }
+}
+
+// The directory of descriptors: every file in it is read as one.
+
+/// Reads a descriptor, and finds all for which the library passes it over, or is stopped by it.
+bool check_descriptor_file(const std::string& path, Json::Value& document, Findings& findings) {
+  std::string fault;
+  const bool parses = read_document(path, document, fault);
+  if (!parses || !document.isObject()) {
+    findings.add(kError, path, "is no descriptor: " + (parses ? "it is no JSON object" : fault),
+                 "let the service join again, or remove the file");
+    return false;
+  }
+  for (const kelotls::Fault& found : kelotls::descriptor_faults(document)) {
+    findings.add(kError, path, found.path + " " + found.text, "let the service join again");
+  }
+  return true;
+}
+
+void check_descriptors(const Store& store, Findings& findings) {
+  std::set<std::string> described;
+  for (const std::string& name : names_in(kServicesDir)) {
+    const std::string path = kServicesDir + name;
+    Json::Value document;
+    if (is_directory(path)) {
+      findings.add(kWarning, path, "is a folder", "remove it");
+      continue;
+    }
+    if (!check_descriptor_file(path, document, findings)) {
+      continue;
+    }
+    const std::string service = kelotls::text_member(document, "service");
+    const bool is_first = described.insert(service).second;
+    if (kelotls::descriptor_path(service) != path) {
+      findings.add(kError, path, "is not the descriptor of the service that it names, " + service,
+                   "remove it, or let the service join again");
+    } else if (is_first && !store.has(service)) {
+      findings.add(kError, path, "the service \"" + service + "\" has no entry in the data store",
+                   "kelotlsctl regen gives it one; kelotlsctl leave removes the file");
+    }
+  }
+}
+
+// Each service's files, and all that is run for services
+
+void check_descriptor(const ServiceStatus& status, Findings& findings) {
+  const ServiceDescriptor& descriptor = status.descriptor;
+  if (!exists_at(descriptor.path)) {
+    findings.add(kError, descriptor.path, "is missing: " + status.name + " is not rendered",
+                 "let the service join again, or leave");
+  }
+  if (descriptor.usable && descriptor.value["display-name"] != status.display_name) {
+    findings.add(kWarning, descriptor.path, "the display name is not the data store's",
+                 "kelotlsctl regen");
+  }
+}
+
+void check_rendering(const ServiceStatus& status, Findings& findings) {
+  switch (status.state) {
+    case State::kCannotRender:
+      if (status.descriptor.usable) {
+        findings.add(kError, status.descriptor.template_path(),
+                     status.name + ": " + status.rendered.fault,
+                     "put the template right, then kelotlsctl apply");
+      }
+      break;
+    case State::kPendingRender:
+      findings.add(kNote, kelotls::rendered_path(status.name),
+                   "is not what the template gives for the level", "kelotlsctl apply");
+      break;
+    case State::kPendingReload:
+      findings.add(kNote, status.descriptor.path,
+                   status.name + " has not been reloaded since its level changed",
+                   "kelotlsctl apply");
+      break;
+    default:
+      break;
+  }
+}
+
+void check_program(const std::string& path, Findings& findings) {
+  struct stat status = {};
+  if (::stat(path.c_str(), &status) != 0) {
+    findings.add(kError, path, std::string("the reloader cannot be run: ") + std::strerror(errno),
+                 "install it, or let its service leave");
+    return;
+  }
+  if (!S_ISREG(status.st_mode) || (status.st_mode & 0111) == 0) {
+    findings.add(
+        kError, path,
+        S_ISREG(status.st_mode) ? "the reloader is not executable" : "the reloader is no program",
+        "put it right, or let its service leave");
+  }
+  if ((status.st_mode & 0022) != 0) {
+    findings.add(kError, path, "the reloader is run as the administrator, but others may change it",
+                 "chmod go-w " + path);
+  }
+}
+
+void check_link(const ServiceStatus& status, Findings& findings) {
+  const std::string link = kelotls::link_path(status.name);
+  const std::string described = status.descriptor.reloader_path();
+  if (described.empty()) {
+    return;
+  }
+  if (!exists_at(link)) {
+    findings.add(kNote, link,
+                 status.name +
+                     " names a reloader that is not linked: right for a service "
+                     "of the base system only",
+                 "otherwise let the service join again");
+    check_program(described, findings);
+  } else if (status.link_target.empty()) {
+    findings.add(kWarning, link, "is no link", "remove it and let the service join again");
+  } else if (status.link_target != described) {
+    findings.add(kWarning, link,
+                 "leads to " + status.link_target + ", the descriptor says " + described,
+                 "let the service join again");
+  }
+}
+
+void check_services(const Store& store, Findings& findings) {
+  ServiceInspector inspector(store);
+  for (const std::string& service : store.names()) {
+    if (!kelotls::name_fault(service, false).empty()) {
+      continue;  // check_entries has said so; its files may lie anywhere
+    }
+    const ServiceStatus status = inspector.inspect(service);
+    check_descriptor(status, findings);
+    check_rendering(status, findings);
+    check_link(status, findings);
+  }
+}
+
+/// All that is in the reloaders' directories is run as the administrator.
+void check_reloaders(const Store* store, Findings& findings) {
+  for (const std::string directory : {kSystemReloaderDir, kPackageReloaderDir}) {
+    for (const std::string& name : names_in(directory)) {
+      const std::string path = directory + name;
+      if (is_directory(path)) {
+        findings.add(kWarning, path, "is a folder", "remove it");
+        continue;
+      }
+      check_program(path, findings);
+      if (directory == kPackageReloaderDir && store != nullptr &&
+          !store->has(service_of_file(name))) {
+        findings.add(kWarning, path, "belongs to no service that has joined", "remove it");
+      }
+    }
+  }
+}
+
+// Directories, Diffie-Hellman files, and what is left behind
+
+/// Nobody but the administrator may change what the framework trusts.
+void check_safety(const std::string& path, const struct stat& status, Findings& findings) {
+  if ((status.st_mode & 0022) != 0) {
+    findings.add(kError, path, "others than its owner may change it", "chmod go-w " + path);
+  }
+  if (status.st_uid != 0) {
+    findings.add(kWarning, path,
+                 "belongs to the user " + std::to_string(status.st_uid) + ", not to root",
+                 "chown root " + path);
+  }
+}
+
+void check_directory(const std::string& path, Findings& findings) {
+  struct stat status = {};
+  if (::stat(path.c_str(), &status) != 0) {
+    findings.add(kError, path, std::strerror(errno),
+                 errno == ENOENT ? "mkdir -p -m 0755 " + path : "put the folder right");
+    return;
+  }
+  if (!S_ISDIR(status.st_mode)) {
+    findings.add(kError, path, "is no folder", "put a folder in its place");
+    return;
+  }
+  if ((status.st_mode & 0555) != 0555) {
+    findings.add(kWarning, path, "services that are not root cannot read it", "chmod 0755 " + path);
+  }
+  check_safety(path, status, findings);
+}
+
+void check_directories(Findings& findings) {
+  for (const char* directory : kDirectories) {
+    check_directory(directory, findings);
+  }
+  struct stat status = {};
+  if (::stat(kDataStorePath, &status) != 0) {
+    return;  // the data store's own check says so
+  }
+  check_safety(kDataStorePath, status, findings);
+  if ((status.st_mode & 0444) != 0444) {
+    findings.add(kWarning, kDataStorePath, "services that are not root cannot read it",
+                 std::string("chmod 0644 ") + kDataStorePath);
+  }
+}
+
+void check_dh_file(const kelotls::Profile& profile, Findings& findings) {
+  const std::string path = std::string(kelotls::kDhParamDir) + profile.dh_file;
+  const std::string action = "openssl dhparam -out " + path + " " +
+                             std::to_string(profile.dh_bits) + ", or the appliance's own file";
+  const std::string consequence = std::string("; level ") + profile.name + " offers no DHE suite";
+  std::string text;
+  if (!kelotls::read_file(path, text)) {
+    findings.add(kWarning, path, std::strerror(errno) + consequence, action);
+    return;
+  }
+  const DhOwner parameters = parse_dh_parameters(text);
+  if (parameters == nullptr) {
+    findings.add(kWarning, path, "holds no DH parameters" + consequence, action);
+  } else if (DH_bits(parameters.get()) != profile.dh_bits) {
+    findings.add(kWarning, path,
+                 "holds parameters of " + std::to_string(DH_bits(parameters.get())) +
+                     " bits, not " + std::to_string(profile.dh_bits),
+                 action);
+  }
+}
+
+/// Names that the library's and this program's writers give their temporary files.
+bool is_temporary(const std::string& name) {
+  static const std::regex pattern(R"(.*\.json\.[0-9]+-[0-9]+|.*\.(conf|json)\.\w{6})");
+  return std::regex_match(name, pattern);
+}
+
+void check_leftovers(const Store* store, Findings& findings) {
+  for (const std::string directory : {kFrameworkDir, kConfigDir}) {
+    for (const std::string& name : names_in(directory)) {
+      if (is_temporary(name)) {
+        findings.add(kWarning, directory + name,
+                     "was left behind by a step that failed or was interrupted", "remove it");
+      }
+    }
+  }
+  for (const std::string& name : names_in(kConfigDir)) {
+    if (store != nullptr && !is_temporary(name) &&
+        (service_of_file(name).empty() || !store->has(service_of_file(name)))) {
+      findings.add(kWarning, kConfigDir + name, "belongs to no service that has joined",
+                   "remove it");
+    }
+  }
+  if (Stamp::is_broken()) {
+    findings.add(kWarning, Stamp::kPath, "cannot be used: every service counts as not yet reloaded",
+                 "kelotlsctl reload writes it anew");
+  }
+}
+
+const char* colour_of(const std::string& severity) {
+  return severity == kError ? "\033[31m" : severity == kWarning ? "\033[33m" : "\033[36m";
+}
+
+}  // namespace
+
+Report check_framework(Console& console, const Arguments&) {
+  Findings findings;
+  Store store;
+  const bool has_store = check_store(store, findings);
+  check_directories(findings);
+  if (has_store) {
+    check_entries(store, findings);
+    check_descriptors(store, findings);
+    check_services(store, findings);
+  }
+  check_reloaders(has_store ? &store : nullptr, findings);
+  for (const int level :
+       {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
+    check_dh_file(kelotls::profile_of_level(level), findings);
+  }
+  check_leftovers(has_store ? &store : nullptr, findings);
+
+  const bool is_healthy =
+      std::all_of(findings.list().begin(), findings.list().end(),
+                  [](const Json::Value& finding) { return finding["severity"] == kNote; });
+  Report report;
+  report.code = is_healthy ? kDone : kNotSo;
+  report.document["healthy"] = is_healthy;
+  report.document["findings"] = findings.list();
+  if (is_healthy && !console.json()) {
+    report.notes.emplace_back("Nothing is wrong.");
+  }
+  return report;
+}
+
+void print_findings(Console& console, const Json::Value& document) {
+  for (const Json::Value& finding : document["findings"]) {
+    const std::string severity = finding["severity"].asString();
+    console.data() << (console.colour() ? colour_of(severity) + severity + "\033[0m" : severity)
+                   << ": " << printable(finding["path"].asString()) << ": "
+                   << printable(finding["text"].asString()) << "\n  "
+                   << printable(finding["action"].asString()) << '\n';
+  }
+}
+
+}  // namespace kelotlsctl

@@ -1,0 +1,46 @@
+// kelotlsctl validate: every fault of a registration.
+#include "commands/commands.h"
+#include "state/documents.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+Json::Value faults_json(const kelotls::Faults& faults) {
+  Json::Value list(Json::arrayValue);
+  for (const kelotls::Fault& fault : faults) {
+    Json::Value value(Json::objectValue);
+    value["path"] = fault.path;
+    value["text"] = fault.text;
+    list.append(value);
+  }
+  return list;
+}
+
+}  // namespace
+
+Report validate_registration(Console& console, const Arguments& arguments) {
+  const Registration registration = read_registration(arguments.file, kelotls::Purpose::kJoin);
+  Report report;
+  report.document["valid"] = registration.faults.empty();
+  report.document["faults"] = faults_json(registration.faults);
+  report.document["warnings"] = faults_json(registration.warnings);
+  if (!console.json()) {
+    report.warnings = warnings_of(registration);
+  }
+  if (!registration.faults.empty()) {
+    report.code = kNotSo;
+  } else if (!console.json()) {
+    report.notes.push_back(registration.source + " can join.");
+  }
+  return report;
+}
+
+void print_validated(Console& console, const Json::Value& document) {
+  for (const Json::Value& fault : document["faults"]) {
+    console.data() << fault["path"].asString() << ": " << printable(fault["text"].asString())
+                   << '\n';
+  }
+}
+
+}  // namespace kelotlsctl

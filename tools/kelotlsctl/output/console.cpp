@@ -1,0 +1,139 @@
+// Owns what the operator sees: when it is written, in which colour, and what a terminal may get.
+#include "output/console.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <wchar.h>
+
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "files.h"
+#include "json_document.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+constexpr char kRed[] = "\033[31m";
+constexpr char kYellow[] = "\033[33m";
+constexpr char kPlain[] = "\033[0m";
+constexpr std::size_t kBarWidth = 30;
+
+bool is_control(unsigned char character) { return character < 0x20 || character == 0x7f; }
+
+}  // namespace
+
+std::string printable(const std::string& text) {
+  std::string result;
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (is_control(byte)) {
+      char escape[8];
+      static_cast<void>(std::snprintf(escape, sizeof escape, "\\x%02x", byte));
+      result += escape;
+    } else {
+      result += character;
+    }
+  }
+  return result;
+}
+
+std::size_t display_width(const std::string& text) {
+  // Names are UTF-8 whatever the operator's locale says.
+  static const bool is_utf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+  std::size_t width = 0;
+  std::mbstate_t state = {};
+  for (std::size_t at = 0; at < text.size();) {
+    wchar_t character = 0;
+    const std::size_t length = std::mbrtowc(&character, &text[at], text.size() - at, &state);
+    if (!is_utf8 || length == 0 || length > text.size()) {
+      state = {};
+      ++width;
+      ++at;
+      continue;
+    }
+    const int columns = ::wcwidth(character);
+    width += columns > 0 ? static_cast<std::size_t>(columns) : 0;
+    at += length;
+  }
+  return width;
+}
+
+Console::Console() : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {}
+
+Console::~Console() {
+  if (output_ >= 0) {
+    ::close(output_);
+  }
+}
+
+bool Console::may_colour(int descriptor) {
+  const char* const no_colour = std::getenv("NO_COLOR");
+  const char* const terminal = std::getenv("TERM");
+  return (no_colour == nullptr || *no_colour == '\0') && ::isatty(descriptor) != 0 &&
+         terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+void Console::document(const Json::Value& value) { data_ << kelotls::json_text(value); }
+
+bool Console::flush() {
+  const std::string text = data_.str();
+  data_.str({});
+  if (has_lost_output_ || kelotls::write_all(output_, text) || errno == EPIPE) {
+    return !has_lost_output_;
+  }
+  has_lost_output_ = true;
+  complain("error", kRed, std::string("the standard output: ") + std::strerror(errno));
+  return false;
+}
+
+void Console::write_line(const std::string& text) {
+  flush();  // so that a terminal shows everything in its order
+  std::string line = bar_is_drawn_ ? "\r\033[K" : "";
+  bar_is_drawn_ = false;
+  line += text + '\n';
+  // Where not even this can be written there is nobody left to tell.
+  static_cast<void>(kelotls::write_all(STDERR_FILENO, line));
+}
+
+void Console::complain(const char* kind, const char* colour_code, const std::string& text) {
+  const std::string head = std::string("kelotlsctl: ") + kind + ": ";
+  write_line(error_colour_ ? colour_code + head + kPlain + text : head + text);
+}
+
+void Console::say(const std::string& text) {
+  if (!quiet_) {
+    write_line(text);
+  }
+}
+
+void Console::warn(const std::string& text) { complain("warning", kYellow, text); }
+
+void Console::error(const Failure& failure) {
+  complain("error", kRed, failure.what());
+  if (!failure.advice().empty()) {
+    write_line("  " + failure.advice());
+  }
+}
+
+void Console::log_line(const std::string& text) { complain("log", kYellow, printable(text)); }
+
+void Console::progress(const std::string& what, std::size_t done, std::size_t all) {
+  if (quiet_ || all == 0 || ::isatty(STDERR_FILENO) == 0) {
+    return;
+  }
+  const std::size_t filled = done >= all ? kBarWidth : kBarWidth * done / all;
+  std::string bar = "\r\033[K";
+  if (done < all) {
+    bar += what + " [" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] " +
+           std::to_string(done) + "/" + std::to_string(all);
+  }
+  bar_is_drawn_ = done < all;
+  static_cast<void>(kelotls::write_all(STDERR_FILENO, bar));
+}
+
+}  // namespace kelotlsctl

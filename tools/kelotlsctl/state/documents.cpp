@@ -1,0 +1,178 @@
+// Owns the documents that an operator hands over.
+#include "state/documents.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "files.h"
+#include "framework_config.h"
+#include "json_document.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+std::string read_source(const std::string& file) {
+  std::string text;
+  if (!(file == "-" ? kelotls::read_to_end(STDIN_FILENO, 0, text)
+                    : kelotls::read_file(file, text))) {
+    throw Failure(kFailed, file + ": " + std::strerror(errno));
+  }
+  return text;
+}
+
+/// What is likely to fail once a service has joined; empty for a file that is in order.
+std::string file_warning(const std::string& file, bool is_reloader) {
+  struct stat status = {};
+  if (file[0] != '/') {
+    return "is no absolute path";
+  }
+  if (::stat(file.c_str(), &status) != 0) {
+    return file + ": " + std::strerror(errno);
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return file + " is no regular file";
+  }
+  return is_reloader && (status.st_mode & 0111) == 0 ? file + " is not executable" : "";
+}
+
+kelotls::Faults file_warnings(const Json::Value& registration) {
+  kelotls::Faults warnings;
+  const Json::Value* const services = kelotls::find_member(registration, "services");
+  const Json::ArrayIndex count = services != nullptr && services->isArray() ? services->size() : 0;
+  for (Json::ArrayIndex index = 0; index < count; ++index) {
+    for (const bool is_reloader : {false, true}) {
+      const char* const key = is_reloader ? "reloader-path" : "mustache-path";
+      const std::string file = kelotls::text_member((*services)[index], key);
+      const std::string text = file.empty() ? "" : file_warning(file, is_reloader);
+      if (!text.empty()) {
+        warnings.push_back({kelotls::path_of_element("$.services", index) + "." + key, text});
+      }
+    }
+  }
+  return warnings;
+}
+
+}  // namespace
+
+std::vector<std::string> Registration::names() const {
+  std::vector<std::string> names;
+  for (const Json::Value& service : document["services"]) {
+    names.push_back(service["service"].asString());
+  }
+  return names;
+}
+
+Registration read_registration(const std::string& file, kelotls::Purpose purpose) {
+  Registration registration;
+  registration.source = file == "-" ? "the standard input" : file;
+  kelotls::JsonReader reader(kelotls::DuplicateKeys::kRefused);
+  if (!reader.parse(read_source(file), registration.document)) {
+    registration.faults.push_back({"$", "not a JSON text: " + reader.fault()});
+    return registration;
+  }
+  registration.faults = kelotls::registration_faults(registration.document, purpose);
+  if (purpose == kelotls::Purpose::kJoin) {
+    registration.warnings = file_warnings(registration.document);
+  }
+  return registration;
+}
+
+Registration require_registration(const std::string& file, kelotls::Purpose purpose) {
+  Registration registration = read_registration(file, purpose);
+  if (registration.faults.empty()) {
+    return registration;
+  }
+  std::string list;
+  for (const kelotls::Fault& fault : registration.faults) {
+    list += "\n  " + fault.path + ": " + printable(fault.text);
+  }
+  throw Failure(kFailed, registration.source + " is no registration that can be used" + list,
+                "Nothing was changed.");
+}
+
+std::vector<std::string> warnings_of(const Registration& registration) {
+  std::vector<std::string> texts;
+  for (const kelotls::Fault& warning : registration.warnings) {
+    texts.push_back(warning.path + ": " + printable(warning.text));
+  }
+  return texts;
+}
+
+Store read_backup(const std::string& file) {
+  Store saved;
+  std::string list;
+  std::string fault;
+  if (!read_document(file, saved.root, fault)) {
+    list = ": " + fault;
+  } else {
+    for (const kelotls::Fault& found : kelotls::data_store_faults(saved.root)) {
+      list += "\n  " + found.path + ": " + found.text;
+    }
+  }
+  if (!list.empty()) {
+    throw Failure(kFailed, printable(file) + " cannot be restored from" + list,
+                  "Nothing was changed.");
+  }
+  return saved;
+}
+
+std::vector<std::string> warnings_of(const Store& saved) {
+  const auto has_name = [](int level) { return level >= 0 && level <= 3; };
+  std::vector<std::string> texts;
+  if (saved.default_level() == 0 || !has_name(saved.default_level())) {
+    texts.push_back("the saved default level is " + std::to_string(saved.default_level()));
+  }
+  for (const std::string& service : saved.names()) {
+    if (!has_name(saved.stored_level(service))) {
+      texts.push_back("the saved level of " + printable(service) + " is " +
+                      std::to_string(saved.stored_level(service)));
+    }
+  }
+  return texts;
+}
+
+Json::Value restoration_json(const Store& live, const Store& saved) {
+  Json::Value document(Json::objectValue);
+  document["default-level"]["from"] = level_json(live.default_level());
+  document["default-level"]["to"] = level_json(saved.default_level());
+  for (const char* list : {"changes", "unknown", "missing"}) {
+    document[list] = Json::Value(Json::arrayValue);
+  }
+  for (const std::string& service : saved.names()) {
+    if (!live.has(service)) {
+      document["unknown"].append(service);
+    } else if (live.stored_level(service) != saved.stored_level(service)) {
+      Json::Value change(Json::objectValue);
+      change["service"] = service;
+      change["from"] = level_json(live.stored_level(service));
+      change["to"] = level_json(saved.stored_level(service));
+      document["changes"].append(change);
+    }
+  }
+  for (const std::string& service : live.names()) {
+    if (!saved.has(service)) {
+      document["missing"].append(service);
+    }
+  }
+  return document;
+}
+
+void restore_levels(Store& live, const Store& saved) {
+  kelotls::restore_levels(live.root, saved.root);
+}
+
+std::string dated_name(const std::string& head, const std::string& tail) {
+  const std::time_t now = std::time(nullptr);
+  std::tm local = {};
+  ::localtime_r(&now, &local);
+  char date[32];
+  static_cast<void>(std::strftime(date, sizeof date, "%Y%m%d-%H%M%S", &local));
+  return head + date + tail;
+}
+
+}  // namespace kelotlsctl

@@ -1,0 +1,53 @@
+// Owns the documents that an operator hands over: registrations, and backups of the levels.
+#ifndef KELOTLSCTL_STATE_DOCUMENTS_H
+#define KELOTLSCTL_STATE_DOCUMENTS_H
+
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+#include "registration.h"
+#include "state/store.h"
+
+namespace kelotlsctl {
+
+struct Registration {
+  std::string source;  ///< as the operator named it
+  Json::Value document;
+  kelotls::Faults faults;    ///< it is refused
+  kelotls::Faults warnings;  ///< it can join, but something is likely to fail later
+
+  std::vector<std::string> names() const;
+};
+
+/// Reads the file, or the standard input for "-", and looks for every fault. A Failure when it
+/// cannot be read; a text that is no JSON is a fault.
+Registration read_registration(const std::string& file, kelotls::Purpose purpose);
+
+/// The same, and a Failure that names the faults where there are any.
+Registration require_registration(const std::string& file, kelotls::Purpose purpose);
+
+/// "$.services[0].reloader-path: /run/x: No such file or directory"
+std::vector<std::string> warnings_of(const Registration& registration);
+
+/// A backup of the levels, in the data store's format. A Failure for a file that cannot be used;
+/// the library, given one, would set the default level to 0.
+Store read_backup(const std::string& file);
+
+/// Levels in a backup that are none.
+std::vector<std::string> warnings_of(const Store& saved);
+
+/// What restoring a backup changes: {"default-level": {"from", "to"}, "changes": [{"service",
+/// "from", "to"}], "unknown": [saved, but not joined], "missing": [joined, but not saved]}
+Json::Value restoration_json(const Store& live, const Store& saved);
+
+/// Takes the levels over, in memory.
+void restore_levels(Store& live, const Store& saved);
+
+/// "kelotls-levels-20270131-235959.json", in local time.
+std::string dated_name(const std::string& head, const std::string& tail);
+
+}  // namespace kelotlsctl
+
+#endif

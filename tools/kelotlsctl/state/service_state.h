@@ -1,0 +1,113 @@
+// Owns whether a service's level has reached the service: its files, its rendering, its stamp.
+#ifndef KELOTLSCTL_STATE_SERVICE_STATE_H
+#define KELOTLSCTL_STATE_SERVICE_STATE_H
+
+#include <json/value.h>
+
+#include <string>
+
+#include "rendering.h"
+#include "state/store.h"
+
+namespace kelotlsctl {
+
+/// The descriptor file of a service, as it is on disk.
+struct ServiceDescriptor {
+  std::string path;
+  bool usable = false;
+  std::string fault;  ///< why it is not
+  Json::Value value;
+
+  /// Empty without a template, a reloader.
+  std::string template_path() const;
+  std::string reloader_path() const;
+};
+
+ServiceDescriptor read_service_descriptor(const std::string& service);
+
+/// Where the service's reloader link leads; empty without a link.
+std::string link_target(const std::string& service);
+
+enum class Change { kNoTemplate, kUnchanged, kNew, kChanged, kFailed };
+
+/// What rendering a service's template changes, or would change.
+struct Rendered {
+  std::string service;
+  Change change = Change::kNoTemplate;
+  std::string fault;  ///< of kFailed
+  kelotls::RenderedTexts texts;
+};
+
+Rendered render(const Store& store, const std::string& service, kelotls::JsonReader& reader,
+                kelotls::Rendering rendering);
+
+/// What each service had when the reloaders last ran, so that a level that has not yet reached its
+/// service shows without asking a daemon.
+class Stamp {
+ public:
+  static constexpr char kPath[] = "/usr/kelo/etc/security-profile/tls-profile/reloaded.json";
+
+  /// A stamp that is missing or unreadable is one in which no service has been reloaded.
+  static Stamp load();
+
+  /// Whether there is a stamp that cannot be used.
+  static bool is_broken();
+
+  bool matches(const std::string& service, int effective, const std::string& rendered) const;
+  void record(const std::string& service, int effective, const std::string& rendered);
+
+  /// Forgets the services. Whether any was in it.
+  bool forget(const std::vector<std::string>& services);
+
+  /// A Failure when it cannot be written.
+  void save() const;
+
+ private:
+  Json::Value services_{Json::objectValue};
+};
+
+enum class State {
+  kInForce,
+  kPendingRender,  ///< the rendered file is not what the template gives for the level
+  kPendingReload,  ///< level or rendered file differ from when the reloaders last ran
+  kNextContext,    ///< neither template nor reloader: in force from its next context on
+  kCannotRender,
+  kUnusableLevel,  ///< negative: the service gets no context at all
+};
+
+struct ServiceStatus {
+  std::string name;
+  std::string display_name;
+  std::string i18n_display_name;
+  int stored = 0;
+  int effective = 0;
+  State state = State::kInForce;
+  ServiceDescriptor descriptor;
+  Rendered rendered;
+  std::string link_target;
+};
+
+/// Looks at services one after another, reading what they share once.
+class ServiceInspector {
+ public:
+  explicit ServiceInspector(const Store& store) : store_(store), stamp_(Stamp::load()) {}
+
+  ServiceStatus inspect(const std::string& service);
+
+ private:
+  State state_of(const ServiceStatus& status) const;
+
+  const Store& store_;
+  Stamp stamp_;
+  kelotls::JsonReader reader_;
+};
+
+/// "pending reload", for people, of "pending-reload", for programs.
+std::string state_text(const std::string& state_key);
+
+/// What "list --json" gives for the service.
+Json::Value status_json(const ServiceStatus& status);
+
+}  // namespace kelotlsctl
+
+#endif

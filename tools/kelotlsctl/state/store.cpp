@@ -1,0 +1,321 @@
+// Owns the data store as commands see it.
+#include "state/store.h"
+
+#include <fcntl.h>
+#include <kelotls/tls_profile_level.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <set>
+#include <thread>
+
+#include "files.h"
+#include "framework_config.h"
+#include "json_document.h"
+#include "paths.h"
+#include "profile.h"
+#include "regeneration.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+using kelotls::kDataStorePath;
+using kelotls::kFrameworkDir;
+using kelotls::Profile;
+
+constexpr char kDefaultName[] = "default";
+
+// Longer than reloaders take. Bounds the deadlock when a reloader calls kelotlsctl.
+constexpr std::chrono::seconds kPatience{60};
+constexpr std::chrono::milliseconds kPause{20};
+
+/// The row of a level that has one of its own; null for 0 and for values without a name.
+const Profile* named_profile(int level) {
+  const Profile& profile = kelotls::profile_of_level(level);
+  return profile.level == level ? &profile : nullptr;
+}
+
+Json::Value level_value(int level, const std::string& name) {
+  Json::Value value(Json::objectValue);
+  value["value"] = level;
+  value["name"] = name;
+  return value;
+}
+
+/// Whether services joined here once: then the data store was lost, not yet to be made.
+bool has_descriptors() {
+  std::vector<std::string> names;
+  return kelotls::list_directory(kelotls::kServicesDir, names) && !names.empty();
+}
+
+/// What a descriptor file describes; none for a file that is passed over. A value of the wrong type
+/// makes the library raise an exception in the middle: it is found before anything starts.
+std::optional<kelotls::ServiceDesc> read_described(kelotls::JsonReader& reader,
+                                                   const std::string& file_name) {
+  try {
+    const kelotls::DescriptorFile file = kelotls::read_descriptor_file(reader, file_name);
+    return file.is_readable ? std::optional(file.service) : std::nullopt;
+  } catch (const Json::Exception&) {
+    throw Failure(kFailed,
+                  "the descriptor " + printable(kelotls::kServicesDir + file_name) +
+                      " holds a value that is no text",
+                  "Nothing was changed. kelotlsctl check says which.");
+  }
+}
+
+void compare_entries(const Store& before, const Store& after, Json::Value& document) {
+  for (const std::string& service : after.names()) {
+    if (!before.has(service)) {
+      document["added"].append(service);
+    } else if (before.services()[service] != after.services()[service]) {
+      document["changed"].append(service);
+    }
+  }
+}
+
+int open_framework_directory() {
+  const int directory = ::open(kFrameworkDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory < 0 && errno == ENOENT) {
+    throw unreadable_store();
+  }
+  if (directory < 0) {
+    throw Failure(kFailed, std::string(kFrameworkDir) + ": " + std::strerror(errno));
+  }
+  return directory;
+}
+
+}  // namespace
+
+const char* const kDirectories[5] = {kFrameworkDir, kelotls::kServicesDir, kelotls::kConfigDir,
+                                     kelotls::kSystemReloaderDir, kelotls::kPackageReloaderDir};
+
+std::vector<std::string> make_missing_directories() {
+  std::vector<std::string> made;
+  for (const char* directory : kDirectories) {
+    if (!kelotls::make_directories(directory, 0755, made)) {
+      throw Failure(kFailed, std::string(directory) + ": " + std::strerror(errno));
+    }
+  }
+  return made;
+}
+
+int parse_level(const std::string& text) {
+  std::string requested = text;
+  std::transform(requested.begin(), requested.end(), requested.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (requested == kDefaultName || requested == "0") {
+    return kelotls::TLS_PROFILE_LEVEL_DEFAULT;
+  }
+  for (int level = kelotls::TLS_PROFILE_LEVEL_MODERN; named_profile(level) != nullptr; ++level) {
+    const Profile& profile = *named_profile(level);
+    if (requested == profile.name || requested == profile.tier ||
+        requested == std::to_string(level)) {
+      return level;
+    }
+  }
+  throw Failure(kUsage, "\"" + text + "\" is not a level",
+                "A level is modern, intermediate, old, default, mozilla_modern, "
+                "mozilla_intermediate, mozilla_old or 0 to 3.");
+}
+
+std::string level_name(int level) {
+  const Profile* const profile = named_profile(level);
+  return profile != nullptr                            ? profile->name
+         : level == kelotls::TLS_PROFILE_LEVEL_DEFAULT ? kDefaultName
+                                                       : "level " + std::to_string(level);
+}
+
+std::string effective_name(int level) {
+  return level < 0 ? "unusable" : kelotls::profile_of_level(level).name;
+}
+
+std::string describe_levels(int stored, int effective) {
+  const std::string name = level_name(stored);
+  const std::string served = effective_name(effective);
+  return name == served ? name : name + " → " + served;
+}
+
+Json::Value level_json(int level) {
+  const bool has_name = level == kelotls::TLS_PROFILE_LEVEL_DEFAULT || named_profile(level);
+  return level_value(level, has_name ? level_name(level) : "unknown");
+}
+
+Json::Value effective_level_json(int level) { return level_value(level, effective_name(level)); }
+
+std::string level_text(const Json::Value& level) { return level_name(level["value"].asInt()); }
+
+int Store::stored_level(const std::string& service) const {
+  return services()[service]["current-level"].asInt();
+}
+
+int Store::effective_level(const std::string& service) const {
+  const int stored = stored_level(service);
+  return stored != kelotls::TLS_PROFILE_LEVEL_DEFAULT ? stored : default_level();
+}
+
+Store empty_store(int default_level) {
+  Store store;
+  store.root["default-level"] = default_level;
+  store.root["services"] = Json::Value(Json::objectValue);
+  return store;
+}
+
+StoreCondition try_store(Store& store) {
+  if (!kelotls::exists_at(kDataStorePath)) {
+    return StoreCondition::kMissing;
+  }
+  try {
+    Store loaded;
+    loaded.root = kelotls::load_data_store();
+    if (loaded.root.isNull()) {
+      return StoreCondition::kUnreadable;
+    }
+    static_cast<void>(loaded.default_level());
+    store = std::move(loaded);
+  } catch (const Json::Exception&) {
+    // An entry that is no object, a default level that is no integer: no operation gets past it.
+    return StoreCondition::kUnreadable;
+  }
+  return StoreCondition::kUsable;
+}
+
+Failure unreadable_store() {
+  const std::string path = kDataStorePath;
+  const bool exists = kelotls::exists_at(path);
+  if (exists && ::access(kDataStorePath, R_OK) != 0 && errno == EACCES) {
+    return {kStoreUnreadable, "the data store " + path + " may not be read",
+            "Nothing was written. Ask for it as root; should root be refused: kelotlsctl recover"};
+  }
+  if (exists) {
+    return {kStoreUnreadable, "the data store " + path + " cannot be used",
+            "Nothing was written. The way back: kelotlsctl recover [--from BACKUP]"};
+  }
+  if (has_descriptors()) {
+    return {kStoreUnreadable, "the data store " + path + " is missing",
+            "Services have joined before. The way back: kelotlsctl recover [--from BACKUP]"};
+  }
+  return {kStoreUnreadable, "there is no data store " + path,
+          "On a fresh appliance make the first one: kelotlsctl init"};
+}
+
+Store load_store() {
+  Store store;
+  if (try_store(store) != StoreCondition::kUsable) {
+    throw unreadable_store();
+  }
+  return store;
+}
+
+void save_store(const Store& store) {
+  if (kelotls::save_data_store(store.root) != 0) {
+    throw Failure(kFailed, std::string("the data store ") + kDataStorePath + " was not written",
+                  "The log line says why. What it held before still stands.");
+  }
+}
+
+bool complete_levels(Store& store) {
+  bool any = false;
+  for (Json::Value& entry : store.root["services"]) {
+    if (!entry.isMember("current-level")) {
+      entry["current-level"] = kelotls::TLS_PROFILE_LEVEL_DEFAULT;
+      any = true;
+    }
+  }
+  return any;
+}
+
+Regeneration regenerate_store(const Store& before) {
+  Regeneration regeneration;
+  for (const char* list : {"added", "changed", "unreadable", "orphans"}) {
+    regeneration.document[list] = Json::Value(Json::arrayValue);
+  }
+  kelotls::FileList names = kelotls::make_file_list();
+  if (kelotls::list_files(kelotls::kServicesDir, names) < 0) {
+    throw Failure(kFailed, std::string(kelotls::kServicesDir) + ": " + std::strerror(errno));
+  }
+  kelotls::JsonReader reader;
+  std::vector<kelotls::ServiceDesc> services;
+  std::set<std::string> described;
+  for (int32_t index = 0; index < names->count; ++index) {
+    const std::string name = KLIBCSzListGet(names.get(), index);
+    if (const auto service = read_described(reader, name)) {
+      services.push_back(*service);
+      described.insert(service->get_service_name());
+    } else {
+      regeneration.document["unreadable"].append(kelotls::kServicesDir + name);
+    }
+  }
+  regeneration.store = before;
+  complete_levels(regeneration.store);
+  kelotls::merge_service_entries(regeneration.store.root, services);
+  compare_entries(before, regeneration.store, regeneration.document);
+  for (const std::string& service : before.names()) {
+    if (described.count(service) == 0) {
+      regeneration.document["orphans"].append(service);
+    }
+  }
+  return regeneration;
+}
+
+std::vector<std::string> warnings_of_unreadable(const Json::Value& unreadable) {
+  std::vector<std::string> texts;
+  for (const Json::Value& path : unreadable) {
+    texts.push_back(printable(path.asString()) + " is no descriptor and was passed over");
+  }
+  return texts;
+}
+
+void require_service(const Store& store, const std::string& service) {
+  if (!store.has(service)) {
+    throw Failure(kNoSuchService, "no service \"" + printable(service) + "\" has joined",
+                  "kelotlsctl list shows those that have.");
+  }
+}
+
+bool read_document(const std::string& path, Json::Value& document, std::string& fault) {
+  kelotls::JsonReader reader;
+  errno = 0;
+  if (reader.read(path, document)) {
+    return true;
+  }
+  fault = errno != 0 ? std::strerror(errno) : "not a JSON text: " + reader.fault();
+  return false;
+}
+
+Lock::Lock(Console& console, bool is_needed)
+    : directory_(is_needed ? open_framework_directory() : -1) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  bool has_said_so = false;
+  while (is_needed && ::flock(directory_, LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) {
+      const std::string reason = std::strerror(errno);
+      ::close(directory_);
+      throw Failure(kFailed, std::string(kFrameworkDir) + " cannot be locked: " + reason);
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      ::close(directory_);
+      throw Failure(kFailed, "another kelotlsctl has been changing the framework for a minute",
+                    "Nothing was changed. Try again when it is done.");
+    }
+    if (!has_said_so) {
+      console.say("waiting for another kelotlsctl to finish");
+      has_said_so = true;
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+}
+
+Lock::~Lock() {
+  if (directory_ >= 0) {
+    ::close(directory_);
+  }
+}
+
+}  // namespace kelotlsctl

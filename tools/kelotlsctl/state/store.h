@@ -1,0 +1,118 @@
+// Owns the data store as commands see it: levels by name, loading, changing, saving, and the lock
+// that every writing command holds.
+#ifndef KELOTLSCTL_STATE_STORE_H
+#define KELOTLSCTL_STATE_STORE_H
+
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "output/console.h"
+
+namespace kelotlsctl {
+
+constexpr mode_t kStoreMode = 0644;  // services read it, under whatever user they run
+
+/// The level that the text names: modern, intermediate, old, default, the first three with
+/// "mozilla_" before them, 0 to 3; in any case. Anything else is a Failure (usage).
+int parse_level(const std::string& text);
+
+/// The name of a stored level; "level 9" for a value that has none.
+std::string level_name(int level);
+
+/// What a level amounts to once the default was followed: a value without a name is served as
+/// intermediate, a negative one not at all.
+std::string effective_name(int level);
+
+/// "modern", or "default → intermediate" for a service that follows the default level.
+std::string describe_levels(int stored, int effective);
+
+/// {"value": 2, "name": "intermediate"}
+Json::Value level_json(int level);
+Json::Value effective_level_json(int level);
+
+/// "modern", of what level_json gave.
+std::string level_text(const Json::Value& level);
+
+struct Store {
+  Json::Value root;  ///< as the library loads and saves it
+
+  const Json::Value& services() const { return root["services"]; }
+  std::vector<std::string> names() const { return services().getMemberNames(); }
+  bool has(const std::string& service) const { return services().isMember(service); }
+  int default_level() const { return root["default-level"].asInt(); }
+  /// 0, follow the default, where the entry names none.
+  int stored_level(const std::string& service) const;
+  int effective_level(const std::string& service) const;
+};
+
+/// A data store without services.
+Store empty_store(int default_level);
+
+enum class StoreCondition { kUsable, kMissing, kUnreadable };
+
+/// Tries to load the data store; the library's log line says what is wrong with it.
+StoreCondition try_store(Store& store);
+
+/// The data store. A Failure (data store unreadable) that names the way back when the library
+/// cannot use it: most of its operations would then overwrite it with less.
+Store load_store();
+
+/// The Failure that load_store throws.
+Failure unreadable_store();
+
+/// A Failure when the data store was not written; what it held before is still there.
+void save_store(const Store& store);
+
+/// Writes level 0 into each entry that names none. Without it the library, asked to merge such an
+/// entry, writes a null level, and cannot use the data store any more. Whether there was one.
+bool complete_levels(Store& store);
+
+/// A data store brought in line with the descriptor files.
+struct Regeneration {
+  Store store;
+  /// {"added": [services that get an entry], "changed": [services whose entry changes],
+  /// "unreadable": [descriptor files that are passed over], "orphans": [entries without a
+  /// descriptor; they stay]}
+  Json::Value document;
+};
+
+/// Does so in memory. A Failure where the descriptors cannot be listed, or one of them would make
+/// the library raise an exception.
+Regeneration regenerate_store(const Store& before);
+
+/// "PATH is no descriptor and was passed over"
+std::vector<std::string> warnings_of_unreadable(const Json::Value& unreadable);
+
+/// A Failure (no such service) unless the service has joined.
+void require_service(const Store& store, const std::string& service);
+
+/// The framework's directories.
+extern const char* const kDirectories[5];
+
+/// Makes those that are missing, readable for all. Those that it has made.
+std::vector<std::string> make_missing_directories();
+
+/// Reads a JSON file as the library reads its own. On failure the fault says why.
+bool read_document(const std::string& path, Json::Value& document, std::string& fault);
+
+/// Keeps two administrators from losing each other's change: the library itself loads, changes and
+/// saves without a lock. The lock is on the framework's directory, so that no lock file is left
+/// behind and none need exist.
+class Lock {
+ public:
+  /// Takes the lock if the command is going to write. Waits for its holder, a minute at most.
+  Lock(Console& console, bool is_needed);
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+  ~Lock();
+
+ private:
+  int directory_;
+};
+
+}  // namespace kelotlsctl
+
+#endif

@@ -1,0 +1,302 @@
+// Owns the throw-away certificates, the client that can do everything, and handshakes in memory.
+#include "tls/client.h"
+
+#include <openssl/ec.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <map>
+#include <stdexcept>
+#include <utility>
+
+namespace kelotlsctl {
+
+namespace {
+
+constexpr auto kVersionOptionBits =
+    SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_TLSv1_2 | SSL_OP_NO_TLSv1_3;
+
+// All five of TLS 1.3. OpenSSL's own default has three of them.
+constexpr char kAllTls13Suites[] =
+    "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256:"
+    "TLS_AES_128_CCM_SHA256:TLS_AES_128_CCM_8_SHA256";
+
+using CertificateOwner = std::unique_ptr<X509, Release<X509_free>>;
+using KeyOwner = std::unique_ptr<EVP_PKEY, Release<EVP_PKEY_free>>;
+using KeyMaker = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
+
+struct CipherStackFree {
+  void operator()(STACK_OF(SSL_CIPHER) * ciphers) const { sk_SSL_CIPHER_free(ciphers); }
+};
+using CipherStack = std::unique_ptr<STACK_OF(SSL_CIPHER), CipherStackFree>;
+
+/// strength: of an RSA key its bits, of any other its curve. An RSA key gets three primes, which
+/// are found in a third of the time that two take and are as good to a client.
+KeyOwner make_key(int kind, int strength) {
+  const KeyMaker maker(EVP_PKEY_CTX_new_id(kind, nullptr));
+  EVP_PKEY_CTX* const raw = maker.get();
+  require(raw != nullptr && EVP_PKEY_keygen_init(raw) == 1, "no key can be made");
+  require(kind == EVP_PKEY_RSA ? EVP_PKEY_CTX_set_rsa_keygen_bits(raw, strength) == 1 &&
+                                     EVP_PKEY_CTX_set_rsa_keygen_primes(raw, 3) == 1
+                               : EVP_PKEY_CTX_set_ec_paramgen_curve_nid(raw, strength) == 1,
+          "no key of this strength can be made");
+  EVP_PKEY* key = nullptr;
+  require(EVP_PKEY_keygen(raw, &key) == 1, "no key can be made");
+  return KeyOwner(key);
+}
+
+CertificateOwner sign_certificate(EVP_PKEY* key) {
+  constexpr long kDay = 24L * 60 * 60;
+  constexpr unsigned char kName[] = "throw-away";
+  CertificateOwner certificate(X509_new());
+  X509* const raw = certificate.get();
+  require(raw != nullptr, "no certificate can be made");
+  X509_NAME* const name = X509_get_subject_name(raw);
+  require(X509_set_version(raw, 2) == 1 && ASN1_INTEGER_set(X509_get_serialNumber(raw), 1) == 1 &&
+              X509_gmtime_adj(X509_getm_notBefore(raw), -kDay) != nullptr &&
+              X509_gmtime_adj(X509_getm_notAfter(raw), kDay) != nullptr &&
+              X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, kName, -1, -1, 0) == 1 &&
+              X509_set_issuer_name(raw, name) == 1 && X509_set_pubkey(raw, key) == 1 &&
+              X509_sign(raw, key, EVP_sha256()) != 0,
+          "no certificate can be made");
+  return certificate;
+}
+
+struct Identity {
+  KeyOwner key;
+  CertificateOwner certificate;
+};
+
+/// Made once in a process: an RSA key costs more than all handshakes together.
+const Identity& throw_away_identity(int kind, int strength) {
+  static std::map<std::pair<int, int>, Identity> identities;
+  Identity& identity = identities[{kind, strength}];
+  if (identity.certificate == nullptr) {
+    identity.key = make_key(kind, strength);
+    identity.certificate = sign_certificate(identity.key.get());
+  }
+  return identity;
+}
+
+/// As strong as the security level requires and no stronger; but level 4 would require 7680 bits
+/// of RSA, which nobody has.
+const Identity& rsa_identity(int security_level) {
+  return throw_away_identity(EVP_PKEY_RSA, security_level < 2   ? 1024
+                                           : security_level < 3 ? 2048
+                                                                : 3072);
+}
+
+const Identity& ecdsa_identity(int security_level) {
+  return throw_away_identity(EVP_PKEY_EC, security_level < 4   ? NID_X9_62_prime256v1
+                                          : security_level < 5 ? NID_secp384r1
+                                                               : NID_secp521r1);
+}
+
+/// Loaded at security level 0: a refusal would tell nothing about the service's own certificates.
+void use_throw_away_certificates(SSL* server) {
+  const int security_level = SSL_get_security_level(server);
+  SSL_set_security_level(server, 0);
+  for (const Identity* identity :
+       {&rsa_identity(security_level), &ecdsa_identity(security_level)}) {
+    require(SSL_use_certificate(server, identity->certificate.get()) == 1 &&
+                SSL_use_PrivateKey(server, identity->key.get()) == 1,
+            "the throw-away certificate is refused");
+  }
+  SSL_set_security_level(server, security_level);
+}
+
+void lift(SSL* server, unsigned int lifts, int security_level) {
+  if ((lifts & kMinimumVersion) != 0) {
+    SSL_set_min_proto_version(server, 0);
+  }
+  if ((lifts & kMaximumVersion) != 0) {
+    SSL_set_max_proto_version(server, 0);
+  }
+  if ((lifts & kVersionOptions) != 0) {
+    SSL_clear_options(server, kVersionOptionBits);
+  }
+  if ((lifts & kSecurityLevel) != 0) {
+    SSL_set_security_level(server, security_level);
+  }
+}
+
+SslOwner make_server(SSL_CTX* context, unsigned int lifts, int security_level) {
+  SslOwner server(SSL_new(context));
+  require(server != nullptr, "no connection can be made");
+  use_throw_away_certificates(server.get());
+  // Keeps the session from the context's cache and callbacks, and gives out no ticket.
+  SSL_set_not_resumable_session_callback(server.get(), [](SSL*, int) { return 1; });
+  lift(server.get(), lifts, security_level);
+  SSL_set_accept_state(server.get());
+  return server;
+}
+
+/// Why a handshake did not complete; empty if it did.
+std::string complete(SSL* client, SSL* server) {
+  constexpr int kMoreTurnsThanAnyHandshakeTakes = 20;
+  for (int turn = 0; turn < kMoreTurnsThanAnyHandshakeTakes; ++turn) {
+    bool is_done = true;
+    for (SSL* const end : {client, server}) {
+      const HandshakeState state = advance(end);
+      if (state == HandshakeState::kFailed) {
+        return take_openssl_reason();
+      }
+      is_done &= state == HandshakeState::kDone;
+    }
+    if (is_done) {
+      return std::string();
+    }
+  }
+  return "the handshake does not end";
+}
+
+std::string curve_name(EVP_PKEY* key) {
+  const EC_KEY* const ec_key = EVP_PKEY_get0_EC_KEY(key);
+  return ec_key != nullptr ? OBJ_nid2sn(EC_GROUP_get_curve_name(EC_KEY_get0_group(ec_key))) : "";
+}
+
+void read_exchange(SSL* client, Outcome& outcome) {
+  EVP_PKEY* raw_key = nullptr;
+  if (SSL_get_server_tmp_key(client, &raw_key) != 1) {
+    return;  // RSA key exchange has none
+  }
+  const KeyOwner key(raw_key);
+  const int kind = EVP_PKEY_base_id(raw_key);
+  if (kind == EVP_PKEY_DH) {
+    outcome.dh_bits = EVP_PKEY_bits(raw_key);
+  } else {
+    outcome.group = kind == EVP_PKEY_EC ? curve_name(raw_key) : OBJ_nid2sn(kind);
+  }
+}
+
+std::string certificate_kind(SSL* client) {
+  const CertificateOwner certificate(SSL_get_peer_certificate(client));
+  if (certificate == nullptr) {
+    return std::string();  // an anonymous suite
+  }
+  const int kind = EVP_PKEY_base_id(X509_get0_pubkey(certificate.get()));
+  const bool is_rsa = kind == EVP_PKEY_RSA || kind == EVP_PKEY_RSA_PSS;
+  const bool is_ecdsa =  // as the suites of all three are named
+      kind == EVP_PKEY_EC || kind == EVP_PKEY_ED25519 || kind == EVP_PKEY_ED448;
+  return is_rsa ? "RSA" : is_ecdsa ? "ECDSA" : "other";
+}
+
+const char* certificate_kind(const SSL_CIPHER* cipher) {
+  const int nid = SSL_CIPHER_get_auth_nid(cipher);
+  const bool needs_none = nid == NID_auth_any || nid == NID_auth_null;
+  return needs_none ? "" : nid == NID_auth_rsa ? "RSA" : nid == NID_auth_ecdsa ? "ECDSA" : "other";
+}
+
+}  // namespace
+
+Client::Client() : context_(SSL_CTX_new(TLS_client_method())) {
+  SSL_CTX* const raw = context_.get();
+  require(raw != nullptr, "no client context can be made");
+  SSL_CTX_set_security_level(raw, 0);
+  SSL_CTX_clear_options(raw, kVersionOptionBits);
+  const std::string signatures = std::string(kEcdsaSignatures) + ":" + kRsaSignatures;
+  require(SSL_CTX_set_cipher_list(raw, "ALL:COMPLEMENTOFALL") == 1 &&
+              SSL_CTX_set_ciphersuites(raw, kAllTls13Suites) == 1 &&
+              SSL_CTX_set1_sigalgs_list(raw, signatures.c_str()) == 1 &&
+              SSL_CTX_set1_groups_list(raw, kTriedGroups) == 1,
+          "no client context can be made");
+}
+
+std::vector<Suite> Client::suites(int version) const {
+  const SslOwner connection = connect({version, {}, {}, {}});
+  const CipherStack ciphers(SSL_get1_supported_ciphers(connection.get()));
+  std::vector<Suite> suites;
+  for (int index = 0; index < sk_SSL_CIPHER_num(ciphers.get()); ++index) {
+    const SSL_CIPHER* const cipher = sk_SSL_CIPHER_value(ciphers.get(), index);
+    suites.push_back({SSL_CIPHER_get_name(cipher), certificate_kind(cipher),
+                      SSL_CIPHER_get_kx_nid(cipher) == NID_kx_dhe});
+  }
+  return suites;
+}
+
+SslOwner Client::connect(const Hello& hello) const {
+  SslOwner connection(SSL_new(context_.get()));
+  SSL* const raw = connection.get();
+  const auto set_suites =
+      hello.version == TLS1_3_VERSION ? SSL_set_ciphersuites : SSL_set_cipher_list;
+  require(raw != nullptr, "no connection can be made");
+  require(SSL_set_min_proto_version(raw, hello.version) == 1 &&
+              SSL_set_max_proto_version(raw, hello.version) == 1,
+          "a protocol version cannot be offered");
+  require(hello.suites.empty() || set_suites(raw, hello.suites.c_str()) == 1,
+          "a suite cannot be offered");
+  require(hello.groups.empty() || SSL_set1_groups_list(raw, hello.groups.c_str()) == 1,
+          "a group cannot be offered");
+  require(hello.signature_algorithms.empty() ||
+              SSL_set1_sigalgs_list(raw, hello.signature_algorithms.c_str()) == 1,
+          "signature algorithms cannot be offered");
+  SSL_set_connect_state(raw);
+  return connection;
+}
+
+Outcome Client::shake_hands(SSL_CTX* context, const Hello& hello, unsigned int lifts,
+                            int security_level) const {
+  const SslOwner client = connect(hello);
+  const SslOwner server = make_server(context, lifts, security_level);
+  BIO* const server_end = attach_bio_pair(client.get()).release();
+  SSL_set_bio(server.get(), server_end, server_end);
+  return outcome_of(client.get(), complete(client.get(), server.get()));
+}
+
+HandshakeState advance(SSL* connection) {
+  ERR_clear_error();
+  const int result = SSL_do_handshake(connection);
+  if (result == 1) {
+    return HandshakeState::kDone;
+  }
+  const int error = SSL_get_error(connection, result);
+  const bool is_waiting = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+  return is_waiting ? HandshakeState::kWaiting : HandshakeState::kFailed;
+}
+
+Outcome outcome_of(SSL* client, const std::string& failure) {
+  Outcome outcome;
+  outcome.reason = failure;
+  if (failure.empty()) {
+    outcome.accepted = true;
+    outcome.suite = SSL_get_cipher_name(client);
+    outcome.certificate_kind = certificate_kind(client);
+    read_exchange(client, outcome);
+  }
+  ERR_clear_error();
+  return outcome;
+}
+
+BioOwner attach_bio_pair(SSL* connection) {
+  BIO* near_end = nullptr;
+  BIO* far_end = nullptr;
+  require(BIO_new_bio_pair(&near_end, 0, &far_end, 0) == 1, "no memory for a connection");
+  SSL_set_bio(connection, near_end, near_end);
+  return BioOwner(far_end);
+}
+
+Names suites_of(SSL_CTX* context) {
+  Names names;
+  const STACK_OF(SSL_CIPHER)* const suites = SSL_CTX_get_ciphers(context);
+  for (int index = 0; index < sk_SSL_CIPHER_num(suites); ++index) {
+    names.emplace_back(SSL_CIPHER_get_name(sk_SSL_CIPHER_value(suites, index)));
+  }
+  return names;
+}
+
+std::string take_openssl_reason() {
+  const unsigned long error = ERR_peek_error();
+  ERR_clear_error();
+  const char* const reason = error != 0 ? ERR_reason_error_string(error) : nullptr;
+  return reason != nullptr ? reason : "no reason given";
+}
+
+void require(bool succeeded, const char* what) {
+  if (!succeeded) {
+    throw std::runtime_error(std::string("OpenSSL: ") + what + ": " + take_openssl_reason());
+  }
+}
+
+}  // namespace kelotlsctl

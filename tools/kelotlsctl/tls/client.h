@@ -1,0 +1,132 @@
+// Owns handshakes: a client that can do whatever this machine's OpenSSL can, and what it shakes
+// hands with, which is a server context in memory or a running server.
+#ifndef KELOTLSCTL_TLS_CLIENT_H
+#define KELOTLSCTL_TLS_CLIENT_H
+
+#include <netdb.h>
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "profile.h"
+
+namespace kelotlsctl {
+
+using kelotls::ContextOwner;
+using kelotls::Release;
+using AddressList = std::unique_ptr<addrinfo, Release<::freeaddrinfo>>;
+using BioOwner = std::unique_ptr<BIO, Release<BIO_free>>;
+using SslOwner = std::unique_ptr<SSL, Release<SSL_free>>;
+using Names = std::vector<std::string>;
+
+constexpr char kTriedGroups[] = "prime256v1:secp384r1:secp521r1:X25519:X448";
+
+// By kind of certificate. DSA is left out: making a key for a trial takes longer than everything
+// else, and nobody has one.
+constexpr char kEcdsaSignatures[] =
+    "ECDSA+SHA256:ECDSA+SHA384:ECDSA+SHA512:ed25519:ed448:ECDSA+SHA224:ECDSA+SHA1";
+constexpr char kRsaSignatures[] =
+    "RSA-PSS+SHA256:RSA-PSS+SHA384:RSA-PSS+SHA512:RSA+SHA256:RSA+SHA384:RSA+SHA512:RSA+SHA224:"
+    "RSA+SHA1";
+
+/// What a client requests. An empty list leaves all that the client has, version 0 any version.
+struct Hello {
+  int version;
+  std::string suites;
+  std::string groups;
+  std::string signature_algorithms;
+};
+
+struct Outcome {
+  bool accepted = false;
+  std::string suite;
+  std::string group;  // "" without elliptic curves
+  int dh_bits = 0;    // 0 without DHE
+  std::string certificate_kind;
+  std::string reason;  // why it was not accepted, in OpenSSL's words or the system's
+};
+
+struct Suite {
+  std::string name;
+  std::string certificate_kind;  // "" where any serves, or none is needed
+  bool is_dhe;
+};
+
+/// Settings of a context that can be lifted for one handshake, to find out which prevents it.
+enum Lift : unsigned int {
+  kMinimumVersion = 1,
+  kMaximumVersion = 2,
+  kSecurityLevel = 4,   // another one instead of the context's
+  kVersionOptions = 8,  // SSL_OP_NO_TLSv1 and the like
+};
+
+/// A client with no security level, no limit of version, and all suites. The system-wide
+/// configuration restrains the servers that it talks to, not the client itself.
+class Client {
+ public:
+  /// Throws std::runtime_error when OpenSSL refuses.
+  Client();
+
+  /// The suites that it can offer with the version.
+  std::vector<Suite> suites(int version) const;
+
+  /// A connection that has not begun. Throws std::runtime_error for a suite or group that this
+  /// machine's OpenSSL does not have.
+  SslOwner connect(const Hello& hello) const;
+
+  /// A handshake in memory. Each has an object of its own, with throw-away RSA and ECDSA
+  /// certificates and without a resumable session; the context keeps its settings. Of lifts,
+  /// kSecurityLevel puts the given security level in place of the context's.
+  Outcome shake_hands(SSL_CTX* context, const Hello& hello, unsigned int lifts = 0,
+                      int security_level = 0) const;
+
+ private:
+  ContextOwner context_;
+};
+
+/// A running server, over TCP.
+class Server {
+ public:
+  /// Looks the name up, over IPv6 and IPv4. Throws std::runtime_error when there is none.
+  Server(const Client& client, const std::string& host, const std::string& port);
+
+  /// Over a connection of its own, to the first address that answers. Throws std::runtime_error
+  /// when none does within two seconds. A handshake that takes longer is refused.
+  Outcome shake_hands(const Hello& hello) const;
+
+ private:
+  int connect_to_first() const;
+
+  const Client& client_;
+  std::string host_;
+  std::string port_;
+  bool is_name_;  // the host, so that it is sent as SNI
+  AddressList addresses_;
+};
+
+enum class HandshakeState { kDone, kWaiting, kFailed };
+
+/// Takes a handshake as far as it goes without new data.
+HandshakeState advance(SSL* connection);
+
+/// What the client knows when a handshake has ended. The failure is empty if it completed.
+Outcome outcome_of(SSL* client, const std::string& failure);
+
+/// The other end of the connection's bytes.
+BioOwner attach_bio_pair(SSL* connection);
+
+/// The names of the context's suites, in its order of preference.
+Names suites_of(SSL_CTX* context);
+
+/// The oldest reason in OpenSSL's error queue, which is then empty.
+std::string take_openssl_reason();
+
+/// Throws std::runtime_error with the text and OpenSSL's reason unless the step succeeded.
+void require(bool succeeded, const char* what);
+
+}  // namespace kelotlsctl
+
+#endif

@@ -1,0 +1,174 @@
+// Owns handshakes with a running server: its addresses, sockets and timeouts, and carrying bytes
+// between OpenSSL and a socket.
+#include <openssl/err.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+
+#include "files.h"
+#include "tls/client.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::seconds kTimeout(2);
+
+/// 0, or the errno of what went wrong.
+int wait_for(int socket, short events, Clock::time_point deadline) {
+  int ready = 0;
+  do {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd entry = {socket, events, 0};
+    ready = left.count() > 0 ? ::poll(&entry, 1, static_cast<int>(left.count())) : 0;
+  } while (ready < 0 && errno == EINTR);
+  return ready > 0 ? 0 : ready == 0 ? ETIMEDOUT : errno;
+}
+
+/// 0, or the errno of what went wrong.
+int connect_within_timeout(int socket, const sockaddr* address, socklen_t length) {
+  if (::connect(socket, address, length) == 0) {
+    return 0;
+  }
+  if (errno != EINPROGRESS) {
+    return errno;
+  }
+  int error = wait_for(socket, POLLOUT, Clock::now() + kTimeout);
+  if (error == 0) {
+    socklen_t size = sizeof error;
+    ::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
+  }
+  return error;
+}
+
+/// A handshake under way: OpenSSL's bytes at one end of a pair of BIOs, the socket at the other.
+/// Not a socket BIO, whose writes to a closed connection would end the process with SIGPIPE.
+class Wire {
+ public:
+  Wire(SSL* client, int socket)
+      : socket_(socket), deadline_(Clock::now() + kTimeout), wire_end_(attach_bio_pair(client)) {}
+
+  /// Why the handshake did not complete; empty if it did.
+  std::string complete(SSL* client) {
+    for (;;) {
+      const HandshakeState state = advance(client);
+      std::string failure =
+          state == HandshakeState::kFailed ? take_openssl_reason() : std::string();
+      const int error = send_pending();  // an alert too
+      if (failure.empty() && error != 0) {
+        failure = std::strerror(error);
+      }
+      if (failure.empty() && state == HandshakeState::kWaiting) {
+        failure = receive();
+      }
+      if (!failure.empty() || state == HandshakeState::kDone) {
+        return failure;
+      }
+    }
+  }
+
+  /// 0, or the errno of what went wrong.
+  int send_pending() {
+    char* data = nullptr;
+    for (int length = 0; (length = BIO_nread0(wire_end_.get(), &data)) > 0;) {
+      const ssize_t sent = ::send(socket_, data, static_cast<std::size_t>(length), MSG_NOSIGNAL);
+      if (sent > 0) {
+        BIO_nread(wire_end_.get(), &data, static_cast<int>(sent));
+        continue;
+      }
+      const int error = errno == EAGAIN ? wait_for(socket_, POLLOUT, deadline_) : errno;
+      if (error != 0 && error != EINTR) {
+        return error;
+      }
+    }
+    return 0;
+  }
+
+ private:
+  /// Hands what has come, if anything, to OpenSSL. Why nothing will come any more, or empty.
+  std::string receive() {
+    char buffer[4096];
+    const auto room = static_cast<std::size_t>(BIO_ctrl_get_write_guarantee(wire_end_.get()));
+    const int error = wait_for(socket_, POLLIN, deadline_);
+    const ssize_t length =
+        error == 0 ? ::recv(socket_, buffer, std::min(room, sizeof buffer), 0) : -1;
+    if (length > 0) {
+      BIO_write(wire_end_.get(), buffer, static_cast<int>(length));
+    }
+    if (error != 0 || (length < 0 && errno != EINTR && errno != EAGAIN)) {
+      return std::strerror(error != 0 ? error : errno);
+    }
+    return length == 0 ? "the server closed the connection" : "";
+  }
+
+  int socket_;
+  Clock::time_point deadline_;
+  BioOwner wire_end_;
+};
+
+/// port: null to read an address out of the host. 0, or getaddrinfo's result.
+int look_up(const std::string& host, const char* port, AddressList& list) {
+  addrinfo hints = {};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = port == nullptr ? AI_NUMERICHOST : 0;
+  addrinfo* addresses = nullptr;
+  const int result = ::getaddrinfo(host.c_str(), port, &hints, &addresses);
+  list.reset(result == 0 ? addresses : nullptr);
+  return result;
+}
+
+bool is_name(const std::string& host) {
+  AddressList list;
+  return look_up(host, nullptr, list) != 0;
+}
+
+}  // namespace
+
+Server::Server(const Client& client, const std::string& host, const std::string& port)
+    : client_(client), host_(host), port_(port), is_name_(is_name(host)) {
+  const int result = look_up(host, port.c_str(), addresses_);
+  if (result != 0) {
+    throw std::runtime_error(
+        host + " port " + port + " cannot be looked up: " +
+        (result == EAI_SYSTEM ? std::strerror(errno) : ::gai_strerror(result)));
+  }
+}
+
+Outcome Server::shake_hands(const Hello& hello) const {
+  const SslOwner client = client_.connect(hello);
+  if (is_name_) {
+    SSL_set_tlsext_host_name(client.get(), host_.c_str());
+  }
+  const kelotls::Descriptor socket(connect_to_first());
+  Wire wire(client.get(), socket.get());
+  Outcome outcome = outcome_of(client.get(), wire.complete(client.get()));
+  if (outcome.accepted) {
+    SSL_shutdown(client.get());
+    wire.send_pending();
+  }
+  ERR_clear_error();
+  return outcome;
+}
+
+int Server::connect_to_first() const {
+  int error = 0;
+  for (const addrinfo* entry = addresses_.get(); entry != nullptr; entry = entry->ai_next) {
+    const int type = SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC;
+    kelotls::Descriptor socket(::socket(entry->ai_family, type, 0));
+    error = socket.is_open()
+                ? connect_within_timeout(socket.get(), entry->ai_addr, entry->ai_addrlen)
+                : errno;
+    if (error == 0) {
+      return socket.release();
+    }
+  }
+  throw std::runtime_error("Nothing answers at " + host_ + " port " + port_ + ": " +
+                           std::strerror(error));
+}
+
+}  // namespace kelotlsctl
