@@ -119,10 +119,10 @@ int stored_level(const Places& places, const std::string& service) {
   return level_of(root, *services.find(service.data(), service.data() + service.size()));
 }
 
-std::vector<std::string> names_in(const std::string& directory) {
+std::vector<std::string> names_in(const std::string& path) {
   std::vector<std::string> names;
-  DIR* const directory = ::opendir(directory.c_str());
-  require(directory != nullptr, directory);
+  DIR* const directory = ::opendir(path.c_str());
+  require(directory != nullptr, path);
   while (const dirent* const entry = ::readdir(directory)) {
     if (entry->d_type == DT_REG) {
       names.emplace_back(entry->d_name);
