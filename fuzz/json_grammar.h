@@ -1,6 +1,8 @@
-// A second reading of the JSON grammar, to hold the library's reader against.
+// A second reading of JSON documents, to hold the library's reader against.
 #ifndef KELOTLS_FUZZ_JSON_GRAMMAR_H
 #define KELOTLS_FUZZ_JSON_GRAMMAR_H
+
+#include <json/value.h>
 
 #include <string_view>
 
@@ -9,11 +11,19 @@ namespace kelotls::fuzz {
 /// Whether the library's reader has to take a text for one JSON document.
 enum class Reading {
   kYes,    ///< by the letter of the grammar, and nested no deeper than the library allows
-  kNo,     ///< not even when control characters in strings and odd numbers are overlooked
-  kEither  ///< jsoncpp may have its way with such numbers, characters and escapes
+  kNo,     ///< against the grammar, or nested too deep
+  kEither  ///< a document with half a pair of surrogates or a number that is too large for a double
 };
 
-Reading reading_of(std::string_view text);
+struct Document {
+  Reading reading = Reading::kNo;
+  bool has_duplicate_keys = false;  ///< of which the last one counts
+  Json::Value value;                ///< of kYes
+};
+
+Document read_document(std::string_view text);
+
+inline Reading reading_of(std::string_view text) { return read_document(text).reading; }
 
 }  // namespace kelotls::fuzz
 
