@@ -58,9 +58,10 @@ void append_faults(const Json::Value& value, const MemberRule* rules, const std:
     if (member == nullptr) {
       faults.push_back({path, std::string("lacks \"") + rule->key + "\""});
     } else {
-      faults.push_back({path_of_member(path, rule->key), member->type() == rule->type
-                                                             ? "must not be empty"
-                                                             : wrong_type(*member, rule->type)});
+      // A number beyond 32 bits is no integer here, whatever jsoncpp keeps it as.
+      const bool is_empty = rule->type == Json::stringValue && member->isString();
+      faults.push_back({path_of_member(path, rule->key),
+                        is_empty ? "must not be empty" : wrong_type(*member, rule->type)});
     }
   }
 }
