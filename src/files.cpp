@@ -146,7 +146,8 @@ bool replace_regular_file(const std::string& path, const std::string& text,
 /// Makes one directory. True where it exists afterwards.
 bool make_directory(const std::string& path, mode_t mode, std::vector<std::string>& made) {
   if (::mkdir(path.c_str(), mode) != 0) {
-    return errno == EEXIST || exists_at(path);
+    const int error = errno;
+    return exists_at(path) || fail(error);
   }
   made.push_back(path);
   return ::chmod(path.c_str(), mode) == 0;  // whatever the umask
@@ -278,7 +279,8 @@ bool make_directories(const std::string& path, mode_t mode, std::vector<std::str
     }
   }
   struct stat status = {};
-  return make_directory(path, mode, made) && ::stat(path.c_str(), &status) == 0;
+  return make_directory(path, mode, made) && ::stat(path.c_str(), &status) == 0 &&
+         (S_ISDIR(status.st_mode) || fail(ENOTDIR));
 }
 
 bool list_directory(const std::string& path, std::vector<std::string>& names) {
