@@ -147,7 +147,9 @@ bool replace_regular_file(const std::string& path, const std::string& text,
 bool make_directory(const std::string& path, mode_t mode, std::vector<std::string>& made) {
   if (::mkdir(path.c_str(), mode) != 0) {
     const int error = errno;
-    return exists_at(path) || fail(error);
+    const bool exists = exists_at(path);
+    errno = error;
+    return exists;
   }
   made.push_back(path);
   return ::chmod(path.c_str(), mode) == 0;  // whatever the umask
@@ -168,7 +170,7 @@ bool Descriptor::close() {
   return number < 0 || ::close(number) == 0 || errno == EINTR;
 }
 
-bool fail(int error) {
+bool fail(int error) noexcept {
   errno = error;
   return false;
 }
@@ -279,8 +281,8 @@ bool make_directories(const std::string& path, mode_t mode, std::vector<std::str
     }
   }
   struct stat status = {};
-  return make_directory(path, mode, made) && ::stat(path.c_str(), &status) == 0 &&
-         (S_ISDIR(status.st_mode) || fail(ENOTDIR));
+  // With the slash, what is no directory gives ENOTDIR.
+  return make_directory(path, mode, made) && ::stat((path + "/").c_str(), &status) == 0;
 }
 
 bool list_directory(const std::string& path, std::vector<std::string>& names) {

@@ -35,7 +35,7 @@ class Descriptor {
 };
 
 /// Sets errno and returns false.
-bool fail(int error);
+bool fail(int error) noexcept;
 
 /// Whether there is anything at the path; a dangling link counts.
 bool exists_at(const std::string& path);
