@@ -158,6 +158,18 @@ TEST_F(DocumentFaults, OfALevelAreThatItIsNoIntegerOf32Bits) {
   }
 }
 
+// Members
+
+TEST_F(DocumentFaults, OfAStringAreThatItIsMissingEmptyOrNone) {
+  const Json::Value filled("a");
+  const Json::Value empty("");
+  const Json::Value number(1);
+  EXPECT_TRUE(is_filled_string(&filled));
+  EXPECT_FALSE(is_filled_string(&empty));
+  EXPECT_FALSE(is_filled_string(&number));
+  EXPECT_FALSE(is_filled_string(nullptr));
+}
+
 // Places
 
 TEST_F(DocumentFaults, HaveAPathThatIsReadInOneWay) {

@@ -286,7 +286,9 @@ TEST_F(Files, NamesTheDirectoriesThatItMadeBeforeItFailed) {
   EXPECT_EQ(made, Lines{kDirectory + "a"});
 
   mount_read_only(kDirectory);
-  expect_failure(EROFS, [&] { return kelotls::make_directories(kDirectory + "b", 0700, made); });
+  for (const char* name : {"b", "b/c"}) {
+    expect_failure(EROFS, [&] { return kelotls::make_directories(kDirectory + name, 0700, made); });
+  }
 }
 
 TEST_F(Files, ListsTheNamesInADirectorySorted) {

@@ -86,5 +86,13 @@ TEST_F(LogObserver, IsGivenALineOfAnyLength) {
   EXPECT_EQ(observed, Lines{"service entry not found. " + name});
 }
 
+TEST_F(LogObserver, IsNotGivenALineThatCannotBePutTogether) {
+  log::observe(keep);
+  log::write_line("%ls", L"\u00e4");  // no character of the test's locale
+
+  EXPECT_EQ(observed, Lines());
+  EXPECT_EQ(logged(), Lines());
+}
+
 }  // namespace
 }  // namespace kelotls::test
