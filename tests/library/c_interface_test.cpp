@@ -1,5 +1,4 @@
 // The two C functions, called from C and from C++.
-#include <dlfcn.h>
 #include <json/value.h>
 
 #include <stdexcept>
@@ -110,13 +109,6 @@ TEST_F(CInterface, ReleasesNullWithoutEffect) {
   KELOTLS_release_context(nullptr);
 
   EXPECT_EQ(log(), Lines());
-}
-
-TEST_F(CInterface, CanBeFoundByUnmangledNames) {
-  EXPECT_EQ(::dlsym(RTLD_DEFAULT, "KELOTLS_acquire_server_context"),
-            reinterpret_cast<void*>(&KELOTLS_acquire_server_context));
-  EXPECT_EQ(::dlsym(RTLD_DEFAULT, "KELOTLS_release_context"),
-            reinterpret_cast<void*>(&KELOTLS_release_context));
 }
 
 }  // namespace
