@@ -3,7 +3,6 @@
 // until the operation gets through. Each must end in an exception for want of memory, in a failure
 // that the contract states, or in success; with every block and descriptor given back, and every
 // file the old one or the new one.
-#include <dlfcn.h>
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -29,6 +28,7 @@
 
 #include <json/json.h>
 
+#include "interpose.h"
 #include "kelocore.h"
 #include "kelotls/api_provider.h"
 #include "kelotls/data_store_provider.h"
@@ -202,18 +202,15 @@ std::FILE* dh_file = nullptr;
 BIO* memory_bio = nullptr;
 KLIBCSzList* listed = nullptr;
 
-template <typename Function>
-Function* next(Function*, const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
+
+using kelotls::test::next_definition;
 
 extern "C" {
 
 // By its name for large files, which is the one that the library calls.
 std::FILE* fopen(const char* path, const char* mode) {
-  static auto* const original = next(&fopen, "fopen64");
+  static auto* const original = next_definition<decltype(fopen)>("fopen64");
   std::FILE* const file = original(path, mode);
   if (std::strncmp(path, kelotls::test::kSslDir, sizeof kelotls::test::kSslDir - 1) == 0) {
     dh_file = file;
@@ -222,7 +219,7 @@ std::FILE* fopen(const char* path, const char* mode) {
 }
 
 SSL_CTX* SSL_CTX_new(const SSL_METHOD* method) {
-  static auto* const original = next(&SSL_CTX_new, "SSL_CTX_new");
+  static auto* const original = next_definition<decltype(SSL_CTX_new)>("SSL_CTX_new");
   allocator.is_making_context = true;
   SSL_CTX* const context = original(method);
   allocator.is_making_context = false;
@@ -231,13 +228,13 @@ SSL_CTX* SSL_CTX_new(const SSL_METHOD* method) {
 }
 
 void SSL_CTX_free(SSL_CTX* context) {
-  static auto* const original = next(&SSL_CTX_free, "SSL_CTX_free");
+  static auto* const original = next_definition<decltype(SSL_CTX_free)>("SSL_CTX_free");
   original(context);
   open_contexts -= context != nullptr && !allocator.is_making_context ? 1 : 0;
 }
 
 BIO* BIO_new(const BIO_METHOD* method) {
-  static auto* const original = next(&BIO_new, "BIO_new");
+  static auto* const original = next_definition<decltype(BIO_new)>("BIO_new");
   BIO* const bio = original(method);
   if (method == BIO_s_mem()) {
     memory_bio = bio;
@@ -246,7 +243,7 @@ BIO* BIO_new(const BIO_METHOD* method) {
 }
 
 int KLIBCFileEnumDir(const char* directory, const char* pattern, KLIBCSzList** list, int flags) {
-  static auto* const original = next(&KLIBCFileEnumDir, "KLIBCFileEnumDir");
+  static auto* const original = next_definition<decltype(KLIBCFileEnumDir)>("KLIBCFileEnumDir");
   const int result = original(directory, pattern, list, flags);
   listed = *list;
   return result;

@@ -1,6 +1,5 @@
 // What only the appliance's own machine and OpenSSL can show: the exact option masks, level old
 // serving old clients, exceptions through C frames, and numbers and times of 32 bits.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <json/json.h>
 #include <openssl/ssl.h>
@@ -21,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "interpose.h"
 #include "kelotls/api_provider.h"
 #include "kelotls/data_store_provider.h"
 #include "kelotls/server_context.h"
@@ -40,10 +40,9 @@ void acquire_in_c_without_tables(const char* service, int* unwound);
 
 // Stands before OpenSSL's own, to see what the library hands over.
 int SSL_CTX_set_cipher_list(SSL_CTX* context, const char* list) {
-  static const auto next =
-      reinterpret_cast<int (*)(SSL_CTX*, const char*)>(dlsym(RTLD_NEXT, "SSL_CTX_set_cipher_list"));
   cipher_list = list;
-  return next(context, list);
+  return kelotls::test::next_definition<decltype(SSL_CTX_set_cipher_list)>(
+      "SSL_CTX_set_cipher_list")(context, list);
 }
 }
 

@@ -5,7 +5,6 @@
 #include <kelocore.h>
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -30,6 +29,7 @@
 
 #include <gtest/gtest.h>
 
+#include "interpose.h"
 #include "private_tree.h"
 
 namespace fs = std::filesystem;
@@ -37,12 +37,6 @@ namespace fs = std::filesystem;
 namespace {
 
 bool forget_types = false;
-
-// The C library's own function of that name.
-template <typename Function>
-Function next_function(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 template <typename Entry>
 Entry* forget_type(Entry* entry) {
@@ -59,12 +53,12 @@ Entry* forget_type(Entry* entry) {
 extern "C" {
 
 dirent* readdir(DIR* directory) {
-  static const auto next = next_function<dirent* (*)(DIR*)>("readdir");
+  static const auto next = kelotls::test::next_definition<dirent*(DIR*)>("readdir");
   return forget_type(next(directory));
 }
 
 dirent64* readdir64(DIR* directory) {
-  static const auto next = next_function<dirent64* (*)(DIR*)>("readdir64");
+  static const auto next = kelotls::test::next_definition<dirent64*(DIR*)>("readdir64");
   return forget_type(next(directory));
 }
 }
@@ -83,7 +77,7 @@ dirent64* readdir64(DIR* directory) {
 static int lists_before_memory_runs_out = -1;  // blocks of lists that there is still memory for
 
 extern "C" void* realloc(void* block, std::size_t size) noexcept {
-  static const auto next = next_function<void* (*)(void*, std::size_t)>("realloc");
+  static const auto next = kelotls::test::next_definition<void*(void*, std::size_t)>("realloc");
   if (lists_before_memory_runs_out == 0) {
     errno = ENOMEM;
     return nullptr;

@@ -1,7 +1,6 @@
 // The calls that the library makes of OpenSSL: which, in which order, with what, and what follows
 // when one of them fails. No state of any file makes them fail; so this program puts functions of
 // its own in front of OpenSSL's, which record, pass on, or refuse.
-#include <dlfcn.h>
 #include <openssl/bio.h>
 #include <openssl/dh.h>
 #include <openssl/err.h>
@@ -13,6 +12,7 @@
 #include <sstream>
 #include <utility>
 
+#include "interpose.h"
 #include "kelotls/api_provider.h"
 #include "kelotls/server_context.h"
 #include "tls_client.h"
@@ -73,7 +73,7 @@ auto pass_on(Function*, const char* name, Arguments... arguments) {
     bool was_on = std::exchange(recorder.on, false);
     ~Pause() { recorder.on = was_on; }
   } pause;
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name))(arguments...);
+  return next_definition<Function>(name)(arguments...);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // How the library calls the appliance's two libraries and the system, seen from functions that
 // stand before theirs: what it passes, what it makes of answers that the development host's own
 // libraries never give. Each passes the call on unless a test says otherwise.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <kelocore.h>
 #include <kelomustache.h>
@@ -14,6 +13,7 @@
 #include <cerrno>
 
 #include "framework.h"
+#include "interpose.h"
 
 namespace kelotls::test {
 namespace {
@@ -54,21 +54,18 @@ struct Platform {
 
 Platform platform;
 
-template <typename Function>
-Function next(const char* name) {
-  return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
-}
-
 KLIBCSzList* new_list(int32_t size) {
-  return next<decltype(&KLIBCSzListAlloc)>("KLIBCSzListAlloc")(size);
+  return next_definition<decltype(KLIBCSzListAlloc)>("KLIBCSzListAlloc")(size);
 }
 
-void free_list(KLIBCSzList* list) { next<decltype(&KLIBCSzListFree)>("KLIBCSzListFree")(list); }
+void free_list(KLIBCSzList* list) {
+  next_definition<decltype(KLIBCSzListFree)>("KLIBCSzListFree")(list);
+}
 
 int list_files(const char* directory, const char* pattern, KLIBCSzList** list, int flags) {
   platform.is_listing = true;
-  const int result =
-      next<decltype(&KLIBCFileEnumDir)>("KLIBCFileEnumDir")(directory, pattern, list, flags);
+  const int result = next_definition<decltype(KLIBCFileEnumDir)>("KLIBCFileEnumDir")(
+      directory, pattern, list, flags);
   platform.is_listing = false;
   return result;
 }
@@ -123,8 +120,8 @@ int KLIBCExec(const char* path, const char* arg1, const char* arg2, const char* 
   const bool has_arguments =
       arg1 != nullptr || arg2 != nullptr || arg3 != nullptr || arg4 != nullptr;
   platform.runs.push_back({path, has_arguments, errno});
-  const int status =
-      kelotls::test::next<decltype(&KLIBCExec)>("KLIBCExec")(path, arg1, arg2, arg3, arg4);
+  const int status = kelotls::test::next_definition<decltype(KLIBCExec)>("KLIBCExec")(
+      path, arg1, arg2, arg3, arg4);
   if (platform.error_of_runs != 0) {
     errno = platform.error_of_runs;
   }
@@ -135,37 +132,39 @@ int fsync(int descriptor) {
   if (platform.sync_fails_without_reason) {
     return -1;
   }
-  return kelotls::test::next<int (*)(int)>("fsync")(descriptor);
+  return kelotls::test::next_definition<int(int)>("fsync")(descriptor);
 }
 
 int unlink(const char* path) noexcept {
   return kelotls::test::fails(std::string("unlink ") + path)
              ? -1
-             : kelotls::test::next<int (*)(const char*)>("unlink")(path);
+             : kelotls::test::next_definition<int(const char*)>("unlink")(path);
 }
 
 int symlink(const char* target, const char* path) noexcept {
   return kelotls::test::fails(std::string("symlink ") + path)
              ? -1
-             : kelotls::test::next<int (*)(const char*, const char*)>("symlink")(target, path);
+             : kelotls::test::next_definition<int(const char*, const char*)>("symlink")(target,
+                                                                                        path);
 }
 
 int rename(const char* from, const char* to) noexcept {
   return kelotls::test::fails(std::string("rename ") + to)
              ? -1
-             : kelotls::test::next<int (*)(const char*, const char*)>("rename")(from, to);
+             : kelotls::test::next_definition<int(const char*, const char*)>("rename")(from, to);
 }
 
 int mkstemp(char* path) {
   return kelotls::test::fails(std::string("mkstemp ") + path)
              ? -1
-             : kelotls::test::next<int (*)(char*)>("mkstemp64")(path);
+             : kelotls::test::next_definition<int(char*)>("mkstemp64")(path);
 }
 
 FILE* fopen(const char* path, const char* mode) {
   return kelotls::test::fails(std::string("fopen ") + path)
              ? nullptr
-             : kelotls::test::next<FILE* (*)(const char*, const char*)>("fopen64")(path, mode);
+             : kelotls::test::next_definition<FILE*(const char*, const char*)>("fopen64")(path,
+                                                                                          mode);
 }
 }
 

@@ -2,7 +2,6 @@
 // that interrupts, a disk that fails while it is synchronised, a file of another user where the
 // tests have no second one. The functions here stand before the C library's, and give the library
 // the answers that a test asks for.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <kelotls/api_provider.h>
 #include <kelotls/data_store_provider.h>
@@ -16,6 +15,7 @@
 #include <utility>
 
 #include "framework.h"
+#include "interpose.h"
 
 namespace kelotls::test {
 namespace {
@@ -40,7 +40,7 @@ int take_error(const char* function) {
 
 template <typename Result, typename... Arguments>
 Result pass_on(const char* function, Arguments... arguments) {
-  return reinterpret_cast<Result (*)(Arguments...)>(::dlsym(RTLD_NEXT, function))(arguments...);
+  return next_definition<Result(Arguments...)>(function)(arguments...);
 }
 
 template <typename Result, typename... Arguments>
