@@ -241,6 +241,8 @@ void obey_file_permissions() {
   require(::syscall(SYS_capset, &header, data) == 0, "capset");
 }
 
+bool has_many_users() { return std::getenv("KELOTLS_MANY_USERS") == std::string("1"); }
+
 std::string data_store_text(int default_level,
                             const std::vector<std::pair<std::string, std::string>>& services) {
   std::ostringstream text;

@@ -77,6 +77,15 @@ void mount_read_only(const std::string& directory);
 /// Gives up root's freedom from file permissions, for the rest of this process.
 void obey_file_permissions();
 
+/// Whether there are users beside root here (KELOTLS_MANY_USERS of tests/bed/in_private_tree): 1 is
+/// "daemon".
+bool has_many_users();
+
+/// Why a test that needs them is skipped.
+constexpr char kRootAlone[] =
+    "there is no user but root: an ordinary user needs the package uidmap and a grant of 65535 "
+    "users in /etc/subuid and /etc/subgid to run this test";
+
 /// A data store text with these services: name → JSON text of "current-level".
 std::string data_store_text(int default_level,
                             const std::vector<std::pair<std::string, std::string>>& services);

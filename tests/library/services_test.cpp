@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -400,7 +401,7 @@ class Services : public PrivateTree {
     tls_service_port_ = std::stoi(line.substr(start.size()));
   }
 
-  void start_nginx(const std::string& certificate = "rsa") {
+  void start_nginx(const std::string& certificate = "rsa", const std::string& user = "root") {
     write_file("/usr/kelo/etc/ssl/nginx.pem",
                read_file(KELOTLS_CERTIFICATES + ("/" + certificate + ".pem")));
     nginx_port_ = free_port();
@@ -408,15 +409,15 @@ class Services : public PrivateTree {
     const std::string port = ":8443";
     configuration.replace(configuration.find(port), port.size(), ":" + std::to_string(nginx_port_));
     write_file(kNginxConfiguration, configuration);
-    nginx_ = std::make_unique<Process>(nginx_command("daemon off;"), "/tmp/nginx.out");
+    nginx_ = std::make_unique<Process>(nginx_command("daemon off;", user), "/tmp/nginx.out");
     // It listens before its process identifier is on file and before it has workers; a reload that
     // came in between would reach nobody.
     ASSERT_TRUE(eventually([&] { return !nginx_workers().empty(); })) << "nginx did not start";
   }
 
-  /// The tree's only user is root, so nginx's workers run as root too.
-  static Names nginx_command(const std::string& settings) {
-    return {kNginx, "-c", kNginxConfiguration, "-g", "user root; " + settings};
+  /// The user that its workers become; not every tree has more than root.
+  static Names nginx_command(const std::string& settings, const std::string& user = "root") {
+    return {kNginx, "-c", kNginxConfiguration, "-g", "user " + user + "; " + settings};
   }
 
   static int test_of_nginx_configuration() {
@@ -436,6 +437,13 @@ class Services : public PrivateTree {
         return std::find(former.begin(), former.end(), worker) != former.end();
       });
     })) << "nginx kept its workers";
+  }
+
+  /// Of a process. A worker is forked before it changes them.
+  static std::pair<unsigned, unsigned> user_and_group(const std::string& process) {
+    struct stat status = {};
+    EXPECT_EQ(::stat(("/proc/" + process).c_str(), &status), 0);
+    return {status.st_uid, status.st_gid};
   }
 
   Names nginx_workers() const {
@@ -595,6 +603,24 @@ TEST_F(Nginx, KeepsItsSettingsWhenItsConfigurationIsFaulty) {
             Lines({error_line("api_provider.cpp:349 Reload service return error code. [1]: " +
                               std::string(kPackageReloaders) + "nginx.conf")}));
   EXPECT_EQ(accepted_versions(nginx_port_), versions_of(TLS_PROFILE_LEVEL_INTERMEDIATE));
+}
+
+TEST_F(Nginx, TakesUpALevelWithWorkersThatAreNotRoot) {
+  if (!has_many_users()) {
+    GTEST_SKIP() << kRootAlone;
+  }
+  start_nginx("rsa", "daemon");
+
+  for (const TlsProfileLevel level : kLevels) {
+    set_level("nginx", level);
+    apply_levels_to_nginx();
+
+    EXPECT_EQ(accepted_versions(nginx_port_), versions_of(level)) << "level " << level;
+    for (const std::string& worker : nginx_workers()) {
+      EXPECT_TRUE(eventually([&] { return user_and_group(worker) == std::pair(1u, 1u); }))
+          << worker;
+    }
+  }
 }
 
 TEST_F(Nginx, DoesNotResumeASessionOfAnotherLevel) {

@@ -219,6 +219,22 @@ TEST_F(SystemCalls, GiveTheNewFileToTheOwnerOfTheOldOne) {
   expect_change({{"fchown", {0}}});
 }
 
+TEST_F(SystemCalls, LeaveAFileToAnotherUser) {
+  if (!has_many_users()) {
+    GTEST_SKIP() << kRootAlone;
+  }
+  ASSERT_EQ(::chown(kDataStore, 5, 7), 0);
+  ASSERT_EQ(::chmod(kDataStore, 0640), 0);
+
+  expect_change({});
+
+  struct stat status = {};
+  ASSERT_EQ(::stat(kDataStore, &status), 0);
+  EXPECT_EQ(status.st_uid, 5u);
+  EXPECT_EQ(status.st_gid, 7u);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
+}
+
 TEST_F(SystemCalls, ReadNothingWhereTheStateOfAFileIsNotKnown) {
   expect_no_reading({{"fstat", {ESTALE}}}, ESTALE);
 }
