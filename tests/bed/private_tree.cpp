@@ -241,7 +241,10 @@ void obey_file_permissions() {
   require(::syscall(SYS_capset, &header, data) == 0, "capset");
 }
 
-bool has_many_users() { return std::getenv("KELOTLS_MANY_USERS") == std::string("1"); }
+bool has_many_users() {
+  const char* const said = std::getenv("KELOTLS_MANY_USERS");
+  return said != nullptr && said == std::string("1");
+}
 
 std::string data_store_text(int default_level,
                             const std::vector<std::pair<std::string, std::string>>& services) {
