@@ -158,8 +158,7 @@ std::string faults_against(const std::string& schema_path, const Json::Value& do
 void Kelotlsctl::SetUp() {
   PrivateTree::SetUp();
   write_file(kDataStore, data_store_text(2, {}));
-  write_file(std::string(kSslDir) + "dh2048.pem", test_data("bed/data/dh2048.pem"));
-  write_file(std::string(kSslDir) + "dh1024.pem", test_data("bed/data/dh1024.pem"));
+  write_dh_files();
   write_file(kTemplate,
              "level {{#mozilla_modern}}modern{{/mozilla_modern}}"
              "{{#mozilla_intermediate}}intermediate{{/mozilla_intermediate}}"

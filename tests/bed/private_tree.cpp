@@ -264,6 +264,12 @@ std::string test_data(const std::string& name) {
   return read_file(std::string(KELOTLS_TEST_DATA) + "/" + name);
 }
 
+void write_dh_files() {
+  for (const char* name : {"dh1024.pem", "dh2048.pem"}) {
+    write_file(std::string(kSslDir) + name, test_data(std::string("bed/data/") + name));
+  }
+}
+
 void set_openssl_configuration(const std::string& text) {
   const std::string path = "/tmp/openssl.cnf";
   write_file(path, text);

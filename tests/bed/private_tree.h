@@ -93,6 +93,9 @@ std::string data_store_text(int default_level,
 /// The committed test data below tests/.
 std::string test_data(const std::string& name);
 
+/// Puts both temporary DH parameter files in their place.
+void write_dh_files();
+
 /// Makes OpenSSL start with this configuration text; before the process's first use of OpenSSL.
 void set_openssl_configuration(const std::string& text);
 

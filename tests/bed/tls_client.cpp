@@ -204,12 +204,6 @@ Context willing_context(int version, const std::string& suite) {
   return context;
 }
 
-void write_dh_files() {
-  for (const char* name : {"dh1024.pem", "dh2048.pem"}) {
-    write_file(std::string(kSslDir) + name, test_data(std::string("bed/data/") + name));
-  }
-}
-
 void lift_security_level() {
   set_openssl_configuration(kSecurityLevel0);
   require(SSL_CTX_get_security_level(plain_context().get()) == 0, "OpenSSL has started already");

@@ -51,9 +51,6 @@ Context plain_context();
 /// at all.
 Context willing_context(int version, const std::string& suite);
 
-/// Puts both temporary DH parameter files in their place.
-void write_dh_files();
-
 /// Lifts OpenSSL's security level and protocol limits; before the process's first use of OpenSSL.
 void lift_security_level();
 

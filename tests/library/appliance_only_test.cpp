@@ -62,8 +62,7 @@ class ApplianceOnly : public PrivateTree {
  protected:
   void SetUp() override {
     PrivateTree::SetUp();
-    write_file(std::string(kSslDir) + "dh1024.pem", test_data("bed/data/dh1024.pem"));
-    write_file(std::string(kSslDir) + "dh2048.pem", test_data("bed/data/dh2048.pem"));
+    write_dh_files();
   }
 
   static Context acquire(const std::string& level) {

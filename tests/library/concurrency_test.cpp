@@ -1,15 +1,14 @@
 // Services acquire and release contexts in many threads while another process changes levels.
 #include <openssl/err.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <memory>
 #include <set>
 #include <thread>
 
 #include "kelotls/api_provider.h"
 #include "kelotls/data_store_provider.h"
+#include "process.h"
 #include "tls_client.h"
 
 namespace kelotls::test {
@@ -20,33 +19,13 @@ using Concurrency = PrivateTree;
 constexpr int kThreads = 8;
 constexpr int kRounds = 200;
 
-/// The process that changes the default level without a pause.
-class LevelChanger {
- public:
-  /// With its first change made.
-  LevelChanger() {
-    const int before = DataStoreProvider().get_default_level();
-    char path[] = KELOTLS_LEVEL_CHANGER;
-    char* arguments[] = {path, nullptr};
-    EXPECT_EQ(::posix_spawn(&process_, path, nullptr, nullptr, arguments, environ), 0);
-    while (process_ > 0 && DataStoreProvider().get_default_level() == before) {
-      ::usleep(100);
-    }
-  }
-  ~LevelChanger() { kill(); }
-
-  /// At whatever it does at that moment.
-  void kill() {
-    if (process_ > 0) {
-      ::kill(process_, SIGKILL);
-      ::waitpid(process_, nullptr, 0);
-      process_ = 0;
-    }
-  }
-
- private:
-  pid_t process_ = 0;
-};
+/// The process that changes the default level without a pause, with its first change made.
+std::unique_ptr<Process> start_level_changer() {
+  const int before = DataStoreProvider().get_default_level();
+  auto changer = std::make_unique<Process>(Lines{KELOTLS_LEVEL_CHANGER}, "/tmp/level_changer.out");
+  EXPECT_TRUE(eventually([&] { return DataStoreProvider().get_default_level() != before; }));
+  return changer;
+}
 
 /// What one thread has met.
 struct Findings {
@@ -101,9 +80,9 @@ TEST_F(Concurrency, ServesEveryThreadAWholeContextWhileLevelsChange) {
   const std::set<Options> all_levels = {modern, options_of_level(2), options_of_level(3)};
   write_file(kDataStore, data_store_text(1, {{"following", "0"}, {"fixed", "1"}}));
 
-  LevelChanger changer;
+  const auto changer = start_level_changer();
   const Findings findings = serve_in_threads();
-  changer.kill();
+  changer->kill();
 
   EXPECT_EQ(findings.refusals, 0);
   EXPECT_EQ(findings.errors_left, 0);
@@ -116,9 +95,9 @@ TEST_F(Concurrency, LeavesAWholeDataStoreWhereverAChangeIsCutOff) {
   write_file(kDataStore, data_store_text(1, {{"following", "0"}, {"fixed", "1"}}));
 
   for (int attempt = 0; attempt < 50; ++attempt) {
-    LevelChanger changer;
+    const auto changer = start_level_changer();
     ::usleep(static_cast<useconds_t>(97 * attempt));
-    changer.kill();
+    changer->kill();
     EXPECT_EQ(DataStoreProvider().list_services().getMemberNames(), (Lines{"fixed", "following"}));
   }
 

@@ -1,7 +1,6 @@
 // The examples as real servers: they join, their levels change, and clients meet what the level
 // says.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <json/json.h>
 #include <kelotls/api_provider.h>
 #include <kelotls/data_store_provider.h>
@@ -9,26 +8,23 @@
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <iostream>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "private_tree.h"
+#include "process.h"
 
 namespace kelotls::test {
 namespace {
@@ -40,19 +36,6 @@ using Names = std::vector<std::string>;
 constexpr char kNginx[] = "/usr/sbin/nginx";
 constexpr char kNginxConfiguration[] = "/usr/kelo/etc/nginx/nginx.conf";
 constexpr char kPidFile[] = "/usr/kelo/run/tls_service.pid";
-constexpr milliseconds kPatience(20000);  // an emulated machine is slow; nothing waits in vain
-
-/// Whether the condition comes true in time.
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = steady_clock::now() + kPatience;
-  while (!condition()) {
-    if (steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(milliseconds(10));
-  }
-  return true;
-}
 
 class Descriptor {
  public:
@@ -68,84 +51,6 @@ class Descriptor {
 
  private:
   int number_;
-};
-
-/// A program that runs beside the test, and is ended with it.
-class Process {
- public:
-  /// What it says goes to a file of the given name, and is shown if the test fails.
-  Process(const Names& command, std::string output) : output_(std::move(output)) {
-    std::vector<char*> arguments;
-    for (const std::string& argument : command) {
-      arguments.push_back(const_cast<char*>(argument.c_str()));
-    }
-    arguments.push_back(nullptr);
-    const int error = spawn(arguments);
-    if (error != 0) {
-      throw std::system_error(error, std::generic_category(), command[0]);
-    }
-  }
-
-  /// Asks it to end first, since a server killed would leave its workers behind.
-  ~Process() {
-    end();
-    if (::testing::Test::HasFailure()) {
-      std::cerr << output_ << ":\n" << read_file(output_);
-    }
-  }
-
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
-  pid_t id() const { return id_; }
-
-  int end() {
-    if (!wait_status_) {
-      ::kill(id_, SIGTERM);
-    }
-    return exit_status();
-  }
-
-  /// Waits for the end and gives the exit status. A program that does not end is killed, and that
-  /// fails the test.
-  int exit_status() {
-    if (!wait_status_) {
-      int status = 0;
-      if (!eventually([&] { return ::waitpid(id_, &status, WNOHANG) == id_; })) {
-        ADD_FAILURE() << "process " << id_ << " does not end";
-        ::kill(id_, SIGKILL);
-        ::waitpid(id_, &status, 0);
-      }
-      wait_status_ = status;
-    }
-    return WIFEXITED(*wait_status_) ? WEXITSTATUS(*wait_status_) : -1;
-  }
-
- private:
-  int spawn(const std::vector<char*>& arguments) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output_.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    // The test ignores SIGPIPE; a program has to look after that itself.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t to_default;
-    sigemptyset(&to_default);
-    sigaddset(&to_default, SIGPIPE);
-    posix_spawnattr_setsigdefault(&attributes, &to_default);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-    const int error =
-        posix_spawn(&id_, arguments[0], &actions, &attributes, arguments.data(), environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
-    return error;
-  }
-
-  const std::string output_;
-  pid_t id_ = -1;
-  std::optional<int> wait_status_;
 };
 
 int run(const Names& command) { return Process(command, "/tmp/run.out").exit_status(); }
@@ -349,9 +254,7 @@ class Services : public PrivateTree {
     ::signal(SIGPIPE, SIG_IGN);
     ASSERT_TRUE(exists(kNginx)) << "these tests need nginx";
     set_openssl_configuration(kSecurityLevel0);
-    for (const char* file : {"dh1024.pem", "dh2048.pem"}) {
-      write_file(kSslDir + std::string(file), test_data("bed/data/" + std::string(file)));
-    }
+    write_dh_files();
     for (const char* directory : {"/usr/kelo/run", "/usr/kelo/share", "/usr/kelo/etc/nginx"}) {
       make_directories(directory);
     }
