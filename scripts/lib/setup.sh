@@ -26,6 +26,22 @@ quietly() {
   return "$status"
 }
 
+# apt_get ARGUMENT...: its output shows only if it fails. While another apt is at work, as on a machine
+# that has just booted, it waits: apt's own DPkg::Lock::Timeout is for one lock of three.
+apt_get() {
+  local output waits=
+  until output=$(quietly as_root env LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive apt-get "$@" 2>&1); do
+    if [[ $output != *'Could not get lock '* ]]; then
+      printf '%s\n' "$output" >&2
+      return 1
+    fi
+    output=${output#*Could not get lock }
+    [ -n "$waits" ] || echo "Waiting for another apt to finish: ${output%%$'\n'*}" >&2
+    waits=1
+    sleep 1
+  done
+}
+
 # need_packages <<< "package: why" lines. Installs the ones that are missing and says why; says and
 # does nothing where all are there. Leaves the new ones in new_packages.
 need_packages() {
@@ -39,9 +55,8 @@ need_packages() {
     fi
   done
   if [ ${#new_packages[@]} -gt 0 ]; then
-    quietly as_root apt-get update
-    quietly as_root env DEBIAN_FRONTEND=noninteractive \
-      apt-get install --yes --no-install-recommends "${new_packages[@]}"
+    apt_get update
+    apt_get install --yes --no-install-recommends "${new_packages[@]}"
   fi
 }
 
