@@ -145,7 +145,7 @@ def start_worker(part, arguments):
         "LC_ALL": "C.UTF-8", "PYTHONDONTWRITEBYTECODE": "1", "PYTHONHASHSEED": "0"}
     if arguments.library:
         environment["LD_LIBRARY_PATH"] = str(arguments.library)
-    command = [TESTS / "bed/in_private_tree", sys.executable, *sys.argv, "--part", str(part)]
+    command = [TESTS / "bed/in_private_tree", "python3", *sys.argv, "--part", str(part)]
     return subprocess.Popen(command, env=environment, stdout=subprocess.PIPE, text=True)
 
 
