@@ -10,12 +10,10 @@
 
 namespace kelotls {
 
-bool collect_reloaders(std::vector<std::string>& paths, const char*& directory) {
-  FileList names = make_file_list();
+bool collect_reloaders(FileList& names, std::vector<std::string>& paths, const char*& directory) {
   for (const char* listed : {kSystemReloaderDir, kPackageReloaderDir}) {
     directory = listed;
     if (list_files(directory, names) < 0) {
-      leak_on_purpose(names);
       return false;
     }
     for (int32_t index = 0; index < names->count; ++index) {
@@ -41,10 +39,12 @@ ReloadResult run_reloader(const std::string& path) {
 }
 
 int APIProvider::execute_service_reloader() const {
+  FileList names = make_file_list();
   std::vector<std::string> paths;
   const char* directory = nullptr;
-  if (!collect_reloaders(paths, directory)) {
+  if (!collect_reloaders(names, paths, directory)) {
     log::reloaders_not_listed(kConfigDir);  // whichever directory it was; the text is kept
+    leak_on_purpose(names);
     return -1;
   }
   for (const std::string& path : paths) {

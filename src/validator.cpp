@@ -1,8 +1,6 @@
 // Decides whether a JSON value is a data store.
 #include "framework_config.h"
 
-#include <string_view>
-
 #include "json_document.h"
 #include "log_messages.h"
 
@@ -22,31 +20,16 @@ constexpr MemberRule kEntry[] = {
     {},
 };
 
-/// Unlike find_member, leaves what is no object to jsoncpp.
-const Json::Value* find_in(const Json::Value& object, std::string_view key) {
-  return object.find(key.data(), key.data() + key.size());
-}
-
 bool validate_entry(const Json::Value& entry) {
-  const Json::Value* const display_name = find_in(entry, "display-name");
-  if (display_name == nullptr || !display_name->isString()) {
-    log::no_display_name();
-    return false;
+  const MemberRule* const broken = broken_rule(entry, kEntry);
+  if (broken == nullptr) {
+    return true;
   }
-
-  // Unlike the display name, a translation key that is present may not be empty.
-  const Json::Value* const i18n_name = find_in(entry, "display-name-i18n");
-  if (i18n_name != nullptr && !is_filled_string(i18n_name)) {
-    log::bad_i18n_display_name();
-    return false;
-  }
-
-  const Json::Value* const level = find_in(entry, "current-level");
-  if (level != nullptr && !level->isInt()) {
-    log::bad_current_level();
-    return false;
-  }
-  return true;
+  static_cast<void>(entry.isMember(""));  // jsoncpp raises its exception for what is no object
+  constexpr void (*kLines[])() = {log::no_display_name, log::bad_i18n_display_name,
+                                  log::bad_current_level};
+  kLines[broken - kEntry]();
+  return false;
 }
 
 }  // namespace

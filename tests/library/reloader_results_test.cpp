@@ -16,7 +16,7 @@ const std::string kPackage = kPackageReloaders;
 
 ReloadResult run_program(const std::string& text) {
   write_program(kReloader, text);
-  errno = EPERM;  // what a caller left there is no failure
+  errno = EPERM;  // a caller's errno is no failure
   return run_reloader(kReloader);
 }
 
@@ -57,8 +57,9 @@ TEST_F(ReloaderResults, AreOfTheSystemsReloadersFirst) {
   }
   std::vector<std::string> paths = {"before"};
   const char* directory = nullptr;
+  FileList names = make_file_list();
 
-  EXPECT_TRUE(collect_reloaders(paths, directory));
+  EXPECT_TRUE(collect_reloaders(names, paths, directory));
 
   EXPECT_EQ(paths, (Lines{"before", kSystem + "y.conf", kSystem + "z", kPackage + "a.conf"}));
 }
@@ -68,9 +69,10 @@ TEST_F(ReloaderResults, NameTheDirectoryThatCannotBeListed) {
     remove_all(missing);
     std::vector<std::string> paths;
     const char* directory = nullptr;
+    FileList names = make_file_list();
     errno = 0;
 
-    EXPECT_FALSE(collect_reloaders(paths, directory));
+    EXPECT_FALSE(collect_reloaders(names, paths, directory));
 
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(directory, missing);

@@ -250,10 +250,11 @@ ExitCode Reloading::code() const {
 
 Reloading list_reloaders() {
   Reloading reloading;
+  kelotls::FileList names = kelotls::make_file_list();
   std::vector<std::string> paths;
   const char* directory = nullptr;
   errno = 0;
-  if (!kelotls::collect_reloaders(paths, directory)) {
+  if (!kelotls::collect_reloaders(names, paths, directory)) {
     reloading.fault = std::string(directory) + ": " + std::strerror(errno);
     return reloading;
   }

@@ -201,9 +201,10 @@ State ServiceInspector::state_of(const ServiceStatus& status) const {
     case Change::kUnchanged:
       break;
   }
-  return stamp_.matches(status.name, status.effective, status.rendered.texts.former)
-             ? State::kInForce
-             : State::kPendingReload;
+  const bool has_template = status.rendered.change != Change::kNoTemplate;
+  const std::string rendered = has_template ? status.rendered.texts.former : std::string();
+  return stamp_.matches(status.name, status.effective, rendered) ? State::kInForce
+                                                                 : State::kPendingReload;
 }
 
 std::string state_text(const std::string& state_key) {
