@@ -14,11 +14,11 @@
 namespace kelotls::test {
 
 struct BadRegistration {
-  std::string name;  // for whoever reads of a failure
+  std::string name;  // shown when the case fails
   Json::Value registration;
 };
 
-/// A value of each JSON type, and the corners of it.
+/// A value of each JSON type, and the edge cases of some.
 inline const std::vector<std::pair<std::string, std::string>>& json_values() {
   static const std::vector<std::pair<std::string, std::string>> values = {
       {"Null", "null"},

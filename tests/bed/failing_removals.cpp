@@ -1,3 +1,4 @@
+// The removals that a test program puts in the place of the library's, and their records.
 #include "failing_removals.h"
 
 #include <kelotls/api_provider.h>
@@ -25,8 +26,8 @@ int remove_unless(bool stays, const std::string& path) {
 }  // namespace
 }  // namespace kelotls::test
 
-// The library's own report every failure in the log alone, so that no state of the file system
-// makes them give anything but 0.
+// These functions interpose the library's own, which report every failure in the log alone, so that
+// no state of the file system makes them return anything but 0.
 
 int kelotls::APIProvider::uninstall_service_reloader(const std::string& name) const {
   return test::remove_unless(name == test::link_that_stays, test::link_path(name));

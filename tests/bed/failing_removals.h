@@ -1,4 +1,5 @@
-// Functions of the test program that stand before the library's own where the library lets them.
+// Functions of the test program that interpose the library's removals, in a build of the library
+// that allows it, so that a test can make one fail.
 #ifndef KELOTLS_TESTS_FAILING_REMOVALS_H
 #define KELOTLS_TESTS_FAILING_REMOVALS_H
 

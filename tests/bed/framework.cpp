@@ -1,3 +1,4 @@
+// Sets up and inspects the files that the tests of the framework's operations need.
 #include "framework.h"
 
 #include <json/reader.h>

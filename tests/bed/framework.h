@@ -1,4 +1,5 @@
-// What the tests of the framework's operations share: a service's files, JSON, and states of them.
+// What the tests of the framework's operations share: the paths of a service's files, JSON values,
+// and states of the file system.
 #ifndef KELOTLS_TESTS_FRAMEWORK_H
 #define KELOTLS_TESTS_FRAMEWORK_H
 

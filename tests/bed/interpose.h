@@ -1,5 +1,4 @@
-// For test programs that put a function of their own in front of a library's of the same name: the
-// way on to the library's.
+// Gives test programs that interpose a function of a library the library's own definition of it.
 #ifndef KELOTLS_TESTS_BED_INTERPOSE_H
 #define KELOTLS_TESTS_BED_INTERPOSE_H
 
@@ -7,7 +6,7 @@
 
 namespace kelotls::test {
 
-/// The definition that comes behind the test program's own:
+/// The definition that follows the test program's own in the loader's search order, as in
 /// next_definition<decltype(fsync)>("fsync")(descriptor).
 template <typename Function>
 Function* next_definition(const char* name) {

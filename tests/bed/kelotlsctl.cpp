@@ -1,3 +1,4 @@
+// Runs kelotlsctl on pipes or on a terminal, and checks its JSON against the schemas.
 #include "kelotlsctl.h"
 
 #include <fcntl.h>
@@ -38,7 +39,7 @@ std::vector<char*> pointers(Arguments& texts) {
   return result;
 }
 
-/// The test's own environment, with these in place of what it has of the same names.
+/// The test's own environment with these variables added, in place of those of the same names.
 Arguments environment(const Arguments& variables) {
   Arguments result = variables;
   for (char** variable = environ; *variable != nullptr; ++variable) {
@@ -115,7 +116,7 @@ Outcome run_on_terminal(const Arguments& arguments, const Arguments& variables) 
 
   Outcome outcome;
   char buffer[4096];
-  // The end of the last writer shows as an error.
+  // Once the last writer has closed the terminal, reading fails with an error.
   for (ssize_t count = 0; (count = ::read(master, buffer, sizeof buffer)) > 0;) {
     outcome.out.append(buffer, static_cast<std::size_t>(count));
   }

@@ -1,12 +1,12 @@
-// Changes the default level as fast as it can, until it is killed: the management side at its
-// worst.
+// Changes the default level as fast as it can until it is killed: the busiest writer that readers
+// can meet.
 #include <signal.h>
 #include <sys/prctl.h>
 
 #include "kelotls/data_store_provider.h"
 
 int main() {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // outlives no test
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // ends with the test that started it
   kelotls::DataStoreProvider provider;
   for (;;) {
     for (const auto level :

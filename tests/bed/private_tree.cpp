@@ -1,3 +1,4 @@
+// Reads the system log of the private tree, and its files.
 #include "private_tree.h"
 
 #include <dirent.h>
@@ -143,7 +144,9 @@ void PrivateTree::SetUp() {
     make_directories(directory);
   }
   log_ = std::make_unique<SystemLog>();
-  log();  // its thread runs now; sanitizers open descriptors for a moment while one starts
+  // Waits until the log's thread runs, because sanitizers open descriptors for a moment while a
+  // thread starts.
+  log();
 }
 
 Lines PrivateTree::log() { return log_->take(); }
@@ -228,7 +231,7 @@ void mount_small_file_system(const std::string& directory, std::size_t bytes) {
 }
 
 void mount_read_only(const std::string& directory) {
-  // The kernel looks at no type here, but memcheck does.
+  // The kernel ignores the file system type of a bind mount, but memcheck requires a readable text.
   require(::mount(directory.c_str(), directory.c_str(), "none", MS_BIND, nullptr) == 0, directory);
   require(
       ::mount(nullptr, directory.c_str(), "none", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0,

@@ -1,4 +1,4 @@
-// The tests' appliance: a fresh tree at the real paths, a real system log, and words for both.
+// Base of the tests in a private tree: real paths, a real system log, and functions for both.
 #ifndef KELOTLS_TESTS_BED_PRIVATE_TREE_H
 #define KELOTLS_TESTS_BED_PRIVATE_TREE_H
 
@@ -34,8 +34,8 @@ class SystemLog {
   std::unique_ptr<Reader> reader_;
 };
 
-/// Base of every test that calls the library. Each test is a process of its own in a private mount
-/// namespace (tests/bed/in_private_tree), so that what one leaves behind no other can meet.
+/// Base of every test that calls the library. Each test is a process of its own in a private tree
+/// (tests/bed/in_private_tree), so that no test meets what another one has left behind.
 class PrivateTree : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -74,7 +74,7 @@ void mount_small_file_system(const std::string& directory, std::size_t bytes);
 /// Makes an existing directory read-only, with what it holds.
 void mount_read_only(const std::string& directory);
 
-/// Gives up root's freedom from file permissions, for the rest of this process.
+/// Drops root's exemption from file permissions, for the rest of this process.
 void obey_file_permissions();
 
 /// Whether there are users beside root here (KELOTLS_MANY_USERS of tests/bed/in_private_tree): 1 is

@@ -1,4 +1,4 @@
-// What the other tests take for granted about the tree that they run in, whatever the host is like.
+// What the other tests rely on in their private tree, whatever the host is like.
 #include "private_tree.h"
 
 #include <arpa/inet.h>

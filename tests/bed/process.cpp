@@ -1,3 +1,4 @@
+// Starts, watches and ends the programs that run beside a test.
 #include "process.h"
 
 #include <fcntl.h>
@@ -81,7 +82,8 @@ int Process::spawn(const std::vector<char*>& arguments) {
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output_.c_str(),
                                    O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-  // The test ignores SIGPIPE; a program has to look after that itself.
+  // An ignored signal stays ignored in a new program. The test ignores SIGPIPE, but the program has
+  // to deal with it itself, so it starts with the default action.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t to_default;

@@ -12,8 +12,8 @@
 
 namespace kelotls::test {
 
-/// How long a test waits for what has to happen: an emulated machine is slow, and nothing waits in
-/// vain.
+/// How long a test waits at most for what has to happen. It is long because an emulated machine is
+/// slow, and costs nothing because each wait ends as soon as its condition holds.
 constexpr std::chrono::milliseconds kPatience(20000);
 
 /// Whether the condition comes true in time.
@@ -36,7 +36,7 @@ class Process {
   /// Asks it to end, and gives the exit status.
   int end();
 
-  /// Ends it at whatever it does at that moment.
+  /// Kills it, whatever it is doing.
   void kill();
 
   /// Waits for the end and gives the exit status. A program that does not end is killed, and that

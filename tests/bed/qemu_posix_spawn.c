@@ -4,7 +4,8 @@
  * The C library learns that reason through memory that it shares with its child until the exec.
  * qemu's user mode has no such child: the reason is lost, and the program that was never started
  * seems to have ended with status 127. Here the reason comes back through a pipe that the exec
- * closes. Put in front of the C library's functions with /etc/ld.so.preload, in the test bed alone.
+ * closes. /etc/ld.so.preload makes this library interpose the C library's functions, in the test
+ * bed alone.
  */
 #define _GNU_SOURCE
 #include <errno.h>
@@ -169,7 +170,7 @@ static int prepare(const posix_spawnattr_t* attributes, short flags) {
 
 /* In the parent */
 
-/* No action may close the pipe, so it lies beyond all descriptors that they name. */
+/* No action may close the pipe, so its descriptor is higher than all that the actions name. */
 static int beyond_all(const posix_spawn_file_actions_t* actions) {
   int highest = STDERR_FILENO;
   for (int i = 0; actions != NULL && i < actions->__used; ++i) {

@@ -1,3 +1,4 @@
+// Shakes hands between two contexts in memory, and reads the settings of a context.
 #include "tls_client.h"
 
 #include <openssl/bio.h>
@@ -93,7 +94,7 @@ bool finish_handshake(SSL* client, SSL* server) {
   return true;
 }
 
-/// With the byte come the tickets that a TLS 1.3 server sends behind its handshake.
+/// Receives the tickets, too, which a TLS 1.3 server sends after its handshake and before the byte.
 bool receives_byte(SSL* client, SSL* server) {
   char byte = 0;
   return SSL_write(server, "x", 1) == 1 && SSL_read(client, &byte, 1) == 1 && byte == 'x';

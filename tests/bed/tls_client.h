@@ -47,8 +47,8 @@ Context acquire(int level, int default_level = 2);
 /// What OpenSSL makes, without the library.
 Context plain_context();
 
-/// The same at security level 0, with this one suite and every group: what a client can be served
-/// at all.
+/// The same at security level 0, with this one suite and every group: it refuses nothing that
+/// OpenSSL can offer at all.
 Context willing_context(int version, const std::string& suite);
 
 /// Lifts OpenSSL's security level and protocol limits; before the process's first use of OpenSSL.

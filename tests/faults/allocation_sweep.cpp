@@ -1,6 +1,6 @@
 // Every operation with each of its allocations failing in turn: the n-th operator new, the n-th
 // malloc, calloc or realloc (of OpenSSL, jsoncpp, the C library), and everything from the n-th on,
-// until the operation gets through. Each must end in an exception for want of memory, in a failure
+// until the operation gets through. Each must end in an exception for lack of memory, in a failure
 // that the contract states, or in success; with every block and descriptor given back, and every
 // file the old one or the new one.
 #include <openssl/bio.h>
@@ -70,7 +70,8 @@ class LiveBlocks {
       return false;
     }
     --count_;
-    // Whatever stands behind the gap only because this block was in its way moves up.
+    // A block that was stored behind the gap only because its own slot was taken moves into the
+    // gap.
     for (std::size_t next = after(gap); slots_[next] != nullptr; next = after(next)) {
       if (((next - home(slots_[next])) & (kSlots - 1)) >= ((next - gap) & (kSlots - 1))) {
         slots_[gap] = slots_[next];
@@ -191,9 +192,10 @@ void operator delete[](void* block) noexcept { free(block); }
 void operator delete(void* block, std::size_t) noexcept { free(block); }
 void operator delete[](void* block, std::size_t) noexcept { free(block); }
 
-// What the two deliberate leaks leave behind: once their line is logged, exactly this is given back
-// here, and then nothing may be left. And the contexts: OpenSSL 3 keeps a block for itself when it
-// meets a failure while it makes one, so that only such a block is passed over.
+// Gives back what the library leaves on purpose. Once the line of a deliberate leak is logged,
+// exactly its blocks are released here, and then nothing may be left. Contexts are counted apart:
+// when OpenSSL 3 meets a failure while it makes one, it keeps a block for itself, and only such a
+// block is ignored.
 
 namespace {
 
@@ -208,7 +210,7 @@ using kelotls::test::next_definition;
 
 extern "C" {
 
-// By its name for large files, which is the one that the library calls.
+// The library calls fopen by its name for large files.
 std::FILE* fopen(const char* path, const char* mode) {
   static auto* const original = next_definition<decltype(fopen)>("fopen64");
   std::FILE* const file = original(path, mode);
@@ -254,10 +256,10 @@ int KLIBCFileEnumDir(const char* directory, const char* pattern, KLIBCSzList** l
 namespace kelotls::test {
 namespace {
 
-constexpr char kNoMemory[] = "an exception for want of memory";
+constexpr char kNoMemory[] = "an exception for lack of memory";
 constexpr long kLeastPoints = 8'000;
 
-// Longer than a string that needs no allocation.
+// Too long for a string's own buffer, so that each copy of it allocates.
 constexpr char kModern[] = "service-at-level-modern";
 constexpr char kIntermediate[] = "service-at-level-intermediate";
 constexpr char kOld[] = "service-at-level-old";
@@ -279,13 +281,13 @@ struct Outcome {
   Lines installed;
 };
 
-/// A line that an operation may log for want of memory, and the result that goes with it.
+/// A line that an operation may log for lack of memory, and the result that goes with it.
 struct Failure {
   const char* line;    // how it begins
   const char* result;  // null: that of a run without faults
 };
 
-/// When the data store is written, of all the files that an operation writes.
+/// When an operation writes the data store, compared with its other files.
 enum class Order { kAny, kDataStoreLast, kDataStoreFirst };
 
 struct Operation {
@@ -560,7 +562,7 @@ bool has_line(const Lines& log, const std::string& start) {
                      [&](const std::string& line) { return begins_with(line, start); });
 }
 
-/// A context's settings; each of them counts, whatever memory there was.
+/// A context's settings. A shortage of memory must not change any of them.
 std::string describe(SSL_CTX* context) {
   if (context == nullptr) {
     return "no context";
@@ -610,7 +612,7 @@ std::string run_armed(const Operation& operation, Outcome& outcome) {
     return kNoMemory;
   } catch (const Json::RuntimeError& error) {
     disarm();
-    // jsoncpp's own way to say it, where it had asked malloc.
+    // jsoncpp reports in this way that malloc gave it nothing.
     const bool says_memory = std::strstr(error.what(), "Failed to allocate") != nullptr;
     return says_memory ? kNoMemory : std::string("exception: ") + error.what();
   } catch (const std::exception& error) {
@@ -674,7 +676,7 @@ void run(const Operation& operation, const LogSocket& log, const Mode& mode, lon
   const std::string lines = log.take();
   copy_text(lines, told.log, sizeof told.log);
   give_deliberate_leaks_back(operation, lines_of(lines));
-  OPENSSL_thread_stop();  // a thread's state counts with the run that made it
+  OPENSSL_thread_stop();  // releases what OpenSSL keeps for this thread
   told.reached = allocator.count >= point;
   told.blocks =
       allocator.live.count() + (allocator.has_failed_context ? 0 : allocator.of_contexts.count());
@@ -814,8 +816,8 @@ struct Totals {
   std::set<std::string> states;
 };
 
-/// The points of one operation. A cold process has to make, at its first need, what a warm one has;
-/// that is never given back, so a cold one's blocks are not counted.
+/// Tries the points of one operation. A cold process also allocates what its libraries make once,
+/// at their first use, and never release, so that blocks are only counted in a warm one.
 class Sweep {
  public:
   Sweep(const Operation& operation, bool is_warm, const LogSocket& log, Told& told, Totals& totals)
@@ -836,7 +838,7 @@ class Sweep {
   }
 
  private:
-  /// Every allocation, or fewer the later they come.
+  /// Fails each allocation in turn. A sparse run leaves out the more, the later they come.
   void run_mode(const Mode& mode) {
     const bool is_sparse = mode.all_later || (!is_warm_ && operation_.is_acquisition);
     for (long point = 1;; point += is_sparse ? 1 + point / 8 : 1) {
@@ -886,7 +888,7 @@ class Sweep {
   Reference reference_;
 };
 
-/// Makes what is made once by all operations and for all failures.
+/// Has the libraries make what they make once, for all operations and for all failures.
 void warm_up(const std::vector<Operation>& operations, const LogSocket& log) {
   try {
     throw std::bad_alloc();
@@ -896,7 +898,7 @@ void warm_up(const std::vector<Operation>& operations, const LogSocket& log) {
   BIO* const bio = BIO_new(BIO_s_mem());
   ERR_print_errors(bio);
   BIO_free(bio);
-  for (int round = 0; round < 3; ++round) {  // some of it only at the second need
+  for (int round = 0; round < 3; ++round) {  // some of it is made at the second use only
     for (const Operation& operation : operations) {
       make_tree();
       operation.prepare();

@@ -1,4 +1,4 @@
-"""The appliance tree as data, its system log, and the traced subject."""
+"""The private tree as data, its system log, and the traced subject."""
 
 import collections
 import os

@@ -24,7 +24,7 @@ constexpr int kReaders = 2;
 struct Course {
   int services;
   long loads;
-  long least_saves;  // fewer are no fire
+  long least_saves;  // with fewer, the loads prove nothing
 };
 constexpr Course kCourses[] = {{3, 1'000'000, 50'000}, {200, 20'000, 2'000}};
 

@@ -28,7 +28,7 @@ def text(value):
 
 
 def service(number):
-    """A service that uses everything, every third one only what it must."""
+    """A service with every member; every third service has the required ones only."""
     one = {"service": f"service-{number:02}", "display-name": f"Service {number}"}
     if number % 3 != 2:
         one["display-name-i18n"] = f"services:name_{number}"
@@ -63,7 +63,7 @@ def member_files(number, old_text=False):
 
 
 def start(count, store=DIRECT, old_text=False):
-    """An appliance with so many services, its data store lying where the second word says."""
+    """A tree with so many services; store says where its data store is."""
     tree = {TEMPLATE_PATH: (0o644, TEMPLATE.encode()), RELOADER_PATH: (0o755, RELOADER),
             SAVED_PATH: (0o644, text(store_value(count + 1, 3) | {"default-level": 1}))}
     for number in range(count):
@@ -79,7 +79,7 @@ def start(count, store=DIRECT, old_text=False):
 
 
 def savers(count, store):
-    """Every operation that saves the data store, on an appliance with so many services."""
+    """Every operation that saves the data store, in a tree with so many services."""
     title = f"{count} services, data store {store}"
     tree = start(count, store)
     last = service(count - 1)["service"]

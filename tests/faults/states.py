@@ -151,7 +151,8 @@ class Model:
     def save(self, value):
         edit = write(STORE, document(value))
         if self.says("framework_config.cpp:55 Write json data failed. %S {}", STORE):
-            # Not the new one alone: the name may be on the disk although bringing it there failed.
+            # Both the old and the new one are permitted: the new name may be on the disk although
+            # synchronising its directory failed.
             self.may_become(edit)
             return False
         self.become(edit)
@@ -202,7 +203,7 @@ class Model:
         path = SERVICES + service["service"] + ".conf"
         edit = write(path, document(service))
         before = self.now
-        self.become(write(path, CUT_SHORT))  # in place: from here on it is whole only at the end
+        self.become(write(path, CUT_SHORT))  # in place, so it is cut short until the last write
         if self.says("api_provider.cpp:271 Install service desc failed. %E: {}", path):
             cut = self.now
             self.become(edit)
@@ -332,7 +333,7 @@ class Model:
             return
         if self.says("api_provider.cpp:220 Failed to update {}", path) or self.says(
                 "api_provider.cpp:226 Failed to rename  {}.%T %S", path):
-            self.temporaries[path] += 1  # stays on purpose
+            self.temporaries[path] += 1  # the contract leaves it there
             return
         self.become(put(path, (0o600, rendered(tier))))
 
@@ -345,7 +346,7 @@ class Model:
         if level != 1 and not self.says("profile_config.cpp:83 Open dhparam file failed. %E: {}",
                                         path):
             if self.says("profile_config.cpp:95 New ssl ctx failed. [%T]"):
-                self.descriptors_left_open += 1  # on purpose
+                self.descriptors_left_open += 1  # the contract leaves it open
         return 0
 
     def reload(self):

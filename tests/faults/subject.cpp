@@ -3,7 +3,7 @@
 //
 //   fault_subject OPERATION [ARGUMENT]... [-- OPERATION [ARGUMENT]...]...
 //
-// Prints for each operation its result and by how many the open descriptors have become more.
+// Prints for each operation its result, and how many more descriptors are open than before it.
 #include <fcntl.h>
 #include <json/json.h>
 #include <openssl/ssl.h>
@@ -97,7 +97,7 @@ Operation make_operation(const Arguments& words) {
   return operations.at(words.at(0))(words);
 }
 
-/// Asked without opening anything: opening may be what has been made to fail.
+/// Counts without opening anything, because opening may be what has been made to fail.
 int open_descriptors() {
   int count = 0;
   for (int number = 0; number < 24; ++number) {
@@ -106,8 +106,8 @@ int open_descriptors() {
   return count;
 }
 
-/// What the first log line and the first context open and read for themselves, they have read
-/// before the first operation, so that no call of theirs stands among the library's.
+/// The first log line and the first context open and read files of their own. This makes both
+/// before the first operation, so that none of those calls is among the library's.
 void warm_up(bool contexts) {
   tzset();
   openlog(nullptr, LOG_NDELAY, LOG_USER);
@@ -128,7 +128,7 @@ void limit_files() {
   }
 }
 
-/// By a call that the library never makes: write may be what has been made to fail.
+/// Prints by a call that the library never makes, because write may be what has been made to fail.
 void report(std::string line) {
   const iovec part = {line.data(), line.size()};
   if (writev(STDOUT_FILENO, &part, 1) < 0) {

@@ -20,7 +20,7 @@ TEMPORARY = re.compile(rf"(?:(/usr/kelo/.*/(?:data)?store\.json)\.\d+-\d+"
 
 
 class Texts:
-    """What whole texts may stand at each path, and what a tree means by them."""
+    """The whole texts that may be at each path, and the meaning of a tree of them."""
 
     def __init__(self, *trees):
         self.whole = collections.defaultdict(set)

@@ -201,7 +201,7 @@ TEST_F(KelotlsctlLevels, TwoAdministratorsNeverLoseEachOthersChange) {
   }
 }
 
-TEST_F(KelotlsctlLevels, WaitsForWhoeverHoldsTheLock) {
+TEST_F(KelotlsctlLevels, WaitsForTheHolderOfTheLock) {
   join_both();
   const std::string directory =
       std::string(kDataStore).substr(0, std::string(kDataStore).rfind('/'));

@@ -18,7 +18,7 @@ class KelotlsctlRecovery : public Kelotlsctl {
     ASSERT_EQ(run({"backup", kBackup}).status, 0);
   }
 
-  std::string put_aside() {
+  std::string quarantined_file() {
     for (const std::string& name : names_in(kFramework)) {
       if (name.find(".broken-") != std::string::npos) {
         return kFramework + name;
@@ -214,9 +214,9 @@ TEST_F(KelotlsctlRecovery, RecoversFromABrokenDataStore) {
   EXPECT_EQ(stored_level("web"), 3);
   EXPECT_EQ(stored_level("ssh"), 0);
   EXPECT_EQ(read_json(kDataStore)["default-level"], 1);
-  ASSERT_NE(put_aside(), "");
-  EXPECT_EQ(read_file(put_aside()), "{\"default-level\"");
-  EXPECT_EQ(outcome.out, "broken data store: put aside as " + put_aside() +
+  ASSERT_NE(quarantined_file(), "");
+  EXPECT_EQ(read_file(quarantined_file()), "{\"default-level\"");
+  EXPECT_EQ(outcome.out, "broken data store: put aside as " + quarantined_file() +
                              "\ndata store: written with the default level modern\n"
                              "ssh: taken from its descriptor\n"
                              "web: taken from its descriptor\n"
@@ -232,7 +232,7 @@ TEST_F(KelotlsctlRecovery, RecoversAMissingDataStoreAtTheLevelAskedFor) {
   EXPECT_TRUE(outcome.document["put-aside"].isNull());
   EXPECT_EQ(outcome.document["restored"][0]["level"]["name"], "old");
   EXPECT_EQ(read_json(kDataStore)["default-level"], 3);
-  EXPECT_EQ(put_aside(), "");
+  EXPECT_EQ(quarantined_file(), "");
 }
 
 TEST_F(KelotlsctlRecovery, RecoversWithoutABackup) {
@@ -272,7 +272,7 @@ TEST_F(KelotlsctlRecovery, RecoversFromADirectoryInThePlaceOfTheDataStore) {
   make_directories(std::string(kDataStore) + "/inside");
   EXPECT_EQ(run({"list"}).status, 4);
   EXPECT_EQ(run({"recover"}).status, 0);
-  EXPECT_TRUE(exists(put_aside() + "/inside"));
+  EXPECT_TRUE(exists(quarantined_file() + "/inside"));
   EXPECT_EQ(run({"list"}).status, 0);
 }
 

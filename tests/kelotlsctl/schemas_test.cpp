@@ -80,7 +80,7 @@ const Document kRegistrations[] = {
     {R"({"services": [{"service": "a", "display-name": "A"}, {"service": "b"}]})", false},
     {R"({"services": [], "system-service": []})", false},
     {R"({"services": [], "system-service": "yes"})", false},
-    // Whatever has a truth value will do for the library.
+    // The library accepts every value that jsoncpp can read as a boolean.
     {R"({"services": [], "system-service": 1})", false, Library::kTakesMore},
     {R"({"services": [], "system-service": 0.5})", false, Library::kTakesMore},
     {R"({"services": [], "system-service": null})", false, Library::kTakesMore},
@@ -96,7 +96,7 @@ TEST_F(KelotlsctlSchemas, JudgeRegistrationsAsJoiningDoes) {
   }
 }
 
-// The rules on names stand beside the schema: the library knows none of them.
+// The command checks names itself: neither the schema nor the library has rules on them.
 TEST_F(KelotlsctlSchemas, LeaveTheRulesOnNamesToTheCommand) {
   for (const char* text : {R"({"services": [{"service": "..", "display-name": ""}]})",
                            R"({"services": [{"service": "a\nb", "display-name": ""}]})",

@@ -122,7 +122,7 @@ TEST_F(Security, AFailedJoinPutsADescriptorBackWithItsMode) {
   EXPECT_EQ(mode(descriptor_path("web")), 0600u);
 }
 
-// Links planted by whoever can write in a directory
+// Links planted by a user who can write in a directory
 
 TEST_F(Security, ASavePassesOverLinksPlantedAtItsTemporaries) {
   const std::string temporary = std::string(kDataStore) + "." + std::to_string(::getpid()) + "-";
@@ -200,7 +200,7 @@ TEST_F(Security, TheCommandsOwnFilesReplaceLinksOrAreRefused) {
     remove_all(kDataStore);
     make_link(target, kDataStore);
     EXPECT_EQ(run({"init"}).status, 1);
-    EXPECT_EQ(run({"recover"}).status, 0);  // what stands there is no data store
+    EXPECT_EQ(run({"recover"}).status, 0);  // what is there is no data store
     EXPECT_FALSE(std::filesystem::is_symlink(kDataStore));
     expect_victims_untouched();
   }
@@ -238,7 +238,7 @@ TEST_F(Security, TheCommandKnowsNoServiceOfSuchAName) {
   EXPECT_EQ(tree(), before);
 }
 
-/// The text may colour and lay out; nothing that a name brings along may do so.
+/// The command's own text may colour and lay out, but no part of a name may do so.
 TEST_F(Security, NoNameReachesTheTerminalRaw) {
   const std::string name = "forged\n\x1b[2J\x07 error";
   Json::Value registration = json(web_registration());
@@ -270,7 +270,7 @@ TEST_F(Security, NoNameReachesTheTerminalRaw) {
 
 // Reloaders
 
-/// Says what it was given, as the library and the command start it.
+/// Reports what it has inherited from the library's or the command's process.
 constexpr char kCuriousReloader[] =
     "#!/bin/sh\n"
     "ls /proc/self/fd > /tmp/inherited\n"
@@ -317,7 +317,7 @@ TEST_F(Inheritance, IsNothingFromACallerOfTheLibrary) {
   expect_nothing_inherited();
 }
 
-TEST_F(Inheritance, IsNothingFromTheCommandOrWhoeverStartedIt) {
+TEST_F(Inheritance, IsNothingFromTheCommandOrItsCaller) {
   for (const Arguments& command : {Arguments{"reload"}, Arguments{"apply"}}) {
     EXPECT_EQ(run(command).status, 5);  // SIGHUP has ended it
     expect_nothing_inherited();

@@ -38,7 +38,7 @@ extern "C" {
 void acquire_in_c(const char* service, int* unwound);
 void acquire_in_c_without_tables(const char* service, int* unwound);
 
-// Stands before OpenSSL's own, to see what the library hands over.
+// Interposes OpenSSL's own, to see what the library passes.
 int SSL_CTX_set_cipher_list(SSL_CTX* context, const char* list) {
   cipher_list = list;
   return kelotls::test::next_definition<decltype(SSL_CTX_set_cipher_list)>(

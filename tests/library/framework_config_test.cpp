@@ -186,7 +186,7 @@ TEST_F(FrameworkConfig, GivesZeroWhenTheDefaultIsZeroToo) {
   EXPECT_EQ(lookup_service_level(one_service(0, 0), "web"), 0);
 }
 
-TEST_F(FrameworkConfig, GivesNegativeAndUnknownLevelsAsTheyStand) {
+TEST_F(FrameworkConfig, GivesNegativeAndUnknownLevelsUnchanged) {
   EXPECT_EQ(lookup_service_level(one_service(2, -5), "web"), -5);
   EXPECT_EQ(lookup_service_level(one_service(2, 99), "web"), 99);
   EXPECT_EQ(lookup_service_level(one_service(-4, 0), "web"), -4);

@@ -72,7 +72,7 @@ Lines accepted(int level, int version, const Lines& suites) {
   return names;
 }
 
-/// The same of a server that is willing: what makes a refusal the level's own.
+/// The same for a server that is willing: what it accepts and the level refuses, the level refuses.
 Lines accepted_by_the_willing(int version, const Lines& suites) {
   Lines names;
   for (const std::string& suite : suites) {

@@ -29,7 +29,7 @@ std::string not_removed(const std::string& reason, const std::string& path) {
 }
 
 int join(const Json::Value& registration) {
-  errno = EPERM;  // what a caller left there never shows
+  errno = EPERM;  // a caller's errno must not reach the log
   return APIProvider().join_framework(registration);
 }
 

@@ -23,7 +23,7 @@
 
 namespace {
 
-/// The calls that bring a file to the disk, in order, while a test wants to know them.
+/// Where a test records the calls that bring a file to the disk, in order; null while none does.
 std::vector<std::string>* recorded_calls = nullptr;
 
 void record(const char* call) {
@@ -48,7 +48,7 @@ void look_for_inheritance(int descriptor) {
 }
 
 /// The owners that every name and every open file seem to have, and those that files are given,
-/// while a test wants to know them: its namespace may hold a single user and group.
+/// while a test records them: its namespace may hold a single user and group.
 using Owner = std::pair<uid_t, gid_t>;
 Owner owner_of_names;
 const Owner owner_of_files(3, 5);
@@ -72,7 +72,8 @@ int status_of_file(int descriptor, struct stat* status) {
 
 }  // namespace
 
-// In front of the C library's. No file shows afterwards whether it would have outlived a power cut.
+// These functions interpose the C library's, because no file shows afterwards whether it would have
+// outlived a power cut.
 
 extern "C" {
 
@@ -633,7 +634,7 @@ TEST_F(JsonFile, ReportsAWriteBeyondTheFileSizeLimit) {
   errno = 0;
   EXPECT_FALSE(Json::Value(std::string(100, 'x')).toFile(kFile));
   EXPECT_EQ(errno, EFBIG);
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);  // a counting build writes at its end
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);  // a --coverage build writes at its end
 
   EXPECT_EQ(read_file(kFile), "old");
   EXPECT_EQ(names_in(kDirectory), Lines{"file"});
@@ -681,7 +682,7 @@ TEST_F(JsonFile, ReportsALinkWhoseTargetCannotBeRead) {
 
 TEST_F(JsonFile, LeavesTheOldFileAndNothingElseWhenItCannotBeReplaced) {
   write_file(kFile, "old");
-  ASSERT_EQ(::mount(kFile, kFile, "none", MS_BIND, nullptr), 0);  // pins the name
+  ASSERT_EQ(::mount(kFile, kFile, "none", MS_BIND, nullptr), 0);  // nothing can be renamed over a mount
 
   expect_write_failure(kFile, EBUSY);
 
@@ -715,10 +716,10 @@ TEST_F(JsonFile, TakesNoTerminalForThatOfItsProcess) {
   const int host = ::posix_openpt(O_RDWR | O_NOCTTY);
   ASSERT_TRUE(::grantpt(host) == 0 && ::unlockpt(host) == 0);
   const std::string terminal = ::ptsname(host);
-  const int user = ::open(terminal.c_str(), O_RDWR | O_NOCTTY);  // its last one lets it go
+  const int user = ::open(terminal.c_str(), O_RDWR | O_NOCTTY);  // keeps the terminal alive
   const pid_t child = ::fork();
   if (child == 0) {
-    ::setsid();  // a leader of a session is given a terminal by opening one
+    ::setsid();  // the leader of a session gets the terminal that it opens
     Json::Value(1).fromFile(terminal);
     Json::Value(1).toFile(terminal, true);
     ::_exit(::open("/dev/tty", O_RDWR) >= 0 ? 1 : 0);

@@ -48,8 +48,8 @@ Entry* forget_type(Entry* entry) {
 
 }  // namespace
 
-// Some file systems leave the type of an entry unknown, but none that a test can count on being
-// there: so these stand before the C library's readdir and, when asked to, forget the type.
+// No file system that a test can rely on leaves the type of an entry unknown, as some do. So these
+// functions interpose the C library's readdir and remove the type when a test asks for it.
 extern "C" {
 
 dirent* readdir(DIR* directory) {

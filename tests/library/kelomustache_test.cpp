@@ -49,7 +49,8 @@ bool interrupt(int& left) {
 
 }  // namespace
 
-// In front of the C library's. A regular file is never interrupted, a network's may be.
+// These functions interpose the C library's, because a signal never interrupts calls on a local
+// file.
 extern "C" {
 
 ssize_t read(int descriptor, void* buffer, size_t size) {

@@ -1,5 +1,5 @@
-// What leaving does when a removal reports failure. Linked to a build of the library in which this
-// program's removals stand before the library's own (failing_removals.h).
+// What leaving does when a removal reports failure. Linked to a build of the library whose removals
+// this program interposes (failing_removals.h).
 #include <kelotls/api_provider.h>
 
 #include "bad_registrations.h"

@@ -33,7 +33,7 @@ std::string output_not_removed(const std::string& reason, const std::string& nam
 }
 
 int leave(const Json::Value& registration) {
-  errno = EPERM;  // what a caller left there never shows
+  errno = EPERM;  // a caller's errno must not reach the log
   return APIProvider().leave_framework(registration);
 }
 

@@ -131,7 +131,7 @@ TEST_F(LogCatalogue, GivesNoNumberTwiceWithinAUnit) {
   EXPECT_EQ(numbers.size(), 4u);
 }
 
-TEST_F(LogCatalogue, WritesTextsThatLookLikeFormatsAsTheyStand) {
+TEST_F(LogCatalogue, WritesTextsThatLookLikeFormatsUnchanged) {
   errno = 0;
   log::reloader_not_linked("%s%n", "%d");
   log::openssl_failure("100%", "%s");

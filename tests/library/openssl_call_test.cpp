@@ -1,6 +1,6 @@
 // The calls that the library makes of OpenSSL: which, in which order, with what, and what follows
-// when one of them fails. No state of any file makes them fail; so this program puts functions of
-// its own in front of OpenSSL's, which record, pass on, or refuse.
+// when one of them fails. No state of any file makes them fail, so this program interposes
+// functions of its own, which record a call, pass it on, or refuse it.
 #include <openssl/bio.h>
 #include <openssl/dh.h>
 #include <openssl/err.h>
@@ -79,7 +79,7 @@ auto pass_on(Function*, const char* name, Arguments... arguments) {
 }  // namespace
 }  // namespace kelotls::test
 
-// In front of OpenSSL's functions
+// Functions that interpose OpenSSL's
 
 using kelotls::test::Options;
 using kelotls::test::pass_on;

@@ -1,6 +1,6 @@
 // How the library calls the appliance's two libraries and the system, seen from functions that
-// stand before theirs: what it passes, what it makes of answers that the development host's own
-// libraries never give. Each passes the call on unless a test says otherwise.
+// interpose theirs: what it passes, and what it makes of answers that the development host's own
+// libraries never give. Each function passes the call on unless a test says otherwise.
 #include <fcntl.h>
 #include <kelocore.h>
 #include <kelomustache.h>

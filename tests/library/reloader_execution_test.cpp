@@ -36,7 +36,7 @@ class ExecuteServiceReloader : public Framework {
   }
 
   static int execute() {
-    errno = EPERM;  // what a caller left there is no reloader's failure
+    errno = EPERM;  // a caller's errno is no reloader's failure
     return APIProvider().execute_service_reloader();
   }
 

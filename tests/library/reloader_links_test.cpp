@@ -1,4 +1,4 @@
-// Reloader links: what stands at the link's path before and after.
+// Reloader links: what is at the link's path before and after.
 #include <kelotls/api_provider.h>
 #include <sys/stat.h>
 
@@ -66,7 +66,7 @@ TEST_F(InstallServiceReloader, LeavesOneLinkWhenItIsInstalledTwice) {
   EXPECT_EQ(installed, (Lines{link_path("demo"), link_path("demo")}));
 }
 
-TEST_F(InstallServiceReloader, StoresTheTargetAsItStands) {
+TEST_F(InstallServiceReloader, StoresTheTargetUnchanged) {
   for (const std::string target :
        {"/does/not/exist", "../relative/./path//", "with space", "żó-网", "/usr/kelo", "x"}) {
     Lines installed;

@@ -22,7 +22,7 @@ bool renamed_files_vanish = false;
 
 }  // namespace
 
-// In front of the C library's.
+// These functions interpose the C library's.
 extern "C" {
 
 int memfd_create(const char* name, unsigned flags) noexcept {
@@ -71,7 +71,7 @@ class RenderResults : public Framework {
     const Lines before = tree();
     const Json::Value root = json(data_store_text(2, {{"web", "1"}}));
     texts_ = RenderedTexts();
-    errno = EPERM;  // what a caller left there is no reason
+    errno = EPERM;  // a caller's errno is no reason
     RenderResult result = render_and_compare(root, "web", reader_, rendering, texts_);
     if (rendering == Rendering::kPreview) {
       EXPECT_EQ(tree(), before);

@@ -14,7 +14,7 @@ constexpr char kSaved[] = "/usr/kelo/saved.json";
 
 const std::string kStore = kDataStore;
 
-// All of them name the live data store, whichever file it was.
+// The line names the live data store, even when it is the saved file that was not loaded.
 const std::string kLiveNotLoaded = "framework_config.cpp:16 Load json data failed. ";
 const std::string kSavedNotLoaded = "framework_config.cpp:171 Load json data failed. ";
 const std::string kSavedInvalid = error_line(

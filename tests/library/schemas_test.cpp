@@ -102,7 +102,7 @@ void for_each_variant(const Json::Value& object, const std::vector<std::string>&
 
 class Schemas : public PrivateTree {
  protected:
-  /// Of all documents that were judged, both verdicts were given.
+  /// Fails the test unless both verdicts were given, and not one alone to all documents.
   ~Schemas() override {
     EXPECT_GT(valid_, 10);
     EXPECT_GT(invalid_, 10);

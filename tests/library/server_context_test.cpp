@@ -215,7 +215,7 @@ TEST_F(ServerContext, GivesNullForAServiceWithoutAnEntry) {
   EXPECT_EQ(tree(), before);
 }
 
-TEST_F(ServerContext, TakesAnyNameAsItStands) {
+TEST_F(ServerContext, TakesAnyNameUnchanged) {
   for (const std::string& name :
        {std::string(), std::string("../../etc/passwd"), std::string("%s%n%d"),
         std::string("two\nlines"), std::string("\"quoted\\\""), std::string("gr\u00fc\u00df"),
@@ -478,7 +478,7 @@ TEST_F(ServerContext, EndsWhenItIsReleased) {
   EXPECT_EQ(contexts_freed, 1);
 }
 
-TEST_F(ServerContext, LivesOnForWhoeverElseRefersToIt) {
+TEST_F(ServerContext, LivesOnForItsOtherReferences) {
   write_file(kDataStore, data_store_text(1, {{"web", "1"}}));
   SSL_CTX* const context = APIProvider().acquire_server_context("web");
   mark(context);

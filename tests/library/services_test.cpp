@@ -245,8 +245,8 @@ Names accepted_groups(int port) {
   return accepted;
 }
 
-/// An appliance on which both examples are installed and have joined, at the default level
-/// intermediate. The servers take up the OpenSSL configuration, so level old is whole there.
+/// A private tree in which both examples are installed and have joined, at the default level
+/// intermediate. The servers take up the OpenSSL configuration, so that level old is whole there.
 class Services : public PrivateTree {
  protected:
   void SetUp() override {

@@ -1,7 +1,7 @@
 // What the library makes of answers of the system that no state of a file brings about: a signal
 // that interrupts, a disk that fails while it is synchronised, a file of another user where the
-// tests have no second one. The functions here stand before the C library's, and give the library
-// the answers that a test asks for.
+// tests have no second one. The functions here interpose the C library's, and give the library the
+// answers that a test asks for.
 #include <fcntl.h>
 #include <kelotls/api_provider.h>
 #include <kelotls/data_store_provider.h>
@@ -24,7 +24,7 @@ namespace {
 using Errors = std::map<std::string, std::deque<int>>;
 
 Errors errors;
-unsigned users_further = 0;  // by how many the owner that a file tells is another
+unsigned users_further = 0;  // added to the owner that a file reports
 unsigned groups_further = 0;
 bool files_look_empty = false;
 thread_local bool answering = false;  // while this thread is in the library

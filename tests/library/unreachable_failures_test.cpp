@@ -1,6 +1,6 @@
 // Failures that the library provides for although as built they cannot happen: a merge that fails,
-// an entry that is null behind a validation that refuses it. Linked to a build of the library in
-// which this program's functions stand before the library's own.
+// an entry that is null behind a validation that refuses it. Linked to a build of the library whose
+// functions this program interposes.
 #include <kelotls/api_provider.h>
 
 #include "bad_registrations.h"

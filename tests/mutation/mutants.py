@@ -1,7 +1,7 @@
 """Makes the mutants of a source file: one small change of its text each.
 
 Works on tokens. What a token means is read off the layout that clang-format gives the sources: a
-binary operator stands between blanks, a body always has braces. A change that this misjudges does
+binary operator has blanks around it, a body always has braces. A change that this misjudges does
 not compile, and is counted as that.
 """
 import re
@@ -92,7 +92,7 @@ class Source:
         return partner
 
     def replace(self, first, last, new, operator):
-        """Tokens first to last give way to the new text."""
+        """Adds a mutant that replaces the tokens first to last by the new text."""
         self.mutants.append(Mutant(self.file, self.tokens[first].start(), self.tokens[last].end(),
                                    new, operator))
 

@@ -42,7 +42,7 @@ def all_mutants():
 
 
 def explained_survivors():
-    """Key → reason. The reason stands indented below the keys that it is for."""
+    """Key → reason. A reason is indented below the keys that it is for."""
     reasons, keys = {}, []
     for line in read(SURVIVORS).splitlines():
         if line.startswith("src/"):
@@ -155,7 +155,7 @@ def each(requests, processors):
 
 
 def require_all_pass(cases, processors):
-    """Nothing is learnt from cases that fail without a mutant, on the same path."""
+    """Ends the program if a case fails without a mutant: such a case tells nothing about mutants."""
     as_it_is = {"file": "", "start": 0, "end": 0, "new": ""}
     parts = [cases[start::processors] for start in range(processors)]
     for _, answer in each([{"mutant": as_it_is, "cases": part} for part in parts], processors):
@@ -203,9 +203,9 @@ def lines_that_use(constant, sources):
 
 
 def cases_for(mutant, reached, popularity, sources):
-    """Those that reach the mutant's lines, or the users of a constant, which has no code of its
-    own. First those that go where few go close by, then those that reach little and are soon
-    done; each program's in turn."""
+    """The cases that reach the mutant's lines or, as a constant has no code of its own, the lines
+    that use it. First come those that reach a line nearby which few cases reach, then those that
+    reach few lines and are quick. The programs take turns."""
     lines = {(mutant.file, line) for line in mutant.lines}
     text = sources[mutant.file].splitlines()[mutant.lines[0] - 1:mutant.lines[-1]]
     for constant in CONSTANT.findall("\n".join(text)):

@@ -17,8 +17,8 @@ PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file
 BUILD = os.path.join(PROJECT, "build/release")
 WORK = os.path.join(PROJECT, "build/mutation")
 PRIVATE = ["/usr/kelo", "/usr/libexec/security-profile", "/usr/local/libexec/security-profile"]
-# What each program links the library as: as shipped, or with all of its functions to be called and
-# to be stood before.
+# What each program links as the library: the library as shipped, or a build of it whose functions
+# can all be called and interposed.
 SHIPPED, OPEN = "libkelotls.so.7", "libkelotls_interposable.so"
 PROGRAMS = {"unit_tests": OPEN, "framework_tests": SHIPPED, "openssl_call_tests": SHIPPED,
             "platform_call_tests": SHIPPED, "system_call_tests": SHIPPED,
@@ -57,7 +57,7 @@ def compile_unit(unit, sources, objects, *more):
 
 
 def link(library, objects, directory, *more):
-    """False where the mutant calls what is not there."""
+    """False where the mutant calls a function that does not exist."""
     special = []
     if library == SHIPPED:
         special = [f"-Wl,--version-script={PROJECT}/src/libkelotls.map,-Bsymbolic-functions"]
@@ -74,7 +74,7 @@ def program_path(program):
 
 
 def enter_fresh_tree():
-    """What the appliance has of its own is empty for each case. Runs in the case's process."""
+    """Mounts empty private directories for one case. Runs in the case's process."""
     if LIBC.unshare(CLONE_NEWNS) != 0:
         os._exit(125)
     for directory in PRIVATE:
@@ -173,7 +173,7 @@ def lines_run(program, case, directory):
 
 
 def protect_devices():
-    """The device files are the host's own; run by root, a mutant could change their modes."""
+    """Makes the device files read-only: they are the host's, and root's mutant could change their modes."""
     for name in ("null", "zero", "full", "random", "urandom", "tty"):
         subprocess.run(["mount", "-o", "remount,bind,ro", f"/dev/{name}"], check=True)
 
