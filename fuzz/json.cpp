@@ -8,8 +8,6 @@
 #include "harness.h"
 #include "json_document.h"
 #include "json_grammar.h"
-#include "level_scan.h"
-#include "validator.h"
 
 namespace kelotls::fuzz {
 namespace {

@@ -6,7 +6,7 @@
 #include "member_rules.h"
 #include "regeneration.h"
 #include "registration.h"
-#include "validator.h"
+#include "framework_config.h"
 
 namespace kelotls {
 

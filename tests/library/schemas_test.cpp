@@ -15,7 +15,7 @@
 #include "framework.h"
 #include "regeneration.h"
 #include "registration.h"
-#include "validator.h"
+#include "framework_config.h"
 
 namespace kelotls::test {
 namespace {
