@@ -63,6 +63,22 @@ std::size_t display_width(const std::string& text) {
   return width;
 }
 
+Json::Value object(std::initializer_list<std::pair<const char*, Json::Value>> members) {
+  Json::Value value(Json::objectValue);
+  for (const auto& [name, member] : members) {
+    value[name] = member;
+  }
+  return value;
+}
+
+Json::Value list_of(const std::vector<std::string>& texts) {
+  Json::Value list(Json::arrayValue);
+  for (const std::string& text : texts) {
+    list.append(text);
+  }
+  return list;
+}
+
 Console::Console() : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {}
 
 Console::~Console() {

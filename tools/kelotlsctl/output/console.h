@@ -6,10 +6,12 @@
 #include <json/value.h>
 
 #include <cstddef>
+#include <initializer_list>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace kelotlsctl {
 
@@ -43,6 +45,10 @@ std::string printable(const std::string& text);
 
 /// How many columns a terminal needs for the text.
 std::size_t display_width(const std::string& text);
+
+/// A JSON object of these members; a JSON list of these texts.
+Json::Value object(std::initializer_list<std::pair<const char*, Json::Value>> members);
+Json::Value list_of(const std::vector<std::string>& texts);
 
 class Console {
  public:

@@ -2,8 +2,6 @@
 #include "output/text.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <vector>
 
 #include "output/console.h"
 
@@ -12,52 +10,47 @@ namespace kelotlsctl {
 namespace {
 
 constexpr std::size_t kContext = 3;
-// Above this many lines times lines, what lies between equal ends counts as replaced whole.
-constexpr std::size_t kMaxTable = 4'000'000;
+// Above this many pairs of an old and a new line, all between equal ends counts as replaced.
+constexpr std::size_t kMaxPairs = 4'000'000;
+
+using Lines = std::vector<std::string>;
 
 struct Edit {
   char sign;  // ' ', '-' or '+'
   std::string line;
 };
+using Edits = std::vector<Edit>;
 
 /// The lines with their ends, so that a last line without one differs from the same with one.
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  for (std::size_t begin = 0; begin < text.size();) {
+Lines lines_of(const std::string& text) {
+  Lines lines;
+  for (std::size_t begin = 0; begin < text.size(); begin += lines.back().size()) {
     const std::size_t newline = text.find('\n', begin);
-    const std::size_t end = newline == std::string::npos ? text.size() : newline + 1;
-    lines.push_back(text.substr(begin, end - begin));
-    begin = end;
+    lines.push_back(text.substr(begin, newline - begin + (newline != std::string::npos ? 1 : 0)));
   }
   return lines;
 }
 
-using Lines = std::vector<std::string>;
-using Lengths = std::vector<std::vector<std::size_t>>;
-
-/// table[i][j]: the length of the longest common subsequence of old from i and new from j.
-Lengths common_lengths(const Lines& old_lines, const Lines& new_lines) {
-  Lengths table(old_lines.size() + 1, std::vector<std::size_t>(new_lines.size() + 1, 0));
-  for (std::size_t i = old_lines.size(); i-- > 0;) {
-    for (std::size_t j = new_lines.size(); j-- > 0;) {
-      table[i][j] = old_lines[i] == new_lines[j] ? table[i + 1][j + 1] + 1
-                                                 : std::max(table[i + 1][j], table[i][j + 1]);
+/// Appends the edits by the longest common subsequence: lengths[i][j] is that of the old lines from
+/// i on and the new lines from j on.
+void append_edits(const Lines& old_lines, const Lines& new_lines, Edits& edits) {
+  const std::size_t rows = old_lines.size();
+  const std::size_t columns = new_lines.size();
+  const bool is_large = rows * columns > kMaxPairs;
+  std::vector<Lines::difference_type> row(columns + 1, 0);
+  std::vector lengths(rows + 1, is_large ? std::vector<Lines::difference_type>() : row);
+  for (std::size_t i = is_large ? 0 : rows; i-- > 0;) {
+    for (std::size_t j = columns; j-- > 0;) {
+      lengths[i][j] = old_lines[i] == new_lines[j] ? lengths[i + 1][j + 1] + 1
+                                                   : std::max(lengths[i + 1][j], lengths[i][j + 1]);
     }
   }
-  return table;
-}
-
-void append_middle(const Lines& old_lines, const Lines& new_lines, std::vector<Edit>& edits) {
-  const bool is_large = old_lines.size() * new_lines.size() > kMaxTable;
-  const Lengths table = is_large ? Lengths() : common_lengths(old_lines, new_lines);
-  std::size_t i = 0;
-  std::size_t j = 0;
-  while (i < old_lines.size() || j < new_lines.size()) {
-    if (!is_large && i < old_lines.size() && j < new_lines.size() && old_lines[i] == new_lines[j]) {
+  for (std::size_t i = 0, j = 0; i < rows || j < columns;) {
+    const bool has_both = i < rows && j < columns;
+    if (!is_large && has_both && old_lines[i] == new_lines[j]) {
       edits.push_back({' ', old_lines[i++]});
       ++j;
-    } else if (i < old_lines.size() &&
-               (is_large || j == new_lines.size() || table[i + 1][j] >= table[i][j + 1])) {
+    } else if (i < rows && (!has_both || is_large || lengths[i + 1][j] >= lengths[i][j + 1])) {
       edits.push_back({'-', old_lines[i++]});
     } else {
       edits.push_back({'+', new_lines[j++]});
@@ -65,54 +58,35 @@ void append_middle(const Lines& old_lines, const Lines& new_lines, std::vector<E
   }
 }
 
-std::vector<Edit> edits_between(const Lines& old_lines, const Lines& new_lines) {
-  const std::size_t shorter = std::min(old_lines.size(), new_lines.size());
-  std::size_t head = 0;
-  while (head < shorter && old_lines[head] == new_lines[head]) {
-    ++head;
-  }
-  std::size_t tail = 0;
-  while (tail < shorter - head &&
-         old_lines[old_lines.size() - 1 - tail] == new_lines[new_lines.size() - 1 - tail]) {
-    ++tail;
-  }
-  const auto middle = [&](const Lines& lines) {
-    return Lines(lines.begin() + static_cast<std::ptrdiff_t>(head),
-                 lines.end() - static_cast<std::ptrdiff_t>(tail));
-  };
-  std::vector<Edit> edits;
-  for (std::size_t at = 0; at < head; ++at) {
-    edits.push_back({' ', old_lines[at]});
-  }
-  append_middle(middle(old_lines), middle(new_lines), edits);
-  for (std::size_t at = old_lines.size() - tail; at < old_lines.size(); ++at) {
-    edits.push_back({' ', old_lines[at]});
-  }
+/// Equal ends are taken off first: most texts differ in a few lines.
+Edits edits_between(const Lines& old_lines, const Lines& new_lines) {
+  const auto shorter = static_cast<std::ptrdiff_t>(std::min(old_lines.size(), new_lines.size()));
+  const auto head =
+      std::mismatch(old_lines.begin(), old_lines.begin() + shorter, new_lines.begin()).first;
+  const std::ptrdiff_t head_size = head - old_lines.begin();
+  const auto tail = std::mismatch(old_lines.rbegin(), old_lines.rbegin() + (shorter - head_size),
+                                  new_lines.rbegin());
+  Edits edits;
+  std::for_each(old_lines.begin(), head, [&](const auto& line) { edits.push_back({' ', line}); });
+  append_edits({head, tail.first.base()}, {new_lines.begin() + head_size, tail.second.base()},
+               edits);
+  std::for_each(tail.first.base(), old_lines.end(), [&](const auto& line) {
+    edits.push_back({' ', line});
+  });
   return edits;
 }
 
-std::string range_text(std::size_t begin, std::size_t count) {
-  return std::to_string(count == 0 ? begin : begin + 1) +
+/// "3,7" for lines 3 to 9, "3" for one line, "2,0" for none behind line 2.
+std::string range_text(std::size_t before, std::size_t count) {
+  return std::to_string(count == 0 ? before : before + 1) +
          (count == 1 ? "" : "," + std::to_string(count));
 }
 
-/// One hunk: the edits from begin to end, of which so many old and new lines lie before.
-std::string hunk_text(const std::vector<Edit>& edits, std::size_t begin, std::size_t end,
-                      std::size_t old_before, std::size_t new_before) {
-  std::size_t old_count = 0;
-  std::size_t new_count = 0;
-  std::string body;
-  for (std::size_t at = begin; at < end; ++at) {
-    const Edit& edit = edits[at];
-    old_count += edit.sign != '+' ? 1 : 0;
-    new_count += edit.sign != '-' ? 1 : 0;
-    body += edit.sign + edit.line;
-    if (edit.line.back() != '\n') {
-      body += "\n\\ No newline at end of file\n";
-    }
-  }
-  return "@@ -" + range_text(old_before, old_count) + " +" + range_text(new_before, new_count) +
-         " @@\n" + body;
+bool is_near_change(const Edits& edits, std::size_t at) {
+  const auto begin = edits.begin() + static_cast<std::ptrdiff_t>(at - std::min(at, kContext));
+  const auto end =
+      edits.begin() + static_cast<std::ptrdiff_t>(std::min(edits.size(), at + kContext + 1));
+  return std::any_of(begin, end, [](const Edit& edit) { return edit.sign != ' '; });
 }
 
 }  // namespace
@@ -148,36 +122,26 @@ std::string unified_diff(const std::string& old_name, const std::string& new_nam
   if (old_text == new_text) {
     return {};
   }
-  const std::vector<Edit> edits = edits_between(lines_of(old_text), lines_of(new_text));
   std::string text = "--- " + old_name + "\n+++ " + new_name + "\n";
+  const Edits edits = edits_between(lines_of(old_text), lines_of(new_text));
   std::size_t old_before = 0;
   std::size_t new_before = 0;
-  const auto pass = [&](const Edit& edit) {
-    old_before += edit.sign != '+' ? 1 : 0;
-    new_before += edit.sign != '-' ? 1 : 0;
-  };
-  for (std::size_t passed = 0; passed < edits.size();) {
-    std::size_t change = passed;
-    while (change < edits.size() && edits[change].sign == ' ') {
-      ++change;
+  for (std::size_t at = 0; at < edits.size(); ++at, ++old_before, ++new_before) {
+    std::size_t old_count = 0;
+    std::size_t new_count = 0;
+    std::string hunk;
+    for (; at < edits.size() && is_near_change(edits, at); ++at) {
+      old_count += edits[at].sign != '+' ? 1 : 0;
+      new_count += edits[at].sign != '-' ? 1 : 0;
+      hunk += edits[at].sign + edits[at].line;
+      hunk += hunk.back() == '\n' ? "" : "\n\\ No newline at end of file\n";
     }
-    if (change == edits.size()) {
-      break;
+    if (!hunk.empty()) {
+      text += "@@ -" + range_text(old_before, old_count) + " +" +
+              range_text(new_before, new_count) + " @@\n" + hunk;
     }
-    // The hunk goes on as long as the next change is within two contexts.
-    std::size_t end = change + 1;
-    for (std::size_t at = end; at < edits.size() && at - end <= 2 * kContext; ++at) {
-      end = edits[at].sign == ' ' ? end : at + 1;
-    }
-    const std::size_t begin = std::max(passed, change < kContext ? 0 : change - kContext);
-    end = std::min(edits.size(), end + kContext);
-    for (; passed < begin; ++passed) {
-      pass(edits[passed]);
-    }
-    text += hunk_text(edits, begin, end, old_before, new_before);
-    for (; passed < end; ++passed) {
-      pass(edits[passed]);
-    }
+    old_before += old_count;
+    new_before += new_count;
   }
   return text;
 }

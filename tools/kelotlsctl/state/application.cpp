@@ -128,13 +128,12 @@ std::string probe_fault(Console& console, const std::string& service, int level)
 }
 
 Json::Value application_json(const Renderings& renderings, const Reloading& reloading) {
-  Json::Value document(Json::objectValue);
-  document["rendered"] = renderings_json(renderings, false);
-  document["reloaders"] = reloaders_json(reloading);
+  Json::Value document = object({{"rendered", renderings_json(renderings, false)},
+                                 {"reloaders", reloaders_json(reloading)},
+                                 {"probed", list_of({})}});
   if (!reloading.fault.empty()) {
     document["reload-fault"] = reloading.fault;
   }
-  document["probed"] = Json::Value(Json::arrayValue);
   return document;
 }
 
@@ -149,11 +148,10 @@ bool probe_services(Console& console, const Store& store, const std::vector<std:
       faults[level] = probe_fault(console, service, level);
     }
     const std::string& fault = faults[level];
-    Json::Value probed(Json::objectValue);
-    probed["service"] = service;
-    probed["stored-level"] = level_json(store.stored_level(service));
-    probed["effective-level"] = effective_level_json(level);
-    probed["agrees"] = fault.empty();
+    Json::Value probed = object({{"service", service},
+                                 {"stored-level", level_json(store.stored_level(service))},
+                                 {"effective-level", effective_level_json(level)},
+                                 {"agrees", fault.empty()}});
     if (!fault.empty()) {
       probed["fault"] = fault;
       console.warn(printable(service) + ": probe: " + printable(fault));
@@ -213,12 +211,12 @@ void warn_of(Console& console, const Renderings& renderings) {
 }
 
 Json::Value renderings_json(const Renderings& renderings, bool with_diff) {
-  Json::Value list(Json::arrayValue);
+  Json::Value list = list_of({});
   for (const Rendered& rendered : renderings) {
-    Json::Value value(Json::objectValue);
-    value["service"] = rendered.service;
-    value["path"] = kelotls::rendered_path(rendered.service);
-    value["change"] = kChangeWords[static_cast<std::size_t>(rendered.change)].key;
+    const ChangeWords& words = kChangeWords[static_cast<std::size_t>(rendered.change)];
+    Json::Value value = object({{"service", rendered.service},
+                                {"path", kelotls::rendered_path(rendered.service)},
+                                {"change", words.key}});
     if (!rendered.fault.empty()) {
       value["fault"] = rendered.fault;
     } else if (with_diff && rendered.change != Change::kUnchanged) {
@@ -287,10 +285,9 @@ void warn_of(Console& console, const Reloading& reloading) {
 }
 
 Json::Value reloaders_json(const Reloading& reloading) {
-  Json::Value list(Json::arrayValue);
+  Json::Value list = list_of({});
   for (const ReloadResult& reloader : reloading.reloaders) {
-    Json::Value value(Json::objectValue);
-    value["path"] = reloader.path;
+    Json::Value value = object({{"path", reloader.path}});
     if (!reloader.succeeded()) {
       value["fault"] = fault_of(reloader);
     }

@@ -57,6 +57,10 @@ kelotls::Faults file_warnings(const Json::Value& registration) {
   return warnings;
 }
 
+Json::Value change_json(int from, int to) {
+  return object({{"from", level_json(from)}, {"to", level_json(to)}});
+}
+
 }  // namespace
 
 std::vector<std::string> Registration::names() const {
@@ -137,21 +141,17 @@ std::vector<std::string> warnings_of(const Store& saved) {
 }
 
 Json::Value restoration_json(const Store& live, const Store& saved) {
-  Json::Value document(Json::objectValue);
-  document["default-level"]["from"] = level_json(live.default_level());
-  document["default-level"]["to"] = level_json(saved.default_level());
-  for (const char* list : {"changes", "unknown", "missing"}) {
-    document[list] = Json::Value(Json::arrayValue);
-  }
+  Json::Value document =
+      object({{"changes", list_of({})},
+              {"unknown", list_of({})},
+              {"missing", list_of({})},
+              {"default-level", change_json(live.default_level(), saved.default_level())}});
   for (const std::string& service : saved.names()) {
     if (!live.has(service)) {
       document["unknown"].append(service);
     } else if (live.stored_level(service) != saved.stored_level(service)) {
-      Json::Value change(Json::objectValue);
-      change["service"] = service;
-      change["from"] = level_json(live.stored_level(service));
-      change["to"] = level_json(saved.stored_level(service));
-      document["changes"].append(change);
+      document["changes"].append(change_json(live.stored_level(service),
+                                             saved.stored_level(service)))["service"] = service;
     }
   }
   for (const std::string& service : live.names()) {

@@ -82,10 +82,7 @@ std::string sha256(const std::string& text) {
 }
 
 Json::Value stamp_entry(int effective, const std::string& rendered) {
-  Json::Value value(Json::objectValue);
-  value["level"] = effective;
-  value["rendered"] = sha256(rendered);
-  return value;
+  return object({{"level", effective}, {"rendered", sha256(rendered)}});
 }
 
 /// The stamp's services; null where it cannot be used.
@@ -217,12 +214,11 @@ std::string state_text(const std::string& state_key) {
 }
 
 Json::Value status_json(const ServiceStatus& status) {
-  Json::Value value(Json::objectValue);
-  value["service"] = status.name;
-  value["display-name"] = status.display_name;
-  value["stored-level"] = level_json(status.stored);
-  value["effective-level"] = effective_level_json(status.effective);
-  value["state"] = kStateWords[static_cast<std::size_t>(status.state)].key;
+  Json::Value value = object({{"service", status.name},
+                              {"display-name", status.display_name},
+                              {"stored-level", level_json(status.stored)},
+                              {"effective-level", effective_level_json(status.effective)},
+                              {"state", kStateWords[static_cast<std::size_t>(status.state)].key}});
   if (!status.rendered.fault.empty()) {
     value["fault"] = status.rendered.fault;
   }

@@ -42,13 +42,6 @@ const Profile* named_profile(int level) {
   return profile.level == level ? &profile : nullptr;
 }
 
-Json::Value level_value(int level, const std::string& name) {
-  Json::Value value(Json::objectValue);
-  value["value"] = level;
-  value["name"] = name;
-  return value;
-}
-
 /// Whether services joined here once: then the data store was lost, not yet to be made.
 bool has_descriptors() {
   std::vector<std::string> names;
@@ -144,10 +137,12 @@ std::string describe_levels(int stored, int effective) {
 
 Json::Value level_json(int level) {
   const bool has_name = level == kelotls::TLS_PROFILE_LEVEL_DEFAULT || named_profile(level);
-  return level_value(level, has_name ? level_name(level) : "unknown");
+  return object({{"value", level}, {"name", has_name ? level_name(level) : "unknown"}});
 }
 
-Json::Value effective_level_json(int level) { return level_value(level, effective_name(level)); }
+Json::Value effective_level_json(int level) {
+  return object({{"value", level}, {"name", effective_name(level)}});
+}
 
 std::string level_text(const Json::Value& level) { return level_name(level["value"].asInt()); }
 
@@ -161,10 +156,7 @@ int Store::effective_level(const std::string& service) const {
 }
 
 Store empty_store(int default_level) {
-  Store store;
-  store.root["default-level"] = default_level;
-  store.root["services"] = Json::Value(Json::objectValue);
-  return store;
+  return {object({{"default-level", default_level}, {"services", object({})}})};
 }
 
 StoreCondition try_store(Store& store) {
@@ -234,7 +226,7 @@ bool complete_levels(Store& store) {
 Regeneration regenerate_store(const Store& before) {
   Regeneration regeneration;
   for (const char* list : {"added", "changed", "unreadable", "orphans"}) {
-    regeneration.document[list] = Json::Value(Json::arrayValue);
+    regeneration.document[list] = list_of({});
   }
   kelotls::FileList names = kelotls::make_file_list();
   if (kelotls::list_files(kelotls::kServicesDir, names) < 0) {

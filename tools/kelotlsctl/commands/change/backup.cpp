@@ -17,16 +17,14 @@ Report backup(Console& console, const Arguments& arguments) {
   if (kelotls::exists_at(path)) {
     throw Failure(kFailed, printable(path) + " exists already", "A backup never replaces a file.");
   }
-  Json::Value saved(Json::objectValue);
-  saved["default-level"] = store.default_level();
-  saved["services"] = store.services();
+  const Json::Value saved =
+      object({{"default-level", store.default_level()}, {"services", store.services()}});
   if (!arguments.dry_run && !kelotls::create_file(path, kelotls::json_text(saved), 0600)) {
     throw Failure(kFailed, printable(path) + ": " + std::strerror(errno));
   }
   Report report;
-  report.document["file"] = path;
-  report.document["written"] = !arguments.dry_run;
-  report.document["services"] = store.services().size();
+  report.document = object(
+      {{"file", path}, {"written", !arguments.dry_run}, {"services", store.services().size()}});
   return report;
 }
 

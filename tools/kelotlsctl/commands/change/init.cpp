@@ -41,13 +41,10 @@ Report initialise(Console& console, const Arguments& arguments) {
   }
 
   Report report;
-  report.document["written"] = !arguments.dry_run;
-  report.document["data-store"] = path;
-  report.document["default-level"] = level_json(level);
-  report.document["folders"] = Json::Value(Json::arrayValue);
-  for (const std::string& directory : made) {
-    report.document["folders"].append(directory);
-  }
+  report.document = object({{"written", !arguments.dry_run},
+                            {"data-store", path},
+                            {"default-level", level_json(level)},
+                            {"folders", list_of(made)}});
   std::vector<std::string> descriptors;
   if (kelotls::list_directory(kelotls::kServicesDir, descriptors) && !descriptors.empty()) {
     report.warnings.emplace_back(

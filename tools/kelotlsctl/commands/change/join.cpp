@@ -51,20 +51,18 @@ class FormerFiles {
 
 /// Who joins, as it is reported.
 Json::Value plan_json(const Registration& registration, const Store& store) {
-  Json::Value document(Json::objectValue);
-  document["services"] = Json::Value(Json::arrayValue);
+  Json::Value services = list_of({});
   for (const kelotls::ServiceDesc& service : kelotls::services_of(registration.document)) {
     const std::string name = service.get_service_name();
-    Json::Value value(Json::objectValue);
-    value["service"] = name;
-    value["new"] = !store.has(name);
-    value["descriptor"] = kelotls::descriptor_path(name);
-    value["reloader-link"] = kelotls::needs_reloader_link(service)
+    const Json::Value link = kelotls::needs_reloader_link(service)
                                  ? Json::Value(kelotls::link_path(name))
                                  : Json::Value();
-    document["services"].append(value);
+    services.append(object({{"service", name},
+                            {"new", !store.has(name)},
+                            {"descriptor", kelotls::descriptor_path(name)},
+                            {"reloader-link", link}}));
   }
-  return document;
+  return services;
 }
 
 void require_joined(const std::vector<std::string>& services) {
@@ -107,7 +105,7 @@ Report join_services(Console& console, const Arguments& arguments) {
     console.warn(warning);
   }
   Report report;
-  report.document = plan_json(registration, store);
+  report.document["services"] = plan_json(registration, store);
   report.document["written"] = !arguments.dry_run;
   if (!arguments.dry_run) {
     execute(registration, store);

@@ -14,21 +14,19 @@ namespace {
 /// The registration with exactly what is there to remove: the library goes by what it is told, and
 /// would leave a link behind that is not named, or log the absence of a file that is.
 Json::Value registration_to_leave(const Registration& registration) {
-  Json::Value complete(Json::objectValue);
-  complete["system-service"] = kelotls::is_system_service(registration.document);
-  complete["services"] = Json::Value(Json::arrayValue);
+  Json::Value services = list_of({});
   for (const std::string& service : registration.names()) {
-    Json::Value element(Json::objectValue);
-    element["service"] = service;
+    Json::Value element = object({{"service", service}});
     if (kelotls::exists_at(kelotls::link_path(service))) {
       element["reloader-path"] = kelotls::link_path(service);
     }
     if (kelotls::exists_at(kelotls::rendered_path(service))) {
       element["mustache-path"] = kelotls::rendered_path(service);
     }
-    complete["services"].append(element);
+    services.append(element);
   }
-  return complete;
+  return object({{"system-service", kelotls::is_system_service(registration.document)},
+                 {"services", services}});
 }
 
 /// A leave that was interrupted can be finished: its services have no entry, but files.
@@ -43,19 +41,17 @@ void require_members(const Registration& registration, const Store& store) {
 /// Who leaves, and the files that go.
 Json::Value plan_json(const Registration& registration) {
   const bool keeps_link = kelotls::is_system_service(registration.document);
-  Json::Value services(Json::arrayValue);
+  Json::Value services = list_of({});
   for (const std::string& service : registration.names()) {
-    Json::Value value(Json::objectValue);
-    value["service"] = service;
-    value["removed"] = Json::Value(Json::arrayValue);
+    Json::Value removed = list_of({});
     for (const std::string& path :
          {keeps_link ? std::string() : kelotls::link_path(service),
           kelotls::descriptor_path(service), kelotls::rendered_path(service)}) {
       if (!path.empty() && kelotls::exists_at(path)) {
-        value["removed"].append(path);
+        removed.append(path);
       }
     }
-    services.append(value);
+    services.append(object({{"service", service}, {"removed", removed}}));
   }
   return services;
 }

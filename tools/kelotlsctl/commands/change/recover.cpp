@@ -43,12 +43,9 @@ void require_unusable_store() {
 }
 
 Json::Value restored_json(const Json::Value& changes) {
-  Json::Value list(Json::arrayValue);
+  Json::Value list = list_of({});
   for (const Json::Value& change : changes) {
-    Json::Value value(Json::objectValue);
-    value["service"] = change["service"];
-    value["level"] = change["to"];
-    list.append(value);
+    list.append(object({{"service", change["service"]}, {"level", change["to"]}}));
   }
   return list;
 }
@@ -69,7 +66,7 @@ Plan make_plan(const Arguments& arguments, std::optional<Store> saved) {
                             : Json::Value();
   document["default-level"] = level_json(plan.store.default_level());
   for (const char* list : {"services", "unreadable", "restored", "unknown"}) {
-    document[list] = Json::Value(Json::arrayValue);
+    document[list] = list_of({});
   }
   if (kelotls::exists_at(kelotls::kServicesDir)) {
     const Regeneration regeneration = regenerate_store(plan.store);

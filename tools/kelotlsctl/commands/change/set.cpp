@@ -34,15 +34,15 @@ Plan make_plan(const Arguments& arguments, int level) {
 
 Report report_of(const Plan& plan, bool is_written) {
   Report report;
-  report.document["service"] = plan.service;
-  report.document["former-level"] = level_json(plan.former);
-  report.document["stored-level"] = level_json(is_written ? plan.level : plan.former);
-  report.document["requested-level"] = level_json(plan.level);
-  report.document["effective-level"] =
-      effective_level_json(plan.after.effective_level(plan.service));
-  report.document["written"] = is_written && plan.changes_anything();
-  report.document["undone"] = false;
-  report.document["apply"] = Json::Value();
+  report.document =
+      object({{"service", plan.service},
+              {"former-level", level_json(plan.former)},
+              {"stored-level", level_json(is_written ? plan.level : plan.former)},
+              {"requested-level", level_json(plan.level)},
+              {"effective-level", effective_level_json(plan.after.effective_level(plan.service))},
+              {"written", is_written && plan.changes_anything()},
+              {"undone", false},
+              {"apply", Json::Value()}});
   return report;
 }
 

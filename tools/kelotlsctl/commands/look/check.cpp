@@ -11,6 +11,7 @@
 
 #include "commands/commands.h"
 #include "files.h"
+#include "framework_config.h"
 #include "json_document.h"
 #include "paths.h"
 #include "profile.h"
@@ -19,7 +20,6 @@
 #include "state/service_state.h"
 #include "state/store.h"
 #include "tls/report.h"
-#include "framework_config.h"
 
 namespace kelotlsctl {
 
@@ -38,22 +38,14 @@ constexpr char kWarning[] = "warning";  // something is not as it should be
 constexpr char kNote[] = "note";        // nothing is wrong, but it should be known
 
 /// The document's list of findings, as it grows.
-class Findings {
- public:
+struct Findings {
+  Json::Value list = list_of({});
+
   void add(const char* severity, const std::string& path, const std::string& text,
            const std::string& action) {
-    Json::Value finding(Json::objectValue);
-    finding["severity"] = severity;
-    finding["path"] = path;
-    finding["text"] = text;
-    finding["action"] = action;
-    list_.append(finding);
+    list.append(
+        object({{"severity", severity}, {"path", path}, {"text", text}, {"action", action}}));
   }
-
-  const Json::Value& list() const { return list_; }
-
- private:
-  Json::Value list_{Json::arrayValue};
 };
 
 std::vector<std::string> names_in(const std::string& directory) {
@@ -401,12 +393,12 @@ Report check_framework(Console& console, const Arguments&) {
   check_leftovers(has_store ? &store : nullptr, findings);
 
   const bool is_healthy =
-      std::all_of(findings.list().begin(), findings.list().end(),
+      std::all_of(findings.list.begin(), findings.list.end(),
                   [](const Json::Value& finding) { return finding["severity"] == kNote; });
   Report report;
   report.code = is_healthy ? kDone : kNotSo;
   report.document["healthy"] = is_healthy;
-  report.document["findings"] = findings.list();
+  report.document["findings"] = findings.list;
   if (is_healthy && !console.json()) {
     report.notes.emplace_back("Nothing is wrong.");
   }

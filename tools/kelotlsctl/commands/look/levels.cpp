@@ -8,7 +8,7 @@ namespace kelotlsctl {
 
 Report show_levels(Console&, const Arguments&) {
   Report report;
-  report.document["levels"] = Json::Value(Json::arrayValue);
+  report.document["levels"] = list_of({});
   for (int level = kelotls::TLS_PROFILE_LEVEL_MODERN; level <= kelotls::TLS_PROFILE_LEVEL_OLD;
        ++level) {
     report.document["levels"].append(describe_level(level));

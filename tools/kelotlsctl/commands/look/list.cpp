@@ -16,10 +16,7 @@ void print_names(Console& console, const Json::Value& document) {
 /// For shells that complete names: only the data store is read, and there is no JSON form.
 Report list_names(Console& console, const Store& store) {
   Report report;
-  report.document["names"] = Json::Value(Json::arrayValue);
-  for (const std::string& service : store.names()) {
-    report.document["names"].append(service);
-  }
+  report.document["names"] = list_of(store.names());
   report.print = print_names;
   console.set_json(false);
   return report;
@@ -35,7 +32,7 @@ Report list_services(Console& console, const Arguments& arguments) {
   ServiceInspector inspector(store);
   Report report;
   report.document["default-level"] = level_json(store.default_level());
-  report.document["services"] = Json::Value(Json::arrayValue);
+  report.document["services"] = list_of({});
   for (const std::string& service : store.names()) {
     report.document["services"].append(status_json(inspector.inspect(service)));
   }

@@ -11,10 +11,7 @@ namespace {
 constexpr std::size_t kLabelWidth = 14;
 
 Json::Value file_json(const std::string& path) {
-  Json::Value value(Json::objectValue);
-  value["path"] = path;
-  value["exists"] = kelotls::exists_at(path);
-  return value;
+  return object({{"path", path}, {"exists", kelotls::exists_at(path)}});
 }
 
 Json::Value null_or_file(const std::string& path) {

@@ -7,12 +7,9 @@ namespace kelotlsctl {
 namespace {
 
 Json::Value faults_json(const kelotls::Faults& faults) {
-  Json::Value list(Json::arrayValue);
+  Json::Value list = list_of({});
   for (const kelotls::Fault& fault : faults) {
-    Json::Value value(Json::objectValue);
-    value["path"] = fault.path;
-    value["text"] = fault.text;
-    list.append(value);
+    list.append(object({{"path", fault.path}, {"text", fault.text}}));
   }
   return list;
 }
