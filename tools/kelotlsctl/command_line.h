@@ -1,6 +1,5 @@
 // Owns the command line: what a command is, the table of all of them, and running one.
-#ifndef KELOTLSCTL_COMMAND_LINE_H
-#define KELOTLSCTL_COMMAND_LINE_H
+#pragma once
 
 #include <json/value.h>
 
@@ -65,5 +64,3 @@ const std::vector<CommandRow>& commands();
 int run_program(int argc, char** argv);
 
 }  // namespace kelotlsctl
-
-#endif

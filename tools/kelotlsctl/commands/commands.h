@@ -1,6 +1,5 @@
 // Owns the list of the commands' functions: for each, what does it and what prints its document.
-#ifndef KELOTLSCTL_COMMANDS_COMMANDS_H
-#define KELOTLSCTL_COMMANDS_COMMANDS_H
+#pragma once
 
 #include "command_line.h"
 
@@ -22,5 +21,3 @@ PrintFunction print_set, print_default, print_joined, print_left, print_regenera
     print_reloaded, print_applied, print_backup, print_restored, print_initialised, print_recovered;
 
 }  // namespace kelotlsctl
-
-#endif

@@ -1,7 +1,6 @@
 // Owns what the operator sees: data on the standard output, everything else on the standard error,
 // and how a command ends.
-#ifndef KELOTLSCTL_OUTPUT_CONSOLE_H
-#define KELOTLSCTL_OUTPUT_CONSOLE_H
+#pragma once
 
 #include <json/value.h>
 
@@ -101,5 +100,3 @@ class Console {
 };
 
 }  // namespace kelotlsctl
-
-#endif

@@ -1,6 +1,5 @@
 // Owns text in columns and the differences of texts.
-#ifndef KELOTLSCTL_OUTPUT_TEXT_H
-#define KELOTLSCTL_OUTPUT_TEXT_H
+#pragma once
 
 #include <ostream>
 #include <string>
@@ -27,5 +26,3 @@ std::string unified_diff(const std::string& old_name, const std::string& new_nam
                          const std::string& old_text, const std::string& new_text);
 
 }  // namespace kelotlsctl
-
-#endif

@@ -14,13 +14,12 @@
 #include "log_messages.h"
 #include "output/text.h"
 #include "paths.h"
+#include "reloaders.h"
 #include "tls/report.h"
 
 namespace kelotlsctl {
 
 namespace {
-
-using kelotls::ReloadResult;
 
 /// As long as it lives, what reloaders write to the standard output goes to the standard error: the
 /// former carries nothing but the command's own data.
@@ -32,16 +31,15 @@ class OutputAside {
   OutputAside(const OutputAside&) = delete;
   OutputAside& operator=(const OutputAside&) = delete;
   ~OutputAside() {
-    if (output_ < 0) {
+    if (output_.is_open()) {
+      ::dup2(output_.get(), STDOUT_FILENO);
+    } else {
       ::close(STDOUT_FILENO);
-      return;
     }
-    ::dup2(output_, STDOUT_FILENO);
-    ::close(output_);
   }
 
  private:
-  int output_;
+  const kelotls::Descriptor output_;
 };
 
 struct ChangeWords {
@@ -52,18 +50,13 @@ struct ChangeWords {
 
 // clang-format off
 constexpr ChangeWords kChangeWords[] = {
-    {"none",   "unchanged", "unchanged"},
-    {"none",   "unchanged", "unchanged"},
-    {"new",    "made",      "would be made"},
-    {"changed", "changed",  "would change"},
-    {"failed", "FAILED",    "FAILED"},
+    {"none",    "unchanged", "unchanged"},
+    {"none",    "unchanged", "unchanged"},
+    {"new",     "made",      "would be made"},
+    {"changed", "changed",   "would change"},
+    {"failed",  "FAILED",    "FAILED"},
 };
 // clang-format on
-
-const ChangeWords& words_of(const Json::Value& change) {
-  return *std::find_if(std::begin(kChangeWords), std::end(kChangeWords) - 1,
-                       [&](const ChangeWords& words) { return change == words.key; });
-}
 
 std::string diff_of(const Rendered& rendered) {
   const std::string path = printable(kelotls::rendered_path(rendered.service));
@@ -71,40 +64,55 @@ std::string diff_of(const Rendered& rendered) {
                       rendered.texts.former, rendered.texts.now);
 }
 
-std::string fault_of(const ReloadResult& reloader) {
-  if (reloader.error != 0) {
-    return std::string("cannot be run: ") + std::strerror(reloader.error);
+Json::Value rendered_json(const Rendered& rendered, bool with_diff) {
+  Json::Value value =
+      object({{"service", rendered.service},
+              {"path", kelotls::rendered_path(rendered.service)},
+              {"change", kChangeWords[static_cast<std::size_t>(rendered.change)].key}});
+  if (!rendered.fault.empty()) {
+    value["fault"] = rendered.fault;
+  } else if (with_diff && rendered.change != Change::kUnchanged) {
+    value["diff"] = diff_of(rendered);
   }
-  return reloader.status != 0 ? "ended with status " + std::to_string(reloader.status) : "";
+  return value;
 }
 
-/// Where a reloader with the path has run.
-const ReloadResult* reloader_at(const std::string& path, const Reloading& reloading) {
-  for (const ReloadResult& reloader : reloading.reloaders) {
-    if (reloader.path == path) {
-      return &reloader;
-    }
+/// Runs the reloader of the element, and tells it what went wrong.
+void run_listed(Json::Value& reloader) {
+  const kelotls::ReloadResult result = kelotls::run_reloader(reloader["path"].asString());
+  if (result.error != 0) {
+    reloader["fault"] = std::string("cannot be run: ") + std::strerror(result.error);
+  } else if (result.status != 0) {
+    reloader["fault"] = "ended with status " + std::to_string(result.status);
   }
-  return nullptr;
 }
 
-bool any_base_system_reloader_failed(const Reloading& reloading) {
+/// The element whose member is the text; null without one.
+const Json::Value* element_with(const Json::Value& list, const char* member,
+                                const std::string& text) {
+  const auto found = std::find_if(list.begin(), list.end(), [&](const Json::Value& element) {
+    return element[member].asString() == text;
+  });
+  return found != list.end() ? &*found : nullptr;
+}
+
+bool any_base_system_reloader_failed(const Json::Value& reloaders) {
   const std::string directory = kelotls::kSystemReloaderDir;
-  return std::any_of(
-      reloading.reloaders.begin(), reloading.reloaders.end(), [&](const ReloadResult& reloader) {
-        return !reloader.succeeded() && reloader.path.compare(0, directory.size(), directory) == 0;
-      });
+  return std::any_of(reloaders.begin(), reloaders.end(), [&](const Json::Value& reloader) {
+    return reloader.isMember("fault") &&
+           reloader["path"].asString().compare(0, directory.size(), directory) == 0;
+  });
 }
 
 /// A service counts as reloaded unless its own reloader failed; one without a link may be served
 /// by any of the base system's, so these must all have succeeded. What a reloader that failed has
 /// left behind is not known: such a service is in no stamp, whatever it had before.
-void stamp_services(const Store& store, const Reloading& reloading) {
-  const bool is_base_system_reloaded = !any_base_system_reloader_failed(reloading);
+void stamp_services(const Store& store, const Json::Value& reloaders) {
+  const bool is_base_system_reloaded = !any_base_system_reloader_failed(reloaders);
   Stamp stamp;
   for (const std::string& service : store.names()) {
-    const ReloadResult* const own = reloader_at(kelotls::link_path(service), reloading);
-    if (own != nullptr ? own->succeeded() : is_base_system_reloaded) {
+    const Json::Value* const own = element_with(reloaders, "path", kelotls::link_path(service));
+    if (own != nullptr ? !own->isMember("fault") : is_base_system_reloaded) {
       std::string rendered;
       kelotls::read_file(kelotls::rendered_path(service), rendered);
       stamp.record(service, store.effective_level(service), rendered);
@@ -127,56 +135,46 @@ std::string probe_fault(Console& console, const std::string& service, int level)
   return has_own_differences(report, false) ? first_difference(report) : std::string();
 }
 
-Json::Value application_json(const Renderings& renderings, const Reloading& reloading) {
-  Json::Value document = object({{"rendered", renderings_json(renderings, false)},
-                                 {"reloaders", reloaders_json(reloading)},
-                                 {"probed", list_of({})}});
-  if (!reloading.fault.empty()) {
-    document["reload-fault"] = reloading.fault;
-  }
-  return document;
-}
-
-/// Probes the services. Whether each context does what its level asks for.
-bool probe_services(Console& console, const Store& store, const std::vector<std::string>& services,
-                    Json::Value& list) {
+/// [{"service", "stored-level", "effective-level", "agrees", "fault"}]
+Json::Value probe_services(Console& console, const Store& store,
+                           const std::vector<std::string>& services) {
   std::map<int, std::string> faults;
-  bool all_agree = true;
+  Json::Value list = list_of({});
   for (const std::string& service : services) {
     const int level = store.effective_level(service);
     if (faults.count(level) == 0) {
       faults[level] = probe_fault(console, service, level);
     }
     const std::string& fault = faults[level];
-    Json::Value probed = object({{"service", service},
-                                 {"stored-level", level_json(store.stored_level(service))},
-                                 {"effective-level", effective_level_json(level)},
-                                 {"agrees", fault.empty()}});
+    Json::Value& probed =
+        list.append(object({{"service", service},
+                            {"stored-level", level_json(store.stored_level(service))},
+                            {"effective-level", effective_level_json(level)},
+                            {"agrees", fault.empty()}}));
     if (!fault.empty()) {
       probed["fault"] = fault;
       console.warn(printable(service) + ": probe: " + printable(fault));
-      all_agree = false;
     }
-    list.append(probed);
   }
-  return all_agree;
+  return list;
 }
 
-/// The element whose member is the text; null without one.
-const Json::Value* element_with(const Json::Value& list, const char* member,
-                                const std::string& text) {
-  const auto found = std::find_if(list.begin(), list.end(), [&](const Json::Value& element) {
-    return element[member].asString() == text;
-  });
-  return found != list.end() ? &*found : nullptr;
+Json::Value application_json(const Json::Value& renderings, const Reloading& reloading) {
+  Json::Value document = object(
+      {{"rendered", renderings}, {"reloaders", reloading.reloaders}, {"probed", list_of({})}});
+  if (!reloading.fault.empty()) {
+    document["reload-fault"] = reloading.fault;
+  }
+  return document;
 }
 
 const char* rendered_cell(const Json::Value* rendered) {
   if (rendered == nullptr) {
     return "-";
   }
-  const std::string change = (*rendered)["change"].asString();
-  return change == "none" ? "unchanged" : change == "failed" ? "FAILED" : "rendered";
+  return rendered->isMember("fault")       ? "FAILED"
+         : (*rendered)["change"] == "none" ? "unchanged"
+                                           : "rendered";
 }
 
 const char* reloaded_cell(const Json::Value* reloader) {
@@ -185,51 +183,37 @@ const char* reloaded_cell(const Json::Value* reloader) {
 
 }  // namespace
 
-Renderings render_all(const Store& store, kelotls::Rendering rendering) {
+Json::Value render_all(const Store& store, kelotls::Rendering rendering, bool with_diff) {
   kelotls::JsonReader reader;
-  Renderings renderings;
-  for (const std::string& service : store.names()) {
-    Rendered rendered = render(store, service, reader, rendering);
-    if (rendered.change != Change::kNoTemplate) {
-      renderings.push_back(std::move(rendered));
-    }
-  }
-  return renderings;
-}
-
-bool any_failed(const Renderings& renderings) {
-  return std::any_of(renderings.begin(), renderings.end(),
-                     [](const Rendered& rendered) { return rendered.change == Change::kFailed; });
-}
-
-void warn_of(Console& console, const Renderings& renderings) {
-  for (const Rendered& rendered : renderings) {
-    if (!rendered.fault.empty()) {
-      console.warn(printable(rendered.service) + ": " + printable(rendered.fault));
-    }
-  }
-}
-
-Json::Value renderings_json(const Renderings& renderings, bool with_diff) {
   Json::Value list = list_of({});
-  for (const Rendered& rendered : renderings) {
-    const ChangeWords& words = kChangeWords[static_cast<std::size_t>(rendered.change)];
-    Json::Value value = object({{"service", rendered.service},
-                                {"path", kelotls::rendered_path(rendered.service)},
-                                {"change", words.key}});
-    if (!rendered.fault.empty()) {
-      value["fault"] = rendered.fault;
-    } else if (with_diff && rendered.change != Change::kUnchanged) {
-      value["diff"] = diff_of(rendered);
+  for (const std::string& service : store.names()) {
+    const Rendered rendered = render(store, service, reader, rendering);
+    if (rendered.change != Change::kNoTemplate) {
+      list.append(rendered_json(rendered, with_diff));
     }
-    list.append(value);
   }
   return list;
 }
 
+bool any_fault(const Json::Value& list) {
+  return std::any_of(list.begin(), list.end(),
+                     [](const Json::Value& element) { return element.isMember("fault"); });
+}
+
+void warn_of_renderings(Console& console, const Json::Value& renderings) {
+  for (const Json::Value& rendered : renderings) {
+    if (rendered.isMember("fault")) {
+      console.warn(printable(rendered["service"].asString()) + ": " +
+                   printable(rendered["fault"].asString()));
+    }
+  }
+}
+
 void print_renderings(Console& console, const Json::Value& renderings, bool is_done) {
   for (const Json::Value& rendered : renderings) {
-    const ChangeWords& words = words_of(rendered["change"]);
+    const ChangeWords& words =
+        *std::find_if(std::begin(kChangeWords), std::end(kChangeWords) - 1,
+                      [&](const ChangeWords& row) { return rendered["change"] == row.key; });
     console.data() << printable(rendered["service"].asString()) << ": "
                    << printable(rendered["path"].asString()) << ' '
                    << (is_done ? words.done : words.foreseen) << '\n';
@@ -237,17 +221,11 @@ void print_renderings(Console& console, const Json::Value& renderings, bool is_d
 }
 
 ExitCode Reloading::code() const {
-  if (!fault.empty()) {
-    return kFailed;
-  }
-  return std::all_of(reloaders.begin(), reloaders.end(),
-                     [](const ReloadResult& reloader) { return reloader.succeeded(); })
-             ? kDone
-             : kReloaderFailed;
+  return !fault.empty() ? kFailed : any_fault(reloaders) ? kReloaderFailed : kDone;
 }
 
 Reloading list_reloaders() {
-  Reloading reloading;
+  Reloading reloading = {list_of({}), {}};
   kelotls::FileList names = kelotls::make_file_list();
   std::vector<std::string> paths;
   const char* directory = nullptr;
@@ -257,7 +235,7 @@ Reloading list_reloaders() {
     return reloading;
   }
   for (const std::string& path : paths) {
-    reloading.reloaders.emplace_back().path = path;
+    reloading.reloaders.append(object({{"path", path}}));
   }
   return reloading;
 }
@@ -270,37 +248,23 @@ Reloading run_reloaders(const Store& store) {
   }
   {
     const OutputAside aside;
-    for (ReloadResult& reloader : reloading.reloaders) {
-      reloader = kelotls::run_reloader(reloader.path);
+    for (Json::Value& reloader : reloading.reloaders) {
+      run_listed(reloader);
     }
   }
-  stamp_services(store, reloading);
+  stamp_services(store, reloading.reloaders);
   return reloading;
 }
 
-void warn_of(Console& console, const Reloading& reloading) {
+void warn_of_reloading(Console& console, const Reloading& reloading) {
   if (!reloading.fault.empty()) {
     console.warn("no reloader has run: " + printable(reloading.fault));
   }
 }
 
-Json::Value reloaders_json(const Reloading& reloading) {
-  Json::Value list = list_of({});
-  for (const ReloadResult& reloader : reloading.reloaders) {
-    Json::Value value = object({{"path", reloader.path}});
-    if (!reloader.succeeded()) {
-      value["fault"] = fault_of(reloader);
-    }
-    list.append(value);
-  }
-  return list;
-}
-
 void print_reloaders(Console& console, const Json::Value& reloaders, bool is_done) {
   for (const Json::Value& reloader : reloaders) {
-    const std::string verdict = !is_done                     ? "would be run"
-                                : reloader.isMember("fault") ? reloader["fault"].asString()
-                                                             : "done";
+    const std::string verdict = is_done ? reloader.get("fault", "done").asString() : "would be run";
     console.data() << printable(reloader["path"].asString()) << ": " << printable(verdict) << '\n';
   }
 }
@@ -316,38 +280,37 @@ kelotls::ContextOwner service_context(const std::string& service) {
 
 Application apply_to(Console& console, const Store& store, const std::vector<std::string>& probed) {
   console.progress("rendering", 0, 3);
-  const Renderings renderings = render_all(store, kelotls::Rendering::kInForce);
+  const Json::Value renderings = render_all(store, kelotls::Rendering::kInForce, false);
   console.progress("reloading", 1, 3);
   const Reloading reloading = run_reloaders(store);
   console.progress("reloading", 3, 3);
 
   Application application;
   application.document = application_json(renderings, reloading);
-  const bool all_agree = probe_services(console, store, probed, application.document["probed"]);
-  warn_of(console, renderings);
-  warn_of(console, reloading);
-  for (const ReloadResult& reloader : reloading.reloaders) {
-    if (!reloader.succeeded()) {
-      console.warn(printable(reloader.path) + " " + printable(fault_of(reloader)));
+  application.document["probed"] = probe_services(console, store, probed);
+  warn_of_renderings(console, renderings);
+  warn_of_reloading(console, reloading);
+  for (const Json::Value& reloader : reloading.reloaders) {
+    if (reloader.isMember("fault")) {
+      console.warn(printable(reloader["path"].asString()) + " " +
+                   printable(reloader["fault"].asString()));
     }
   }
-  application.code = any_failed(renderings)      ? kFailed
-                     : reloading.code() != kDone ? reloading.code()
-                     : all_agree                 ? kDone
-                                                 : kNotSo;
+  application.code = any_fault(renderings)                       ? kFailed
+                     : reloading.code() != kDone                 ? reloading.code()
+                     : any_fault(application.document["probed"]) ? kNotSo
+                                                                 : kDone;
   return application;
 }
 
 Application foresee_application(Console& console, const Store& store) {
-  const Renderings renderings = render_all(store, kelotls::Rendering::kPreview);
+  const Json::Value renderings = render_all(store, kelotls::Rendering::kPreview, false);
   const Reloading reloading = list_reloaders();
   if (!console.json()) {
-    warn_of(console, renderings);
-    warn_of(console, reloading);
+    warn_of_renderings(console, renderings);
+    warn_of_reloading(console, reloading);
   }
-  Application application;
-  application.document = application_json(renderings, reloading);
-  return application;
+  return {application_json(renderings, reloading), kDone};
 }
 
 void print_application(Console& console, const Json::Value& document) {

@@ -1,6 +1,5 @@
 // Owns bringing levels into force: rendering, reloading and probing, each with its report.
-#ifndef KELOTLSCTL_STATE_APPLICATION_H
-#define KELOTLSCTL_STATE_APPLICATION_H
+#pragma once
 
 #include <json/value.h>
 
@@ -9,29 +8,27 @@
 
 #include "output/console.h"
 #include "profile.h"
-#include "reloaders.h"
 #include "state/service_state.h"
 #include "state/store.h"
 
 namespace kelotlsctl {
 
-using Renderings = std::vector<Rendered>;
+/// Renders, or previews, every template: [{"service", "path", "change": "none", "new", "changed" or
+/// "failed", "fault", "diff": where asked for}], one for each service with a template or a fault.
+Json::Value render_all(const Store& store, kelotls::Rendering rendering, bool with_diff);
 
-/// One result per service with a template, or that has a fault.
-Renderings render_all(const Store& store, kelotls::Rendering rendering);
+/// Whether an element of a report has a "fault".
+bool any_fault(const Json::Value& list);
 
-bool any_failed(const Renderings& renderings);
-void warn_of(Console& console, const Renderings& renderings);
+/// "web: template /x is missing", for each rendering that has a fault.
+void warn_of_renderings(Console& console, const Json::Value& renderings);
 
-/// [{"service", "path", "change", "fault", "diff"}]
-Json::Value renderings_json(const Renderings& renderings, bool with_diff);
-
-/// "PATH changed", of each element, in the words of what was or would be done.
+/// "PATH changed", of each rendering, in the words of what was or would be done.
 void print_renderings(Console& console, const Json::Value& renderings, bool is_done);
 
 struct Reloading {
-  std::vector<kelotls::ReloadResult> reloaders;
-  std::string fault;  ///< why none has run
+  Json::Value reloaders;  ///< [{"path", "fault"}]
+  std::string fault;      ///< why none has run
   ExitCode code() const;
 };
 
@@ -41,10 +38,7 @@ Reloading list_reloaders();
 /// Runs every reloader, and notes in the stamp which services have what they should.
 Reloading run_reloaders(const Store& store);
 
-void warn_of(Console& console, const Reloading& reloading);
-
-/// [{"path", "fault"}]
-Json::Value reloaders_json(const Reloading& reloading);
+void warn_of_reloading(Console& console, const Reloading& reloading);
 void print_reloaders(Console& console, const Json::Value& reloaders, bool is_done);
 
 /// The context that the service gets. A Failure when it gets none.
@@ -67,5 +61,3 @@ Application foresee_application(Console& console, const Store& store);
 void print_application(Console& console, const Json::Value& document);
 
 }  // namespace kelotlsctl
-
-#endif

@@ -1,6 +1,5 @@
 // Owns the documents that an operator hands over: registrations, and backups of the levels.
-#ifndef KELOTLSCTL_STATE_DOCUMENTS_H
-#define KELOTLSCTL_STATE_DOCUMENTS_H
+#pragma once
 
 #include <json/value.h>
 
@@ -49,5 +48,3 @@ void restore_levels(Store& live, const Store& saved);
 std::string dated_name(const std::string& head, const std::string& tail);
 
 }  // namespace kelotlsctl
-
-#endif

@@ -1,6 +1,5 @@
 // Owns whether a service's level has reached the service: its files, its rendering, its stamp.
-#ifndef KELOTLSCTL_STATE_SERVICE_STATE_H
-#define KELOTLSCTL_STATE_SERVICE_STATE_H
+#pragma once
 
 #include <json/value.h>
 
@@ -109,5 +108,3 @@ std::string state_text(const std::string& state_key);
 Json::Value status_json(const ServiceStatus& status);
 
 }  // namespace kelotlsctl
-
-#endif

@@ -1,7 +1,6 @@
 // Owns the data store as commands see it: levels by name, loading, changing, saving, and the lock
 // that every writing command holds.
-#ifndef KELOTLSCTL_STATE_STORE_H
-#define KELOTLSCTL_STATE_STORE_H
+#pragma once
 
 #include <json/value.h>
 #include <sys/types.h>
@@ -114,5 +113,3 @@ class Lock {
 };
 
 }  // namespace kelotlsctl
-
-#endif

@@ -8,11 +8,11 @@ Report reload(Console& console, const Arguments& arguments) {
   const Lock lock(console, !arguments.dry_run);
   const Store store = load_store();
   const Reloading reloading = arguments.dry_run ? list_reloaders() : run_reloaders(store);
-  warn_of(console, reloading);
+  warn_of_reloading(console, reloading);
   Report report;
   report.code = reloading.code();
-  report.document["run"] = !arguments.dry_run && reloading.fault.empty();
-  report.document["reloaders"] = reloaders_json(reloading);
+  report.document = object(
+      {{"run", !arguments.dry_run && reloading.fault.empty()}, {"reloaders", reloading.reloaders}});
   if (!reloading.fault.empty()) {
     report.document["fault"] = reloading.fault;
   } else if (reloading.reloaders.empty() && !console.json()) {

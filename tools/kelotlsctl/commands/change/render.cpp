@@ -19,17 +19,16 @@ void print_differences(Console& console, const Json::Value& document) {
 Report render_templates(Console& console, const Arguments& arguments) {
   const bool writes = !arguments.check && !arguments.dry_run;
   const Lock lock(console, writes);
-  const Renderings renderings = render_all(
-      load_store(), writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview);
-  warn_of(console, renderings);
+  const Json::Value renderings =
+      render_all(load_store(), writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview,
+                 arguments.check);
+  warn_of_renderings(console, renderings);
   const bool any_change =
-      std::any_of(renderings.begin(), renderings.end(), [](const Rendered& rendered) {
-        return rendered.change == Change::kNew || rendered.change == Change::kChanged;
-      });
+      std::any_of(renderings.begin(), renderings.end(),
+                  [](const Json::Value& rendered) { return rendered["change"] != "none"; });
   Report report;
-  report.document["written"] = writes;
-  report.document["services"] = renderings_json(renderings, arguments.check);
-  report.code = any_failed(renderings) ? kFailed : arguments.check && any_change ? kNotSo : kDone;
+  report.document = object({{"written", writes}, {"services", renderings}});
+  report.code = any_fault(renderings) ? kFailed : arguments.check && any_change ? kNotSo : kDone;
   report.print = arguments.check ? print_differences : print_rendered;
   return report;
 }
