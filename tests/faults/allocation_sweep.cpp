@@ -93,7 +93,7 @@ class LiveBlocks {
   }
   static std::size_t after(std::size_t slot) { return (slot + 1) & (kSlots - 1); }
 
-  /// The slot from this one on that holds the block, or the first free one.
+  /// The first slot, from this one on, that holds the block or is free.
   std::size_t find(const void* block, std::size_t slot) const {
     while (slots_[slot] != nullptr && slots_[slot] != block) {
       slot = after(slot);

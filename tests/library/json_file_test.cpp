@@ -682,7 +682,7 @@ TEST_F(JsonFile, ReportsALinkWhoseTargetCannotBeRead) {
 
 TEST_F(JsonFile, LeavesTheOldFileAndNothingElseWhenItCannotBeReplaced) {
   write_file(kFile, "old");
-  ASSERT_EQ(::mount(kFile, kFile, "none", MS_BIND, nullptr), 0);  // nothing can be renamed over a mount
+  ASSERT_EQ(::mount(kFile, kFile, "none", MS_BIND, nullptr), 0);  // cannot be replaced
 
   expect_write_failure(kFile, EBUSY);
 

@@ -173,7 +173,8 @@ def lines_run(program, case, directory):
 
 
 def protect_devices():
-    """Makes the device files read-only: they are the host's, and root's mutant could change their modes."""
+    """Makes the device files, which are the host's, read-only: a mutant run by root could change
+    their modes."""
     for name in ("null", "zero", "full", "random", "urandom", "tty"):
         subprocess.run(["mount", "-o", "remount,bind,ro", f"/dev/{name}"], check=True)
 
