@@ -1,6 +1,7 @@
 // Any command line, one argument a line; what follows a line that reads "%%" is the standard input.
-// The command runs on a small framework and in an empty directory of its own: its exit code is one
-// of the documented, what it says is where it belongs, and what should write nothing does not.
+// The command runs on a small framework and in an empty directory of its own: its exit code is a
+// documented one, messages and data go to the right streams, and a command that should write
+// nothing writes nothing.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -37,7 +38,7 @@ class Redirection {
   Redirection(const Redirection&) = delete;
   Redirection& operator=(const Redirection&) = delete;
 
-  /// Puts the descriptor back. What was written to the other one.
+  /// Restores the descriptor. Gives what was written meanwhile.
   std::string end() {
     ::dup2(saved_, descriptor_);
     ::close(saved_);
@@ -111,9 +112,8 @@ bool contains(const std::vector<std::string>& texts, const std::string& text) {
   return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-/// Whether what the command does with its options is for the arguments alone to say: each is
-/// spelled out, so that no help is asked for, none is taken back, nothing like one is meant as a
-/// name.
+/// Whether each option is spelled out in full. Otherwise the arguments do not tell what the command
+/// does: it may be asked for help, an option may be taken back, or a name may look like an option.
 bool is_straight(const std::vector<std::string>& arguments) {
   static const std::vector<std::string> kOptions = {"-",       "--json",   "--quiet", "--dry-run",
                                                     "--apply", "--check",  "--names", "--connect",

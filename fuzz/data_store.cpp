@@ -1,15 +1,15 @@
-// Any bytes as the data store, and as a saved one: they are read by the grammar, judged by the
-// rules, and what is changed in them is what was asked for. jsoncpp's exceptions may pass through
-// for an entry that is no object and for a default level that is no integer, and then nothing is
-// written.
+// Any bytes as the data store, and as a saved one: they are read by the grammar and judged by the
+// rules, and a change changes what was requested and nothing else. jsoncpp's exceptions may pass
+// through for an entry that is no object and for a default level that is no integer, and then
+// nothing is written.
 #include <kelotls/api_provider.h>
 #include <kelotls/data_store_provider.h>
 
 #include <cerrno>
 #include <optional>
 
-#include "harness.h"
 #include "framework_config.h"
+#include "harness.h"
 #include "json_grammar.h"
 #include "private_tree.h"
 #include "rules.h"
@@ -41,7 +41,7 @@ struct Input {
   Verdict verdict;
 };
 
-/// Puts the input back, has it changed, and holds the file against what it should be now.
+/// Puts the input back, changes it, and compares the file with what it should be now.
 void check_change(const Input& input, const Json::Value& expected,
                   const std::function<void()>& change) {
   test::write_file(kDataStore, input.text);

@@ -1,6 +1,6 @@
 // Any bytes as a descriptor file: read by the grammar, taken into a record, written out again,
-// merged into the data store. jsoncpp's exception may pass through where a list or an object stands
-// for a text, and then nothing is written.
+// merged into the data store. jsoncpp's exception may pass through where a list or an object is in
+// the place of a text, and then nothing is written.
 #include <kelotls/api_provider.h>
 #include <kelotls/service_desc.h>
 

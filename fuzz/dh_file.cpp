@@ -3,8 +3,8 @@
 // form first, so that what changes is the parameters and not their wrapping.
 //
 // A file that OpenSSL cannot read stays open and its BIO stays allocated, by contract. What stays
-// is recorded here, held against that contract and released, or a long run would end for lack of
-// it.
+// is recorded here, compared with that contract and released, because a long run would exhaust
+// memory and descriptors otherwise.
 #include <openssl/bio.h>
 #include <openssl/dh.h>
 #include <openssl/err.h>
@@ -27,7 +27,7 @@ bool is_recording = false;
 
 }  // namespace
 
-// The linker puts these in the place of the calls in the library's units.
+// The linker makes the library's units call these instead of the functions without the prefix.
 extern "C" {
 std::FILE* __real_fopen64(const char* path, const char* mode);
 int __real_fclose(std::FILE* file);

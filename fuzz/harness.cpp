@@ -1,3 +1,4 @@
+// Prepares the files that the fuzzers work on, and checks properties.
 #include "harness.h"
 
 #include <json/reader.h>
@@ -56,8 +57,8 @@ std::string_view take_part(std::string_view& input) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kelotls::fuzz::require(std::getenv("KELOTLS_PRIVATE_TREE") != nullptr,
                          "a fuzzer is started through tests/bed/in_private_tree");
-  // Each line is put together, so that its arguments are read, and goes nowhere: the socket of a
-  // real system log would take most of the time.
+  // Each line is formatted, so that its arguments are read, and then dropped: writing to the socket
+  // of a real system log would take most of the time.
   kelotls::log::observe([](const char*) { return false; });
   using namespace kelotls::test;
   for (const char* directory : {kServices, kConfig, kSystemReloaders, kPackageReloaders, kSslDir}) {

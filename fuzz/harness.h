@@ -1,5 +1,5 @@
-// What the fuzzers share. Each is one file that defines LLVMFuzzerTestOneInput, and runs on an
-// appliance tree of its own (tests/bed/in_private_tree).
+// What the fuzzers share. Each is one file that defines LLVMFuzzerTestOneInput, and runs in a
+// private tree of its own (tests/bed/in_private_tree).
 #ifndef KELOTLS_FUZZ_HARNESS_H
 #define KELOTLS_FUZZ_HARNESS_H
 

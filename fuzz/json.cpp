@@ -1,6 +1,7 @@
-// Any bytes as a JSON text. The reader takes what a second reading of the grammar takes, and gives
-// the same value; what it refuses has a fault with a place in the text; what it has read is written
-// and read again as it was; and the scan for a service's level finds the level of the tree.
+// Any bytes as a JSON text. The reader accepts what a second implementation of the grammar accepts,
+// and gives the same value; what it refuses has a fault with a place in the text; what it has read
+// is written and read again as it was; and the scan for a service's level finds the level of the
+// tree.
 #include <cstdio>
 #include <optional>
 

@@ -1,3 +1,4 @@
+// Reads JSON documents by the letter of the grammar, one function for each of its rules.
 #include "json_grammar.h"
 
 #include <algorithm>
@@ -127,7 +128,7 @@ class Eater {
       if (word("\\u") && code_unit(second) && second >= 0xDC00 && second < 0xE000) {
         unit = 0x10000 + (unit - 0xD800) * 0x400 + (second - 0xDC00);
       } else {
-        rest_ = behind;  // which may be wrong in a way of its own
+        rest_ = behind;  // what follows is read for itself
         is_odd_ = true;
       }
     }
@@ -206,7 +207,7 @@ class Eater {
     return true;
   }
 
-  bool character(char wanted) { return word({&wanted, 1}); }
+  bool character(char expected) { return word({&expected, 1}); }
 
   std::size_t all_of(std::string_view set) {
     const std::size_t size = rest_.size();
@@ -216,7 +217,8 @@ class Eater {
 
   void space() { all_of(" \t\r\n"); }
 
-  /// What began as one thing cannot be another: nothing after this can make it a document.
+  /// Refuses the text for good: a token has begun and is malformed, so that no other reading of it
+  /// is left.
   bool ruin() {
     rest_ = {};
     return false;

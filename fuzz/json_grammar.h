@@ -1,4 +1,4 @@
-// A second reading of JSON documents, to hold the library's reader against.
+// A second implementation of the JSON grammar, to compare the library's reader with.
 #ifndef KELOTLS_FUZZ_JSON_GRAMMAR_H
 #define KELOTLS_FUZZ_JSON_GRAMMAR_H
 

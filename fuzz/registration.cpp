@@ -1,9 +1,9 @@
-// Any JSON value as a registration, to join and to leave with: the verdict is held against the
-// rules as they are written down here once more, and the files against what the verdict makes of
-// them. Its key "data-store", which the library ignores, may bring the text of the data store that
-// it meets. jsoncpp's exception may pass through, before any file is written, for a
-// "system-service" that is no boolean, for a list or an object in place of a text when leaving, for
-// a service entry in the data store that is no object.
+// Any JSON value as a registration, to join and to leave with: the result is compared with a second
+// writing of the rules, and the files with what that verdict makes of them. The key "data-store",
+// which the library ignores, may hold the text of the data store. jsoncpp's exception may pass
+// through, before any file is written, for a "system-service" that is no boolean, for a list or an
+// object in place of a text when leaving, and for a service entry in the data store that is no
+// object.
 #include <kelotls/api_provider.h>
 #include <unistd.h>
 
@@ -112,8 +112,8 @@ bool is_plain(const Json::Value& service) {
          target.find('\0') == std::string::npos;
 }
 
-/// Asked of any registration: one that is refused must not leave a file anywhere either, but only
-/// the framework's own directories are looked at.
+/// Whether that holds for all services. Only the framework's own directories are looked at, but a
+/// registration that is refused must not leave a file anywhere.
 bool all_are_plain(const Json::Value& registration) {
   if (judge_leaving(registration) != Verdict::kAccepted) {
     return true;

@@ -1,3 +1,4 @@
+// Judges documents by the kinds of their members, spelled as letters.
 #include "rules.h"
 
 #include <cmath>
@@ -9,7 +10,7 @@ namespace kelotls::fuzz {
 
 namespace {
 
-// One letter for what stands under a key.
+// One letter for each kind of value that a key may have.
 constexpr char kMissing = '-';
 constexpr char kEmptyText = 'e';
 constexpr char kText = 't';

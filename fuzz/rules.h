@@ -1,5 +1,5 @@
-// The rules about documents, written down a second time and in another way than in the library: a
-// mistake has to be made twice before a fuzzer overlooks it.
+// The rules about documents, written down a second time and in another way than in the library, so
+// that a fuzzer only overlooks a mistake that was made twice.
 #ifndef KELOTLS_FUZZ_RULES_H
 #define KELOTLS_FUZZ_RULES_H
 

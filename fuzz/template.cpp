@@ -42,7 +42,7 @@ std::vector<Json::Value> contexts_of(std::string_view text) {
 }
 
 /// How deep sections nest in a template, counted without parsing it. Only for one that changes no
-/// delimiters and has no comments, in which anything may stand.
+/// delimiters and has no comments, which may hold anything.
 std::size_t nesting_of(std::string_view text) {
   std::size_t nesting = 0;
   std::size_t deepest = 0;
@@ -88,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check_text(text, rendered);
   contexts.insert(contexts.begin(), Json::Value(Json::objectValue));
   const Rendered again = render(contexts);
-  const bool had_context = contexts.size() > 1;  // or "." now names the one put below
+  const bool had_context = contexts.size() > 1;  // otherwise "." names the added one
   require(
       !had_context || (again.succeeded == rendered.succeeded && again.output == rendered.output),
       "an empty context below the others changes nothing");

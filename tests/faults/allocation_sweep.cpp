@@ -157,8 +157,8 @@ void* realloc(void* block, std::size_t size) {
   }
   const bool is_new = allocator.forget(block) || block == nullptr;
   void* const moved = __libc_realloc(block, size);
-  void* const stands = moved == nullptr && size != 0 ? block : moved;
-  return is_new ? (allocator.keep(stands), moved) : moved;
+  void* const live = moved == nullptr && size != 0 ? block : moved;
+  return is_new ? (allocator.keep(live), moved) : moved;
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {

@@ -94,13 +94,13 @@ def contradiction(scenario, before, run, seen):
     """What is wrong with a run that came to its end, or None; and the model that judged it."""
     model = Model(before, run.log)
     try:
-        wanted = model.perform(scenario.words)
+        expected = model.perform(scenario.words)
     except Contradiction as what:
         return f"{what}; log {run.log}", model
     if run.status != 0 or len(run.results) != 1:
         return f"the process ended with {run.status}", model
-    if run.results[0][0] != wanted:
-        return f"result {run.results[0][0]}, not {wanted}, with log {run.log}", model
+    if run.results[0][0] != expected:
+        return f"result {run.results[0][0]}, not {expected}, with log {run.log}", model
     if model.log:
         return f"lines that nothing explains: {list(model.log)}", model
     if frozenset(seen.items()) not in model.now:

@@ -35,7 +35,7 @@ class Security : public Kelotlsctl {
   }
 };
 
-/// Whatever on the appliance's tree others than the owner can write.
+/// All in the private tree that users other than its owner can write.
 Lines writable_by_others() {
   Lines found;
   for (const char* top :

@@ -5,8 +5,8 @@
 #include <cerrno>
 
 #include "framework_config.h"
-#include "paths.h"
 #include "kelotls/tls_profile_level.h"
+#include "paths.h"
 #include "private_tree.h"
 
 namespace kelotls::test {

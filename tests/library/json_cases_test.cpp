@@ -341,7 +341,7 @@ constexpr Case kRefusedThoughLeftOpen[] = {
     {"i_number_pos_double_huge_exp", "[1.5e+9999]"},
     {"i_number_real_neg_overflow", "[-123123e100000]"},
     {"i_number_real_pos_overflow", "[123123e100000]"},
-    // The first half of a pair of surrogates without an escape behind it stands for no character.
+    // The first half of a pair of surrogates without an escape after it is no character.
     {"i_string_1st_surrogate_but_2nd_missing", R"(["\uDADA"])"},
     {"i_string_incomplete_surrogate_and_escape_valid", R"(["\uD800\n"])"},
     {"i_string_invalid_lonely_surrogate", R"(["\ud800"])"},

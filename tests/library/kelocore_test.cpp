@@ -332,11 +332,11 @@ TEST_F(FileEnumDir, AppendsBehindWhatTheListHoldsAndSortsOnlyTheNewNames) {
 }
 
 TEST_F(FileEnumDir, GrowsAListThatIsTooSmall) {
-  Names wanted;
+  Names expected;
   for (int number = 100; number < 400; ++number) {
-    wanted.push_back("service-" + std::to_string(number) + ".conf");
+    expected.push_back("service-" + std::to_string(number) + ".conf");
   }
-  for (const std::string& name : wanted) {
+  for (const std::string& name : expected) {
     write(name);
   }
   KLIBCSzListFree(list_);
@@ -345,7 +345,7 @@ TEST_F(FileEnumDir, GrowsAListThatIsTooSmall) {
   const int added = enumerate(directory_);
 
   EXPECT_EQ(added, 300);
-  EXPECT_EQ(names_in(list_), wanted);
+  EXPECT_EQ(names_in(list_), expected);
   EXPECT_GE(list_->capacity, 300);
 }
 

@@ -38,7 +38,7 @@ class Schema {
   valijson::Schema schema_;
 };
 
-/// A value of each kind, and the corners of some; nothing stands for a member that is missing.
+/// A value of each kind, and the corners of some; a null optional is a member that is missing.
 /// Every string is one that a service may be named.
 const std::vector<std::optional<Json::Value>>& values() {
   static const std::vector<std::optional<Json::Value>> all = [] {

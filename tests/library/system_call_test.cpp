@@ -129,8 +129,8 @@ class SystemCalls : public Framework {
     before_ = tree();
   }
 
-  static int change_level(Errors wanted) {
-    errors = std::move(wanted);
+  static int change_level(Errors requested) {
+    errors = std::move(requested);
     answering = true;
     const int result = DataStoreProvider().set_service_level("web", TLS_PROFILE_LEVEL_MODERN);
     answering = false;
@@ -140,29 +140,29 @@ class SystemCalls : public Framework {
     return result;
   }
 
-  static int default_level(Errors wanted) {
-    errors = std::move(wanted);
+  static int default_level(Errors requested) {
+    errors = std::move(requested);
     answering = true;
     const int level = DataStoreProvider().get_default_level();
     answering = false;
     return level;
   }
 
-  void expect_no_reading(Errors wanted, int error) {
-    EXPECT_EQ(default_level(std::move(wanted)), kDataStoreUnavailable);
+  void expect_no_reading(Errors requested, int error) {
+    EXPECT_EQ(default_level(std::move(requested)), kDataStoreUnavailable);
     EXPECT_EQ(log(),
               Lines{error_line(std::string("framework_config.cpp:16 Load json data failed. [") +
                                std::strerror(error) + "] " + kDataStore)});
   }
 
-  void expect_change(Errors wanted) {
-    EXPECT_EQ(change_level(std::move(wanted)), 0);
+  void expect_change(Errors requested) {
+    EXPECT_EQ(change_level(std::move(requested)), 0);
     EXPECT_EQ(log(), Lines());
     EXPECT_EQ(read_json(kDataStore), json(data_store_text(2, {{"web", "1"}})));
   }
 
-  void expect_failure(Errors wanted, int error) {
-    EXPECT_EQ(change_level(std::move(wanted)), -1);
+  void expect_failure(Errors requested, int error) {
+    EXPECT_EQ(change_level(std::move(requested)), -1);
     EXPECT_EQ(log(), Lines{save_failure(error)});
     EXPECT_EQ(tree(), before_);
   }
