@@ -3,9 +3,8 @@
 //   bench RESULTS.json ROUNDS DISK_DIRECTORY [--benchmark_...]
 //
 // A benchmark is one operation at one size. Library and floor take turns in it, so that whatever
-// disturbs the machine disturbs both; the ratio is the median of those of the single rounds, since
-// a machine that falls from one speed to another leaves the medians of the two sides at different
-// ones.
+// disturbs the machine disturbs both. The ratio is the median of the single rounds' ratios, because
+// a machine that changes its speed during a run gives the two sides medians of different speeds.
 #include <benchmark/benchmark.h>
 #include <json/json.h>
 #include <kelotls/data_store_provider.h>

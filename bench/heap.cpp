@@ -1,5 +1,5 @@
-// Stands before the C library's allocator, in every library of the program, while a call is
-// counted.
+// Interposes the C library's allocator, for every library of the program, and counts while a call
+// is measured.
 #include "heap.h"
 
 #include <malloc.h>

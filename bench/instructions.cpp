@@ -13,7 +13,7 @@ constexpr int kMostServices = 1000;
 void count(const std::string& name, const std::function<void()>& before,
            const std::function<void()>& call) {
   before();
-  malloc_trim(0);  // neither side tidies up what the other has left to the allocator
+  malloc_trim(0);  // neither side pays for what the other has freed
   CALLGRIND_TOGGLE_COLLECT;
   call();
   CALLGRIND_TOGGLE_COLLECT;

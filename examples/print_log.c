@@ -1,6 +1,6 @@
 /*
- * Stands in for the system log where there is none, as in a private namespace: prints what programs
- * send to /dev/log, without priority and time, one line each, until it is ended.
+ * A system log for a private namespace, which has none: prints what programs send to /dev/log,
+ * without priority and time, one line each, until it is ended.
  */
 #include <err.h>
 #include <stdio.h>

@@ -76,8 +76,8 @@ static int64_t now(void) {
 
 /*
  * Waits until the socket is ready; false when the time is up or the service ends. Signals are
- * served meanwhile, and before the socket: a connection made after a signal meets what it asked
- * for.
+ * served meanwhile, and before the socket, so that a connection made after SIGHUP gets the new
+ * level.
  */
 static bool wait_until_ready(struct service* service, int socket, short events, int64_t deadline) {
   while (!service->stopping) {

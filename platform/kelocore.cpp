@@ -47,12 +47,12 @@ char** slots(KLIBCSzList* list) { return reinterpret_cast<char**>(list + 1); }
 std::size_t size_in_slots(const KLIBCSzList& list) { return static_cast<std::size_t>(list.count); }
 
 KLIBCSzList* resize_block(KLIBCSzList* list, std::int32_t capacity) {
-  const auto wanted = static_cast<std::size_t>(capacity);
-  if (wanted > (std::numeric_limits<std::size_t>::max() - sizeof(KLIBCSzList)) / sizeof(char*)) {
+  const auto requested = static_cast<std::size_t>(capacity);
+  if (requested > (std::numeric_limits<std::size_t>::max() - sizeof(KLIBCSzList)) / sizeof(char*)) {
     return nullptr;
   }
-  auto* block =
-      static_cast<KLIBCSzList*>(std::realloc(list, sizeof(KLIBCSzList) + wanted * sizeof(char*)));
+  auto* block = static_cast<KLIBCSzList*>(
+      std::realloc(list, sizeof(KLIBCSzList) + requested * sizeof(char*)));
   if (block != nullptr) {
     block->capacity = capacity;
   }
@@ -241,8 +241,8 @@ class SpawnSetup {
     }
   }
 
-  // "." and ".." come as 0, which is kept anyway; what closes itself, the listing's own descriptor
-  // too, is left alone.
+  // "." and ".." are read as the number 0, which is kept anyway. A descriptor that is closed on
+  // exec, such as the listing's own, is left alone.
   int close_descriptor(int descriptor) {
     if (descriptor <= STDERR_FILENO) {
       return 0;

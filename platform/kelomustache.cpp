@@ -85,7 +85,7 @@ Loaded load_text(const std::string& path, std::string& text) {
     return Loaded::kRefused;
   }
   struct stat status {};
-  // Looked at before it is opened: opening alone is enough to set some devices off.
+  // The type is checked before the file is opened, because opening a device may have effects.
   if (::stat(path.c_str(), &status) != 0) {
     return errno == ENOENT || errno == ENOTDIR ? Loaded::kMissing : Loaded::kRefused;
   }
@@ -529,7 +529,8 @@ class Renderer {
     if (node.at_line) {
       indent.append(outer).append(node.indent);
     }
-    // The first line already would not fit; stops recursion from piling up indentation first.
+    // Not even the first line would fit. Refusing it here keeps a recursion from piling up
+    // indentation.
     if (indent.size() > kMaxOutputBytes) {
       return false;
     }

@@ -53,7 +53,7 @@ class Policy : public Contestant {
     test::remove_all(kDirectory);
     test::make_directories(kDirectory);
     for (const Service& service : services) {
-      // What level modern asks for cannot be said: there is no TLS 1.3.
+      // There is no TLS 1.3, so a policy cannot express level modern.
       test::write_file(file_of(service.name),
                        (service.level == 3 ? kOld : kIntermediate) + std::string(kCommon));
     }
@@ -63,7 +63,7 @@ class Policy : public Contestant {
     std::ifstream file(file_of(service));
     require(bool(file), file_of(service));
     auto settings = std::make_shared<Settings>(file);
-    // Found anew from the text at each call, so it is asked for once here as a server will.
+    // The policy reads its text anew at each request, so there is one request here as in a server.
     settings->suites =
         settings->policy.ciphersuite_list(Botan::TLS::Protocol_Version::TLS_V12, true);
     return settings;

@@ -1,4 +1,4 @@
-// What takes part in the comparison of ways to turn a service's name into TLS server settings.
+// The contestants in the comparison of ways to turn a service's name into TLS server settings.
 #ifndef KELOTLS_BENCH_PEERS_CONTESTANT_H
 #define KELOTLS_BENCH_PEERS_CONTESTANT_H
 

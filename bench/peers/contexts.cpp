@@ -2,7 +2,7 @@
 //
 //   peer_contexts ROUNDS SERVICES...
 //
-// Prints one JSON row for each contestant and number of services. Runs on an appliance tree.
+// Prints one JSON row for each contestant and number of services. Runs in a private tree.
 #include <time.h>
 
 #include <algorithm>
@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kWarmUpRounds = 3;
 
-/// All levels occur; the one in the middle, which is asked for, is intermediate.
+/// All levels occur; the service in the middle, which is requested, is at level intermediate.
 Services make_services(std::size_t count) {
   Services services;
   for (std::size_t index = 0; index < count; ++index) {

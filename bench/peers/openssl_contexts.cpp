@@ -21,7 +21,7 @@ constexpr char kStart[] = "services_conf";
 
 Made own(SSL_CTX* context) { return Made(context, SSL_CTX_free); }
 
-/// What a client is served with that offers this suite and these groups alone.
+/// What a client gets that offers this suite and these groups alone.
 std::string serves(SSL_CTX* context, int version, const std::string& suite,
                    const std::string& groups) {
   const test::Connection connection = test::shake_hands(context, "rsa", {version, suite, groups});
@@ -29,7 +29,8 @@ std::string serves(SSL_CTX* context, int version, const std::string& suite,
          connection.key_exchange + ", ticket of " + std::to_string(connection.ticket_bytes);
 }
 
-/// Read, not tried: OpenSSL's security level may refuse it whatever the context says.
+/// Reads the context's options. A handshake would not tell, because OpenSSL's security level may
+/// refuse TLS 1.1 whatever the context allows.
 bool allows_tls11(SSL_CTX* context) {
   return (SSL_CTX_get_options(context) & SSL_OP_NO_TLSv1_1) == 0 &&
          SSL_CTX_get_min_proto_version(context) < TLS1_2_VERSION;

@@ -25,14 +25,14 @@ namespace KELO {
 // an absent name, false, null and an empty array, and for nothing else: 0, "" and {} are values
 // like others.
 //
-// Returns true when the whole text stands in the output file. Returns false, with the output file
+// Returns true when the whole text is in the output file. Returns false, with the output file
 // not touched, when
 // - the template is missing, unreadable, no regular file or larger than 1 MiB (a FIFO is never
 //   waited for);
 // - a tag is empty, not closed, or begins with "{{{" and does not end with "}}}"; a name holds
 //   white space, a delimiter or an empty part ("a..b"); a set delimiter tag does not give two
 //   delimiters free of "=" and white space; a section is not closed, closed under another name or
-//   closed without having been opened. It does not matter whether the fault stands in a part that
+//   closed without having been opened. It does not matter whether the fault is in a part that
 //   would be rendered;
 // - a partial that the rendering reaches has one of these faults (other than that it is missing);
 // - sections and partials nest deeper than 64, recursion included;
