@@ -12,7 +12,7 @@
 namespace kelotls {
 
 /// Holds no state and takes no lock: make one whenever you need one. Contexts may be acquired and
-/// released from any thread at any time; whoever changes the framework serialises its own calls.
+/// released from any thread at any time; callers that change the framework serialise their calls.
 ///
 /// Per-service files are named by plain concatenation, directory + name + ".conf"; names are not
 /// checked. Every failure is a line in the system log. All operations pass through std::bad_alloc
@@ -63,8 +63,9 @@ class __attribute__((visibility("default"))) APIProvider {
 
   // Reloaders
 
-  /// Links the reloader path, as it stands, into the links' directory; whatever file or link stood
-  /// there is replaced. 0, and the link's path is appended to installed; or -1 once logged.
+  /// Links the reloader path, unchanged, into the links' directory; a file or link that exists at
+  /// the link's path is replaced. 0, and the link's path is appended to installed; or -1 once
+  /// logged.
   int install_service_reloader(const std::string& name, const std::string& reloader_path,
                                std::vector<std::string>& installed) const;
 

@@ -37,8 +37,8 @@ class __attribute__((visibility("default"))) ServiceDesc {
   std::string get_reloader_path() const;
   bool has_reloader() const;
 
-  /// The mustache template of the service's configuration; empty when there is none. The name is
-  /// spelled as it always was.
+  /// The mustache template of the service's configuration; empty when there is none. The spelling
+  /// of the name is part of the contract.
   std::string get_mustahce_path() const;
   bool has_mustache() const;
 
