@@ -25,7 +25,7 @@ void check_fault(const JsonReader& reader, const std::string& text) {
               end > 0 && fault.size() > static_cast<std::size_t>(end),
           "a fault says where it is and what it is");
   require(line >= 1 && column >= 1 && line + column <= text.size() + 2,
-          "a fault is in the text, or right behind it");
+          "a fault is in the text, or right after it");
 }
 
 /// Reads a text with a reader that has read others before.

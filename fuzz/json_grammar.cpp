@@ -18,10 +18,10 @@ namespace {
 constexpr int kMaxDepth = 256;
 constexpr std::string_view kDigits = "0123456789";
 
-/// Eats a text from the front. Each function is true when it found what it is named after.
-class Eater {
+/// Consumes a text from the front. Each function is true when it found what it is named after.
+class Scanner {
  public:
-  explicit Eater(std::string_view text) : rest_(text) {}
+  explicit Scanner(std::string_view text) : rest_(text) {}
 
   bool document(Json::Value& found) { return value(found, 0) && rest_.empty(); }
   bool is_odd() const { return is_odd_; }
@@ -234,7 +234,7 @@ class Eater {
 
 Document read_document(std::string_view text) {
   Document document;
-  Eater eater(text);
+  Scanner eater(text);
   if (eater.document(document.value)) {
     document.reading = eater.is_odd() ? Reading::kEither : Reading::kYes;
   }

@@ -70,7 +70,7 @@ class LiveBlocks {
       return false;
     }
     --count_;
-    // A block that was stored behind the gap only because its own slot was taken moves into the
+    // A block that was stored after the gap only because its own slot was taken moves into the
     // gap.
     for (std::size_t next = after(gap); slots_[next] != nullptr; next = after(next)) {
       if (((next - home(slots_[next])) & (kSlots - 1)) >= ((next - gap) & (kSlots - 1))) {

@@ -72,7 +72,8 @@ Lines accepted(int level, int version, const Lines& suites) {
   return names;
 }
 
-/// The same for a server that is willing: what it accepts and the level refuses, the level refuses.
+/// The same for a server that accepts all of them: a suite that only the level refuses is refused
+/// because of the level.
 Lines accepted_by_the_willing(int version, const Lines& suites) {
   Lines names;
   for (const std::string& suite : suites) {
@@ -88,7 +89,7 @@ std::string key_exchange(int level, const Client& client) {
 
 // Versions
 
-/// Every version with every level and kind of certificate, as far as OpenSSL itself goes along.
+/// Every version with every level and kind of certificate, as far as OpenSSL itself allows it.
 void expect_versions_of_levels() {
   Lines got;
   Lines want;
@@ -260,7 +261,7 @@ TEST_F(LiftedHandshake, ServesDheWithTheParametersOfTheLevel) {
   EXPECT_EQ(log(), Lines());
 }
 
-TEST_F(Handshake, ServesOldDheAsFarAsTheSecurityLevelGoesAlong) {
+TEST_F(Handshake, ServesOldDheAsFarAsTheSecurityLevelAllows) {
   EXPECT_EQ(key_exchange(2, kDheClient), "DH 2048");
   EXPECT_EQ(key_exchange(3, kDheClient), security_level() >= 2 ? "refused" : "DH 1024");
   EXPECT_EQ(key_exchange(3, kEcdheClient), "prime256v1");

@@ -150,7 +150,7 @@ TEST_F(CompensateLeaving, OnlyLogsADescriptorThatStaysAndGoesOn) {
   EXPECT_EQ(read_json(kDataStore)["services"].getMemberNames(), Lines{"other"});
 }
 
-TEST_F(CompensateLeaving, LeavesInPeaceWhenNothingStays) {
+TEST_F(CompensateLeaving, CompensatesForNothingWhenNothingStays) {
   EXPECT_EQ(leave(), 0);
 
   EXPECT_EQ(removals_by_the_test, 6);

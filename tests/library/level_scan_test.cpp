@@ -162,7 +162,7 @@ TEST_F(LevelScan, LeavesAServiceWithoutAnEntryToTheParser) {
 }
 
 TEST_F(LevelScan, FindsNothingInATextThatIsCutShort) {
-  // The byte behind the end would complete the document, but is not part of the text.
+  // The byte after the end would complete the document, but is not part of the text.
   const std::string_view document = std::string_view(kText).substr(0, kText.size() - 1);
   for (std::size_t length = 0; length < document.size(); ++length) {
     EXPECT_EQ(scan_service_level(document.substr(0, length), "web"), std::nullopt) << length;

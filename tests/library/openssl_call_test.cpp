@@ -208,12 +208,12 @@ std::string read_call(const std::string& file) {
   return "PEM_read_DHparams " + std::string(kSslDir) + file + " null null null";
 }
 
-/// Installing what was read. When the queue is emptied once more afterwards is the library's own
-/// affair.
+/// The calls that install the parameters that were read. The library may empty the error queue
+/// again among them, so that comparisons leave that call out.
 const Lines kDhCalls = {"SSL_CTX_ctrl context 3 0 parameters", options_call(SSL_OP_SINGLE_DH_USE),
                         "DH_free parameters"};
 
-/// What the logger does, behind which nothing more follows than the end of the context.
+/// What logging a refusal does. After it the library only frees the context.
 const Lines kLogCalls = {kClear, "BIO_new BIO_s_mem", "ERR_print_errors bio", "BIO_free bio"};
 
 Lines joined(std::initializer_list<Lines> parts) {

@@ -1,5 +1,5 @@
 // Failures that the library provides for although as built they cannot happen: a merge that fails,
-// an entry that is null behind a validation that refuses it. Linked to a build of the library whose
+// an entry that is null after a validation that refuses it. Linked to a build of the library whose
 // functions this program interposes.
 #include <kelotls/api_provider.h>
 
