@@ -89,7 +89,7 @@ bool append_copy(ListPtr& list, const char* text) {
   return true;
 }
 
-// Moves every string of "from" behind those of "to"; nothing is moved when there is no room.
+// Moves every string of "from" after those of "to"; nothing is moved when there is no room.
 bool append_all(KLIBCSzList*& to, KLIBCSzList& from) {
   if (!reserve(to, from.count)) {
     return false;

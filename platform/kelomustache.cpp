@@ -145,7 +145,7 @@ struct Node {
   bool at_line;
   std::string_view text;    // the text, or the name in the tag
   std::string_view indent;  // of a partial: the white space before a tag alone on its line
-  std::size_t end;          // of a section: the index behind its last node
+  std::size_t end;          // of a section: the index after its last node
 };
 
 // The nodes point into the text: a template stays where it was loaded.
@@ -390,8 +390,8 @@ Loaded load_template(const std::string& path, Template& target) {
 
 // ---- Values ----
 
-// jsoncpp throws when a value is asked for what it is not: every access below is behind a test of
-// the type.
+// jsoncpp throws when a value is read as a type that it is not, so every access below comes after a
+// test of the type.
 const Json::Value* find_member(const Json::Value& value, std::string_view name) {
   return value.isObject() ? value.find(name.data(), name.data() + name.size()) : nullptr;
 }

@@ -18,7 +18,7 @@ extern "C" {
 #define KLIBC_ENUM_FILES_AND_LINKS 0x80
 
 /*
- * The head of a list of strings. Callers read the count from here; everything behind these two
+ * The head of a list of strings. Callers read the count from here; everything after these two
  * fields is private, so a list is only ever made by KLIBCSzListAlloc.
  */
 typedef struct KLIBCSzList {
