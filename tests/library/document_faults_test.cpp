@@ -3,10 +3,10 @@
 #include <ostream>
 
 #include "framework.h"
+#include "framework_config.h"
 #include "member_rules.h"
 #include "regeneration.h"
 #include "registration.h"
-#include "framework_config.h"
 
 namespace kelotls {
 

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "framework.h"
+#include "framework_config.h"
 #include "regeneration.h"
 #include "registration.h"
-#include "framework_config.h"
 
 namespace kelotls::test {
 namespace {
