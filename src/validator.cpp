@@ -35,7 +35,7 @@ bool validate_entry(const Json::Value& entry) {
 }  // namespace
 
 bool validate_data_store(const Json::Value& root) {
-  // The type of "default-level" is not looked at; whoever reads it meets jsoncpp's exception.
+  // The type of "default-level" is not looked at; its readers meet jsoncpp's exception.
   if (!root.isObject() || !root.isMember("default-level")) {
     log::no_default_level();
     return false;
