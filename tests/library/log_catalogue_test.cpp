@@ -90,7 +90,7 @@ Lines declared_functions() {
   Lines names;
   for (const std::string& line : lines_of(test_data("../src/log_messages.h"))) {
     std::smatch match;
-    if (std::regex_search(line, match, std::regex("^inline void (\\w+)\\("))) {
+    if (std::regex_search(line, match, std::regex("^(?:LINE\\w*\\(|inline void )(\\w+)"))) {
       names.push_back(match[1]);
     }
   }

@@ -256,8 +256,8 @@ def changed_strings(word):
 def log_neighbours(header):
     """Each message's function → the next one that takes the same arguments."""
     groups = {}
-    for name, arguments in re.findall(r"^void (\w+)\((.*)\);", header, re.MULTILINE):
-        groups.setdefault(re.sub(r"\w+(,|$)", r"\1", arguments), []).append(name)
+    for kind, name in re.findall(r"^(LINE\w*)\((\w+),", header, re.MULTILINE):
+        groups.setdefault(kind != "LINE", []).append(name)
     return {name: names[(place + 1) % len(names)]
             for names in groups.values() for place, name in enumerate(names)}
 
