@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <optional>
 #include <utility>
 
 namespace kelotls {
@@ -68,7 +69,11 @@ class Temporary {
 
   Descriptor& file() { return file_; }
 
-  bool rename_to(const std::string& target) {
+  /// Gives the file its name at last. A second name, unlike a rename, never replaces what exists.
+  bool take_name(const std::string& target, bool may_replace) {
+    if (!may_replace) {
+      return ::linkat(directory_, name_.c_str(), directory_, target.c_str(), 0) == 0;
+    }
     if (::renameat(directory_, name_.c_str(), directory_, target.c_str()) != 0) {
       return false;
     }
@@ -76,23 +81,19 @@ class Temporary {
     return true;
   }
 
-  /// Unlike a rename, a second name never replaces what exists.
-  bool link_to(const std::string& target) const {
-    return ::linkat(directory_, name_.c_str(), directory_, target.c_str(), 0) == 0;
-  }
-
  private:
   int create(const std::string& target, mode_t mode) {
     for (int attempt = 0;; ++attempt) {
       char ending[32];
       static_cast<void>(std::snprintf(ending, sizeof ending, ".%d-%d", ::getpid(), attempt));
-      std::string name = target + ending;
+      name_ = target + ending;
       const int number =
-          ::openat(directory_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+          ::openat(directory_, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
       if (number >= 0) {
-        name_ = std::move(name);  // a copy might fail, and nobody would remove the file
+        return number;
       }
-      if (number >= 0 || errno != EEXIST) {
+      if (errno != EEXIST) {
+        name_.clear();  // nothing to be removed
         return number;
       }
     }
@@ -114,10 +115,23 @@ bool copy_owner_and_mode(int descriptor, const struct stat& from) {
          ::fchmod(descriptor, from.st_mode & 07777) == 0;
 }
 
-/// Writes a whole new file beside the path, prepared as prepare says, and has place put it there.
-template <typename Prepare, typename Place>
-bool write_beside(const std::string& path, const std::string& text, mode_t mode, Prepare prepare,
-                  Place place) {
+/// What a new file is to be like: as one that it replaces, of exactly a mode, or 0666 less the
+/// umask.
+struct Attributes {
+  const struct stat* former = nullptr;
+  std::optional<mode_t> mode;
+
+  mode_t mode_of_creation() const { return former != nullptr || mode ? 0600 : 0666; }
+
+  bool give_to(int file) const {
+    return former != nullptr ? copy_owner_and_mode(file, *former)
+                             : !mode || ::fchmod(file, *mode) == 0;
+  }
+};
+
+/// Writes a whole new file beside the path, and only then gives it its name.
+bool write_beside(const std::string& path, const std::string& text, const Attributes& attributes,
+                  bool may_replace = true) {
   const std::string directory_path = directory_of(path);
   const std::string name = path.substr(directory_path.size());
   const Descriptor directory(::open(directory_path.empty() ? "." : directory_path.c_str(),
@@ -125,34 +139,21 @@ bool write_beside(const std::string& path, const std::string& text, mode_t mode,
   if (!directory.is_open()) {
     return false;
   }
-  Temporary temporary(directory.get(), name, mode);
+  Temporary temporary(directory.get(), name, attributes.mode_of_creation());
   Descriptor& file = temporary.file();
-  return file.is_open() && write_all(file.get(), text) && prepare(file.get()) &&
-         sync_to_disk(file.get()) && file.close() && place(temporary, name) &&
+  return file.is_open() && write_all(file.get(), text) && attributes.give_to(file.get()) &&
+         sync_to_disk(file.get()) && file.close() && temporary.take_name(name, may_replace) &&
          sync_to_disk(directory.get());
-}
-
-bool rename_into_place(Temporary& temporary, const std::string& name) {
-  return temporary.rename_to(name);
-}
-
-bool replace_regular_file(const std::string& path, const std::string& text,
-                          const struct stat& old_status) {
-  return write_beside(
-      path, text, 0600, [&](int file) { return copy_owner_and_mode(file, old_status); },
-      rename_into_place);
 }
 
 /// Makes one directory. True where it exists afterwards.
 bool make_directory(const std::string& path, mode_t mode, std::vector<std::string>& made) {
-  if (::mkdir(path.c_str(), mode) != 0) {
-    const int error = errno;
-    const bool exists = exists_at(path);
-    errno = error;
-    return exists;
+  if (::mkdir(path.c_str(), mode) == 0) {
+    made.push_back(path);
+    return ::chmod(path.c_str(), mode) == 0;  // whatever the umask
   }
-  made.push_back(path);
-  return ::chmod(path.c_str(), mode) == 0;  // whatever the umask
+  const int error = errno;
+  return exists_at(path) || fail(error);
 }
 
 }  // namespace
@@ -246,43 +247,36 @@ bool write_in_place(const std::string& path, const std::string& text) {
 }
 
 bool replace_file(std::string path, const std::string& text) {
-  struct stat old_status = {};
-  if (!follow_links(path, old_status)) {
+  struct stat former = {};
+  if (!follow_links(path, former)) {
     return false;
   }
-  if (old_status.st_mode == 0) {
-    return write_beside(
-        path, text, 0666, [](int) { return true; }, rename_into_place);
+  if (former.st_mode == 0) {
+    return write_beside(path, text, {});
   }
-  return S_ISREG(old_status.st_mode) ? replace_regular_file(path, text, old_status)
-                                     : write_in_place(path, text);
+  return S_ISREG(former.st_mode) ? write_beside(path, text, {&former, {}})
+                                 : write_in_place(path, text);
 }
 
 bool replace_entry(const std::string& path, const std::string& text, mode_t mode) {
-  struct stat old_status = {};
-  if (::lstat(path.c_str(), &old_status) == 0 && S_ISREG(old_status.st_mode)) {
-    return replace_regular_file(path, text, old_status);
-  }
-  return write_beside(
-      path, text, 0600, [mode](int file) { return ::fchmod(file, mode) == 0; }, rename_into_place);
+  struct stat former = {};
+  const bool is_regular = ::lstat(path.c_str(), &former) == 0 && S_ISREG(former.st_mode);
+  return write_beside(path, text, {is_regular ? &former : nullptr, mode});
 }
 
 bool create_file(const std::string& path, const std::string& text, mode_t mode) {
-  return write_beside(
-      path, text, 0600, [mode](int file) { return ::fchmod(file, mode) == 0; },
-      [](const Temporary& temporary, const std::string& name) { return temporary.link_to(name); });
+  return write_beside(path, text, {nullptr, mode}, false);
 }
 
 bool make_directories(const std::string& path, mode_t mode, std::vector<std::string>& made) {
-  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    if (!make_directory(path.substr(0, slash), mode, made)) {
+  std::size_t end = 0;
+  do {
+    end = path.find('/', end + 1);
+    if (!make_directory(path.substr(0, end), mode, made)) {
       return false;
     }
-  }
-  struct stat status = {};
-  // With the slash, what is no directory gives ENOTDIR.
-  return make_directory(path, mode, made) && ::stat((path + "/").c_str(), &status) == 0;
+  } while (end != std::string::npos);
+  return exists_at(path + "/");  // with the slash, what is no directory gives ENOTDIR
 }
 
 bool list_directory(const std::string& path, std::vector<std::string>& names) {

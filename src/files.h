@@ -39,7 +39,6 @@ bool fail(int error) noexcept;
 
 /// Whether there is anything at the path; a dangling link counts.
 bool exists_at(const std::string& path);
-
 bool has_nul(const std::string& text);
 
 /// Appends what the descriptor gives up to its end. EFBIG beyond kMaxFileBytes. A file that ends

@@ -25,16 +25,19 @@ class Grammar {
   Grammar(const char* begin, const char* end) : begin_(begin), at_(begin), end_(end) {}
 
   bool accepts() {
+    if (!value(0)) {
+      return false;
+    }
     skip_blanks();
-    return value(0) && (at_ == end_ || refuse("nothing may follow the document"));
+    return at_ == end_ || refuse("nothing may follow the document");
   }
 
   std::size_t place() const { return static_cast<std::size_t>(at_ - begin_); }
   const char* reason() const { return reason_; }
 
  private:
-  /// Each of these begins at its first character and skips the blanks behind its last one.
   bool value(int depth) {
+    skip_blanks();
     switch (*at_) {
       case '{':
         return list(depth, '}', &Grammar::member);
@@ -58,7 +61,6 @@ class Grammar {
       return refuse("nested deeper than 256");
     }
     ++at_;
-    skip_blanks();
     if (take(closing)) {
       return true;
     }
@@ -71,6 +73,7 @@ class Grammar {
   }
 
   bool member(int depth) {
+    skip_blanks();
     return (*at_ == '"' ? string() : refuse("a key in quotes is missing")) &&
            (take(':') || refuse("a colon is missing")) && value(depth);
   }
@@ -85,7 +88,6 @@ class Grammar {
       }
     }
     ++at_;
-    skip_blanks();
     return true;
   }
 
@@ -99,54 +101,47 @@ class Grammar {
   }
 
   bool number() {
-    at_ += *at_ == '-' ? 1 : 0;
-    if (*at_ == '0') {
-      ++at_;
-    } else if (!digits()) {
+    skip('-');
+    if (!skip('0') && !digits()) {
       return refuse("a value is missing");
     }
-    if (*at_ == '.') {
-      ++at_;
-      if (!digits()) {
-        return refuse("a digit is missing");
-      }
+    if (skip('.') && !digits()) {
+      return refuse("a digit is missing");
     }
-    if (*at_ == 'e' || *at_ == 'E') {
-      ++at_;
-      at_ += *at_ == '+' || *at_ == '-' ? 1 : 0;
-      if (!digits()) {
-        return refuse("a digit is missing");
-      }
+    if (!skip('e') && !skip('E')) {
+      return true;
     }
-    skip_blanks();
-    return true;
+    static_cast<void>(skip('+') || skip('-'));
+    return digits() || refuse("a digit is missing");
   }
 
   bool digits() {
     const char* const first = at_;
-    while (is_digit(*at_)) {
+    while (*at_ >= '0' && *at_ <= '9') {
       ++at_;
     }
     return at_ != first;
   }
 
   bool word(const char* rest) {
-    for (; *rest != '\0'; ++rest, ++at_) {
-      if (*at_ != *rest) {
+    for (; *rest != '\0'; ++rest) {
+      if (!skip(*rest)) {
         return refuse("a value is missing");
       }
     }
-    skip_blanks();
     return true;
   }
 
   bool take(char expected) {
-    if (*at_ != expected) {
-      return false;
-    }
-    ++at_;
     skip_blanks();
-    return true;
+    return skip(expected);
+  }
+
+  /// Takes the next character where it is the expected one.
+  bool skip(char expected) {
+    const bool is_expected = *at_ == expected;
+    at_ += is_expected ? 1 : 0;
+    return is_expected;
   }
 
   void skip_blanks() {
@@ -160,10 +155,9 @@ class Grammar {
     return false;
   }
 
-  static bool is_digit(char c) { return c >= '0' && c <= '9'; }
   static bool is_hex(char c) {
     const char lower = static_cast<char>(c | 0x20);
-    return is_digit(c) || (lower >= 'a' && lower <= 'f');
+    return (c >= '0' && c <= '9') || (lower >= 'a' && lower <= 'f');
   }
 
   const char* const begin_;

@@ -20,21 +20,18 @@ struct RenderResult {
   std::string template_path;  ///< once it is known
 };
 
-/// The texts before and after, for callers that compare.
 struct RenderedTexts {
   bool had_former = false;
   std::string former;
   std::string now;
 };
 
-/// Renders one service's template, if it names one, for its level in the data store, by way of a
-/// temporary file beside the rendered one. A failed step is logged too; it leaves the rendered file
-/// as it was, and may leave the temporary.
-RenderResult render_service(const Json::Value& root, const std::string& name, JsonReader& reader);
-
 enum class Rendering { kInForce, kPreview };
 
-/// The same with both texts and kUnchanged where they are equal; kPreview touches no file.
+/// Renders one service's template, if it names one, for its level in the data store, and gives the
+/// texts before and after: kUnchanged where they are equal. In force, a temporary file beside the
+/// rendered one becomes that one; a failed step is logged too, leaves the rendered file as it was,
+/// and may leave the temporary. A preview touches no file and logs no step.
 RenderResult render_and_compare(const Json::Value& root, const std::string& name,
                                 JsonReader& reader, Rendering rendering, RenderedTexts& texts);
 
