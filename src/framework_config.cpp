@@ -23,14 +23,19 @@ std::optional<int> scan_data_store(const std::string& name) {
 }  // namespace
 
 Json::Value load_data_store() {
+  return load_data_store(kDataStorePath, log::data_store_not_loaded, log::data_store_invalid);
+}
+
+Json::Value load_data_store(const std::string& path, void (*log_not_loaded)(const std::string&),
+                            void (*log_invalid)(const std::string&)) {
   Json::Value root;
   errno = 0;
-  if (!root.fromFile(kDataStorePath)) {
-    log::data_store_not_loaded(kDataStorePath);
+  if (!root.fromFile(path)) {
+    log_not_loaded(kDataStorePath);
     return Json::Value();
   }
   if (!validate_data_store(root)) {
-    log::data_store_invalid(kDataStorePath);
+    log_invalid(kDataStorePath);
     return Json::Value();
   }
   return root;

@@ -32,6 +32,10 @@ int load_service_level(const std::string& name);
 /// The validated data store, or null once the reason is logged.
 Json::Value load_data_store();
 
+/// The same of a file. Both lines name the live data store, whichever file it is.
+Json::Value load_data_store(const std::string& path, void (*log_not_loaded)(const std::string&),
+                            void (*log_invalid)(const std::string&));
+
 /// Replaces the data store file with the value as it is, null included. 0, or -1 once logged.
 int save_data_store(const Json::Value& root);
 

@@ -89,34 +89,31 @@ std::string take_reasons(FileOwner& file) {
   return text;
 }
 
-DhResult install_dh_parameters(SSL_CTX* context, const char* dh_file) {
-  DhResult result;
+void install_dh_parameters(const char* dh_file, ContextResult& result) {
   std::string path = std::string(kDhParamDir) + dh_file;
   errno = 0;
   FileOwner file(std::fopen(path.c_str(), "r"));
   if (file == nullptr) {
-    result.error = errno;
-    result.step = DhResult::Step::kOpen;
-    result.path = std::move(path);
-    return result;
+    result.dh_error = errno;
+    result.dh_file = ContextResult::DhFile::kNotOpened;
+    result.dh_text = std::move(path);
+    return;
   }
 
   ERR_clear_error();
   const DhOwner parameters(PEM_read_DHparams(file.get(), nullptr, nullptr, nullptr));
   if (parameters == nullptr) {
-    result.step = DhResult::Step::kRead;
-    result.reasons = take_reasons(file);
-    return result;
+    result.dh_file = ContextResult::DhFile::kUnreadable;
+    result.dh_text = take_reasons(file);
+    return;
   }
   file.reset();
 
-  SSL_CTX_set_tmp_dh(context, parameters.get());
-  SSL_CTX_set_options(context,
-                      SSL_OP_SINGLE_DH_USE);  // 0 today; kept for an OpenSSL where it is not
+  SSL_CTX_set_tmp_dh(result.context.get(), parameters.get());
+  // 0 today; kept for an OpenSSL where it is not
+  SSL_CTX_set_options(result.context.get(), SSL_OP_SINGLE_DH_USE);
   // A security level that refuses the parameters must not spoil the caller's next SSL_get_error.
   ERR_clear_error();
-  result.step = DhResult::Step::kInstalled;
-  return result;
 }
 
 }  // namespace
@@ -138,7 +135,7 @@ ContextResult make_context(const Profile& profile) {
   result.refused = result.context != nullptr ? configure_context(result.context.get(), profile)
                                              : "New ssl ctx failed.";
   if (result.refused == nullptr && profile.dh_file != nullptr) {
-    result.dh = install_dh_parameters(result.context.get(), profile.dh_file);
+    install_dh_parameters(profile.dh_file, result);
   }
   return result;
 }

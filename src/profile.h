@@ -36,19 +36,14 @@ struct Profile {
 /// The profile of a level of 0 or above; a value that names no level is served as intermediate.
 const Profile& profile_of_level(int level);
 
-/// The outcome of installing temporary DH parameters. Without them a context offers no DHE suite.
-struct DhResult {
-  enum class Step { kNone, kInstalled, kOpen, kRead };
-  Step step = Step::kNone;  // kOpen, kRead: what failed
-  int error = 0;            // of kOpen
-  std::string path;         // of kOpen
-  std::string reasons;      // of kRead, OpenSSL's
-};
-
 struct ContextResult {
-  ContextOwner context;           // half made where something was refused
-  const char* refused = nullptr;  // what OpenSSL refused, as it is logged
-  DhResult dh;
+  enum class DhFile { kUsed, kNotOpened, kUnreadable };
+
+  ContextOwner context;            // half made where something was refused
+  const char* refused = nullptr;   // what OpenSSL refused, as it is logged
+  DhFile dh_file = DhFile::kUsed;  // otherwise the context offers no DHE suite
+  int dh_error = 0;                // of kNotOpened
+  std::string dh_text;             // of kNotOpened: the path; of kUnreadable: OpenSSL's reasons
 };
 
 /// A new server context with all that the row asks for.

@@ -13,10 +13,6 @@ namespace {
 
 constexpr MemberRule kRegistration[] = {
     {"services", Json::arrayValue, true, false},
-    {},
-};
-constexpr MemberRule kCautiousRegistration[] = {
-    {"services", Json::arrayValue, true, false},
     {"system-service", Json::booleanValue, false, false},
     {},
 };
@@ -40,6 +36,12 @@ constexpr std::size_t kMaxNameWithTemplate = 243;
 
 const MemberRule* rules_for(Purpose purpose) {
   return purpose == Purpose::kJoin ? kJoiningService : kLeavingService;
+}
+
+/// Null where there is no array of services.
+const Json::Value* find_services(const Json::Value& registration) {
+  const Json::Value* const services = find_member(registration, "services");
+  return services != nullptr && services->isArray() ? services : nullptr;
 }
 
 /// The rules on names, of elements that have one.
@@ -67,25 +69,22 @@ void append_name_faults(const Json::Value& services, Faults& faults) {
 }  // namespace
 
 bool is_registration(const Json::Value& registration, Purpose purpose) {
-  if (broken_rule(registration, kRegistration) != nullptr) {
-    return false;
-  }
-  const Json::Value& services = *find_member(registration, "services");
-  return std::all_of(services.begin(), services.end(), [&](const Json::Value& service) {
-    return broken_rule(service, rules_for(purpose)) == nullptr;
-  });
+  const Json::Value* const services = find_services(registration);
+  return services != nullptr &&
+         std::all_of(services->begin(), services->end(), [&](const Json::Value& service) {
+           return broken_rule(service, rules_for(purpose)) == nullptr;
+         });
 }
 
 Faults registration_faults(const Json::Value& registration, Purpose purpose) {
   Faults faults;
-  const Json::Value* const services = find_member(registration, "services");
-  const bool has_services = services != nullptr && services->isArray();
-  for (Json::ArrayIndex index = 0; has_services && index < services->size(); ++index) {
+  const Json::Value* const services = find_services(registration);
+  for (Json::ArrayIndex index = 0; services != nullptr && index < services->size(); ++index) {
     append_faults((*services)[index], rules_for(purpose), path_of_element("$.services", index),
                   faults);
   }
-  append_faults(registration, kCautiousRegistration, "$", faults);
-  if (has_services) {
+  append_faults(registration, kRegistration, "$", faults);
+  if (services != nullptr) {
     append_name_faults(*services, faults);
   }
   return faults;

@@ -31,12 +31,12 @@ void log_openssl_error(const char* message) {
   log::openssl_failure(message, reasons != nullptr ? reasons : "(null)");
 }
 
-void log_failure(const DhResult& dh) {
-  if (dh.step == DhResult::Step::kOpen) {
-    errno = dh.error;
-    log::dh_file_not_opened(dh.path);
-  } else if (dh.step == DhResult::Step::kRead) {
-    log::dh_parameters_unreadable(dh.reasons);
+void log_dh_failure(const ContextResult& result) {
+  if (result.dh_file == ContextResult::DhFile::kNotOpened) {
+    errno = result.dh_error;
+    log::dh_file_not_opened(result.dh_text);
+  } else if (result.dh_file == ContextResult::DhFile::kUnreadable) {
+    log::dh_parameters_unreadable(result.dh_text);
   }
 }
 
@@ -52,7 +52,7 @@ SSL_CTX* APIProvider::acquire_server_context(const std::string& service) const {
     log_openssl_error(result.refused);
     return nullptr;
   }
-  log_failure(result.dh);
+  log_dh_failure(result);
   return result.context.release();
 }
 

@@ -4,25 +4,15 @@
 namespace kelotls {
 
 ServiceDesc::ServiceDesc() : system_service_(false) {}
-
 std::string ServiceDesc::get_service_name() const { return service_name_; }
-
 bool ServiceDesc::is_system_service() const { return system_service_; }
-
 void ServiceDesc::set_system_service() { system_service_ = true; }
-
 std::string ServiceDesc::get_display_name() const { return display_name_; }
-
 std::string ServiceDesc::get_i18n_display_name() const { return i18n_display_name_; }
-
 bool ServiceDesc::has_i18n_display_name() const { return !i18n_display_name_.empty(); }
-
 std::string ServiceDesc::get_reloader_path() const { return reloader_path_; }
-
 bool ServiceDesc::has_reloader() const { return !reloader_path_.empty(); }
-
 std::string ServiceDesc::get_mustahce_path() const { return mustache_path_; }
-
 bool ServiceDesc::has_mustache() const { return !mustache_path_.empty(); }
 
 Json::Value ServiceDesc::to_json() const {
