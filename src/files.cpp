@@ -212,11 +212,8 @@ bool read_file(const std::string& path, std::string& text) {
     return fail(EINVAL);
   }
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-  if (!file.is_open()) {
-    return false;
-  }
   struct stat status = {};
-  if (::fstat(file.get(), &status) != 0) {
+  if (!file.is_open() || ::fstat(file.get(), &status) != 0) {
     return false;
   }
   if (!S_ISREG(status.st_mode)) {

@@ -12,16 +12,6 @@
 
 namespace kelotls {
 
-namespace {
-
-/// The service's effective level where reading the data store's text is enough to tell.
-std::optional<int> scan_data_store(const std::string& name) {
-  std::string text;
-  return read_file(kDataStorePath, text) ? scan_service_level(text, name) : std::nullopt;
-}
-
-}  // namespace
-
 Json::Value load_data_store() {
   return load_data_store(kDataStorePath, log::data_store_not_loaded, log::data_store_invalid);
 }
@@ -42,7 +32,9 @@ Json::Value load_data_store(const std::string& path, void (*log_not_loaded)(cons
 }
 
 int load_service_level(const std::string& name) {
-  const std::optional<int> level = scan_data_store(name);
+  std::string text;
+  const std::optional<int> level =
+      read_file(kDataStorePath, text) ? scan_service_level(text, name) : std::nullopt;
   return level ? *level : lookup_service_level(load_data_store(), name);
 }
 

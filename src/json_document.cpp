@@ -225,17 +225,12 @@ bool JsonReader::parse(const std::string& text, Json::Value& document) {
 /// Of "[" and a text. jsoncpp reads it in brackets, as the one element of an array: it takes a
 /// scalar for a document only where it also takes text behind it.
 bool JsonReader::parse_bracketed(std::string& text, Json::Value& document) {
-  Grammar grammar(text.data() + 1, text.data() + text.size());
-  const bool is_accepted = grammar.accepts();
+  const bool is_accepted = Grammar(text.data() + 1, text.data() + text.size()).accepts();
   text += ']';
   Json::Value documents;
   if (!is_accepted ||
       !reader_->parse(text.data(), text.data() + text.size(), &documents, nullptr)) {
-    text.pop_back();
-    text.erase(0, 1);
     refused_ = std::move(text);
-    place_ = grammar.place();
-    reason_ = grammar.reason();
     return false;
   }
   document = std::move(documents[0]);
@@ -243,13 +238,16 @@ bool JsonReader::parse_bracketed(std::string& text, Json::Value& document) {
 }
 
 std::string JsonReader::fault() const {
-  if (reason_ == nullptr) {
-    return jsoncpp_fault(refused_, duplicates_);
+  const std::string text = refused_.substr(1, refused_.size() - 2);
+  Grammar grammar(text.data(), text.data() + text.size());
+  if (grammar.accepts()) {
+    return jsoncpp_fault(text, duplicates_);
   }
-  const std::string before = refused_.substr(0, place_);
+  const std::string before = text.substr(0, grammar.place());
   const auto line = 1 + std::count(before.begin(), before.end(), '\n');
-  const std::size_t column = place_ - before.rfind('\n');  // without a line end before: npos, -1
-  return "Line " + std::to_string(line) + ", Column " + std::to_string(column) + ": " + reason_;
+  const std::size_t column = before.size() - before.rfind('\n');  // no line end before: npos, -1
+  return "Line " + std::to_string(line) + ", Column " + std::to_string(column) + ": " +
+         grammar.reason();
 }
 
 std::string json_text(const Json::Value& value, Colons colons) {

@@ -14,8 +14,7 @@ namespace kelotls {
 enum class DuplicateKeys { kLastCounts, kRefused };
 
 /// Reads documents. The bytes of strings are taken as they are, valid UTF-8 or not; arrays and
-/// objects nest 256 deep at most. Making jsoncpp's reader costs half as much as reading a
-/// descriptor, so callers that read many files make one of these for all.
+/// objects nest 256 deep at most. One reader for many files saves time: making it is dear.
 class JsonReader {
  public:
   explicit JsonReader(DuplicateKeys duplicates = DuplicateKeys::kLastCounts);
@@ -35,9 +34,7 @@ class JsonReader {
 
   DuplicateKeys duplicates_;
   std::unique_ptr<Json::CharReader> reader_;
-  std::string refused_;           // what was refused, without brackets
-  std::size_t place_ = 0;         // of the fault
-  const char* reason_ = nullptr;  // null where only jsoncpp saw it
+  std::string refused_;  // in brackets
 };
 
 enum class Colons { kSpaced, kPlain };  ///< "key" : value, as toFile writes it; or "key": value

@@ -14,6 +14,16 @@ namespace kelotls {
 
 namespace {
 
+/// False once log_failure has said why the file stays.
+bool remove_file(const std::string& path, void (*log_failure)(const std::string&)) {
+  errno = 0;
+  if (unlink(path.c_str()) == 0) {
+    return true;
+  }
+  log_failure(path);
+  return false;
+}
+
 /// Installs the files of the services, in order. False once the step that failed is logged.
 bool install_files(const APIProvider& provider, const std::vector<ServiceDesc>& services,
                    std::vector<std::string>& installed) {
@@ -35,10 +45,7 @@ bool install_files(const APIProvider& provider, const std::vector<ServiceDesc>& 
 /// Removes what a failed join has created, in the order of its creation.
 void fallback_installed_files(const std::vector<std::string>& installed) {
   for (const std::string& path : installed) {
-    errno = 0;
-    if (unlink(path.c_str()) == -1) {
-      log::installed_file_not_removed(path);
-    }
+    remove_file(path, log::installed_file_not_removed);
   }
 }
 
@@ -88,11 +95,7 @@ int APIProvider::install_service_descriptor(const std::string& name, const Servi
 }
 
 int APIProvider::uninstall_service_descriptor(const std::string& name) const {
-  const std::string path = descriptor_path(name);
-  errno = 0;
-  if (unlink(path.c_str()) != 0) {
-    log::descriptor_not_removed(path);
-  }
+  remove_file(descriptor_path(name), log::descriptor_not_removed);
   return 0;
 }
 
@@ -114,12 +117,12 @@ int APIProvider::install_service_reloader(const std::string& name, const std::st
 }
 
 int APIProvider::uninstall_service_reloader(const std::string& name) const {
-  const std::string path = link_path(name);
-  errno = 0;
-  if (unlink(path.c_str()) != 0) {
-    log::reloader_link_not_removed(path);
-  }
+  remove_file(link_path(name), log::reloader_link_not_removed);
   return 0;
+}
+
+int APIProvider::cleanup_service_template(const std::string& name) const {
+  return remove_file(rendered_path(name), log::rendered_file_not_removed) ? 0 : -1;
 }
 
 int APIProvider::join_framework(const Json::Value& registration) const {
@@ -135,16 +138,14 @@ int APIProvider::join_framework(const Json::Value& registration) const {
   }
 
   std::vector<std::string> installed;
-  if (!install_files(*this, services, installed)) {
-    fallback_installed_files(installed);
-    return -1;
-  }
-  if (save_data_store(root) != 0) {
+  if (install_files(*this, services, installed)) {
+    if (save_data_store(root) == 0) {
+      return 0;
+    }
     log::joined_data_store_not_saved();
-    fallback_installed_files(installed);
-    return -1;
   }
-  return 0;
+  fallback_installed_files(installed);
+  return -1;
 }
 
 int APIProvider::leave_framework(const Json::Value& registration) const {

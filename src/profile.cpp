@@ -119,14 +119,7 @@ void install_dh_parameters(const char* dh_file, ContextResult& result) {
 }  // namespace
 
 const Profile& profile_of_level(int level) {
-  switch (level) {
-    case TLS_PROFILE_LEVEL_MODERN:
-      return kModern;
-    case TLS_PROFILE_LEVEL_OLD:
-      return kOld;
-    default:
-      return kIntermediate;
-  }
+  return level == kModern.level ? kModern : level == kOld.level ? kOld : kIntermediate;
 }
 
 ContextResult make_context(const Profile& profile) {

@@ -19,8 +19,7 @@ constexpr MemberRule kDescriptor[] = {
     {"service", Json::stringValue, true, false},
     {"display-name", Json::stringValue, true, true},
     {"display-name-i18n", Json::stringValue, false, true},
-    {"mustache-path", Json::stringValue, false,
-     false},  // rendering looks only at whether it is there
+    {"mustache-path", Json::stringValue, false, false},
     {"reloader-path", Json::stringValue, false, true},
     {},
 };
@@ -31,11 +30,11 @@ std::vector<ServiceDesc> read_descriptors(const KLIBCSzList* names) {
   JsonReader reader;
   for (int32_t index = 0; index < names->count; ++index) {
     const std::string name = KLIBCSzListGet(names, index);
-    DescriptorFile file = read_descriptor_file(reader, name);
-    if (file.is_readable) {
-      services.push_back(std::move(file.service));
+    int error = 0;
+    if (std::optional<ServiceDesc> service = read_service(reader, name, error)) {
+      services.push_back(std::move(*service));
     } else {
-      errno = file.error;
+      errno = error;
       log::descriptor_not_loaded(name);
     }
   }
@@ -55,16 +54,16 @@ Faults descriptor_faults(const Json::Value& descriptor) {
   return faults;
 }
 
-DescriptorFile read_descriptor_file(JsonReader& reader, const std::string& file_name) {
-  DescriptorFile file;
+std::optional<ServiceDesc> read_service(JsonReader& reader, const std::string& file_name,
+                                        int& error) {
   Json::Value descriptor;
-  file.is_readable = read_descriptor(reader, kServicesDir + file_name, descriptor);
-  if (file.is_readable) {
-    file.service.from_json(descriptor);
-  } else {
-    file.error = errno;
+  if (!read_descriptor(reader, kServicesDir + file_name, descriptor)) {
+    error = errno;
+    return std::nullopt;
   }
-  return file;
+  std::optional<ServiceDesc> service(std::in_place);
+  service->from_json(descriptor);
+  return service;
 }
 
 int APIProvider::regen_framework_config() const {

@@ -3,6 +3,7 @@
 
 #include <json/value.h>
 
+#include <optional>
 #include <string>
 
 #include "json_document.h"
@@ -17,13 +18,9 @@ bool read_descriptor(JsonReader& reader, const std::string& path, Json::Value& d
 /// What is wrong with a descriptor by its published form, which is stricter than the library.
 Faults descriptor_faults(const Json::Value& descriptor);
 
-struct DescriptorFile {
-  bool is_readable = false;
-  int error = 0;        ///< why it is not; 0 for a bad text
-  ServiceDesc service;  ///< what it describes
-};
-
-/// Reads a file of the descriptors' directory. A member that is no text raises jsoncpp's exception.
-DescriptorFile read_descriptor_file(JsonReader& reader, const std::string& file_name);
+/// What a file of the descriptors' directory describes; nothing where it cannot be read, and error
+/// is then errno, 0 for a bad text. A member that is no text raises jsoncpp's exception.
+std::optional<ServiceDesc> read_service(JsonReader& reader, const std::string& file_name,
+                                        int& error);
 
 }  // namespace kelotls

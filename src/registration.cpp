@@ -41,7 +41,7 @@ const MemberRule* rules_for(Purpose purpose) {
 /// Null where there is no array of services.
 const Json::Value* find_services(const Json::Value& registration) {
   const Json::Value* const services = find_member(registration, "services");
-  return services != nullptr && services->isArray() ? services : nullptr;
+  return services != nullptr && services->type() == Json::arrayValue ? services : nullptr;
 }
 
 /// The rules on names, of elements that have one.

@@ -161,14 +161,4 @@ int APIProvider::render_service_template() const {
   return 0;
 }
 
-int APIProvider::cleanup_service_template(const std::string& name) const {
-  const std::string path = rendered_path(name);
-  errno = 0;
-  if (unlink(path.c_str()) != 0) {
-    log::rendered_file_not_removed(path);
-    return -1;
-  }
-  return 0;
-}
-
 }  // namespace kelotls

@@ -53,8 +53,8 @@ bool has_descriptors() {
 std::optional<kelotls::ServiceDesc> read_described(kelotls::JsonReader& reader,
                                                    const std::string& file_name) {
   try {
-    const kelotls::DescriptorFile file = kelotls::read_descriptor_file(reader, file_name);
-    return file.is_readable ? std::optional(file.service) : std::nullopt;
+    int error = 0;
+    return kelotls::read_service(reader, file_name, error);
   } catch (const Json::Exception&) {
     throw Failure(kFailed,
                   "the descriptor " + printable(kelotls::kServicesDir + file_name) +
