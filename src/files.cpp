@@ -14,7 +14,6 @@
 #include <utility>
 
 namespace kelotls {
-
 namespace {
 
 constexpr int kMaxLinks = 40;

@@ -41,12 +41,12 @@ bool fail(int error) noexcept;
 bool exists_at(const std::string& path);
 bool has_nul(const std::string& text);
 
-/// Appends what the descriptor gives up to its end. EFBIG beyond kMaxFileBytes. A file that ends
-/// where expected_bytes said costs no further read.
+/// Appends what is left to read; EFBIG beyond kMaxFileBytes. One read where expected_bytes is
+/// right.
 bool read_to_end(int descriptor, std::size_t expected_bytes, std::string& text);
 
-/// Appends what a regular file holds. Anything else is refused without waiting for it: EISDIR for a
-/// directory, EINVAL for other kinds and for a path with a NUL byte.
+/// Appends what a regular file holds. Never waits for anything else: EISDIR for a directory, EINVAL
+/// for other kinds and for a path with a NUL byte.
 bool read_file(const std::string& path, std::string& text);
 
 bool write_all(int descriptor, const std::string& text);
@@ -54,32 +54,35 @@ bool write_all(int descriptor, const std::string& text);
 /// Truncates and rewrites the file, and brings it to the disk.
 bool write_in_place(const std::string& path, const std::string& text);
 
-/// Replaces the file that the path leads to, through links, or makes it. Its mode and owner stay; a
-/// new file gets 0666 less the umask. After a power cut at any moment it holds either its old text
-/// or the new one. What is neither a regular file nor missing is written in place.
+/// Replaces the file that the path leads to, through links, or makes it: a power cut leaves the old
+/// text or the new one. Mode and owner stay; a new file gets 0666 less the umask. What is neither a
+/// regular file nor missing is written in place.
 bool replace_file(std::string path, const std::string& text);
 
-/// The same for the entry at the path itself: a link is replaced, not followed. A regular file's
-/// mode and owner stay; anything else is replaced by a file of exactly this mode.
+/// The same for the entry at the path itself: anything but a regular file, a link too, is replaced
+/// by a file of exactly this mode.
 bool replace_entry(const std::string& path, const std::string& text, mode_t mode);
 
-/// Makes a file of exactly this mode, in one step that survives a power cut. EEXIST where there is
-/// anything at the path.
+/// Makes a file of exactly this mode, as durably. EEXIST where there is anything at the path.
 bool create_file(const std::string& path, const std::string& text, mode_t mode);
 
-/// Makes the directory and those above it that are missing, each of exactly this mode. Appends
-/// those that it has made.
+/// Makes the directories of the path that are missing, each of exactly this mode, and appends them.
 bool make_directories(const std::string& path, mode_t mode, std::vector<std::string>& made);
 
 /// Appends the names in a directory, sorted, without "." and "..".
 bool list_directory(const std::string& path, std::vector<std::string>& names);
 
-struct FileListFree {
-  void operator()(KLIBCSzList* names) const { KLIBCSzListFree(names); }
+/// Releases handles, files and the like: unique_ptr<SSL_CTX, Release<SSL_CTX_free>>.
+template <auto release>
+struct Release {
+  template <typename Handle>
+  void operator()(Handle* handle) const {
+    static_cast<void>(release(handle));
+  }
 };
 
 /// Names of regular files and links, as the platform lists them.
-using FileList = std::unique_ptr<KLIBCSzList, FileListFree>;
+using FileList = std::unique_ptr<KLIBCSzList, Release<KLIBCSzListFree>>;
 
 FileList make_file_list();
 

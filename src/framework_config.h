@@ -17,16 +17,15 @@ namespace kelotls {
 /// object goes straight to jsoncpp, whose exception passes through.
 bool validate_data_store(const Json::Value& root);
 
-/// Every fault, with its place: what validate_data_store looks for, and values that make jsoncpp
-/// raise its exception. A level that is missing follows the default.
+/// Every fault that validate_data_store looks for, and every value that makes jsoncpp raise its
+/// exception. A level that is missing follows the default.
 Faults data_store_faults(const Json::Value& root);
 
-/// The service's effective level, found without building the data store's tree; nothing where the
-/// text is not of the ordinary form, or has no entry for the service: load_data_store and
-/// lookup_service_level then say what it is. Where it gives a level they give the same.
+/// What load_data_store and lookup_service_level would give, found in the text alone; nothing where
+/// the text is not of the ordinary form, or has no entry for the service.
 std::optional<int> scan_service_level(std::string_view text, std::string_view name);
 
-/// The service's effective level as lookup_service_level gives it, with all that loading logs.
+/// The service's effective level, with all that loading and lookup_service_level log.
 int load_service_level(const std::string& name);
 
 /// The validated data store, or null once the reason is logged.
@@ -39,7 +38,7 @@ Json::Value load_data_store(const std::string& path, void (*log_not_loaded)(cons
 /// Replaces the data store file with the value as it is, null included. 0, or -1 once logged.
 int save_data_store(const Json::Value& root);
 
-/// A copy of the service's entry, or null when there is none. "services" is never copied.
+/// A copy of the service's entry, or null.
 Json::Value get_service_entry(const Json::Value& root, const std::string& name);
 
 /// The service's effective level (negative and unknown values included), or kServiceNotJoined once
@@ -52,12 +51,12 @@ int update_service_level(Json::Value& root, const std::string& name, int level);
 /// Sets the default level; a null root becomes an object that holds nothing else.
 void update_default_level(Json::Value& root, int level);
 
-/// Gives each service an entry built afresh from its descriptor, with the level of the entry that
-/// it replaces, copied as it is, or 0. Turns a null root into an object. Always 0.
+/// Gives each service an entry built afresh, with the level of the one that it replaces, copied as
+/// it is, or 0. Turns a null root into an object. Always 0.
 int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& services);
 
-/// Takes the default level and the levels of services that have an entry from a saved data store,
-/// or 0 for the default from null. A saved service that has none is logged and passed over.
+/// Takes the default level, 0 from null, and the levels of services that have an entry. A saved
+/// service that has none is logged and passed over.
 void restore_levels(Json::Value& live, const Json::Value& saved);
 
 }  // namespace kelotls

@@ -12,7 +12,6 @@
 #include "files.h"
 
 namespace kelotls {
-
 namespace {
 
 constexpr int kMaxNesting = 256;

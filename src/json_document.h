@@ -19,11 +19,9 @@ class JsonReader {
  public:
   explicit JsonReader(DuplicateKeys duplicates = DuplicateKeys::kLastCounts);
 
-  /// Reads a regular file of bounded size. On failure the document is as it was and errno is that
-  /// of the call that failed, 0 for a text that is no document.
+  // Read a regular file of bounded size, or a text. On failure the document is as it was; of a
+  // file, errno is that of the call that failed, 0 for a text that is no document.
   bool read(const std::string& path, Json::Value& document);
-
-  /// Reads a text. On failure the document is as it was, and fault() says why.
   bool parse(const std::string& text, Json::Value& document);
 
   /// Of the text that was refused last: "Line 2, Column 5: a value is missing".
@@ -42,7 +40,7 @@ enum class Colons { kSpaced, kPlain };  ///< "key" : value, as toFile writes it;
 /// The text of a value: indented, UTF-8 as it is, a line end behind it.
 std::string json_text(const Json::Value& value, Colons colons = Colons::kPlain);
 
-/// The member of an object, or null where the value is no object or has none.
+/// Null where the value is no object or has no such member.
 const Json::Value* find_member(const Json::Value& value, std::string_view key);
 
 /// The member's text, or the empty string where it is missing or no string.

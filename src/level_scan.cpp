@@ -6,7 +6,6 @@
 #include "kelotls/tls_profile_level.h"
 
 namespace kelotls {
-
 namespace {
 
 /// Takes a JSON text apart from its front. Each operation skips the blanks before it, and is false

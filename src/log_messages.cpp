@@ -8,7 +8,6 @@
 #include <cstdlib>
 
 namespace kelotls::log {
-
 namespace {
 
 Observer current_observer = nullptr;

@@ -9,7 +9,6 @@
 #include "json_document.h"
 
 namespace kelotls {
-
 namespace {
 
 bool keeps_to(const MemberRule& rule, const Json::Value& member) {

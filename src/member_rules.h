@@ -26,15 +26,14 @@ struct MemberRule {
 /// Whether there is a value and it is a string with something in it.
 bool is_filled_string(const Json::Value* value);
 
-/// The first rule from the given one on that the value breaks; null where it keeps to all. What is
-/// no object simply lacks every member.
+/// The first rule from here on that the value breaks, or null. What is no object lacks every
+/// member.
 const MemberRule* broken_rule(const Json::Value& value, const MemberRule* rule);
 
-/// Appends each fault of the value by the table; one for a value that is no object.
+/// Appends every rule that the value breaks as a fault; one for a value that is no object.
 void append_faults(const Json::Value& value, const MemberRule* rules, const std::string& path,
                    Faults& faults);
 
-/// One more step of a path: a member's name, an element's number.
 std::string path_of_member(const std::string& path, const std::string& name);
 std::string path_of_element(const std::string& path, std::size_t index);
 

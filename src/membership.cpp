@@ -11,7 +11,6 @@
 #include "registration.h"
 
 namespace kelotls {
-
 namespace {
 
 /// False once log_failure has said why the file stays.

@@ -15,7 +15,6 @@
 #include "paths.h"
 
 namespace kelotls {
-
 namespace {
 
 // AES-128 first, unlike OpenSSL's own order.

@@ -6,16 +6,9 @@
 #include <memory>
 #include <string>
 
-namespace kelotls {
+#include "files.h"
 
-/// Releases OpenSSL's handles, files and the like: unique_ptr<SSL_CTX, Release<SSL_CTX_free>>.
-template <auto release>
-struct Release {
-  template <typename Handle>
-  void operator()(Handle* handle) const {
-    static_cast<void>(release(handle));
-  }
-};
+namespace kelotls {
 
 using ContextOwner = std::unique_ptr<SSL_CTX, Release<SSL_CTX_free>>;
 

@@ -12,7 +12,6 @@
 #include "paths.h"
 
 namespace kelotls {
-
 namespace {
 
 constexpr MemberRule kDescriptor[] = {

@@ -8,7 +8,6 @@
 #include "json_document.h"
 
 namespace kelotls {
-
 namespace {
 
 constexpr MemberRule kRegistration[] = {

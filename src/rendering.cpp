@@ -20,84 +20,84 @@
 #include "regeneration.h"
 
 namespace kelotls {
-
 namespace {
 
-using Contexts = std::vector<Json::Value>;
-using Outcome = RenderResult::Outcome;
 using Step = RenderResult::Step;
 
-/// False, so that a step can end with it.
-bool fail_at(Step step, int error, std::string path, RenderResult& result) {
-  result.outcome = Outcome::kFailed;
-  result.failed_step = step;
-  result.error = error;
-  result.path = std::move(path);
-  return false;
-}
+/// What is to be rendered, and how far it came. Each step is true where there is a next one.
+struct Job {
+  explicit Job(std::string service) : name(std::move(service)), output_path(rendered_path(name)) {}
 
-// The steps. Each is false where it failed, and where nothing is left to be done.
+  bool fail_at(Step step, int error, std::string path) {
+    result.outcome = RenderResult::Outcome::kFailed;
+    result.failed_step = step;
+    result.error = error;
+    result.path = std::move(path);
+    return false;
+  }
+
+  const std::string name;
+  const std::string output_path;
+  std::vector<Json::Value> contexts = std::vector<Json::Value>(1);
+  RenderResult result;
+};
 
 /// Finds the template and what it is to be rendered with.
-bool prepare(const Json::Value& root, const std::string& name, JsonReader& reader,
-             Contexts& contexts, RenderResult& result) {
+bool prepare(const Json::Value& root, JsonReader& reader, Job& job) {
   Json::Value descriptor;
-  if (!read_descriptor(reader, descriptor_path(name), descriptor)) {
-    return fail_at(Step::kDescriptor, errno, descriptor_path(name), result);
+  if (!read_descriptor(reader, descriptor_path(job.name), descriptor)) {
+    return job.fail_at(Step::kDescriptor, errno, descriptor_path(job.name));
   }
   if (!descriptor.isMember("mustache-path")) {
     return false;
   }
-  const int level = lookup_service_level(root, name);
+  const int level = lookup_service_level(root, job.name);
   if (level < 0) {
-    return fail_at(Step::kLevel, 0, std::string(), result);
+    return job.fail_at(Step::kLevel, 0, std::string());
   }
-  contexts[0][profile_of_level(level).tier] = true;
-  result.template_path = descriptor["mustache-path"].asString();
-  result.outcome = Outcome::kRendered;
+  job.contexts[0][profile_of_level(level).tier] = true;
+  job.result.template_path = descriptor["mustache-path"].asString();
+  job.result.outcome = RenderResult::Outcome::kRendered;
   return true;
 }
 
-/// Renders to a path on the way to the output path.
-bool render_to(const std::string& path, Contexts& contexts, const std::string& output_path,
-               RenderResult& result) {
-  return KELO::RenderMustacheToFile(result.template_path, contexts, path) ||
-         fail_at(Step::kTemplate, 0, output_path, result);
+bool render_to(const std::string& path, Job& job) {
+  return KELO::RenderMustacheToFile(job.result.template_path, job.contexts, path) ||
+         job.fail_at(Step::kTemplate, 0, job.output_path);
 }
 
-/// Renders to the output path by way of a temporary file beside it, which stays where a step fails.
-bool render_file(Contexts& contexts, const std::string& output_path, RenderResult& result) {
+bool read_text(const std::string& path, std::string& text, Job& job) {
+  return read_file(path, text) || job.fail_at(Step::kRead, errno, path);
+}
+
+/// Renders by way of a temporary file beside the output, which stays where a step fails.
+bool render_file(Job& job) {
   char temporary_path[4096];
   // What does not fit is cut short, and mkstemp then refuses it.
   static_cast<void>(std::snprintf(temporary_path, sizeof temporary_path, "%s",
-                                  (output_path + ".XXXXXX").c_str()));
+                                  (job.output_path + ".XXXXXX").c_str()));
   errno = 0;
   const int descriptor = mkstemp(temporary_path);
   if (descriptor < 0) {
-    return fail_at(Step::kTemporary, errno, output_path, result);
+    return job.fail_at(Step::kTemporary, errno, job.output_path);
   }
   close(descriptor);
-  if (!render_to(temporary_path, contexts, output_path, result)) {
+  if (!render_to(temporary_path, job)) {
     return false;
   }
   errno = 0;
-  return std::rename(temporary_path, output_path.c_str()) == 0 ||
-         fail_at(Step::kRename, errno, temporary_path, result);
-}
-
-bool read_text(const std::string& path, std::string& text, RenderResult& result) {
-  return read_file(path, text) || fail_at(Step::kRead, errno, path, result);
+  return std::rename(temporary_path, job.output_path.c_str()) == 0 ||
+         job.fail_at(Step::kRename, errno, temporary_path);
 }
 
 /// Renders to memory.
-bool render_text(Contexts& contexts, const std::string& output_path, std::string& text,
-                 RenderResult& result) {
+bool render_text(std::string& text, Job& job) {
   const Descriptor memory(memfd_create("rendered", MFD_CLOEXEC));
   if (!memory.is_open()) {
-    return fail_at(Step::kTemporary, errno, output_path, result);
+    return job.fail_at(Step::kTemporary, errno, job.output_path);
   }
   const std::string path = "/proc/self/fd/" + std::to_string(memory.get());
-  return render_to(path, contexts, output_path, result) && read_text(path, text, result);
+  return render_to(path, job) && read_text(path, text, job);
 }
 
 void log_failure(const RenderResult& result) {
@@ -118,13 +118,9 @@ void log_failure(const RenderResult& result) {
   }
 }
 
-/// Puts the service's rendering in force. A failed step is logged too.
-bool render_service(const Json::Value& root, const std::string& name, JsonReader& reader,
-                    RenderResult& result) {
-  Contexts contexts(1);
-  const bool is_rendered = prepare(root, name, reader, contexts, result) &&
-                           render_file(contexts, rendered_path(name), result);
-  log_failure(result);
+bool put_in_force(const Json::Value& root, JsonReader& reader, Job& job) {
+  const bool is_rendered = prepare(root, reader, job) && render_file(job);
+  log_failure(job.result);
   return is_rendered;
 }
 
@@ -132,22 +128,19 @@ bool render_service(const Json::Value& root, const std::string& name, JsonReader
 
 RenderResult render_and_compare(const Json::Value& root, const std::string& name,
                                 JsonReader& reader, Rendering rendering, RenderedTexts& texts) {
-  const std::string path = rendered_path(name);
-  texts.had_former = read_file(path, texts.former);
+  Job job(name);
+  texts.had_former = read_file(job.output_path, texts.former);
   const int error = texts.had_former || errno == ENOENT ? 0 : errno;
-  Contexts contexts(1);
-  RenderResult result;
   const bool is_rendered =
       rendering == Rendering::kInForce
-          ? render_service(root, name, reader, result) && read_text(path, texts.now, result)
-          : prepare(root, name, reader, contexts, result) &&
-                render_text(contexts, path, texts.now, result);
+          ? put_in_force(root, reader, job) && read_text(job.output_path, texts.now, job)
+          : prepare(root, reader, job) && render_text(texts.now, job);
   if (is_rendered && error != 0) {
-    fail_at(Step::kRead, error, path, result);
+    job.fail_at(Step::kRead, error, job.output_path);
   } else if (is_rendered && texts.had_former && texts.former == texts.now) {
-    result.outcome = Outcome::kUnchanged;
+    job.result.outcome = RenderResult::Outcome::kUnchanged;
   }
-  return result;
+  return std::move(job.result);
 }
 
 int APIProvider::render_service_template() const {
@@ -155,8 +148,8 @@ int APIProvider::render_service_template() const {
   const Json::Value& services = root["services"];
   JsonReader reader;
   for (auto service = services.begin(); service != services.end(); ++service) {
-    RenderResult result;
-    render_service(root, service.name(), reader, result);
+    Job job(service.name());
+    put_in_force(root, reader, job);
   }
   return 0;
 }

@@ -5,7 +5,6 @@
 #include "log_messages.h"
 
 namespace kelotls {
-
 namespace {
 
 /// The level that a saved entry asks for, or kServiceNotJoined once logged.

@@ -13,7 +13,6 @@
 #include "profile.h"
 
 namespace kelotls {
-
 namespace {
 
 /// Logs that an OpenSSL call failed. The queue is cleared before it is printed, so the reasons

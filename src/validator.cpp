@@ -5,7 +5,6 @@
 #include "log_messages.h"
 
 namespace kelotls {
-
 namespace {
 
 constexpr MemberRule kDataStore[] = {
