@@ -51,57 +51,30 @@ bool follow_links(std::string& path, struct stat& status) {
   return fail(ELOOP);
 }
 
-/// A new file beside the one that it is to become, removed again unless it was renamed.
-class Temporary {
- public:
-  Temporary(int directory, const std::string& target, mode_t mode)
-      : directory_(directory), file_(create(target, mode)) {}
-  Temporary(const Temporary&) = delete;
-  Temporary& operator=(const Temporary&) = delete;
-  ~Temporary() {
-    if (!name_.empty()) {
-      const int error = errno;
-      ::unlinkat(directory_, name_.c_str(), 0);
-      errno = error;
+/// Makes a new file beside the one that it is to become.
+int create_temporary(int directory, const std::string& target, mode_t mode, std::string& name) {
+  for (int attempt = 0;; ++attempt) {
+    char ending[32];
+    static_cast<void>(std::snprintf(ending, sizeof ending, ".%d-%d", ::getpid(), attempt));
+    name = target + ending;
+    const int number =
+        ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (number >= 0 || errno != EEXIST) {
+      return number;
     }
   }
+}
 
-  Descriptor& file() { return file_; }
-
-  /// Gives the file its name at last. A second name, unlike a rename, never replaces what exists.
-  bool take_name(const std::string& target, bool may_replace) {
-    if (!may_replace) {
-      return ::linkat(directory_, name_.c_str(), directory_, target.c_str(), 0) == 0;
-    }
-    if (::renameat(directory_, name_.c_str(), directory_, target.c_str()) != 0) {
-      return false;
-    }
-    name_.clear();
-    return true;
+/// Renames the temporary file, whose name is then empty; or gives it a second name, which, unlike a
+/// rename, never replaces what exists.
+bool take_name(int directory, std::string& temporary, const std::string& target, bool may_replace) {
+  if (!may_replace) {
+    return ::linkat(directory, temporary.c_str(), directory, target.c_str(), 0) == 0;
   }
-
- private:
-  int create(const std::string& target, mode_t mode) {
-    for (int attempt = 0;; ++attempt) {
-      char ending[32];
-      static_cast<void>(std::snprintf(ending, sizeof ending, ".%d-%d", ::getpid(), attempt));
-      name_ = target + ending;
-      const int number =
-          ::openat(directory_, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-      if (number >= 0) {
-        return number;
-      }
-      if (errno != EEXIST) {
-        name_.clear();  // nothing to be removed
-        return number;
-      }
-    }
-  }
-
-  int directory_;
-  std::string name_;
-  Descriptor file_;
-};
+  const bool is_renamed = ::renameat(directory, temporary.c_str(), directory, target.c_str()) == 0;
+  temporary.resize(is_renamed ? 0 : temporary.size());
+  return is_renamed;
+}
 
 /// Gives a file the owner and mode of the one that it replaces.
 bool copy_owner_and_mode(int descriptor, const struct stat& from) {
@@ -138,11 +111,22 @@ bool write_beside(const std::string& path, const std::string& text, const Attrib
   if (!directory.is_open()) {
     return false;
   }
-  Temporary temporary(directory.get(), name, attributes.mode_of_creation());
-  Descriptor& file = temporary.file();
-  return file.is_open() && write_all(file.get(), text) && attributes.give_to(file.get()) &&
-         sync_to_disk(file.get()) && file.close() && temporary.take_name(name, may_replace) &&
-         sync_to_disk(directory.get());
+  std::string temporary;
+  Descriptor file(
+      create_temporary(directory.get(), name, attributes.mode_of_creation(), temporary));
+  if (!file.is_open()) {
+    return false;
+  }
+  const bool is_durable = write_all(file.get(), text) && attributes.give_to(file.get()) &&
+                          sync_to_disk(file.get()) && file.close() &&
+                          take_name(directory.get(), temporary, name, may_replace) &&
+                          sync_to_disk(directory.get());
+  if (!temporary.empty()) {
+    const int error = errno;
+    ::unlinkat(directory.get(), temporary.c_str(), 0);
+    errno = error;
+  }
+  return is_durable;
 }
 
 /// Makes one directory. True where it exists afterwards.

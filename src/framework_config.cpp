@@ -1,4 +1,4 @@
-// Owns the data store: loading and saving it, looking up and changing what it holds.
+// Owns the data store, and is the operations of DataStoreProvider.
 #include "framework_config.h"
 
 #include <cerrno>
@@ -6,11 +6,73 @@
 #include <utility>
 
 #include "files.h"
+#include "json_document.h"
+#include "kelotls/data_store_provider.h"
 #include "kelotls/tls_profile_level.h"
 #include "log_messages.h"
 #include "paths.h"
 
 namespace kelotls {
+namespace {
+
+constexpr MemberRule kDataStore[] = {
+    {"default-level", Json::intValue, true, false},
+    {"services", Json::objectValue, true, false},
+    {},
+};
+constexpr MemberRule kEntry[] = {
+    {"display-name", Json::stringValue, true, true},
+    {"display-name-i18n", Json::stringValue, false, false},
+    {"current-level", Json::intValue, false, false},
+    {},
+};
+
+bool validate_entry(const Json::Value& entry) {
+  const MemberRule* const broken = broken_rule(entry, kEntry);
+  if (broken == nullptr) {
+    return true;
+  }
+  static_cast<void>(entry.isMember(""));  // jsoncpp raises its exception for what is no object
+  constexpr void (*kLines[])() = {log::no_display_name, log::bad_i18n_display_name,
+                                  log::bad_current_level};
+  kLines[broken - kEntry]();
+  return false;
+}
+
+}  // namespace
+
+bool validate_data_store(const Json::Value& root) {
+  // The type of "default-level" is not looked at; whoever reads it meets jsoncpp's exception.
+  if (!root.isObject() || !root.isMember("default-level")) {
+    log::no_default_level();
+    return false;
+  }
+
+  const Json::Value& services = root["services"];
+  if (!services.isObject()) {
+    log::no_services_field();
+    return false;
+  }
+
+  for (const Json::Value& entry : services) {
+    if (!validate_entry(entry)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+Faults data_store_faults(const Json::Value& root) {
+  Faults faults;
+  append_faults(root, kDataStore, "$", faults);
+  const Json::Value* const services = find_member(root, "services");
+  if (services != nullptr && services->isObject()) {
+    for (const std::string& name : services->getMemberNames()) {
+      append_faults((*services)[name], kEntry, path_of_member("$.services", name), faults);
+    }
+  }
+  return faults;
+}
 
 Json::Value load_data_store() {
   return load_data_store(kDataStorePath, log::data_store_not_loaded, log::data_store_invalid);
@@ -90,6 +152,36 @@ int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& ser
     slot = std::move(entry);
   }
   return 0;
+}
+
+// DataStoreProvider: one load, at most one change, at most one save each.
+
+int DataStoreProvider::set_service_level(const std::string& name, TlsProfileLevel level) {
+  // Neither the load nor the update stops the save; callers have come to rely on the rewrite.
+  Json::Value root = load_data_store();
+  update_service_level(root, name, level);
+  return save_data_store(root);
+}
+
+int DataStoreProvider::get_service_level(const std::string& name) const {
+  const Json::Value root = load_data_store();
+  return root.isNull() ? kDataStoreUnavailable : lookup_service_level(root, name);
+}
+
+Json::Value DataStoreProvider::list_services() const {
+  Json::Value root = load_data_store();
+  return root.isNull() ? Json::Value() : std::move(root["services"]);
+}
+
+void DataStoreProvider::set_default_level(TlsProfileLevel level) {
+  Json::Value root = load_data_store();
+  update_default_level(root, level);
+  save_data_store(root);
+}
+
+int DataStoreProvider::get_default_level() const {
+  const Json::Value root = load_data_store();
+  return root.isNull() ? kDataStoreUnavailable : root["default-level"].asInt();
 }
 
 }  // namespace kelotls

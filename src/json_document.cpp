@@ -37,22 +37,13 @@ class Grammar {
  private:
   bool value(int depth) {
     skip_blanks();
-    switch (*at_) {
-      case '{':
-        return list(depth, '}', &Grammar::member);
-      case '[':
-        return list(depth, ']', &Grammar::value);
-      case '"':
-        return string();
-      case 't':
-        return word("true");
-      case 'f':
-        return word("false");
-      case 'n':
-        return word("null");
-      default:
-        return number();
-    }
+    return *at_ == '{'   ? list(depth, '}', &Grammar::member)
+           : *at_ == '[' ? list(depth, ']', &Grammar::value)
+           : *at_ == '"' ? string()
+           : *at_ == 't' ? word("true")
+           : *at_ == 'f' ? word("false")
+           : *at_ == 'n' ? word("null")
+                         : number();
   }
 
   bool list(int depth, char closing, bool (Grammar::*element)(int)) {

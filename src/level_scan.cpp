@@ -72,11 +72,9 @@ class Scanner {
 /// Takes an object; take_value takes the value of the key that it is given.
 template <typename TakeValue>
 bool take_object(Scanner& scanner, TakeValue take_value) {
-  if (!scanner.take('{')) {
-    return false;
-  }
-  if (scanner.take('}')) {
-    return true;
+  const bool begins = scanner.take('{');
+  if (!begins || scanner.take('}')) {
+    return begins;
   }
   do {
     std::string_view key;
@@ -120,13 +118,11 @@ std::optional<int> scan_service_level(std::string_view text, std::string_view na
     own_level.reset();
     return take_object(scanner, [&](std::string_view service) {
       int level = TLS_PROFILE_LEVEL_DEFAULT;
-      if (!take_entry(scanner, level)) {
-        return false;
-      }
+      const bool entry_taken = take_entry(scanner, level);
       if (service == name) {
         own_level = level;
       }
-      return true;
+      return entry_taken;
     });
   });
   if (!taken || !scanner.at_end() || !default_level || !own_level) {

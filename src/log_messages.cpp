@@ -9,9 +9,7 @@
 
 namespace kelotls::log {
 namespace {
-
 Observer current_observer = nullptr;
-
 }  // namespace
 
 void observe(Observer observer) { current_observer = observer; }

@@ -38,7 +38,7 @@ def compile_options():
     """How the build compiles the library, less what costs time or refuses a mutant."""
     with open(f"{BUILD}/compile_commands.json", encoding="utf-8") as file:
         command = next(entry["command"] for entry in json.load(file)
-                       if entry["file"] == f"{PROJECT}/src/validator.cpp").split()
+                       if entry["file"] == f"{PROJECT}/src/files.cpp").split()
     kept = []
     for place, word in enumerate(command):
         if word.startswith(("-D", "-I", "-std")) and word != f"-I{PROJECT}/src":
