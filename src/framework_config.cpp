@@ -1,12 +1,12 @@
 // Owns the data store, and is the operations of DataStoreProvider.
 #include "framework_config.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <utility>
 
 #include "files.h"
-#include "json_document.h"
 #include "kelotls/data_store_provider.h"
 #include "kelotls/tls_profile_level.h"
 #include "log_messages.h"
@@ -29,14 +29,13 @@ constexpr MemberRule kEntry[] = {
 
 bool validate_entry(const Json::Value& entry) {
   const MemberRule* const broken = broken_rule(entry, kEntry);
-  if (broken == nullptr) {
-    return true;
+  if (broken != nullptr) {
+    static_cast<void>(entry.isMember(""));  // jsoncpp raises its exception for what is no object
+    constexpr void (*kLines[])() = {log::no_display_name, log::bad_i18n_display_name,
+                                    log::bad_current_level};
+    kLines[broken - kEntry]();
   }
-  static_cast<void>(entry.isMember(""));  // jsoncpp raises its exception for what is no object
-  constexpr void (*kLines[])() = {log::no_display_name, log::bad_i18n_display_name,
-                                  log::bad_current_level};
-  kLines[broken - kEntry]();
-  return false;
+  return broken == nullptr;
 }
 
 }  // namespace
@@ -47,19 +46,12 @@ bool validate_data_store(const Json::Value& root) {
     log::no_default_level();
     return false;
   }
-
   const Json::Value& services = root["services"];
   if (!services.isObject()) {
     log::no_services_field();
     return false;
   }
-
-  for (const Json::Value& entry : services) {
-    if (!validate_entry(entry)) {
-      return false;
-    }
-  }
-  return true;
+  return std::all_of(services.begin(), services.end(), validate_entry);
 }
 
 Faults data_store_faults(const Json::Value& root) {

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "json_document.h"
 #include "kelotls/service_desc.h"
-#include "member_rules.h"
 
 namespace kelotls {
 

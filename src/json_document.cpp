@@ -1,9 +1,10 @@
-// Owns JSON text: the strict reader and the writer.
+// Owns JSON documents: the strict reader, the writer, the rules of members.
 #include "json_document.h"
 
 #include <json/writer.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -186,6 +187,23 @@ Json::StreamWriterBuilder make_writer_settings(Colons colons) {
   return builder;
 }
 
+bool keeps_to(const MemberRule& rule, const Json::Value& member) {
+  return rule.type == Json::stringValue && !rule.may_be_empty ? is_filled_string(&member)
+         : rule.type == Json::intValue                        ? member.isInt()
+                                                              : member.type() == rule.type;
+}
+
+const char* type_name(Json::ValueType type) {
+  constexpr const char* kNames[] = {"null",     "a number",  "a number", "a number",
+                                    "a string", "a boolean", "an array", "an object"};
+  return kNames[type];
+}
+
+std::string wrong_type(const Json::Value& value, Json::ValueType type) {
+  return std::string("is ") + type_name(value.type()) + ", must be " +
+         (type == Json::intValue ? "an integer" : type_name(type));
+}
+
 }  // namespace
 
 JsonReader::JsonReader(DuplicateKeys duplicates) : duplicates_(duplicates) {
@@ -202,19 +220,18 @@ bool JsonReader::read(const std::string& path, Json::Value& document) {
     return false;
   }
   const int error = errno;  // reading numbers may set it
-  const bool is_document = parse_bracketed(text, document);
+  const bool is_document = parse_bracketed(std::move(text), document);
   errno = is_document ? error : 0;
   return is_document;
 }
 
 bool JsonReader::parse(const std::string& text, Json::Value& document) {
-  std::string bracketed = "[" + text;
-  return parse_bracketed(bracketed, document);
+  return parse_bracketed("[" + text, document);
 }
 
 /// Of "[" and a text. jsoncpp reads it in brackets, as the one element of an array: it takes a
 /// scalar for a document only where it also takes text behind it.
-bool JsonReader::parse_bracketed(std::string& text, Json::Value& document) {
+bool JsonReader::parse_bracketed(std::string text, Json::Value& document) {
   const bool is_accepted = Grammar(text.data() + 1, text.data() + text.size()).accepts();
   text += ']';
   Json::Value documents;
@@ -258,6 +275,53 @@ const Json::Value* find_member(const Json::Value& value, std::string_view key) {
 std::string text_member(const Json::Value& value, std::string_view key) {
   const Json::Value* const member = find_member(value, key);
   return member != nullptr && member->isString() ? member->asString() : std::string();
+}
+
+bool is_filled_string(const Json::Value* value) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  return value != nullptr && value->getString(&begin, &end) && begin != end;
+}
+
+const MemberRule* broken_rule(const Json::Value& value, const MemberRule* rule) {
+  for (; rule->key != nullptr; ++rule) {
+    const Json::Value* const member = find_member(value, rule->key);
+    if (member != nullptr ? !keeps_to(*rule, *member) : rule->is_required) {
+      return rule;
+    }
+  }
+  return nullptr;
+}
+
+void append_faults(const Json::Value& value, const MemberRule* rules, const std::string& path,
+                   Faults& faults) {
+  if (!value.isObject()) {
+    faults.push_back({path, wrong_type(value, Json::objectValue)});
+    return;
+  }
+  for (const MemberRule* rule = rules; (rule = broken_rule(value, rule)) != nullptr; ++rule) {
+    const Json::Value* const member = find_member(value, rule->key);
+    if (member == nullptr) {
+      faults.push_back({path, std::string("lacks \"") + rule->key + "\""});
+    } else {
+      // A number beyond 32 bits is no integer here, whatever jsoncpp keeps it as.
+      const bool is_empty = rule->type == Json::stringValue && member->isString();
+      faults.push_back({path_of_member(path, rule->key),
+                        is_empty ? "must not be empty" : wrong_type(*member, rule->type)});
+    }
+  }
+}
+
+std::string path_of_member(const std::string& path, const std::string& name) {
+  const bool is_plain =
+      !name.empty() && std::all_of(name.begin(), name.end(), [](unsigned char character) {
+        return std::isalnum(character) != 0 || character == '-' || character == '_';
+      });
+  return is_plain ? path + "." + name : path + "[" + Json::valueToQuotedString(name.c_str()) + "]";
+}
+
+std::string path_of_element(const std::string& path, std::size_t index) {
+  return path + "[" + std::to_string(index) + "]";
 }
 
 }  // namespace kelotls

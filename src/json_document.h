@@ -1,13 +1,16 @@
-// Owns JSON text: one strict reader, by the letter of RFC 8259, that can say where and why a text
-// is no document, and one writer. Json::Value::fromFile and toFile are these two on whole files.
+// Owns JSON documents: one strict reader, by the letter of RFC 8259, that can say where and why a
+// text is no document; one writer; how the members of an object are judged by a table.
+// Json::Value::fromFile and toFile are the first two on whole files.
 #pragma once
 
 #include <json/reader.h>
 #include <json/value.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kelotls {
 
@@ -28,7 +31,7 @@ class JsonReader {
   std::string fault() const;
 
  private:
-  bool parse_bracketed(std::string& text, Json::Value& document);
+  bool parse_bracketed(std::string text, Json::Value& document);
 
   DuplicateKeys duplicates_;
   std::unique_ptr<Json::CharReader> reader_;
@@ -45,5 +48,33 @@ const Json::Value* find_member(const Json::Value& value, std::string_view key);
 
 /// The member's text, or the empty string where it is missing or no string.
 std::string text_member(const Json::Value& value, std::string_view key);
+
+struct Fault {
+  std::string path;  ///< "$.services[2].display-name"
+  std::string text;  ///< "is a number, must be a string"
+};
+using Faults = std::vector<Fault>;
+
+/// One row of a table of members; a null key ends the table.
+struct MemberRule {
+  const char* key;
+  Json::ValueType type;
+  bool is_required;
+  bool may_be_empty;  // of a string
+};
+
+/// Whether there is a value and it is a string with something in it.
+bool is_filled_string(const Json::Value* value);
+
+/// The first rule from here on that the value breaks, or null. What is no object lacks every
+/// member.
+const MemberRule* broken_rule(const Json::Value& value, const MemberRule* rule);
+
+/// Appends every rule that the value breaks as a fault; one for a value that is no object.
+void append_faults(const Json::Value& value, const MemberRule* rules, const std::string& path,
+                   Faults& faults);
+
+std::string path_of_member(const std::string& path, const std::string& name);
+std::string path_of_element(const std::string& path, std::size_t index);
 
 }  // namespace kelotls

@@ -98,7 +98,6 @@ void install_dh_parameters(const char* dh_file, ContextResult& result) {
     result.dh_text = std::move(path);
     return;
   }
-
   ERR_clear_error();
   const DhOwner parameters(PEM_read_DHparams(file.get(), nullptr, nullptr, nullptr));
   if (parameters == nullptr) {
@@ -107,10 +106,8 @@ void install_dh_parameters(const char* dh_file, ContextResult& result) {
     return;
   }
   file.reset();
-
   SSL_CTX_set_tmp_dh(result.context.get(), parameters.get());
-  // 0 today; kept for an OpenSSL where it is not
-  SSL_CTX_set_options(result.context.get(), SSL_OP_SINGLE_DH_USE);
+  SSL_CTX_set_options(result.context.get(), SSL_OP_SINGLE_DH_USE);  // 0 today, too
   // A security level that refuses the parameters must not spoil the caller's next SSL_get_error.
   ERR_clear_error();
 }

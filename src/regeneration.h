@@ -8,7 +8,6 @@
 
 #include "json_document.h"
 #include "kelotls/service_desc.h"
-#include "member_rules.h"
 
 namespace kelotls {
 

@@ -5,8 +5,6 @@
 #include <map>
 #include <utility>
 
-#include "json_document.h"
-
 namespace kelotls {
 namespace {
 
@@ -90,27 +88,19 @@ Faults registration_faults(const Json::Value& registration, Purpose purpose) {
 }
 
 std::string name_fault(const std::string& name, bool has_template) {
-  if (name.empty()) {
-    return "is empty";
-  }
-  if (name == "." || name == "..") {
-    return "must not be \"" + name + "\"";
-  }
-  if (name.find('/') != std::string::npos) {
-    return "holds a \"/\": its files would lie outside of the framework's folders";
-  }
-  if (std::any_of(name.begin(), name.end(),
-                  [](unsigned char character) { return character < 0x20 || character == 0x7f; })) {
-    return "holds a control character";
-  }
-  if (name.size() > kMaxName) {
-    return "is " + std::to_string(name.size()) + " bytes long, 250 are allowed";
-  }
-  if (has_template && name.size() > kMaxNameWithTemplate) {
-    return "is " + std::to_string(name.size()) +
-           " bytes long; with a template 243 are allowed, or it could never be rendered";
-  }
-  return {};
+  const bool has_control = std::any_of(name.begin(), name.end(), [](unsigned char character) {
+    return character < 0x20 || character == 0x7f;
+  });
+  const std::string length = "is " + std::to_string(name.size()) + " bytes long";
+  return name.empty()                  ? "is empty"
+         : name == "." || name == ".." ? "must not be \"" + name + "\""
+         : name.find('/') != std::string::npos
+             ? "holds a \"/\": its files would lie outside of the framework's folders"
+         : has_control            ? "holds a control character"
+         : name.size() > kMaxName ? length + ", 250 are allowed"
+         : has_template && name.size() > kMaxNameWithTemplate
+             ? length + "; with a template 243 are allowed, or it could never be rendered"
+             : std::string();
 }
 
 bool is_system_service(const Json::Value& registration) {

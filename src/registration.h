@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "json_document.h"
 #include "kelotls/service_desc.h"
-#include "member_rules.h"
 
 namespace kelotls {
 

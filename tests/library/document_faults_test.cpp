@@ -4,7 +4,7 @@
 
 #include "framework.h"
 #include "framework_config.h"
-#include "member_rules.h"
+#include "json_document.h"
 #include "regeneration.h"
 #include "registration.h"
 
