@@ -87,13 +87,10 @@ bool copy_owner_and_mode(int descriptor, const struct stat& from) {
          ::fchmod(descriptor, from.st_mode & 07777) == 0;
 }
 
-/// What a new file is to be like: as one that it replaces, of exactly a mode, or 0666 less the
-/// umask.
+/// What a new file gets: what the one that it replaces has, a mode, or else 0666 less the umask.
 struct Attributes {
   const struct stat* former = nullptr;
   std::optional<mode_t> mode;
-
-  mode_t mode_of_creation() const { return former != nullptr || mode ? 0600 : 0666; }
 
   bool give_to(int file) const {
     return former != nullptr ? copy_owner_and_mode(file, *former)
@@ -111,9 +108,9 @@ bool write_beside(const std::string& path, const std::string& text, const Attrib
   if (!directory.is_open()) {
     return false;
   }
+  const mode_t initial_mode = attributes.former != nullptr || attributes.mode ? 0600 : 0666;
   std::string temporary;
-  Descriptor file(
-      create_temporary(directory.get(), name, attributes.mode_of_creation(), temporary));
+  Descriptor file(create_temporary(directory.get(), name, initial_mode, temporary));
   if (!file.is_open()) {
     return false;
   }

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <optional>
 #include <utility>
 
 #include "files.h"

@@ -135,7 +135,6 @@ int APIProvider::join_framework(const Json::Value& registration) const {
     log::services_not_merged();
     return -1;
   }
-
   std::vector<std::string> installed;
   if (install_files(*this, services, installed)) {
     if (save_data_store(root) == 0) {

@@ -107,7 +107,7 @@ void install_dh_parameters(const char* dh_file, ContextResult& result) {
   }
   file.reset();
   SSL_CTX_set_tmp_dh(result.context.get(), parameters.get());
-  SSL_CTX_set_options(result.context.get(), SSL_OP_SINGLE_DH_USE);  // 0 today, too
+  SSL_CTX_set_options(result.context.get(), SSL_OP_SINGLE_DH_USE);  // 0 today, as above
   // A security level that refuses the parameters must not spoil the caller's next SSL_get_error.
   ERR_clear_error();
 }

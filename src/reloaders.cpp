@@ -25,8 +25,7 @@ bool collect_reloaders(FileList& names, std::vector<std::string>& paths, const c
 }
 
 ReloadResult run_reloader(const std::string& path) {
-  ReloadResult result;
-  result.path = path;
+  ReloadResult result = {path, 0, 0};
   errno = 0;
   result.status = KLIBCExec(path.c_str(), nullptr, nullptr, nullptr, nullptr);
   result.error = errno;

@@ -5,18 +5,6 @@
 #include "log_messages.h"
 
 namespace kelotls {
-namespace {
-
-/// The level that a saved entry asks for, or kServiceNotJoined once logged.
-int saved_level(const Json::Value& entry, const std::string& name) {
-  if (entry.isNull()) {
-    log::saved_service_without_entry(name);
-    return kServiceNotJoined;
-  }
-  return entry["current-level"].asInt();
-}
-
-}  // namespace
 
 void restore_levels(Json::Value& live, const Json::Value& saved) {
   update_default_level(live, saved["default-level"].asInt());
@@ -25,8 +13,11 @@ void restore_levels(Json::Value& live, const Json::Value& saved) {
     const std::string name = service.name();
     if (get_service_entry(live, name).isNull()) {
       log::saved_service_not_live(name);
+    } else if (service->isNull()) {
+      log::saved_service_without_entry(name);
+      update_service_level(live, name, kServiceNotJoined);
     } else {
-      update_service_level(live, name, saved_level(*service, name));
+      update_service_level(live, name, (*service)["current-level"].asInt());
     }
   }
 }
