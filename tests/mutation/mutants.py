@@ -256,8 +256,9 @@ def changed_strings(word):
 def log_neighbours(header):
     """Each message's function → the next one that takes the same arguments."""
     groups = {}
-    for kind, name in re.findall(r"^(LINE\w*)\((\w+),", header, re.MULTILINE):
-        groups.setdefault(kind != "LINE", []).append(name)
+    for kind, name, arguments in re.findall(
+            r"^(LINE\w*|inline void )(?:\(?)(\w+)(?:,|\((.*)\) )", header, re.MULTILINE):
+        groups.setdefault(arguments or kind != "LINE", []).append(name)
     return {name: names[(place + 1) % len(names)]
             for names in groups.values() for place, name in enumerate(names)}
 
