@@ -2,6 +2,7 @@
 #include "output/text.h"
 
 #include <algorithm>
+#include <sstream>
 
 #include "output/console.h"
 
@@ -105,16 +106,50 @@ void Table::print(std::ostream& out, bool colour) const {
     }
   }
   for (const auto& row : rows_) {
-    const bool is_head = &row == &rows_[0];
-    std::string line = is_head && colour ? "\033[1m" : "";
+    std::string line;
     for (std::size_t column = 0; column < row.size(); ++column) {
       line += row[column];
       if (column + 1 < row.size()) {
         line.append(widths[column] - display_width(row[column]) + 2, ' ');
       }
     }
-    out << line << (is_head && colour ? "\033[0m" : "") << '\n';
+    ReportText text(out, colour);
+    &row == &rows_[0] ? text.heading(line) : text.line(line);
   }
+}
+
+std::string ReportText::cell(const std::string& text, std::size_t width, const char* tone) const {
+  const std::string padding(width > text.size() ? width - text.size() : 0, ' ');
+  return (colour_ && *tone != '\0' ? tone + text + "\033[0m" : text) + padding;
+}
+
+void ReportText::field(const std::string& label, const std::vector<std::string>& words,
+                       const char* tone) {
+  constexpr std::size_t kWidth = 80;
+  constexpr std::size_t kFieldColumn = 20;
+  std::string text = "  " + cell(label, kFieldColumn - 2, tone);
+  std::size_t used = kFieldColumn;
+  for (const std::string& word : words) {
+    if (used > kFieldColumn && used + 1 + word.size() > kWidth) {
+      text += '\n' + std::string(kFieldColumn, ' ');
+      used = kFieldColumn;
+    } else if (used > kFieldColumn) {
+      text += ' ';
+      ++used;
+    }
+    text += word;
+    used += word.size();
+  }
+  line(text);
+}
+
+std::vector<std::string> words_of(const std::string& text) {
+  std::vector<std::string> words;
+  std::istringstream stream(text);
+  for (std::string word; std::getline(stream, word, ' ');) {
+    words.push_back(word);
+  }
+  return words;
 }
 
 std::string unified_diff(const std::string& old_name, const std::string& new_name,

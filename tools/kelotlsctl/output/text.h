@@ -1,6 +1,7 @@
 // Owns text in columns and the differences of texts.
 #pragma once
 
+#include <cstddef>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -20,6 +21,35 @@ class Table {
  private:
   std::vector<std::vector<std::string>> rows_;
 };
+
+// What a terminal takes for a tone.
+constexpr char kHeading[] = "\033[1m";
+constexpr char kGood[] = "\033[32m";
+constexpr char kBad[] = "\033[31m";
+constexpr char kQuiet[] = "\033[2m";
+
+/// Lines of a report: headings, cells, and labels with words beside them at a fixed column.
+class ReportText {
+ public:
+  ReportText(std::ostream& out, bool colour) : out_(out), colour_(colour) {}
+
+  /// The text as wide as requested, toned without changing its width.
+  std::string cell(const std::string& text, std::size_t width, const char* tone = "") const;
+
+  void line(const std::string& text) { out_ << text << '\n'; }
+  void heading(const std::string& text) { line(cell(text, 0, kHeading)); }
+
+  /// Broken between words, so that no line is wider than 80 columns.
+  void field(const std::string& label, const std::vector<std::string>& words,
+             const char* tone = "");
+
+ private:
+  std::ostream& out_;
+  bool colour_;
+};
+
+/// What stands between the blanks of a text.
+std::vector<std::string> words_of(const std::string& text);
 
 /// The differences of two texts as diff -u shows them; empty when they are equal.
 std::string unified_diff(const std::string& old_name, const std::string& new_name,

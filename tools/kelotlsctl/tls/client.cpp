@@ -7,6 +7,7 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <map>
 #include <stdexcept>
 #include <utility>
@@ -14,9 +15,6 @@
 namespace kelotlsctl {
 
 namespace {
-
-constexpr auto kVersionOptionBits =
-    SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_TLSv1_2 | SSL_OP_NO_TLSv1_3;
 
 // All five of TLS 1.3. OpenSSL's own default has three of them.
 constexpr char kAllTls13Suites[] =
@@ -37,7 +35,7 @@ using CipherStack = std::unique_ptr<STACK_OF(SSL_CIPHER), CipherStackFree>;
 KeyOwner make_key(int kind, int strength) {
   const KeyMaker maker(EVP_PKEY_CTX_new_id(kind, nullptr));
   EVP_PKEY_CTX* const raw = maker.get();
-  require(raw != nullptr && EVP_PKEY_keygen_init(raw) == 1, "no key can be made");
+  require(EVP_PKEY_keygen_init(raw) == 1, "no key can be made");
   require(kind == EVP_PKEY_RSA ? EVP_PKEY_CTX_set_rsa_keygen_bits(raw, strength) == 1 &&
                                      EVP_PKEY_CTX_set_rsa_keygen_primes(raw, 3) == 1
                                : EVP_PKEY_CTX_set_ec_paramgen_curve_nid(raw, strength) == 1,
@@ -49,17 +47,11 @@ KeyOwner make_key(int kind, int strength) {
 
 CertificateOwner sign_certificate(EVP_PKEY* key) {
   constexpr long kDay = 24L * 60 * 60;
-  constexpr unsigned char kName[] = "throw-away";
   CertificateOwner certificate(X509_new());
   X509* const raw = certificate.get();
-  require(raw != nullptr, "no certificate can be made");
-  X509_NAME* const name = X509_get_subject_name(raw);
-  require(X509_set_version(raw, 2) == 1 && ASN1_INTEGER_set(X509_get_serialNumber(raw), 1) == 1 &&
-              X509_gmtime_adj(X509_getm_notBefore(raw), -kDay) != nullptr &&
+  require(X509_gmtime_adj(X509_getm_notBefore(raw), -kDay) != nullptr &&
               X509_gmtime_adj(X509_getm_notAfter(raw), kDay) != nullptr &&
-              X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, kName, -1, -1, 0) == 1 &&
-              X509_set_issuer_name(raw, name) == 1 && X509_set_pubkey(raw, key) == 1 &&
-              X509_sign(raw, key, EVP_sha256()) != 0,
+              X509_set_pubkey(raw, key) == 1 && X509_sign(raw, key, EVP_sha256()) != 0,
           "no certificate can be made");
   return certificate;
 }
@@ -80,26 +72,19 @@ const Identity& throw_away_identity(int kind, int strength) {
   return identity;
 }
 
-/// As strong as the security level requires and no stronger; but level 4 would require 7680 bits
-/// of RSA, which nobody has.
-const Identity& rsa_identity(int security_level) {
-  return throw_away_identity(EVP_PKEY_RSA, security_level < 2   ? 1024
-                                           : security_level < 3 ? 2048
-                                                                : 3072);
-}
-
-const Identity& ecdsa_identity(int security_level) {
-  return throw_away_identity(EVP_PKEY_EC, security_level < 4   ? NID_X9_62_prime256v1
-                                          : security_level < 5 ? NID_secp384r1
-                                                               : NID_secp521r1);
-}
+// By security level, as strong as it requires and no stronger; but level 4 would require 7680 bits
+// of RSA, which nobody has.
+constexpr int kRsaBits[] = {1024, 1024, 2048, 3072, 3072, 3072};
+constexpr int kCurves[] = {NID_X9_62_prime256v1, NID_X9_62_prime256v1, NID_X9_62_prime256v1,
+                           NID_X9_62_prime256v1, NID_secp384r1,        NID_secp521r1};
 
 /// Loaded at security level 0: a refusal would tell nothing about the service's own certificates.
 void use_throw_away_certificates(SSL* server) {
   const int security_level = SSL_get_security_level(server);
+  const int row = std::clamp(security_level, 0, 5);
   SSL_set_security_level(server, 0);
-  for (const Identity* identity :
-       {&rsa_identity(security_level), &ecdsa_identity(security_level)}) {
+  for (const Identity* identity : {&throw_away_identity(EVP_PKEY_RSA, kRsaBits[row]),
+                                   &throw_away_identity(EVP_PKEY_EC, kCurves[row])}) {
     require(SSL_use_certificate(server, identity->certificate.get()) == 1 &&
                 SSL_use_PrivateKey(server, identity->key.get()) == 1,
             "the throw-away certificate is refused");
@@ -107,49 +92,33 @@ void use_throw_away_certificates(SSL* server) {
   SSL_set_security_level(server, security_level);
 }
 
-void lift(SSL* server, unsigned int lifts, int security_level) {
-  if ((lifts & kMinimumVersion) != 0) {
-    SSL_set_min_proto_version(server, 0);
-  }
-  if ((lifts & kMaximumVersion) != 0) {
-    SSL_set_max_proto_version(server, 0);
-  }
-  if ((lifts & kVersionOptions) != 0) {
-    SSL_clear_options(server, kVersionOptionBits);
-  }
-  if ((lifts & kSecurityLevel) != 0) {
-    SSL_set_security_level(server, security_level);
-  }
-}
-
-SslOwner make_server(SSL_CTX* context, unsigned int lifts, int security_level) {
+SslOwner make_server(SSL_CTX* context) {
   SslOwner server(SSL_new(context));
   require(server != nullptr, "no connection can be made");
   use_throw_away_certificates(server.get());
   // Keeps the session from the context's cache and callbacks, and gives out no ticket.
   SSL_set_not_resumable_session_callback(server.get(), [](SSL*, int) { return 1; });
-  lift(server.get(), lifts, security_level);
   SSL_set_accept_state(server.get());
   return server;
 }
 
-/// Why a handshake did not complete; empty if it did.
-std::string complete(SSL* client, SSL* server) {
-  constexpr int kMoreTurnsThanAnyHandshakeTakes = 20;
-  for (int turn = 0; turn < kMoreTurnsThanAnyHandshakeTakes; ++turn) {
-    bool is_done = true;
-    for (SSL* const end : {client, server}) {
-      const HandshakeState state = advance(end);
-      if (state == HandshakeState::kFailed) {
-        return take_openssl_reason();
-      }
-      is_done &= state == HandshakeState::kDone;
-    }
-    if (is_done) {
-      return std::string();
-    }
+enum class HandshakeState { kDone, kWaiting, kFailed };
+
+/// Takes a handshake as far as it goes without new data.
+HandshakeState advance(SSL* connection) {
+  ERR_clear_error();
+  const int result = SSL_do_handshake(connection);
+  if (result == 1) {
+    return HandshakeState::kDone;
   }
-  return "the handshake does not end";
+  const int error = SSL_get_error(connection, result);
+  const bool is_waiting = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+  return is_waiting ? HandshakeState::kWaiting : HandshakeState::kFailed;
+}
+
+/// Why the handshake failed; empty if it did not.
+std::string failure_of(HandshakeState state) {
+  return state == HandshakeState::kFailed ? take_openssl_reason() : std::string();
 }
 
 std::string curve_name(EVP_PKEY* key) {
@@ -195,7 +164,7 @@ Client::Client() : context_(SSL_CTX_new(TLS_client_method())) {
   SSL_CTX* const raw = context_.get();
   require(raw != nullptr, "no client context can be made");
   SSL_CTX_set_security_level(raw, 0);
-  SSL_CTX_clear_options(raw, kVersionOptionBits);
+  SSL_CTX_clear_options(raw, kVersionOptions);
   const std::string signatures = std::string(kEcdsaSignatures) + ":" + kRsaSignatures;
   require(SSL_CTX_set_cipher_list(raw, "ALL:COMPLEMENTOFALL") == 1 &&
               SSL_CTX_set_ciphersuites(raw, kAllTls13Suites) == 1 &&
@@ -210,8 +179,7 @@ std::vector<Suite> Client::suites(int version) const {
   std::vector<Suite> suites;
   for (int index = 0; index < sk_SSL_CIPHER_num(ciphers.get()); ++index) {
     const SSL_CIPHER* const cipher = sk_SSL_CIPHER_value(ciphers.get(), index);
-    suites.push_back({SSL_CIPHER_get_name(cipher), certificate_kind(cipher),
-                      SSL_CIPHER_get_kx_nid(cipher) == NID_kx_dhe});
+    suites.push_back({SSL_CIPHER_get_name(cipher), certificate_kind(cipher)});
   }
   return suites;
 }
@@ -236,30 +204,30 @@ SslOwner Client::connect(const Hello& hello) const {
   return connection;
 }
 
-Outcome Client::shake_hands(SSL_CTX* context, const Hello& hello, unsigned int lifts,
-                            int security_level) const {
+Outcome Client::shake_hands(SSL_CTX* context, const Hello& hello,
+                            const std::function<void(SSL*)>& adjust) const {
   const SslOwner client = connect(hello);
-  const SslOwner server = make_server(context, lifts, security_level);
+  const SslOwner server = make_server(context);
+  if (adjust) {
+    adjust(server.get());
+  }
   BIO* const server_end = attach_bio_pair(client.get()).release();
   SSL_set_bio(server.get(), server_end, server_end);
-  return outcome_of(client.get(), complete(client.get(), server.get()));
+  return complete(client.get(), [&](bool) { return failure_of(advance(server.get())); });
 }
 
-HandshakeState advance(SSL* connection) {
-  ERR_clear_error();
-  const int result = SSL_do_handshake(connection);
-  if (result == 1) {
-    return HandshakeState::kDone;
-  }
-  const int error = SSL_get_error(connection, result);
-  const bool is_waiting = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
-  return is_waiting ? HandshakeState::kWaiting : HandshakeState::kFailed;
-}
-
-Outcome outcome_of(SSL* client, const std::string& failure) {
+Outcome complete(SSL* client, const Exchange& exchange) {
   Outcome outcome;
-  outcome.reason = failure;
-  if (failure.empty()) {
+  HandshakeState state = HandshakeState::kWaiting;
+  while (state == HandshakeState::kWaiting && outcome.reason.empty()) {
+    state = advance(client);
+    outcome.reason = failure_of(state);
+    const std::string obstacle = exchange(state == HandshakeState::kWaiting);
+    if (outcome.reason.empty()) {
+      outcome.reason = obstacle;
+    }
+  }
+  if (outcome.reason.empty()) {
     outcome.accepted = true;
     outcome.suite = SSL_get_cipher_name(client);
     outcome.certificate_kind = certificate_kind(client);

@@ -7,6 +7,7 @@
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,6 +41,9 @@ struct Hello {
   std::string signature_algorithms;
 };
 
+constexpr auto kVersionOptions =
+    SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_TLSv1_2 | SSL_OP_NO_TLSv1_3;
+
 struct Outcome {
   bool accepted = false;
   std::string suite;
@@ -52,22 +56,12 @@ struct Outcome {
 struct Suite {
   std::string name;
   std::string certificate_kind;  // "" where any serves, or none is needed
-  bool is_dhe;
-};
-
-/// Settings of a context that can be lifted for one handshake, to find out which prevents it.
-enum Lift : unsigned int {
-  kMinimumVersion = 1,
-  kMaximumVersion = 2,
-  kSecurityLevel = 4,   // another one instead of the context's
-  kVersionOptions = 8,  // SSL_OP_NO_TLSv1 and the like
 };
 
 /// A client with no security level, no limit of version, and all suites. The system-wide
 /// configuration restrains the servers that it talks to, not the client itself.
 class Client {
  public:
-  /// Throws std::runtime_error when OpenSSL refuses.
   Client();
 
   /// The suites that it can offer with the version.
@@ -78,10 +72,10 @@ class Client {
   SslOwner connect(const Hello& hello) const;
 
   /// A handshake in memory. Each has an object of its own, with throw-away RSA and ECDSA
-  /// certificates and without a resumable session; the context keeps its settings. Of lifts,
-  /// kSecurityLevel puts the given security level in place of the context's.
-  Outcome shake_hands(SSL_CTX* context, const Hello& hello, unsigned int lifts = 0,
-                      int security_level = 0) const;
+  /// certificates and without a resumable session; the context keeps its settings. adjust changes
+  /// those of the object.
+  Outcome shake_hands(SSL_CTX* context, const Hello& hello,
+                      const std::function<void(SSL* server)>& adjust = nullptr) const;
 
  private:
   ContextOwner context_;
@@ -98,22 +92,22 @@ class Server {
   Outcome shake_hands(const Hello& hello) const;
 
  private:
+  int look_up(int flags);
   int connect_to_first() const;
 
   const Client& client_;
-  std::string host_;
-  std::string port_;
-  bool is_name_;  // the host, so that it is sent as SNI
+  const std::string host_;
+  const std::string port_;
   AddressList addresses_;
+  const bool is_name_;  // the host, so that it is sent as SNI
 };
 
-enum class HandshakeState { kDone, kWaiting, kFailed };
+/// Carries what the client has written to the server, and back what that answers to a client that
+/// is waiting. Returns why this failed, or an empty text.
+using Exchange = std::function<std::string(bool is_waiting)>;
 
-/// Takes a handshake as far as it goes without new data.
-HandshakeState advance(SSL* connection);
-
-/// What the client knows when a handshake has ended. The failure is empty if it completed.
-Outcome outcome_of(SSL* client, const std::string& failure);
+/// Takes the client's handshake to its end, in turns with the exchange.
+Outcome complete(SSL* client, const Exchange& exchange);
 
 /// The other end of the connection's bytes.
 BioOwner attach_bio_pair(SSL* connection);

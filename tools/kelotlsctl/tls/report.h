@@ -19,6 +19,7 @@ namespace kelotlsctl {
 
 using kelotls::ContextOwner;
 using DhOwner = std::unique_ptr<DH, kelotls::Release<DH_free>>;
+using Progress = std::function<void(std::size_t done, std::size_t all)>;
 
 // A level of 0 or above that names none is intermediate, here as in the library.
 
@@ -48,15 +49,11 @@ struct ProbeTarget {
   std::string port;
 };
 
-/// Tries each protocol version with each suite that this machine's OpenSSL can offer as a client
-/// (for RSA, ECDSA or no certificate), and each of five groups, and compares what was accepted
-/// with what the level requests. A context is treated as explain_context treats it. A server is
-/// spoken to over IPv6 or IPv4, with the host's name as SNI unless it is an address, and gets two
-/// seconds at most for each connection and for each handshake. progress, unless empty, is called
-/// with what is done of how much. Throws std::runtime_error, with a text for the operator, when
-/// nothing answers at host and port or what answers completes no TLS handshake.
-Json::Value probe(const ProbeTarget& target, int level,
-                  const std::function<void(std::size_t done, std::size_t all)>& progress);
+/// Tries each protocol version with each suite that this machine's OpenSSL can offer as a client,
+/// and each of five groups, and compares what was accepted with what the level requests. progress,
+/// unless empty, is called with what is done of how much. Throws std::runtime_error, with a text
+/// for the operator, when nothing answers at host and port or what answers completes no handshake.
+Json::Value probe(const ProbeTarget& target, int level, const Progress& progress);
 
 /// Whether the differences of a report have another cause than this machine's OpenSSL. Those of a
 /// DH parameter file can be let pass: the service works without, as it was before.

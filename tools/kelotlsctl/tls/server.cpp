@@ -46,97 +46,68 @@ int connect_within_timeout(int socket, const sockaddr* address, socklen_t length
   return error;
 }
 
-/// A handshake under way: OpenSSL's bytes at one end of a pair of BIOs, the socket at the other.
-/// Not a socket BIO, whose writes to a closed connection would end the process with SIGPIPE.
+/// OpenSSL's bytes at one end of a pair of BIOs, the socket at the other. Not a socket BIO, whose
+/// writes to a closed connection would end the process with SIGPIPE.
 class Wire {
  public:
   Wire(SSL* client, int socket)
       : socket_(socket), deadline_(Clock::now() + kTimeout), wire_end_(attach_bio_pair(client)) {}
 
-  /// Why the handshake did not complete; empty if it did.
-  std::string complete(SSL* client) {
-    for (;;) {
-      const HandshakeState state = advance(client);
-      std::string failure =
-          state == HandshakeState::kFailed ? take_openssl_reason() : std::string();
-      const int error = send_pending();  // an alert too
-      if (failure.empty() && error != 0) {
-        failure = std::strerror(error);
-      }
-      if (failure.empty() && state == HandshakeState::kWaiting) {
-        failure = receive();
-      }
-      if (!failure.empty() || state == HandshakeState::kDone) {
-        return failure;
-      }
-    }
-  }
-
-  /// 0, or the errno of what went wrong.
-  int send_pending() {
+  /// Sends what the client has written, an alert too. Why that failed, or empty.
+  std::string send_pending() {
     char* data = nullptr;
     for (int length = 0; (length = BIO_nread0(wire_end_.get(), &data)) > 0;) {
-      const ssize_t sent = ::send(socket_, data, static_cast<std::size_t>(length), MSG_NOSIGNAL);
-      if (sent > 0) {
-        BIO_nread(wire_end_.get(), &data, static_cast<int>(sent));
-        continue;
+      const int error = wait_for(socket_, POLLOUT, deadline_);
+      const ssize_t sent =
+          error == 0 ? ::send(socket_, data, static_cast<std::size_t>(length), MSG_NOSIGNAL) : -1;
+      if (sent < 0) {
+        return std::strerror(error != 0 ? error : errno);
       }
-      const int error = errno == EAGAIN ? wait_for(socket_, POLLOUT, deadline_) : errno;
-      if (error != 0 && error != EINTR) {
-        return error;
-      }
+      BIO_nread(wire_end_.get(), &data, static_cast<int>(sent));
     }
-    return 0;
+    return std::string();
   }
 
- private:
-  /// Hands what has come, if anything, to OpenSSL. Why nothing will come any more, or empty.
+  /// Hands what has come to OpenSSL. Why nothing will come any more, or empty.
   std::string receive() {
     char buffer[4096];
     const auto room = static_cast<std::size_t>(BIO_ctrl_get_write_guarantee(wire_end_.get()));
     const int error = wait_for(socket_, POLLIN, deadline_);
     const ssize_t length =
         error == 0 ? ::recv(socket_, buffer, std::min(room, sizeof buffer), 0) : -1;
-    if (length > 0) {
-      BIO_write(wire_end_.get(), buffer, static_cast<int>(length));
-    }
-    if (error != 0 || (length < 0 && errno != EINTR && errno != EAGAIN)) {
+    if (length < 0) {
       return std::strerror(error != 0 ? error : errno);
     }
+    BIO_write(wire_end_.get(), buffer, static_cast<int>(length));
     return length == 0 ? "the server closed the connection" : "";
   }
 
-  int socket_;
-  Clock::time_point deadline_;
-  BioOwner wire_end_;
+ private:
+  const int socket_;
+  const Clock::time_point deadline_;
+  const BioOwner wire_end_;
 };
-
-/// port: null to read an address out of the host. 0, or getaddrinfo's result.
-int look_up(const std::string& host, const char* port, AddressList& list) {
-  addrinfo hints = {};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = port == nullptr ? AI_NUMERICHOST : 0;
-  addrinfo* addresses = nullptr;
-  const int result = ::getaddrinfo(host.c_str(), port, &hints, &addresses);
-  list.reset(result == 0 ? addresses : nullptr);
-  return result;
-}
-
-bool is_name(const std::string& host) {
-  AddressList list;
-  return look_up(host, nullptr, list) != 0;
-}
 
 }  // namespace
 
 Server::Server(const Client& client, const std::string& host, const std::string& port)
-    : client_(client), host_(host), port_(port), is_name_(is_name(host)) {
-  const int result = look_up(host, port.c_str(), addresses_);
+    : client_(client), host_(host), port_(port), is_name_(look_up(AI_NUMERICHOST) != 0) {
+  const int result = is_name_ ? look_up(0) : 0;
   if (result != 0) {
     throw std::runtime_error(
         host + " port " + port + " cannot be looked up: " +
         (result == EAI_SYSTEM ? std::strerror(errno) : ::gai_strerror(result)));
   }
+}
+
+int Server::look_up(int flags) {
+  addrinfo hints = {};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = flags;
+  addrinfo* addresses = nullptr;
+  const int result = ::getaddrinfo(host_.c_str(), port_.c_str(), &hints, &addresses);
+  addresses_.reset(result == 0 ? addresses : nullptr);
+  return result;
 }
 
 Outcome Server::shake_hands(const Hello& hello) const {
@@ -146,7 +117,10 @@ Outcome Server::shake_hands(const Hello& hello) const {
   }
   const kelotls::Descriptor socket(connect_to_first());
   Wire wire(client.get(), socket.get());
-  Outcome outcome = outcome_of(client.get(), wire.complete(client.get()));
+  Outcome outcome = complete(client.get(), [&](bool is_waiting) {
+    const std::string failure = wire.send_pending();
+    return failure.empty() && is_waiting ? wire.receive() : failure;
+  });
   if (outcome.accepted) {
     SSL_shutdown(client.get());
     wire.send_pending();

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <sstream>
 #include <utility>
 
 namespace kelotlsctl {
@@ -41,61 +42,74 @@ constexpr KnownClient kFamilies[][4] = {
 // clang-format on
 
 /// The names of an OpenSSL list, where they are separated by colons.
-Names names_in(const std::string& list) {
-  Names names;
-  for (std::size_t start = 0; start < list.size();) {
-    const std::size_t end = std::min(list.find(':', start), list.size());
-    names.push_back(list.substr(start, end - start));
-    start = end + 1;
+Json::Value names_in(const char* list) {
+  Json::Value names(Json::arrayValue);
+  std::istringstream stream(list);
+  for (std::string name; std::getline(stream, name, ':');) {
+    names.append(name);
   }
   return names;
 }
 
-bool connects(const KnownClient& client, const Offer& offer) {
-  if (client.newest_version >= TLS1_3_VERSION && offer.has_version(TLS1_3_VERSION) &&
-      !offer.tls13_suites.empty()) {
+std::string joined(const Names& names) {
+  std::string list;
+  for (const std::string& name : names) {
+    list += (list.empty() ? "" : ":") + name;
+  }
+  return list;
+}
+
+void append_once(Json::Value& array, const Json::Value& element) {
+  if (!contains(array, element)) {
+    array.append(element);
+  }
+}
+
+/// Null for 0 and for the empty text.
+template <typename Value>
+Json::Value or_null(const Value& value) {
+  return value != Value() ? Json::Value(value) : Json::Value();
+}
+
+bool connects(const KnownClient& client, const Json::Value& offer) {
+  const Json::Value& protocols = offer["protocols"];
+  if (client.newest_version == TLS1_3_VERSION && contains(protocols, "TLS 1.3") &&
+      !offer["tls13-suites"].empty()) {
     return true;
   }
-  const int newest = std::min(client.newest_version, TLS1_2_VERSION);
-  const Names suites = names_in(client.suites);
-  return std::any_of(offer.versions.begin(), offer.versions.end(),
-                     [&](int version) { return version <= newest; }) &&
-         std::any_of(suites.begin(), suites.end(), [&](const std::string& suite) {
-           return contains(offer.cipher_suites, suite);
+  const std::string newest = version_name(std::min(client.newest_version, TLS1_2_VERSION));
+  const Json::Value suites = names_in(client.suites);
+  return !protocols.empty() && protocols[0].asString() <= newest &&
+         std::any_of(suites.begin(), suites.end(), [&](const Json::Value& suite) {
+           return contains(offer["cipher-suites"], suite);
          });
 }
 
-/// The family's oldest client that connects, or null.
-const KnownClient* oldest_of(const KnownClient (&family)[4], const Offer& offer) {
-  const auto* const found = std::find_if(
-      std::begin(family), std::end(family),
-      [&](const KnownClient& client) { return client.name != nullptr && connects(client, offer); });
-  return found != std::end(family) ? found : nullptr;
+/// Which of an offer's lists holds what the handshake tried.
+const char* list_for(const Json::Value& handshake) {
+  return handshake["tries"] == "group"       ? "groups"
+         : handshake["version"] == "TLS 1.3" ? "tls13-suites"
+                                             : "cipher-suites";
 }
-
-using ShakeHands = std::function<Outcome(const Hello&)>;
 
 /// Tries handshakes with one peer, and reports each as a step.
 class Surveyor {
  public:
-  Surveyor(const Client& client, ShakeHands shake_hands, const kelotls::Profile& profile,
+  Surveyor(const Client& client, const ShakeHands& shake_hands, const kelotls::Profile& profile,
            const Progress& progress)
-      : shake_hands_(std::move(shake_hands)),
-        requested_(requested_by(profile)),
-        progress_(progress) {
+      : shake_hands_(shake_hands), requested_(requested_by(profile)), progress_(progress) {
+    for (const char* const list : {"certificates", "handshakes", "not-testable"}) {
+      survey_[list] = Json::Value(Json::arrayValue);
+    }
     for (const ProtocolVersion& version : kProtocolVersions) {
-      const std::vector<Suite>& suites = suites_[version.number] = client.suites(version.number);
-      steps_ += suites.size();
-      for (const Suite& suite : suites) {
-        add_once(survey_.known_suites, suite.name);
-        add_once(survey_.dhe_suites, suite.is_dhe ? suite.name : "");
-      }
+      suites_[version.number] = client.suites(version.number);
+      steps_ += suites_[version.number].size();
     }
     steps_ += names_in(kTriedGroups).size();
   }
 
-  Survey try_one_by_one() {
-    survey_.certificate_kinds = {"RSA", "ECDSA"};
+  Json::Value try_one_by_one() {
+    survey_["certificates"] = names_in("RSA:ECDSA");
     for (const auto& [version, suites] : suites_) {
       for (const Suite& suite : suites) {
         record_suite(version, suite.name, shake_hands_({version, suite.name, {}, {}}));
@@ -105,14 +119,14 @@ class Surveyor {
     return std::move(survey_);
   }
 
-  Survey try_by_elimination() {
+  Json::Value try_by_elimination() {
     ask_for_certificates();
     for (const auto& [version, suites] : suites_) {
-      eliminate_suites(version, testable(version, suites));
+      eliminate_suites(version, testable(suites));
     }
-    for (const std::string& suite : requested_.cipher_suites) {
-      if (!contains(survey_.known_suites, suite)) {
-        survey_.untested.push_back({suite, "This machine's OpenSSL does not have it."});
+    for (const Json::Value& suite : requested_["cipher-suites"]) {
+      if (!covers(survey_, suite)) {
+        note_untested(suite, "This machine's OpenSSL does not have it.");
       }
     }
     try_groups();
@@ -122,22 +136,24 @@ class Surveyor {
  private:
   /// Finds the kinds of certificate that the server has, by signature algorithm.
   void ask_for_certificates() {
-    for (const char* signatures : {kRsaSignatures, kEcdsaSignatures}) {
-      add_once(survey_.certificate_kinds, shake_hands_({0, {}, {}, signatures}).certificate_kind);
+    for (const char* const signatures : {kRsaSignatures, kEcdsaSignatures}) {
+      const std::string kind = shake_hands_({0, {}, {}, signatures}).certificate_kind;
+      if (!kind.empty()) {
+        append_once(survey_["certificates"], kind);
+      }
     }
   }
 
   /// The suites that the server's certificates can show.
-  Names testable(int version, const std::vector<Suite>& suites) {
+  Names testable(const std::vector<Suite>& suites) {
     Names names;
-    for (const Suite& suite : suites) {
-      if (suite.certificate_kind.empty() ||
-          contains(survey_.certificate_kinds, suite.certificate_kind)) {
-        names.push_back(suite.name);
+    for (const auto& [name, certificate_kind] : suites) {
+      if (certificate_kind.empty() || contains(survey_["certificates"], certificate_kind)) {
+        names.push_back(name);
       } else {
-        leave_out(suite.name, requests(version, suite.name),
-                  "It needs an " + suite.certificate_kind +
-                      " certificate, which the server did not show.");
+        leave_out(
+            "cipher-suites", name,
+            "It needs an " + certificate_kind + " certificate, which the server did not show.");
       }
     }
     return names;
@@ -145,7 +161,7 @@ class Surveyor {
 
   void eliminate_suites(int version, Names remaining) {
     while (!remaining.empty()) {
-      const Outcome outcome = shake_hands_({version, list_of(remaining), {}, {}});
+      const Outcome outcome = shake_hands_({version, joined(remaining), {}, {}});
       const auto chosen = std::find(remaining.begin(), remaining.end(), outcome.suite);
       if (!outcome.accepted || chosen == remaining.end()) {
         break;
@@ -161,47 +177,54 @@ class Surveyor {
   /// Groups are tried with TLS 1.3, whose certificates do not depend on them. In older versions an
   /// ECDSA certificate's own curve has to be among the client's groups, so there only RSA serves.
   void try_groups() {
-    const std::vector<int> versions = survey_.offer().versions;
-    const int newest = versions.empty() ? 0 : versions.back();
+    const Json::Value versions = offer_of(survey_["handshakes"])["protocols"];
+    const int newest = versions.empty() ? 0 : version_number(versions[versions.size() - 1]);
     const bool has_tls13 = newest == TLS1_3_VERSION;
-    const bool can_try = has_tls13 || contains(survey_.certificate_kinds, "RSA");
-    for (const std::string& group : names_in(kTriedGroups)) {
+    const bool can_try = has_tls13 || contains(survey_["certificates"], "RSA");
+    for (const Json::Value& group : names_in(kTriedGroups)) {
       if (can_try) {
         const char* const suites = has_tls13 ? "" : "ECDHE+aRSA";
-        record_group(newest, group, shake_hands_({newest, suites, group, {}}));
+        Outcome outcome = shake_hands_({newest, suites, group.asString(), {}});
+        outcome.group = group.asString();
+        record("group", newest, outcome);
       } else {
-        leave_out(group, contains(requested_.groups, group),
-                  "To try it takes TLS 1.3, or an RSA certificate.");
+        leave_out("groups", group, "To try it takes TLS 1.3, or an RSA certificate.");
       }
     }
   }
 
-  void record_suite(int version, const std::string& suite, const Outcome& outcome) {
-    survey_.trials.push_back({false, version, suite, outcome.group, outcome.dh_bits,
-                              requests(version, suite), outcome.accepted});
+  void record_suite(int version, const std::string& suite, Outcome outcome) {
+    outcome.suite = suite;
+    record("suite", version, outcome);
+  }
+
+  void record(const char* tries, int version, const Outcome& outcome) {
+    Json::Value handshake;
+    handshake["tries"] = tries;
+    handshake["version"] = version_name(version);
+    handshake["suite"] = or_null(outcome.suite);
+    handshake["group"] = or_null(outcome.group);
+    handshake["dh-bits"] = or_null(outcome.dh_bits);
+    handshake["intended"] = contains(requested_["protocols"], handshake["version"]) &&
+                            contains(requested_[list_for(handshake)], subject_of(handshake));
+    handshake["accepted"] = outcome.accepted;
+    survey_["handshakes"].append(std::move(handshake));
     step();
   }
 
-  void record_group(int version, const std::string& group, const Outcome& outcome) {
-    const bool is_requested = requested_.has_version(version) && contains(requested_.groups, group);
-    survey_.trials.push_back(
-        {true, version, outcome.suite, group, outcome.dh_bits, is_requested, outcome.accepted});
-    step();
-  }
-
-  /// Noted once for a suite, which several versions may have.
-  void leave_out(const std::string& what, bool is_requested, const std::string& why) {
-    const auto same = [&](const Untested& untested) { return untested.what == what; };
-    if (is_requested && std::none_of(survey_.untested.begin(), survey_.untested.end(), same)) {
-      survey_.untested.push_back({what, why});
+  void leave_out(const char* list, const Json::Value& what, const std::string& why) {
+    if (contains(requested_[list], what)) {
+      note_untested(what, why);
     }
     step();
   }
 
-  bool requests(int version, const std::string& suite) const {
-    return requested_.has_version(version) &&
-           contains(version == TLS1_3_VERSION ? requested_.tls13_suites : requested_.cipher_suites,
-                    suite);
+  /// Once for a suite, which several versions may have.
+  void note_untested(const Json::Value& what, const std::string& why) {
+    Json::Value untested;
+    untested["what"] = what;
+    untested["text"] = why;
+    append_once(survey_["not-testable"], untested);
   }
 
   void step() {
@@ -211,13 +234,13 @@ class Surveyor {
     }
   }
 
-  const ShakeHands shake_hands_;
-  const Offer requested_;
+  const ShakeHands& shake_hands_;
+  const Json::Value requested_;
   const Progress& progress_;
   std::map<int, std::vector<Suite>> suites_;  // of each version
   std::size_t done_ = 0;
   std::size_t steps_ = 0;
-  Survey survey_;
+  Json::Value survey_;
 };
 
 }  // namespace
@@ -234,92 +257,84 @@ std::string version_name(int version) {
   return text;
 }
 
-bool contains(const Names& names, const std::string& name) {
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-void add_once(Names& names, const std::string& name) {
-  if (!name.empty() && !contains(names, name)) {
-    names.push_back(name);
-  }
-}
-
-std::string list_of(const Names& names, const char* separator) {
-  std::string list;
-  for (const std::string& name : names) {
-    list += (list.empty() ? "" : separator) + name;
-  }
-  return list;
-}
-
-bool Offer::has_version(int version) const {
-  return std::find(versions.begin(), versions.end(), version) != versions.end();
-}
-
-Offer requested_by(const kelotls::Profile& profile) {
-  Offer requested;
-  for (const ProtocolVersion& version : kProtocolVersions) {
-    if (version.number >= profile.oldest_version) {
-      requested.versions.push_back(version.number);
+int version_number(const Json::Value& name) {
+  for (const ProtocolVersion& known : kProtocolVersions) {
+    if (name == known.name) {
+      return known.number;
     }
   }
-  requested.cipher_suites = names_in(profile.cipher_list != nullptr ? profile.cipher_list : "");
-  requested.tls13_suites = names_in(profile.ciphersuites);
-  requested.groups = names_in(profile.groups);
-  requested.dh_bits = profile.dh_bits;
+  return 0;
+}
+
+bool contains(const Json::Value& array, const Json::Value& element) {
+  return std::find(array.begin(), array.end(), element) != array.end();
+}
+
+Json::Value requested_by(const kelotls::Profile& profile) {
+  Json::Value requested;
+  for (const ProtocolVersion& version : kProtocolVersions) {
+    if (version.number >= profile.oldest_version) {
+      requested["protocols"].append(version.name);
+    }
+  }
+  requested["cipher-suites"] = names_in(profile.cipher_list != nullptr ? profile.cipher_list : "");
+  requested["tls13-suites"] = names_in(profile.ciphersuites);
+  requested["groups"] = names_in(profile.groups);
+  requested["dh-bits"] = or_null(profile.dh_bits);
   return requested;
 }
 
-Names oldest_clients(const Offer& offer) {
-  Names clients;
+Json::Value offer_of(const Json::Value& handshakes) {
+  Json::Value offer;
+  for (const char* const list : {"protocols", "cipher-suites", "tls13-suites", "groups"}) {
+    offer[list] = Json::Value(Json::arrayValue);
+  }
+  int dh_bits = 0;
+  for (const Json::Value& handshake : handshakes) {
+    if (handshake["accepted"].asBool()) {
+      append_once(offer["protocols"], handshake["version"]);
+      append_once(offer[list_for(handshake)], subject_of(handshake));
+      dh_bits = std::max(dh_bits, handshake["dh-bits"].asInt());
+    }
+  }
+  offer["dh-bits"] = or_null(dh_bits);
+  return offer;
+}
+
+Json::Value oldest_clients(const Json::Value& offer, const Json::Value& other) {
+  Json::Value clients(Json::arrayValue);
   for (const auto& family : kFamilies) {
-    if (const KnownClient* const oldest = oldest_of(family, offer)) {
-      clients.emplace_back(oldest->name);
+    const auto* const oldest =
+        std::find_if(std::begin(family), std::end(family), [&](const KnownClient& client) {
+          return client.name != nullptr && connects(client, offer);
+        });
+    if (oldest != std::end(family) && !connects(*oldest, other)) {
+      clients.append(oldest->name);
     }
   }
   return clients;
 }
 
-Names lost_clients(const Offer& requested, const Offer& offered) {
-  Names lost;
-  for (const auto& family : kFamilies) {
-    const KnownClient* const oldest = oldest_of(family, requested);
-    if (oldest != nullptr && !connects(*oldest, offered)) {
-      lost.emplace_back(oldest->name);
-    }
-  }
-  return lost;
+const Json::Value& subject_of(const Json::Value& handshake) {
+  return handshake[handshake["tries"].asString()];
 }
 
-Offer Survey::offer() const {
-  Offer offer;
-  for (const Trial& trial : trials) {
-    if (!trial.accepted) {
-      continue;
-    }
-    if (!offer.has_version(trial.version)) {
-      offer.versions.push_back(trial.version);
-    }
-    if (trial.tries_group) {
-      add_once(offer.groups, trial.group);
-    } else {
-      add_once(trial.version == TLS1_3_VERSION ? offer.tls13_suites : offer.cipher_suites,
-               trial.suite);
-    }
-    offer.dh_bits = std::max(offer.dh_bits, trial.dh_bits);
-  }
-  return offer;
+bool covers(const Json::Value& survey, const Json::Value& suite) {
+  const Json::Value& tried = survey["handshakes"];
+  const Json::Value& untested = survey["not-testable"];
+  return std::any_of(tried.begin(), tried.end(),
+                     [&](const Json::Value& handshake) { return handshake["suite"] == suite; }) ||
+         std::any_of(untested.begin(), untested.end(),
+                     [&](const Json::Value& entry) { return entry["what"] == suite; });
 }
 
-Survey survey_context(const Client& client, SSL_CTX* context, const kelotls::Profile& profile,
-                      const Progress& progress) {
-  const auto shake_hands = [&](const Hello& hello) { return client.shake_hands(context, hello); };
+Json::Value try_one_by_one(const Client& client, const ShakeHands& shake_hands,
+                           const kelotls::Profile& profile, const Progress& progress) {
   return Surveyor(client, shake_hands, profile, progress).try_one_by_one();
 }
 
-Survey survey_server(const Client& client, const Server& server, const kelotls::Profile& profile,
-                     const Progress& progress) {
-  const auto shake_hands = [&](const Hello& hello) { return server.shake_hands(hello); };
+Json::Value try_by_elimination(const Client& client, const ShakeHands& shake_hands,
+                               const kelotls::Profile& profile, const Progress& progress) {
   return Surveyor(client, shake_hands, profile, progress).try_by_elimination();
 }
 
