@@ -57,19 +57,17 @@ CertificateOwner sign_certificate(EVP_PKEY* key) {
 }
 
 struct Identity {
-  KeyOwner key;
-  CertificateOwner certificate;
+  Identity(int kind, int strength)
+      : key(make_key(kind, strength)), certificate(sign_certificate(key.get())) {}
+
+  const KeyOwner key;
+  const CertificateOwner certificate;
 };
 
 /// Made once in a process: an RSA key costs more than all handshakes together.
 const Identity& throw_away_identity(int kind, int strength) {
   static std::map<std::pair<int, int>, Identity> identities;
-  Identity& identity = identities[{kind, strength}];
-  if (identity.certificate == nullptr) {
-    identity.key = make_key(kind, strength);
-    identity.certificate = sign_certificate(identity.key.get());
-  }
-  return identity;
+  return identities.try_emplace({kind, strength}, kind, strength).first->second;
 }
 
 // By security level, as strong as it requires and no stronger; but level 4 would require 7680 bits
@@ -140,22 +138,25 @@ void read_exchange(SSL* client, Outcome& outcome) {
   }
 }
 
-std::string certificate_kind(SSL* client) {
-  const CertificateOwner certificate(SSL_get_peer_certificate(client));
-  if (certificate == nullptr) {
-    return std::string();  // an anonymous suite
+/// As suites are named for them; empty where there is no certificate.
+const char* certificate_kind(int nid) {
+  switch (nid) {
+    case NID_undef:
+    case NID_auth_any:
+    case NID_auth_null:
+      return "";
+    case EVP_PKEY_RSA:
+    case EVP_PKEY_RSA_PSS:
+    case NID_auth_rsa:
+      return "RSA";
+    case EVP_PKEY_EC:
+    case EVP_PKEY_ED25519:
+    case EVP_PKEY_ED448:
+    case NID_auth_ecdsa:
+      return "ECDSA";
+    default:
+      return "other";
   }
-  const int kind = EVP_PKEY_base_id(X509_get0_pubkey(certificate.get()));
-  const bool is_rsa = kind == EVP_PKEY_RSA || kind == EVP_PKEY_RSA_PSS;
-  const bool is_ecdsa =  // as the suites of all three are named
-      kind == EVP_PKEY_EC || kind == EVP_PKEY_ED25519 || kind == EVP_PKEY_ED448;
-  return is_rsa ? "RSA" : is_ecdsa ? "ECDSA" : "other";
-}
-
-const char* certificate_kind(const SSL_CIPHER* cipher) {
-  const int nid = SSL_CIPHER_get_auth_nid(cipher);
-  const bool needs_none = nid == NID_auth_any || nid == NID_auth_null;
-  return needs_none ? "" : nid == NID_auth_rsa ? "RSA" : nid == NID_auth_ecdsa ? "ECDSA" : "other";
 }
 
 }  // namespace
@@ -179,7 +180,8 @@ std::vector<Suite> Client::suites(int version) const {
   std::vector<Suite> suites;
   for (int index = 0; index < sk_SSL_CIPHER_num(ciphers.get()); ++index) {
     const SSL_CIPHER* const cipher = sk_SSL_CIPHER_value(ciphers.get(), index);
-    suites.push_back({SSL_CIPHER_get_name(cipher), certificate_kind(cipher)});
+    suites.push_back(
+        {SSL_CIPHER_get_name(cipher), certificate_kind(SSL_CIPHER_get_auth_nid(cipher))});
   }
   return suites;
 }
@@ -230,7 +232,10 @@ Outcome complete(SSL* client, const Exchange& exchange) {
   if (outcome.reason.empty()) {
     outcome.accepted = true;
     outcome.suite = SSL_get_cipher_name(client);
-    outcome.certificate_kind = certificate_kind(client);
+    const CertificateOwner certificate(SSL_get_peer_certificate(client));
+    const bool is_anonymous = certificate == nullptr;
+    outcome.certificate_kind = certificate_kind(
+        is_anonymous ? NID_undef : EVP_PKEY_base_id(X509_get0_pubkey(certificate.get())));
     read_exchange(client, outcome);
   }
   ERR_clear_error();

@@ -208,29 +208,6 @@ constexpr Limit kLimits[] = {
     {kMinimumVersion, "minimum", SSL_CTRL_GET_MIN_PROTO_VERSION, SSL_CTRL_SET_MIN_PROTO_VERSION},
     {kMaximumVersion, "maximum", SSL_CTRL_GET_MAX_PROTO_VERSION, SSL_CTRL_SET_MAX_PROTO_VERSION}};
 
-void lift(SSL* server, unsigned int lifts, int security_level) {
-  for (const Limit& limit : kLimits) {
-    if ((lifts & limit.lift) != 0) {
-      SSL_ctrl(server, limit.set, 0, nullptr);
-    }
-  }
-  if ((lifts & kOptions) != 0) {
-    SSL_clear_options(server, kVersionOptions);
-  }
-  if ((lifts & kSecurityLevel) != 0) {
-    SSL_set_security_level(server, security_level);
-  }
-}
-
-std::string cause_of(unsigned int lifts) {
-  for (const Limit& limit : kLimits) {
-    if ((lifts & limit.lift) != 0) {
-      return std::string(limit.name) + "-version";
-    }
-  }
-  return (lifts & kSecurityLevel) != 0 ? "security-level" : kOther;
-}
-
 /// A limit that new contexts have too comes from the system-wide configuration.
 std::string limit_text(SSL_CTX* context, const Limit& limit) {
   const ContextOwner fresh(SSL_CTX_new(TLS_server_method()));
@@ -267,14 +244,23 @@ class Experiment {
 
  private:
   Outcome try_with(const Hello& hello, unsigned int lifts, int security_level = 0) const {
-    return client_.shake_hands(context_, hello,
-                               [&](SSL* server) { lift(server, lifts, security_level); });
+    return client_.shake_hands(context_, hello, [&](SSL* server) {
+      for (const Limit& limit : kLimits) {
+        if ((lifts & limit.lift) != 0) {
+          SSL_ctrl(server, limit.set, 0, nullptr);
+        }
+      }
+      SSL_clear_options(server, (lifts & kOptions) != 0 ? kVersionOptions : 0);
+      if ((lifts & kSecurityLevel) != 0) {
+        SSL_set_security_level(server, security_level);
+      }
+    });
   }
 
   Json::Value of_version(const Hello& hello) const {
     for (const unsigned int lifts : kCombinations) {
       if (try_with(hello, lifts).accepted) {
-        return reason(cause_of(lifts), lifted_text(hello, lifts));
+        return of_settings(hello, lifts);
       }
     }
     return reason(kOther, "OpenSSL does not accept it, whatever setting is lifted: " +
@@ -306,12 +292,11 @@ class Experiment {
   Json::Value of_dh_file(const std::string& path) const {
     errno = 0;
     const FileOwner file(std::fopen(path.c_str(), "r"));
-    if (file == nullptr && errno == ENOENT) {
-      return reason("dh-file-missing", "The file " + path + " does not exist.");
-    }
     if (file == nullptr) {
-      return reason("dh-file-unreadable",
-                    "The file " + path + " cannot be opened: " + std::strerror(errno) + ".");
+      return errno == ENOENT
+                 ? reason("dh-file-missing", "The file " + path + " does not exist.")
+                 : reason("dh-file-unreadable",
+                          "The file " + path + " cannot be opened: " + std::strerror(errno) + ".");
     }
     ERR_clear_error();
     const DhOwner parameters(PEM_read_DHparams(file.get(), nullptr, nullptr, nullptr));
@@ -356,21 +341,27 @@ class Experiment {
            " refuses " + what + "; level " + std::to_string(working_level) + " would not.";
   }
 
-  /// A sentence for each setting that had to be lifted.
-  std::string lifted_text(const Hello& hello, unsigned int lifts) const {
+  /// The first setting that had to be lifted is the cause; each gets a sentence.
+  Json::Value of_settings(const Hello& hello, unsigned int lifts) const {
+    Names causes;
     std::string text;
     for (const Limit& limit : kLimits) {
-      text += (lifts & limit.lift) != 0 ? limit_text(context_, limit) + " " : "";
+      if ((lifts & limit.lift) != 0) {
+        causes.push_back(std::string(limit.name) + "-version");
+        text += limit_text(context_, limit) + " ";
+      }
     }
     if ((lifts & kSecurityLevel) != 0) {
       const int level = working_security_level(hello, lifts).value_or(0);
+      causes.emplace_back("security-level");
       text += security_level_text(text.empty() ? "it" : "it too", level) + " ";
     }
     if ((lifts & kOptions) != 0) {
+      causes.emplace_back(kOther);
       text += "An option of the context, its own or system-wide, switches it off. ";
     }
     text.pop_back();
-    return text;
+    return reason(causes.front(), text);
   }
 
   const Client& client_;

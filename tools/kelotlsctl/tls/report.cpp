@@ -23,7 +23,7 @@ using kelotls::Profile;
 Json::Value measure_context(const Client& client, SSL_CTX* context, const Profile& profile,
                             const Progress& progress) {
   const auto shake_hands = [&](const Hello& hello) { return client.shake_hands(context, hello); };
-  Json::Value report = try_one_by_one(client, shake_hands, profile, progress);
+  Json::Value report = survey(client, shake_hands, profile, Approach::kOneByOne, progress);
   report["differences"] = context_differences(client, context, profile, report);
   return report;
 }
@@ -37,7 +37,7 @@ Json::Value measure_server(const Client& client, const ProbeTarget& target, cons
     throw std::runtime_error("No TLS handshake succeeds with " + target.host + " port " +
                              target.port + ": " + first.reason);
   }
-  Json::Value report = try_by_elimination(client, shake_hands, profile, progress);
+  Json::Value report = survey(client, shake_hands, profile, Approach::kElimination, progress);
   Json::Value of_context;
   if (target.context != nullptr) {
     of_context = measure_context(client, target.context, profile, nullptr)["differences"];

@@ -19,31 +19,26 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kTimeout(2);
 
-/// 0, or the errno of what went wrong.
-int wait_for(int socket, short events, Clock::time_point deadline) {
+/// False with errno set, as the next one.
+bool wait_for(int socket, short events, Clock::time_point deadline) {
   int ready = 0;
   do {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd entry = {socket, events, 0};
     ready = left.count() > 0 ? ::poll(&entry, 1, static_cast<int>(left.count())) : 0;
   } while (ready < 0 && errno == EINTR);
-  return ready > 0 ? 0 : ready == 0 ? ETIMEDOUT : errno;
+  return ready > 0 || (ready == 0 && kelotls::fail(ETIMEDOUT));
 }
 
-/// 0, or the errno of what went wrong.
-int connect_within_timeout(int socket, const sockaddr* address, socklen_t length) {
+bool connect_within_timeout(int socket, const sockaddr* address, socklen_t length) {
   if (::connect(socket, address, length) == 0) {
-    return 0;
+    return true;
   }
-  if (errno != EINPROGRESS) {
-    return errno;
-  }
-  int error = wait_for(socket, POLLOUT, Clock::now() + kTimeout);
-  if (error == 0) {
-    socklen_t size = sizeof error;
-    ::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
-  }
-  return error;
+  int error = 0;
+  socklen_t size = sizeof error;
+  return errno == EINPROGRESS && wait_for(socket, POLLOUT, Clock::now() + kTimeout) &&
+         ::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == 0 &&
+         (error == 0 || kelotls::fail(error));
 }
 
 /// OpenSSL's bytes at one end of a pair of BIOs, the socket at the other. Not a socket BIO, whose
@@ -57,11 +52,12 @@ class Wire {
   std::string send_pending() {
     char* data = nullptr;
     for (int length = 0; (length = BIO_nread0(wire_end_.get(), &data)) > 0;) {
-      const int error = wait_for(socket_, POLLOUT, deadline_);
       const ssize_t sent =
-          error == 0 ? ::send(socket_, data, static_cast<std::size_t>(length), MSG_NOSIGNAL) : -1;
+          wait_for(socket_, POLLOUT, deadline_)
+              ? ::send(socket_, data, static_cast<std::size_t>(length), MSG_NOSIGNAL)
+              : -1;
       if (sent < 0) {
-        return std::strerror(error != 0 ? error : errno);
+        return std::strerror(errno);
       }
       BIO_nread(wire_end_.get(), &data, static_cast<int>(sent));
     }
@@ -72,11 +68,11 @@ class Wire {
   std::string receive() {
     char buffer[4096];
     const auto room = static_cast<std::size_t>(BIO_ctrl_get_write_guarantee(wire_end_.get()));
-    const int error = wait_for(socket_, POLLIN, deadline_);
-    const ssize_t length =
-        error == 0 ? ::recv(socket_, buffer, std::min(room, sizeof buffer), 0) : -1;
+    const ssize_t length = wait_for(socket_, POLLIN, deadline_)
+                               ? ::recv(socket_, buffer, std::min(room, sizeof buffer), 0)
+                               : -1;
     if (length < 0) {
-      return std::strerror(error != 0 ? error : errno);
+      return std::strerror(errno);
     }
     BIO_write(wire_end_.get(), buffer, static_cast<int>(length));
     return length == 0 ? "the server closed the connection" : "";
@@ -130,19 +126,16 @@ Outcome Server::shake_hands(const Hello& hello) const {
 }
 
 int Server::connect_to_first() const {
-  int error = 0;
   for (const addrinfo* entry = addresses_.get(); entry != nullptr; entry = entry->ai_next) {
     const int type = SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC;
     kelotls::Descriptor socket(::socket(entry->ai_family, type, 0));
-    error = socket.is_open()
-                ? connect_within_timeout(socket.get(), entry->ai_addr, entry->ai_addrlen)
-                : errno;
-    if (error == 0) {
+    if (socket.is_open() &&
+        connect_within_timeout(socket.get(), entry->ai_addr, entry->ai_addrlen)) {
       return socket.release();
     }
   }
-  throw std::runtime_error("Nothing answers at " + host_ + " port " + port_ + ": " +
-                           std::strerror(error));
+  const std::string reason = std::strerror(errno);
+  throw std::runtime_error("Nothing answers at " + host_ + " port " + port_ + ": " + reason);
 }
 
 }  // namespace kelotlsctl

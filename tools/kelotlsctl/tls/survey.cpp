@@ -108,18 +108,27 @@ class Surveyor {
     steps_ += names_in(kTriedGroups).size();
   }
 
-  Json::Value try_one_by_one() {
+  Json::Value run(Approach approach) {
+    if (approach == Approach::kOneByOne) {
+      try_one_by_one();
+    } else {
+      try_by_elimination();
+    }
+    try_groups();
+    return std::move(survey_);
+  }
+
+ private:
+  void try_one_by_one() {
     survey_["certificates"] = names_in("RSA:ECDSA");
     for (const auto& [version, suites] : suites_) {
       for (const Suite& suite : suites) {
         record_suite(version, suite.name, shake_hands_({version, suite.name, {}, {}}));
       }
     }
-    try_groups();
-    return std::move(survey_);
   }
 
-  Json::Value try_by_elimination() {
+  void try_by_elimination() {
     ask_for_certificates();
     for (const auto& [version, suites] : suites_) {
       eliminate_suites(version, testable(suites));
@@ -129,11 +138,8 @@ class Surveyor {
         note_untested(suite, "This machine's OpenSSL does not have it.");
       }
     }
-    try_groups();
-    return std::move(survey_);
   }
 
- private:
   /// Finds the kinds of certificate that the server has, by signature algorithm.
   void ask_for_certificates() {
     for (const char* const signatures : {kRsaSignatures, kEcdsaSignatures}) {
@@ -328,14 +334,9 @@ bool covers(const Json::Value& survey, const Json::Value& suite) {
                      [&](const Json::Value& entry) { return entry["what"] == suite; });
 }
 
-Json::Value try_one_by_one(const Client& client, const ShakeHands& shake_hands,
-                           const kelotls::Profile& profile, const Progress& progress) {
-  return Surveyor(client, shake_hands, profile, progress).try_one_by_one();
-}
-
-Json::Value try_by_elimination(const Client& client, const ShakeHands& shake_hands,
-                               const kelotls::Profile& profile, const Progress& progress) {
-  return Surveyor(client, shake_hands, profile, progress).try_by_elimination();
+Json::Value survey(const Client& client, const ShakeHands& shake_hands,
+                   const kelotls::Profile& profile, Approach approach, const Progress& progress) {
+  return Surveyor(client, shake_hands, profile, progress).run(approach);
 }
 
 }  // namespace kelotlsctl

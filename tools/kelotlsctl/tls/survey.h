@@ -53,14 +53,15 @@ const Json::Value& subject_of(const Json::Value& handshake);
 /// Whether the suite was tried, or could not be tried for a reason that the survey gives.
 bool covers(const Json::Value& survey, const Json::Value& suite);
 
-/// Tries each suite in a handshake of its own: exact, and cheap in memory.
-Json::Value try_one_by_one(const Client& client, const ShakeHands& shake_hands,
-                           const kelotls::Profile& profile, const Progress& progress);
+enum class Approach {
+  kOneByOne,     ///< each suite in a handshake of its own: exact, and cheap in memory
+  kElimination,  ///< all at once, then without the one that the server chose, until it refuses
+};
 
-/// Tries all suites at once, then without the one that the server chose, until it refuses: every
-/// refusal may take as long as the timeout, and so there is only one for each version.
-Json::Value try_by_elimination(const Client& client, const ShakeHands& shake_hands,
-                               const kelotls::Profile& profile, const Progress& progress);
+/// Every refusal by a server may take as long as the timeout: with elimination there is only one
+/// for each version.
+Json::Value survey(const Client& client, const ShakeHands& shake_hands,
+                   const kelotls::Profile& profile, Approach approach, const Progress& progress);
 
 }  // namespace kelotlsctl
 
