@@ -23,7 +23,6 @@ constexpr char kOther[] = "other";
 constexpr char kDhe[] = "DHE";
 
 using FileOwner = std::unique_ptr<std::FILE, Release<std::fclose>>;
-using DhOwner = std::unique_ptr<DH, Release<DH_free>>;
 
 /// A request that the level makes and that was not accepted. Of a suite that this machine does not
 /// have, and of DHE where no version that uses it was accepted, the version is 0.
@@ -140,17 +139,16 @@ class Comparison {
 
   /// A suite that only some of the offered versions refuse is a difference for each of them.
   void compare_suite(const std::string& suite) {
+    std::vector<int> accepted;
     std::vector<int> refused;
-    bool is_accepted = false;
     for (const Json::Value& handshake : survey_["handshakes"]) {
       if (handshake["tries"] == "suite" && handshake["suite"] == suite &&
           handshake["intended"].asBool() && is_offered(handshake["version"])) {
-        const bool accepts = handshake["accepted"].asBool();
-        is_accepted |= accepts;
-        refused.insert(refused.end(), accepts ? 0 : 1, version_number(handshake["version"]));
+        (handshake["accepted"].asBool() ? accepted : refused)
+            .push_back(version_number(handshake["version"]));
       }
     }
-    if (!is_accepted && !refused.empty()) {
+    if (accepted.empty() && !refused.empty()) {
       add_missing(suite, {suite, {refused.back(), suite, {}, {}}});
       return;
     }
@@ -374,10 +372,9 @@ class Experiment {
 Json::Value context_differences(const Client& client, SSL_CTX* context,
                                 const kelotls::Profile& profile, const Json::Value& survey) {
   const Experiment experiment(client, context, profile);
-  const auto find_reason = [&](const Missing& missing) {
-    return experiment.find_reason(missing.hello);
-  };
-  return Comparison(profile, survey, find_reason).run();
+  return Comparison(profile, survey,
+                    [&](const Missing& missing) { return experiment.find_reason(missing.hello); })
+      .run();
 }
 
 Json::Value server_differences(const kelotls::Profile& profile, const Json::Value& survey,
