@@ -14,6 +14,7 @@ Observer current_observer = nullptr;
 
 void observe(Observer observer) { current_observer = observer; }
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks the arguments against the format.
 void write_line(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);

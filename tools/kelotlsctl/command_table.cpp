@@ -7,11 +7,14 @@ namespace kelotlsctl {
 namespace {
 
 // clang-format off
-const ArgumentRow kDryRun  = {"--dry-run", "Say what would be done, write nothing", &Arguments::dry_run};
-const ArgumentRow kService = {"SERVICE", "The name that the service joined with", nullptr, &Arguments::service, true, true};
-const ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
+constexpr ArgumentRow kDryRun  = {"--dry-run", "Say what would be done, write nothing", &Arguments::dry_run};
+constexpr ArgumentRow kService = {"SERVICE", "The name that the service joined with", nullptr, &Arguments::service, true, true};
+constexpr ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
+// clang-format on
 
-const std::vector<CommandRow> kCommands = {
+std::vector<CommandRow> make_table() {
+  // clang-format off
+  return {
     {"list", "Show all services (without a command, this)",
      {{"--names", "", &Arguments::names, nullptr, false, false, true}},
      "0, 1, 4", list_services, print_services},
@@ -72,11 +75,15 @@ const std::vector<CommandRow> kCommands = {
       {"--from", "A backup to take the levels from", nullptr, &Arguments::backup_file},
       {"--default", "The default level", nullptr, &Arguments::default_level}},
      "0, 1, 2", recover, print_recovered},
-};
-// clang-format on
+  };
+  // clang-format on
+}
 
 }  // namespace
 
-const std::vector<CommandRow>& commands() { return kCommands; }
+const std::vector<CommandRow>& commands() {
+  static const std::vector<CommandRow> table = make_table();
+  return table;
+}
 
 }  // namespace kelotlsctl
