@@ -1,6 +1,5 @@
 // Owns the table of commands: what each is called with, says, and is done by.
 #include "command_line.h"
-#include "commands/commands.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // kelotlsctl apply: rendering, reloading and probing as one.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/application.h"
 
 namespace kelotlsctl {

@@ -1,5 +1,5 @@
 // kelotlsctl default: the level of every service that has none of its own.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/store.h"
 
 namespace kelotlsctl {

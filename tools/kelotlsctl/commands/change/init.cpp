@@ -2,7 +2,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "files.h"
 #include "json_document.h"
 #include "paths.h"

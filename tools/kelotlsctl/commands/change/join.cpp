@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "files.h"
 #include "paths.h"
 #include "state/documents.h"

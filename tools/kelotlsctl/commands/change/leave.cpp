@@ -1,7 +1,7 @@
 // kelotlsctl leave: services of a registration leave, with their files.
 #include <kelotls/api_provider.h>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "files.h"
 #include "paths.h"
 #include "state/documents.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <optional>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "files.h"
 #include "json_document.h"
 #include "log_messages.h"

@@ -1,5 +1,5 @@
 // kelotlsctl regen: the data store, brought in line with the descriptor files.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/store.h"
 
 namespace kelotlsctl {

@@ -1,5 +1,5 @@
 // kelotlsctl reload: all reloaders, run.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/application.h"
 
 namespace kelotlsctl {

@@ -1,7 +1,7 @@
 // kelotlsctl render: all templates, rendered for the levels of their services.
 #include <algorithm>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/application.h"
 
 namespace kelotlsctl {

@@ -1,5 +1,5 @@
 // kelotlsctl restore: levels, taken from a backup.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/documents.h"
 
 namespace kelotlsctl {

@@ -1,7 +1,7 @@
 // kelotlsctl set: a service's level, and with --apply its way into force.
 #include <exception>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/application.h"
 #include "state/store.h"
 

@@ -9,7 +9,7 @@
 #include <regex>
 #include <set>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "files.h"
 #include "framework_config.h"
 #include "json_document.h"

@@ -1,7 +1,7 @@
 // kelotlsctl explain: what this machine gives of a level, and why.
 #include <kelotls/api_provider.h>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/application.h"
 #include "tls/report.h"
 

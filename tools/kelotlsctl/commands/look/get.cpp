@@ -1,5 +1,5 @@
 // kelotlsctl get: a service's level.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/store.h"
 
 namespace kelotlsctl {

@@ -1,7 +1,7 @@
 // kelotlsctl levels: what each level asks for.
 #include <kelotls/tls_profile_level.h>
 
-#include "commands/commands.h"
+#include "command_line.h"
 #include "tls/report.h"
 
 namespace kelotlsctl {

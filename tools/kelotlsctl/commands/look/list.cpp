@@ -1,5 +1,5 @@
 // kelotlsctl list: all services, their levels, and whether these are in force.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "output/text.h"
 #include "state/service_state.h"
 

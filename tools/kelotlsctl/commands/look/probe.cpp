@@ -1,6 +1,6 @@
 // kelotlsctl probe: handshakes with a service's context or with its running server, held against
 // its level.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/application.h"
 #include "state/store.h"
 #include "tls/report.h"

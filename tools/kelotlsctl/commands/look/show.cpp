@@ -1,5 +1,5 @@
 // kelotlsctl show: one service, and what there is of its files.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "files.h"
 #include "paths.h"
 #include "state/service_state.h"

@@ -1,5 +1,5 @@
 // kelotlsctl validate: every fault of a registration.
-#include "commands/commands.h"
+#include "command_line.h"
 #include "state/documents.h"
 
 namespace kelotlsctl {
