@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cstring>
 #include <sstream>
 #include <utility>
 
@@ -19,6 +18,8 @@ constexpr int kMaxNesting = 256;
 
 /// Judges a text by the grammar of RFC 8259. jsoncpp takes more than that, throws when nesting
 /// passes its limit, and takes a NUL byte for the end: it only ever sees what was accepted here.
+/// The library goes without the reasons, which would cost it bytes.
+template <bool kSaysWhy>
 class Grammar {
  public:
   /// The text has a NUL byte behind its end, where every step stops.
@@ -84,11 +85,12 @@ class Grammar {
 
   /// Ends on its last character.
   bool escape() {
-    ++at_;
-    if (*at_ == 'u') {
+    const char kind = *++at_;
+    if (kind == 'u') {
       return is_hex(*++at_) && is_hex(*++at_) && is_hex(*++at_) && is_hex(*++at_);
     }
-    return *at_ != '\0' && std::strchr("\"\\/bfnrt", *at_) != nullptr;
+    return kind == '"' || kind == '\\' || kind == '/' || kind == 'b' || kind == 'f' ||
+           kind == 'n' || kind == 'r' || kind == 't';
   }
 
   bool number() {
@@ -142,7 +144,7 @@ class Grammar {
   }
 
   bool refuse(const char* reason) {
-    reason_ = reason;
+    reason_ = kSaysWhy ? reason : nullptr;
     return false;
   }
 
@@ -183,8 +185,20 @@ Json::StreamWriterBuilder make_writer_settings(Colons colons) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
-  builder["enableYAMLCompatibility"] = colons == Colons::kPlain;
+  if (colons == Colons::kPlain) {
+    builder["enableYAMLCompatibility"] = true;
+  }
   return builder;
+}
+
+template <Colons colons>
+std::string write_text(const Json::Value& value) {
+  static const Json::StreamWriterBuilder settings = make_writer_settings(colons);
+  std::ostringstream text(std::ios::out);
+  text.exceptions(std::ios::badbit);  // or a text cut short for want of memory would look whole
+  std::unique_ptr<Json::StreamWriter>(settings.newStreamWriter())->write(value, &text);
+  text << '\n';
+  return text.str();
 }
 
 bool keeps_to(const MemberRule& rule, const Json::Value& member) {
@@ -232,7 +246,7 @@ bool JsonReader::parse(const std::string& text, Json::Value& document) {
 /// Of "[" and a text. jsoncpp reads it in brackets, as the one element of an array: it takes a
 /// scalar for a document only where it also takes text behind it.
 bool JsonReader::parse_bracketed(std::string text, Json::Value& document) {
-  const bool is_accepted = Grammar(text.data() + 1, text.data() + text.size()).accepts();
+  const bool is_accepted = Grammar<false>(text.data() + 1, text.data() + text.size()).accepts();
   text += ']';
   Json::Value documents;
   if (!is_accepted ||
@@ -246,7 +260,7 @@ bool JsonReader::parse_bracketed(std::string text, Json::Value& document) {
 
 std::string JsonReader::fault() const {
   const std::string text = refused_.substr(1, refused_.size() - 2);
-  Grammar grammar(text.data(), text.data() + text.size());
+  Grammar<true> grammar(text.data(), text.data() + text.size());
   if (grammar.accepts()) {
     return jsoncpp_fault(text, duplicates_);
   }
@@ -258,14 +272,8 @@ std::string JsonReader::fault() const {
 }
 
 std::string json_text(const Json::Value& value, Colons colons) {
-  static const Json::StreamWriterBuilder spaced = make_writer_settings(Colons::kSpaced);
-  static const Json::StreamWriterBuilder plain = make_writer_settings(Colons::kPlain);
-  std::ostringstream text(std::ios::out);
-  text.exceptions(std::ios::badbit);  // or a text cut short for want of memory would look whole
-  const Json::StreamWriterBuilder& settings = colons == Colons::kSpaced ? spaced : plain;
-  std::unique_ptr<Json::StreamWriter>(settings.newStreamWriter())->write(value, &text);
-  text << '\n';
-  return text.str();
+  return colons == Colons::kSpaced ? write_text<Colons::kSpaced>(value)
+                                   : write_text<Colons::kPlain>(value);
 }
 
 const Json::Value* find_member(const Json::Value& value, std::string_view key) {
@@ -332,6 +340,6 @@ bool Json::Value::toFile(const String& path, bool in_place) const {
   if (kelotls::has_nul(path)) {
     return kelotls::fail(EINVAL);
   }
-  const std::string text = kelotls::json_text(*this, kelotls::Colons::kSpaced);
+  const std::string text = kelotls::write_text<kelotls::Colons::kSpaced>(*this);
   return in_place ? kelotls::write_in_place(path, text) : kelotls::replace_file(path, text);
 }

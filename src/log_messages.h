@@ -1,6 +1,5 @@
-// Every line that the library writes to the system log: one function a message, in order of unit
-// and number. The numbers are identities like error codes: frozen, unique within their unit. No
-// other code knows the text of a line.
+// Owns every line that goes to the system log, one function a message, in order of unit and number.
+// The numbers are identities: frozen, unique within their unit. No other code knows a line's text.
 #pragma once
 
 #include <cerrno>
