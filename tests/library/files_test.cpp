@@ -116,8 +116,8 @@ TEST_F(Files, ReadingRefusesWhatIsNoRegularFileAndDoesNotWaitForIt) {
 // Creating
 
 TEST_F(Files, CreatingMakesAFileOfExactlyThisModeWhateverTheUmask) {
-  for (const mode_t umask : {0, 022, 0777}) {
-    for (const mode_t requested : {0400, 0600, 0644, 0666, 0777}) {
+  for (const mode_t umask : {0U, 022U, 0777U}) {
+    for (const mode_t requested : {0400U, 0600U, 0644U, 0666U, 0777U}) {
       remove_all(kFile);
       ::umask(umask);
       EXPECT_TRUE(create_file(kFile, "text", requested));
@@ -197,7 +197,7 @@ TEST_F(Files, ReplacingAnEntryKeepsTheModeAndOwnerOfARegularFile) {
 }
 
 TEST_F(Files, ReplacingAnEntryMakesAFileOfExactlyThisModeWhereThereIsNoRegularOne) {
-  for (const mode_t umask : {0, 077, 0777}) {
+  for (const mode_t umask : {0U, 077U, 0777U}) {
     ::umask(umask);
     remove_all(kFile);
     EXPECT_TRUE(replace_entry(kFile, "new", 0666));
@@ -230,7 +230,7 @@ TEST_F(Files, ReplacingAnEntryLeavesTheOldOneAndNothingElseWhereItFails) {
 
 TEST_F(Files, MakesTheMissingDirectoriesOfAPathEachOfExactlyThisMode) {
   ASSERT_EQ(::chmod(kDirectory.c_str(), 0711), 0);
-  for (const mode_t umask : {0, 022, 0777}) {
+  for (const mode_t umask : {0U, 022U, 0777U}) {
     remove_all(kDirectory + "a");
     ::umask(umask);
     std::vector<std::string> made = {"before"};
