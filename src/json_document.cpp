@@ -201,8 +201,14 @@ std::string write_text(const Json::Value& value) {
   return text.str();
 }
 
+bool is_filled_string(const Json::Value& value) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  return value.getString(&begin, &end) && begin != end;
+}
+
 bool keeps_to(const MemberRule& rule, const Json::Value& member) {
-  return rule.type == Json::stringValue && !rule.may_be_empty ? is_filled_string(&member)
+  return rule.type == Json::stringValue && !rule.may_be_empty ? is_filled_string(member)
          : rule.type == Json::intValue                        ? member.isInt()
                                                               : member.type() == rule.type;
 }
@@ -283,12 +289,6 @@ const Json::Value* find_member(const Json::Value& value, std::string_view key) {
 std::string text_member(const Json::Value& value, std::string_view key) {
   const Json::Value* const member = find_member(value, key);
   return member != nullptr && member->isString() ? member->asString() : std::string();
-}
-
-bool is_filled_string(const Json::Value* value) {
-  const char* begin = nullptr;
-  const char* end = nullptr;
-  return value != nullptr && value->getString(&begin, &end) && begin != end;
 }
 
 const MemberRule* broken_rule(const Json::Value& value, const MemberRule* rule) {

@@ -63,9 +63,6 @@ struct MemberRule {
   bool may_be_empty;  // of a string
 };
 
-/// Whether there is a value and it is a string with something in it.
-bool is_filled_string(const Json::Value* value);
-
 /// The first rule from here on that the value breaks, or null. What is no object lacks every
 /// member.
 const MemberRule* broken_rule(const Json::Value& value, const MemberRule* rule);

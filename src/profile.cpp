@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <utility>
 
-#include "files.h"
 #include "kelotls/tls_profile_level.h"
 #include "paths.h"
 

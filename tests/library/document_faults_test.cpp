@@ -161,13 +161,15 @@ TEST_F(DocumentFaults, OfALevelAreThatItIsNoIntegerOf32Bits) {
 // Members
 
 TEST_F(DocumentFaults, OfAStringAreThatItIsMissingEmptyOrNone) {
-  const Json::Value filled("a");
-  const Json::Value empty("");
-  const Json::Value number(1);
-  EXPECT_TRUE(is_filled_string(&filled));
-  EXPECT_FALSE(is_filled_string(&empty));
-  EXPECT_FALSE(is_filled_string(&number));
-  EXPECT_FALSE(is_filled_string(nullptr));
+  constexpr MemberRule kRules[] = {{"name", Json::stringValue, true, false}, {}};
+  const auto breaks_rule = [&](const char* text) {
+    return broken_rule(json(text), kRules) == kRules;
+  };
+  EXPECT_FALSE(breaks_rule(R"({"name": "a"})"));
+  EXPECT_FALSE(breaks_rule(R"({"name": "\u0000"})"));
+  EXPECT_TRUE(breaks_rule(R"({"name": ""})"));
+  EXPECT_TRUE(breaks_rule(R"({"name": 1})"));
+  EXPECT_TRUE(breaks_rule("{}"));
 }
 
 // Places
