@@ -25,17 +25,6 @@ struct Arguments {
   std::string default_level;
 };
 
-/// What a command has to say: one document, printed as text or as JSON, and what follows it.
-struct Report {
-  int code = kDone;
-  Json::Value document{Json::objectValue};
-  std::vector<std::string> warnings;
-  std::vector<std::string> notes;  ///< for people; silent with --quiet
-  /// Prints the document as text instead of the row's function, where an option asks for another
-  /// form.
-  void (*print)(Console& console, const Json::Value& document) = nullptr;
-};
-
 /// One argument of a command: a flag, an option ("--from") or a positional ("SERVICE").
 struct ArgumentRow {
   const char* name;
@@ -47,20 +36,18 @@ struct ArgumentRow {
   bool is_hidden = false;
 };
 
+using CommandFunction = Report(Console& console, const Arguments& arguments);
+
 struct CommandRow {
   const char* name;
   const char* help;
   std::vector<ArgumentRow> arguments;
   const char* exit_codes;
-  Report (*run)(Console& console, const Arguments& arguments);
-  /// Writes the document as text; console.data() takes it.
-  void (*print)(Console& console, const Json::Value& document);
+  CommandFunction* run;
+  PrintFunction* print;
 };
 
 // The commands' functions: for each, what does it and what prints its document.
-
-using CommandFunction = Report(Console& console, const Arguments& arguments);
-using PrintFunction = void(Console& console, const Json::Value& document);
 
 // look/: what changes nothing
 CommandFunction list_services, show_service, get_level, show_levels, explain, probe_service,

@@ -27,6 +27,10 @@ bool is_control(unsigned char character) { return character < 0x20 || character 
 
 }  // namespace
 
+Failure system_failure(const std::string& path) {
+  return {kFailed, path + ": " + std::strerror(errno)};
+}
+
 std::string printable(const std::string& text) {
   std::string result;
   for (const char character : text) {
@@ -41,6 +45,8 @@ std::string printable(const std::string& text) {
   }
   return result;
 }
+
+std::string printable(const Json::Value& text) { return printable(text.asString()); }
 
 std::size_t display_width(const std::string& text) {
   // Names are UTF-8 whatever the operator's locale says.
@@ -72,14 +78,12 @@ Json::Value object(std::initializer_list<std::pair<const char*, Json::Value>> me
 }
 
 Json::Value list_of(const std::vector<std::string>& texts) {
-  Json::Value list(Json::arrayValue);
-  for (const std::string& text : texts) {
-    list.append(text);
-  }
-  return list;
+  return list_of(texts, [](const std::string& text) { return text; });
 }
 
-Console::Console() : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {}
+Console::Console() : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
+  ::dup2(STDERR_FILENO, STDOUT_FILENO);
+}
 
 Console::~Console() {
   if (output_ >= 0) {
@@ -95,6 +99,12 @@ bool Console::may_colour(int descriptor) {
 }
 
 void Console::document(const Json::Value& value) { data_ << kelotls::json_text(value); }
+
+void Console::print_each(const Json::Value& texts, const std::string& remark) {
+  for (const Json::Value& text : texts) {
+    data_ << printable(text) << remark << '\n';
+  }
+}
 
 bool Console::flush() {
   const std::string text = data_.str();

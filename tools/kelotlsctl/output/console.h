@@ -38,19 +38,33 @@ class Failure : public std::runtime_error {
   std::string advice_;
 };
 
+/// The Failure of a call on the path, with the text of errno.
+Failure system_failure(const std::string& path);
+
 /// The text with every control character written as "\xNN", so that a name out of a file cannot
-/// drive the terminal.
+/// drive the terminal; the same of a text in a document.
 std::string printable(const std::string& text);
+std::string printable(const Json::Value& text);
 
 /// How many columns a terminal needs for the text.
 std::size_t display_width(const std::string& text);
 
-/// A JSON object of these members; a JSON list of these texts.
+/// A JSON object of these members; a JSON list of these texts, or of what is made of each element.
 Json::Value object(std::initializer_list<std::pair<const char*, Json::Value>> members);
 Json::Value list_of(const std::vector<std::string>& texts);
+template <typename Range, typename Make>
+Json::Value list_of(const Range& range, const Make& make) {
+  Json::Value list(Json::arrayValue);
+  for (const auto& element : range) {
+    list.append(make(element));
+  }
+  return list;
+}
 
 class Console {
  public:
+  /// Keeps the standard output for the command's own data: what programs that are run write to it
+  /// goes to the standard error from now on.
   Console();
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
@@ -66,6 +80,9 @@ class Console {
   /// Text for the standard output, held back until flush or the next line on the standard error.
   /// Unused with --json.
   std::ostream& data() { return data_; }
+
+  /// A line of data for each text of a JSON list, with the remark behind it.
+  void print_each(const Json::Value& texts, const std::string& remark);
 
   /// The one document that a command gives with --json.
   void document(const Json::Value& value);
@@ -89,7 +106,7 @@ class Console {
 
   static bool may_colour(int descriptor);
 
-  int output_;  // where data goes even while the standard output is lent to programs that are run
+  int output_;
   bool json_ = false;
   bool quiet_ = false;
   bool colour_ = may_colour(1);
@@ -97,6 +114,19 @@ class Console {
   bool bar_is_drawn_ = false;
   bool has_lost_output_ = false;
   std::ostringstream data_;
+};
+
+/// Writes a document as text; console.data() takes it.
+using PrintFunction = void(Console& console, const Json::Value& document);
+
+/// What a command has to say: one document, printed as text or as JSON, and what follows it.
+struct Report {
+  int code = kDone;
+  Json::Value document{Json::objectValue};
+  std::vector<std::string> warnings;
+  std::vector<std::string> notes;  ///< for people; silent with --quiet
+  /// Takes the place of the command's own function where an option asks for another form.
+  PrintFunction* print = nullptr;
 };
 
 }  // namespace kelotlsctl

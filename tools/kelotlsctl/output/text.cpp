@@ -93,9 +93,10 @@ bool is_near_change(const Edits& edits, std::size_t at) {
 }  // namespace
 
 void Table::add(const std::vector<std::string>& cells) {
-  std::vector<std::string> row;
-  std::transform(cells.begin(), cells.end(), std::back_inserter(row), printable);
-  rows_.push_back(std::move(row));
+  std::vector<std::string>& row = rows_.emplace_back();
+  for (const std::string& cell : cells) {
+    row.push_back(printable(cell));
+  }
 }
 
 void Table::print(std::ostream& out, bool colour) const {

@@ -1,16 +1,13 @@
 // Owns bringing levels into force.
 #include "state/application.h"
 
-#include <fcntl.h>
 #include <kelotls/api_provider.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
 
-#include "files.h"
 #include "log_messages.h"
 #include "output/text.h"
 #include "paths.h"
@@ -21,60 +18,31 @@ namespace kelotlsctl {
 
 namespace {
 
-/// As long as it lives, what reloaders write to the standard output goes to the standard error: the
-/// former carries nothing but the command's own data.
-class OutputAside {
- public:
-  OutputAside() : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
-  }
-  OutputAside(const OutputAside&) = delete;
-  OutputAside& operator=(const OutputAside&) = delete;
-  ~OutputAside() {
-    if (output_.is_open()) {
-      ::dup2(output_.get(), STDOUT_FILENO);
-    } else {
-      ::close(STDOUT_FILENO);
-    }
-  }
+using Outcome = kelotls::RenderResult::Outcome;
 
- private:
-  const kelotls::Descriptor output_;
-};
-
-struct ChangeWords {
-  const char* key;
-  const char* done;
-  const char* foreseen;
-};
-
-// clang-format off
-constexpr ChangeWords kChangeWords[] = {
-    {"none",    "unchanged", "unchanged"},
-    {"none",    "unchanged", "unchanged"},
-    {"new",     "made",      "would be made"},
-    {"changed", "changed",   "would change"},
-    {"failed",  "FAILED",    "FAILED"},
-};
-// clang-format on
-
-std::string diff_of(const Rendered& rendered) {
-  const std::string path = printable(kelotls::rendered_path(rendered.service));
-  return unified_diff(rendered.change == Change::kNew ? "/dev/null" : path, path,
-                      rendered.texts.former, rendered.texts.now);
-}
-
-Json::Value rendered_json(const Rendered& rendered, bool with_diff) {
-  Json::Value value =
-      object({{"service", rendered.service},
-              {"path", kelotls::rendered_path(rendered.service)},
-              {"change", kChangeWords[static_cast<std::size_t>(rendered.change)].key}});
-  if (!rendered.fault.empty()) {
+Json::Value rendered_json(const std::string& service, const Rendered& rendered, bool with_diff) {
+  const std::string path = kelotls::rendered_path(service);
+  const kelotls::RenderedTexts& texts = rendered.texts;
+  Json::Value value = object({{"service", service},
+                              {"path", path},
+                              {"change", rendered.outcome == Outcome::kFailed      ? "failed"
+                                         : rendered.outcome == Outcome::kUnchanged ? "none"
+                                         : texts.had_former                        ? "changed"
+                                                                                   : "new"}});
+  if (rendered.outcome == Outcome::kFailed) {
     value["fault"] = rendered.fault;
-  } else if (with_diff && rendered.change != Change::kUnchanged) {
-    value["diff"] = diff_of(rendered);
+  } else if (with_diff && rendered.outcome != Outcome::kUnchanged) {
+    value["diff"] = unified_diff(texts.had_former ? printable(path) : "/dev/null", printable(path),
+                                 texts.former, texts.now);
   }
   return value;
+}
+
+std::string change_text(const Json::Value& change, bool is_done) {
+  return change == "none"      ? "unchanged"
+         : change == "new"     ? (is_done ? "made" : "would be made")
+         : change == "changed" ? (is_done ? "changed" : "would change")
+                               : "FAILED";
 }
 
 /// Runs the reloader of the element, and tells it what went wrong.
@@ -96,19 +64,15 @@ const Json::Value* element_with(const Json::Value& list, const char* member,
   return found != list.end() ? &*found : nullptr;
 }
 
-bool any_base_system_reloader_failed(const Json::Value& reloaders) {
-  const std::string directory = kelotls::kSystemReloaderDir;
-  return std::any_of(reloaders.begin(), reloaders.end(), [&](const Json::Value& reloader) {
-    return reloader.isMember("fault") &&
-           reloader["path"].asString().compare(0, directory.size(), directory) == 0;
-  });
-}
-
 /// A service counts as reloaded unless its own reloader failed; one without a link may be served
 /// by any of the base system's, so these must all have succeeded. What a reloader that failed has
 /// left behind is not known: such a service is in no stamp, whatever it had before.
 void stamp_services(const Store& store, const Json::Value& reloaders) {
-  const bool is_base_system_reloaded = !any_base_system_reloader_failed(reloaders);
+  const bool is_base_system_reloaded =
+      std::none_of(reloaders.begin(), reloaders.end(), [](const Json::Value& reloader) {
+        return reloader.isMember("fault") &&
+               reloader["path"].asString().rfind(kelotls::kSystemReloaderDir, 0) == 0;
+      });
   Stamp stamp;
   for (const std::string& service : store.names()) {
     const Json::Value* const own = element_with(reloaders, "path", kelotls::link_path(service));
@@ -130,7 +94,7 @@ std::string probe_fault(Console& console, const std::string& service, int level)
   ProbeTarget target;
   target.context = context.get();
   const Json::Value report = probe(target, level, [&](std::size_t done, std::size_t all) {
-    console.progress("probing " + effective_name(level), done, all);
+    console.progress("probing " + effective_level_json(level)["name"].asString(), done, all);
   });
   return has_own_differences(report, false) ? first_difference(report) : std::string();
 }
@@ -139,46 +103,37 @@ std::string probe_fault(Console& console, const std::string& service, int level)
 Json::Value probe_services(Console& console, const Store& store,
                            const std::vector<std::string>& services) {
   std::map<int, std::string> faults;
-  Json::Value list = list_of({});
-  for (const std::string& service : services) {
+  return list_of(services, [&](const std::string& service) {
     const int level = store.effective_level(service);
     if (faults.count(level) == 0) {
       faults[level] = probe_fault(console, service, level);
     }
     const std::string& fault = faults[level];
-    Json::Value& probed =
-        list.append(object({{"service", service},
-                            {"stored-level", level_json(store.stored_level(service))},
-                            {"effective-level", effective_level_json(level)},
-                            {"agrees", fault.empty()}}));
+    Json::Value probed = store.levels_json(service);
+    probed["agrees"] = fault.empty();
     if (!fault.empty()) {
       probed["fault"] = fault;
       console.warn(printable(service) + ": probe: " + printable(fault));
     }
-  }
-  return list;
+    return probed;
+  });
 }
 
-Json::Value application_json(const Json::Value& renderings, const Reloading& reloading) {
+Json::Value application_json(const Json::Value& renderings, const Json::Value& reloading) {
   Json::Value document = object(
-      {{"rendered", renderings}, {"reloaders", reloading.reloaders}, {"probed", list_of({})}});
-  if (!reloading.fault.empty()) {
-    document["reload-fault"] = reloading.fault;
+      {{"rendered", renderings}, {"reloaders", reloading["reloaders"]}, {"probed", list_of({})}});
+  if (reloading.isMember("fault")) {
+    document["reload-fault"] = reloading["fault"];
   }
   return document;
 }
 
-const char* rendered_cell(const Json::Value* rendered) {
-  if (rendered == nullptr) {
-    return "-";
-  }
-  return rendered->isMember("fault")       ? "FAILED"
-         : (*rendered)["change"] == "none" ? "unchanged"
-                                           : "rendered";
-}
-
-const char* reloaded_cell(const Json::Value* reloader) {
-  return reloader == nullptr ? "-" : reloader->isMember("fault") ? "FAILED" : "reloaded";
+/// How a step ended for a service; "-" where there was nothing to do.
+const char* cell_of(const Json::Value* element, const char* done) {
+  return element == nullptr               ? "-"
+         : element->isMember("fault")     ? "FAILED"
+         : (*element)["change"] == "none" ? "unchanged"
+                                          : done;
 }
 
 }  // namespace
@@ -188,8 +143,8 @@ Json::Value render_all(const Store& store, kelotls::Rendering rendering, bool wi
   Json::Value list = list_of({});
   for (const std::string& service : store.names()) {
     const Rendered rendered = render(store, service, reader, rendering);
-    if (rendered.change != Change::kNoTemplate) {
-      list.append(rendered_json(rendered, with_diff));
+    if (rendered.outcome != Outcome::kNoTemplate) {
+      list.append(rendered_json(service, rendered, with_diff));
     }
   }
   return list;
@@ -200,72 +155,62 @@ bool any_fault(const Json::Value& list) {
                      [](const Json::Value& element) { return element.isMember("fault"); });
 }
 
-void warn_of_renderings(Console& console, const Json::Value& renderings) {
-  for (const Json::Value& rendered : renderings) {
-    if (rendered.isMember("fault")) {
-      console.warn(printable(rendered["service"].asString()) + ": " +
-                   printable(rendered["fault"].asString()));
+void warn_of_faults(Console& console, const Json::Value& list, const char* member,
+                    const char* separator) {
+  for (const Json::Value& element : list) {
+    if (element.isMember("fault")) {
+      console.warn(printable(element[member]) + separator + printable(element["fault"]));
     }
   }
 }
 
 void print_renderings(Console& console, const Json::Value& renderings, bool is_done) {
   for (const Json::Value& rendered : renderings) {
-    const ChangeWords& words =
-        *std::find_if(std::begin(kChangeWords), std::end(kChangeWords) - 1,
-                      [&](const ChangeWords& row) { return rendered["change"] == row.key; });
-    console.data() << printable(rendered["service"].asString()) << ": "
-                   << printable(rendered["path"].asString()) << ' '
-                   << (is_done ? words.done : words.foreseen) << '\n';
+    console.data() << printable(rendered["service"]) << ": " << printable(rendered["path"]) << ' '
+                   << change_text(rendered["change"], is_done) << '\n';
   }
 }
 
-ExitCode Reloading::code() const {
-  return !fault.empty() ? kFailed : any_fault(reloaders) ? kReloaderFailed : kDone;
-}
-
-Reloading list_reloaders() {
-  Reloading reloading = {list_of({}), {}};
+Json::Value list_reloaders() {
   kelotls::FileList names = kelotls::make_file_list();
   std::vector<std::string> paths;
   const char* directory = nullptr;
   errno = 0;
   if (!kelotls::collect_reloaders(names, paths, directory)) {
-    reloading.fault = std::string(directory) + ": " + std::strerror(errno);
-    return reloading;
+    return object({{"reloaders", list_of({})}, {"fault", system_failure(directory).what()}});
   }
-  for (const std::string& path : paths) {
-    reloading.reloaders.append(object({{"path", path}}));
-  }
-  return reloading;
+  return object({{"reloaders", list_of(paths, [](const std::string& path) {
+                    return object({{"path", path}});
+                  })}});
 }
 
-Reloading run_reloaders(const Store& store) {
-  Reloading reloading = list_reloaders();
-  if (!reloading.fault.empty()) {
+Json::Value run_reloaders(const Store& store) {
+  Json::Value reloading = list_reloaders();
+  if (reloading.isMember("fault")) {
     kelotls::log::reloaders_not_listed(kelotls::kConfigDir);
     return reloading;
   }
-  {
-    const OutputAside aside;
-    for (Json::Value& reloader : reloading.reloaders) {
-      run_listed(reloader);
-    }
+  for (Json::Value& reloader : reloading["reloaders"]) {
+    run_listed(reloader);
   }
-  stamp_services(store, reloading.reloaders);
+  stamp_services(store, reloading["reloaders"]);
   return reloading;
 }
 
-void warn_of_reloading(Console& console, const Reloading& reloading) {
-  if (!reloading.fault.empty()) {
-    console.warn("no reloader has run: " + printable(reloading.fault));
+void warn_of_reloading(Console& console, const Json::Value& fault) {
+  if (!fault.isNull()) {
+    console.warn("no reloader has run: " + printable(fault));
   }
 }
 
-void print_reloaders(Console& console, const Json::Value& reloaders, bool is_done) {
+void print_reloaders(Console& console, const Json::Value& reloaders, const Json::Value& fault,
+                     bool is_done) {
   for (const Json::Value& reloader : reloaders) {
     const std::string verdict = is_done ? reloader.get("fault", "done").asString() : "would be run";
-    console.data() << printable(reloader["path"].asString()) << ": " << printable(verdict) << '\n';
+    console.data() << printable(reloader["path"]) << ": " << printable(verdict) << '\n';
+  }
+  if (reloaders.empty() && fault.isNull()) {
+    console.say("There is no reloader.");
   }
 }
 
@@ -278,52 +223,39 @@ kelotls::ContextOwner service_context(const std::string& service) {
   return context;
 }
 
-Application apply_to(Console& console, const Store& store, const std::vector<std::string>& probed) {
+Report apply_to(Console& console, const Store& store, const std::vector<std::string>& probed) {
   console.progress("rendering", 0, 3);
   const Json::Value renderings = render_all(store, kelotls::Rendering::kInForce, false);
   console.progress("reloading", 1, 3);
-  const Reloading reloading = run_reloaders(store);
+  const Json::Value reloading = run_reloaders(store);
   console.progress("reloading", 3, 3);
 
-  Application application;
-  application.document = application_json(renderings, reloading);
-  application.document["probed"] = probe_services(console, store, probed);
-  warn_of_renderings(console, renderings);
-  warn_of_reloading(console, reloading);
-  for (const Json::Value& reloader : reloading.reloaders) {
-    if (reloader.isMember("fault")) {
-      console.warn(printable(reloader["path"].asString()) + " " +
-                   printable(reloader["fault"].asString()));
-    }
-  }
-  application.code = any_fault(renderings)                       ? kFailed
-                     : reloading.code() != kDone                 ? reloading.code()
-                     : any_fault(application.document["probed"]) ? kNotSo
-                                                                 : kDone;
-  return application;
+  Report report;
+  report.document = application_json(renderings, reloading);
+  report.document["probed"] = probe_services(console, store, probed);
+  warn_of_faults(console, renderings, "service", ": ");
+  warn_of_reloading(console, reloading["fault"]);
+  warn_of_faults(console, reloading["reloaders"], "path", " ");
+  report.code = any_fault(renderings) || reloading.isMember("fault") ? kFailed
+                : any_fault(reloading["reloaders"])                  ? kReloaderFailed
+                : any_fault(report.document["probed"])               ? kNotSo
+                                                                     : kDone;
+  return report;
 }
 
-Application foresee_application(Console& console, const Store& store) {
-  const Json::Value renderings = render_all(store, kelotls::Rendering::kPreview, false);
-  const Reloading reloading = list_reloaders();
-  if (!console.json()) {
-    warn_of_renderings(console, renderings);
-    warn_of_reloading(console, reloading);
-  }
-  return {application_json(renderings, reloading), kDone};
+Json::Value foresee_application(const Store& store) {
+  return application_json(render_all(store, kelotls::Rendering::kPreview, false), list_reloaders());
 }
 
 void print_application(Console& console, const Json::Value& document) {
   Table table({"SERVICE", "LEVEL", "RENDER", "RELOAD", "PROBE"});
   for (const Json::Value& probed : document["probed"]) {
     const std::string service = probed["service"].asString();
-    table.add(
-        {service,
-         describe_levels(probed["stored-level"]["value"].asInt(),
-                         probed["effective-level"]["value"].asInt()),
-         rendered_cell(element_with(document["rendered"], "service", service)),
-         reloaded_cell(element_with(document["reloaders"], "path", kelotls::link_path(service))),
-         probed["agrees"].asBool() ? "agrees" : "FAILED"});
+    const Json::Value* const reloader =
+        element_with(document["reloaders"], "path", kelotls::link_path(service));
+    table.add({service, describe_levels(probed["stored-level"], probed["effective-level"]),
+               cell_of(element_with(document["rendered"], "service", service), "rendered"),
+               cell_of(reloader, "reloaded"), cell_of(&probed, "agrees")});
   }
   table.print(console.data(), console.colour());
 }

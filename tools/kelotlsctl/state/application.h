@@ -20,42 +20,38 @@ Json::Value render_all(const Store& store, kelotls::Rendering rendering, bool wi
 /// Whether an element of a report has a "fault".
 bool any_fault(const Json::Value& list);
 
-/// "web: template /x is missing", for each rendering that has a fault.
-void warn_of_renderings(Console& console, const Json::Value& renderings);
+/// "web: template /x is missing", for each element that has a fault, with what the member holds.
+void warn_of_faults(Console& console, const Json::Value& list, const char* member,
+                    const char* separator);
 
 /// "PATH changed", of each rendering, in the words of what was or would be done.
 void print_renderings(Console& console, const Json::Value& renderings, bool is_done);
 
-struct Reloading {
-  Json::Value reloaders;  ///< [{"path", "fault"}]
-  std::string fault;      ///< why none has run
-  ExitCode code() const;
-};
+/// What reload would run, in its order: {"reloaders": [{"path", "fault"}], "fault": why none has
+/// run}
+Json::Value list_reloaders();
 
-/// What reload would run, in its order.
-Reloading list_reloaders();
+/// The same. Runs every reloader, and notes in the stamp which services have what they should.
+Json::Value run_reloaders(const Store& store);
 
-/// Runs every reloader, and notes in the stamp which services have what they should.
-Reloading run_reloaders(const Store& store);
+/// Of the one fault for which none has run; null without it.
+void warn_of_reloading(Console& console, const Json::Value& fault);
 
-void warn_of_reloading(Console& console, const Reloading& reloading);
-void print_reloaders(Console& console, const Json::Value& reloaders, bool is_done);
+/// A line for each reloader, or that there is none to run.
+void print_reloaders(Console& console, const Json::Value& reloaders, const Json::Value& fault,
+                     bool is_done);
 
 /// The context that the service gets. A Failure when it gets none.
 kelotls::ContextOwner service_context(const std::string& service);
 
-struct Application {
-  Json::Value document;   ///< {"rendered", "reloaders", "reload-fault", "probed"}
-  ExitCode code = kDone;  ///< of the first step that failed
-};
-
-/// All steps, in spite of any failure, so that one service's fault keeps no other from its level.
+/// All steps, in spite of any failure, so that one service's fault keeps no other from its level:
+/// {"rendered", "reloaders", "reload-fault", "probed"}, and the code of the first step that failed.
 /// Probes the services named; those of one level have the same context, and it is tried once.
 /// Faults are warned of.
-Application apply_to(Console& console, const Store& store, const std::vector<std::string>& probed);
+Report apply_to(Console& console, const Store& store, const std::vector<std::string>& probed);
 
 /// What apply would do.
-Application foresee_application(Console& console, const Store& store);
+Json::Value foresee_application(const Store& store);
 
 /// A line for each service that was probed.
 void print_application(Console& console, const Json::Value& document);

@@ -20,7 +20,7 @@ std::string read_source(const std::string& file) {
   std::string text;
   if (!(file == "-" ? kelotls::read_to_end(STDIN_FILENO, 0, text)
                     : kelotls::read_file(file, text))) {
-    throw Failure(kFailed, file + ": " + std::strerror(errno));
+    throw system_failure(file);
   }
   return text;
 }
@@ -40,21 +40,12 @@ std::string file_warning(const std::string& file, bool is_reloader) {
   return is_reloader && (status.st_mode & 0111) == 0 ? file + " is not executable" : "";
 }
 
-kelotls::Faults file_warnings(const Json::Value& registration) {
-  kelotls::Faults warnings;
-  const Json::Value* const services = kelotls::find_member(registration, "services");
-  const Json::ArrayIndex count = services != nullptr && services->isArray() ? services->size() : 0;
-  for (Json::ArrayIndex index = 0; index < count; ++index) {
-    for (const bool is_reloader : {false, true}) {
-      const char* const key = is_reloader ? "reloader-path" : "mustache-path";
-      const std::string file = kelotls::text_member((*services)[index], key);
-      const std::string text = file.empty() ? "" : file_warning(file, is_reloader);
-      if (!text.empty()) {
-        warnings.push_back({kelotls::path_of_element("$.services", index) + "." + key, text});
-      }
-    }
+std::string lines_of(const kelotls::Faults& faults) {
+  std::string lines;
+  for (const kelotls::Fault& fault : faults) {
+    lines += "\n  " + fault_text(fault);
   }
-  return warnings;
+  return lines;
 }
 
 Json::Value change_json(int from, int to) {
@@ -80,44 +71,47 @@ Registration read_registration(const std::string& file, kelotls::Purpose purpose
     return registration;
   }
   registration.faults = kelotls::registration_faults(registration.document, purpose);
-  if (purpose == kelotls::Purpose::kJoin) {
-    registration.warnings = file_warnings(registration.document);
-  }
   return registration;
 }
 
 Registration require_registration(const std::string& file, kelotls::Purpose purpose) {
   Registration registration = read_registration(file, purpose);
-  if (registration.faults.empty()) {
-    return registration;
+  if (!registration.faults.empty()) {
+    throw Failure(kFailed,
+                  registration.source + " is no registration that can be used" +
+                      lines_of(registration.faults),
+                  "Nothing was changed.");
   }
-  std::string list;
-  for (const kelotls::Fault& fault : registration.faults) {
-    list += "\n  " + fault.path + ": " + printable(fault.text);
-  }
-  throw Failure(kFailed, registration.source + " is no registration that can be used" + list,
-                "Nothing was changed.");
+  return registration;
 }
 
-std::vector<std::string> warnings_of(const Registration& registration) {
-  std::vector<std::string> texts;
-  for (const kelotls::Fault& warning : registration.warnings) {
-    texts.push_back(warning.path + ": " + printable(warning.text));
+kelotls::Faults file_warnings(const Json::Value& registration) {
+  kelotls::Faults warnings;
+  const Json::Value* const services = kelotls::find_member(registration, "services");
+  const Json::ArrayIndex count = services != nullptr && services->isArray() ? services->size() : 0;
+  for (Json::ArrayIndex index = 0; index < count; ++index) {
+    for (const bool is_reloader : {false, true}) {
+      const char* const key = is_reloader ? "reloader-path" : "mustache-path";
+      const std::string file = kelotls::text_member((*services)[index], key);
+      const std::string text = file.empty() ? "" : file_warning(file, is_reloader);
+      if (!text.empty()) {
+        warnings.push_back({kelotls::path_of_element("$.services", index) + "." + key, text});
+      }
+    }
   }
-  return texts;
+  return warnings;
+}
+
+std::string fault_text(const kelotls::Fault& fault) {
+  return fault.path + ": " + printable(fault.text);
 }
 
 Store read_backup(const std::string& file) {
   Store saved;
-  std::string list;
   std::string fault;
-  if (!read_document(file, saved.root, fault)) {
-    list = ": " + fault;
-  } else {
-    for (const kelotls::Fault& found : kelotls::data_store_faults(saved.root)) {
-      list += "\n  " + found.path + ": " + found.text;
-    }
-  }
+  const std::string list = read_document(file, saved.root, fault)
+                               ? lines_of(kelotls::data_store_faults(saved.root))
+                               : ": " + fault;
   if (!list.empty()) {
     throw Failure(kFailed, printable(file) + " cannot be restored from" + list,
                   "Nothing was changed.");
@@ -141,29 +135,18 @@ std::vector<std::string> warnings_of(const Store& saved) {
 }
 
 Json::Value restoration_json(const Store& live, const Store& saved) {
-  Json::Value document =
-      object({{"changes", list_of({})},
-              {"unknown", list_of({})},
-              {"missing", list_of({})},
-              {"default-level", change_json(live.default_level(), saved.default_level())}});
+  Json::Value changes = list_of({});
   for (const std::string& service : saved.names()) {
-    if (!live.has(service)) {
-      document["unknown"].append(service);
-    } else if (live.stored_level(service) != saved.stored_level(service)) {
-      document["changes"].append(change_json(live.stored_level(service),
-                                             saved.stored_level(service)))["service"] = service;
+    const int from = live.stored_level(service);
+    const int to = saved.stored_level(service);
+    if (live.has(service) && from != to) {
+      changes.append(change_json(from, to))["service"] = service;
     }
   }
-  for (const std::string& service : live.names()) {
-    if (!saved.has(service)) {
-      document["missing"].append(service);
-    }
-  }
-  return document;
-}
-
-void restore_levels(Store& live, const Store& saved) {
-  kelotls::restore_levels(live.root, saved.root);
+  return object({{"default-level", change_json(live.default_level(), saved.default_level())},
+                 {"changes", changes},
+                 {"unknown", saved.names_missing_in(live)},
+                 {"missing", live.names_missing_in(saved)}});
 }
 
 std::string dated_name(const std::string& head, const std::string& tail) {

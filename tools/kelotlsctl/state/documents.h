@@ -14,8 +14,7 @@ namespace kelotlsctl {
 struct Registration {
   std::string source;  ///< as the operator named it
   Json::Value document;
-  kelotls::Faults faults;    ///< it is refused
-  kelotls::Faults warnings;  ///< it can join, but something is likely to fail later
+  kelotls::Faults faults;  ///< it is refused
 
   std::vector<std::string> names() const;
 };
@@ -27,8 +26,11 @@ Registration read_registration(const std::string& file, kelotls::Purpose purpose
 /// The same, and a Failure that names the faults where there are any.
 Registration require_registration(const std::string& file, kelotls::Purpose purpose);
 
+/// What is likely to fail once the services have joined.
+kelotls::Faults file_warnings(const Json::Value& registration);
+
 /// "$.services[0].reloader-path: /run/x: No such file or directory"
-std::vector<std::string> warnings_of(const Registration& registration);
+std::string fault_text(const kelotls::Fault& fault);
 
 /// A backup of the levels, in the data store's format. A Failure for a file that cannot be used;
 /// the library, given one, would set the default level to 0.
@@ -40,9 +42,6 @@ std::vector<std::string> warnings_of(const Store& saved);
 /// What restoring a backup changes: {"default-level": {"from", "to"}, "changes": [{"service",
 /// "from", "to"}], "unknown": [saved, but not joined], "missing": [joined, but not saved]}
 Json::Value restoration_json(const Store& live, const Store& saved);
-
-/// Takes the levels over, in memory.
-void restore_levels(Store& live, const Store& saved);
 
 /// "kelotls-levels-20270131-235959.json", in local time.
 std::string dated_name(const std::string& head, const std::string& tail);

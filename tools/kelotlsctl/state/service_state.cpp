@@ -2,22 +2,20 @@
 #include "state/service_state.h"
 
 #include <openssl/evp.h>
-#include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <climits>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
-#include "files.h"
 #include "paths.h"
 
 namespace kelotlsctl {
 
 namespace {
 
-using kelotls::find_member;
 using kelotls::RenderResult;
+using Outcome = RenderResult::Outcome;
 using kelotls::text_member;
 
 struct StateWords {
@@ -40,7 +38,7 @@ std::string failure_text(const RenderResult& result, const Store& store,
                          const std::string& service) {
   switch (result.failed_step) {
     case RenderResult::Step::kDescriptor:
-      return "descriptor " + result.path + ": " + read_service_descriptor(service).fault;
+      return "descriptor " + result.path + ": " + read_service_descriptor(result.path).fault;
     case RenderResult::Step::kLevel:
       return "the level " + std::to_string(store.effective_level(service)) + " is unusable";
     case RenderResult::Step::kTemplate:
@@ -50,19 +48,6 @@ std::string failure_text(const RenderResult& result, const Store& store,
       return result.path + ": " + std::strerror(result.error);
     default:
       return kelotls::rendered_path(service) + " was not written";
-  }
-}
-
-Change change_of(const RenderResult& result, const kelotls::RenderedTexts& texts) {
-  switch (result.outcome) {
-    case RenderResult::Outcome::kNoTemplate:
-      return Change::kNoTemplate;
-    case RenderResult::Outcome::kUnchanged:
-      return Change::kUnchanged;
-    case RenderResult::Outcome::kFailed:
-      return Change::kFailed;
-    default:
-      return texts.had_former ? Change::kChanged : Change::kNew;
   }
 }
 
@@ -85,63 +70,59 @@ Json::Value stamp_entry(int effective, const std::string& rendered) {
   return object({{"level", effective}, {"rendered", sha256(rendered)}});
 }
 
-/// The stamp's services; null where it cannot be used.
-Json::Value read_stamp() {
-  Json::Value document;
-  std::string fault;
-  const bool is_read = read_document(Stamp::kPath, document, fault);
-  const Json::Value* const services = is_read ? find_member(document, "services") : nullptr;
-  return services != nullptr && services->isObject() ? *services : Json::Value();
-}
-
 }  // namespace
 
 std::string ServiceDescriptor::template_path() const { return text_member(value, "mustache-path"); }
 
 std::string ServiceDescriptor::reloader_path() const { return text_member(value, "reloader-path"); }
 
-ServiceDescriptor read_service_descriptor(const std::string& service) {
-  ServiceDescriptor descriptor;
-  descriptor.path = kelotls::descriptor_path(service);
-  if (read_document(descriptor.path, descriptor.value, descriptor.fault)) {
-    descriptor.usable = descriptor.value.isObject();
-    descriptor.fault = descriptor.usable ? "" : "it is no JSON object";
+ServiceDescriptor read_service_descriptor(const std::string& path) {
+  ServiceDescriptor descriptor = {path, {}, {}};
+  if (read_document(path, descriptor.value, descriptor.fault) && !descriptor.value.isObject()) {
+    descriptor.fault = "it is no JSON object";
   }
   return descriptor;
 }
 
 std::string link_target(const std::string& service) {
-  char target[PATH_MAX];
-  const ssize_t length = ::readlink(kelotls::link_path(service).c_str(), target, sizeof target);
-  return length < 0 ? std::string() : std::string(target, static_cast<std::size_t>(length));
+  std::error_code error;
+  return std::filesystem::read_symlink(kelotls::link_path(service), error).string();
 }
 
 Rendered render(const Store& store, const std::string& service, kelotls::JsonReader& reader,
                 kelotls::Rendering rendering) {
-  Rendered rendered;
-  rendered.service = service;
+  kelotls::RenderedTexts texts;
   const RenderResult result =
-      kelotls::render_and_compare(store.root, service, reader, rendering, rendered.texts);
-  rendered.change = change_of(result, rendered.texts);
-  if (rendered.change == Change::kFailed) {
-    rendered.fault = failure_text(result, store, service);
-  }
-  return rendered;
+      kelotls::render_and_compare(store.root, service, reader, rendering, texts);
+  const bool has_failed = result.outcome == Outcome::kFailed;
+  return {result.outcome, texts, has_failed ? failure_text(result, store, service) : ""};
 }
 
 Stamp Stamp::load() {
   Stamp stamp;
-  const Json::Value services = read_stamp();
-  if (services.isObject()) {
-    stamp.services_ = services;
-  }
+  Json::Value document;
+  kelotls::JsonReader().read(kPath, document);
+  const Json::Value* const services = kelotls::find_member(document, "services");
+  stamp.services_ = services != nullptr && services->isObject() ? *services : Json::Value();
   return stamp;
 }
 
-bool Stamp::is_broken() { return kelotls::exists_at(Stamp::kPath) && read_stamp().isNull(); }
+bool Stamp::is_broken() { return kelotls::exists_at(kPath) && load().services_.isNull(); }
+
+void Stamp::forget(const std::vector<std::string>& services) {
+  Stamp stamp = load();
+  bool any = false;
+  for (const std::string& service : services) {
+    any = stamp.services_.removeMember(service.data(), service.data() + service.size(), nullptr) ||
+          any;
+  }
+  if (any) {
+    stamp.save();
+  }
+}
 
 bool Stamp::matches(const std::string& service, int effective, const std::string& rendered) const {
-  const Json::Value* const found = find_member(services_, service);
+  const Json::Value* const found = kelotls::find_member(services_, service);
   return found != nullptr && *found == stamp_entry(effective, rendered);
 }
 
@@ -149,59 +130,48 @@ void Stamp::record(const std::string& service, int effective, const std::string&
   services_[service] = stamp_entry(effective, rendered);
 }
 
-bool Stamp::forget(const std::vector<std::string>& services) {
-  bool any = false;
-  for (const std::string& service : services) {
-    any = services_.removeMember(service.data(), service.data() + service.size(), nullptr) || any;
-  }
-  return any;
-}
-
 void Stamp::save() const {
-  Json::Value document(Json::objectValue);
-  document["services"] = services_;
-  if (!kelotls::replace_entry(Stamp::kPath, kelotls::json_text(document), 0644)) {
-    throw Failure(kFailed, std::string(Stamp::kPath) + ": " + std::strerror(errno));
+  const std::string text = kelotls::json_text(object({{"services", services_}}));
+  if (!kelotls::replace_entry(kPath, text, 0644)) {
+    throw system_failure(kPath);
   }
 }
 
 ServiceStatus ServiceInspector::inspect(const std::string& service) {
   const Json::Value& entry = store_.services()[service];
-  ServiceStatus status;
-  status.name = service;
-  status.display_name = text_member(entry, "display-name");
-  status.i18n_display_name = text_member(entry, "display-name-i18n");
-  status.stored = store_.stored_level(service);
-  status.effective = store_.effective_level(service);
-  status.descriptor = read_service_descriptor(service);
-  status.link_target = link_target(service);
-  status.rendered = render(store_, service, reader_, kelotls::Rendering::kPreview);
+  ServiceStatus status = {service,
+                          read_service_descriptor(kelotls::descriptor_path(service)),
+                          link_target(service),
+                          render(store_, service, reader_, kelotls::Rendering::kPreview),
+                          State::kInForce,
+                          store_.levels_json(service)};
   status.state = state_of(status);
+  status.document["display-name"] = text_member(entry, "display-name");
+  status.document["state"] = kStateWords[static_cast<std::size_t>(status.state)].key;
+  if (!status.rendered.fault.empty()) {
+    status.document["fault"] = status.rendered.fault;
+  }
   return status;
 }
 
 State ServiceInspector::state_of(const ServiceStatus& status) const {
-  if (status.effective < 0) {
+  const int effective = store_.effective_level(status.name);
+  const Outcome outcome = status.rendered.outcome;
+  if (effective < 0) {
     return State::kUnusableLevel;
   }
-  switch (status.rendered.change) {
-    case Change::kFailed:
-      return State::kCannotRender;
-    case Change::kNew:
-    case Change::kChanged:
-      return State::kPendingRender;
-    case Change::kNoTemplate:
-      if (status.link_target.empty() && status.descriptor.reloader_path().empty()) {
-        return State::kNextContext;
-      }
-      break;
-    case Change::kUnchanged:
-      break;
+  if (outcome == Outcome::kFailed) {
+    return State::kCannotRender;
   }
-  const bool has_template = status.rendered.change != Change::kNoTemplate;
+  if (outcome == Outcome::kRendered) {
+    return State::kPendingRender;
+  }
+  const bool has_template = outcome != Outcome::kNoTemplate;
+  if (!has_template && status.link_target.empty() && status.descriptor.reloader_path().empty()) {
+    return State::kNextContext;
+  }
   const std::string rendered = has_template ? status.rendered.texts.former : std::string();
-  return stamp_.matches(status.name, status.effective, rendered) ? State::kInForce
-                                                                 : State::kPendingReload;
+  return stamp_.matches(status.name, effective, rendered) ? State::kInForce : State::kPendingReload;
 }
 
 std::string state_text(const std::string& state_key) {
@@ -211,18 +181,6 @@ std::string state_text(const std::string& state_key) {
     }
   }
   return state_key;
-}
-
-Json::Value status_json(const ServiceStatus& status) {
-  Json::Value value = object({{"service", status.name},
-                              {"display-name", status.display_name},
-                              {"stored-level", level_json(status.stored)},
-                              {"effective-level", effective_level_json(status.effective)},
-                              {"state", kStateWords[static_cast<std::size_t>(status.state)].key}});
-  if (!status.rendered.fault.empty()) {
-    value["fault"] = status.rendered.fault;
-  }
-  return value;
 }
 
 }  // namespace kelotlsctl

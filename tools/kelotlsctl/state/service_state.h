@@ -10,31 +10,28 @@
 
 namespace kelotlsctl {
 
-/// The descriptor file of a service, as it is on disk.
+/// A descriptor file, as it is on disk.
 struct ServiceDescriptor {
   std::string path;
-  bool usable = false;
-  std::string fault;  ///< why it is not
+  std::string fault;  ///< why it cannot be used
   Json::Value value;
 
+  bool is_usable() const { return fault.empty(); }
   /// Empty without a template, a reloader.
   std::string template_path() const;
   std::string reloader_path() const;
 };
 
-ServiceDescriptor read_service_descriptor(const std::string& service);
+ServiceDescriptor read_service_descriptor(const std::string& path);
 
 /// Where the service's reloader link leads; empty without a link.
 std::string link_target(const std::string& service);
 
-enum class Change { kNoTemplate, kUnchanged, kNew, kChanged, kFailed };
-
 /// What rendering a service's template changes, or would change.
 struct Rendered {
-  std::string service;
-  Change change = Change::kNoTemplate;
-  std::string fault;  ///< of kFailed
+  kelotls::RenderResult::Outcome outcome;
   kelotls::RenderedTexts texts;
+  std::string fault;  ///< of kFailed
 };
 
 Rendered render(const Store& store, const std::string& service, kelotls::JsonReader& reader,
@@ -52,11 +49,11 @@ class Stamp {
   /// Whether there is a stamp that cannot be used.
   static bool is_broken();
 
+  /// Takes the services out of the stamp, if any is in it. A Failure as of save.
+  static void forget(const std::vector<std::string>& services);
+
   bool matches(const std::string& service, int effective, const std::string& rendered) const;
   void record(const std::string& service, int effective, const std::string& rendered);
-
-  /// Forgets the services. Whether any was in it.
-  bool forget(const std::vector<std::string>& services);
 
   /// A Failure when it cannot be written.
   void save() const;
@@ -76,14 +73,11 @@ enum class State {
 
 struct ServiceStatus {
   std::string name;
-  std::string display_name;
-  std::string i18n_display_name;
-  int stored = 0;
-  int effective = 0;
-  State state = State::kInForce;
   ServiceDescriptor descriptor;
-  Rendered rendered;
   std::string link_target;
+  Rendered rendered;
+  State state;
+  Json::Value document;  ///< what "list --json" gives for the service
 };
 
 /// Looks at services one after another, reading what they share once.
@@ -103,8 +97,5 @@ class ServiceInspector {
 
 /// "pending reload", for people, of "pending-reload", for programs.
 std::string state_text(const std::string& state_key);
-
-/// What "list --json" gives for the service.
-Json::Value status_json(const ServiceStatus& status);
 
 }  // namespace kelotlsctl

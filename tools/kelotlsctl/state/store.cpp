@@ -11,11 +11,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <optional>
-#include <set>
 #include <thread>
 
-#include "files.h"
 #include "framework_config.h"
 #include "json_document.h"
 #include "paths.h"
@@ -30,8 +27,6 @@ using kelotls::kDataStorePath;
 using kelotls::kFrameworkDir;
 using kelotls::Profile;
 
-constexpr char kDefaultName[] = "default";
-
 // Longer than reloaders take. Bounds the deadlock when a reloader calls kelotlsctl.
 constexpr std::chrono::seconds kPatience{60};
 constexpr std::chrono::milliseconds kPause{20};
@@ -42,10 +37,16 @@ const Profile* named_profile(int level) {
   return profile.level == level ? &profile : nullptr;
 }
 
-/// Whether services joined here once: then the data store was lost, not yet to be made.
-bool has_descriptors() {
-  std::vector<std::string> names;
-  return kelotls::list_directory(kelotls::kServicesDir, names) && !names.empty();
+/// Empty for a level without a name.
+std::string level_name(int level) {
+  const Profile* const profile = named_profile(level);
+  return profile != nullptr                            ? profile->name
+         : level == kelotls::TLS_PROFILE_LEVEL_DEFAULT ? "default"
+                                                       : "";
+}
+
+std::string effective_name(int level) {
+  return level < 0 ? "unusable" : kelotls::profile_of_level(level).name;
 }
 
 /// What a descriptor file describes; none for a file that is passed over. A value of the wrong type
@@ -63,14 +64,14 @@ std::optional<kelotls::ServiceDesc> read_described(kelotls::JsonReader& reader,
   }
 }
 
-void compare_entries(const Store& before, const Store& after, Json::Value& document) {
-  for (const std::string& service : after.names()) {
-    if (!before.has(service)) {
-      document["added"].append(service);
-    } else if (before.services()[service] != after.services()[service]) {
-      document["changed"].append(service);
+Json::Value changed_entries(const Store& before, const Store& after) {
+  Json::Value changed = list_of({});
+  for (const std::string& service : before.names()) {
+    if (before.services()[service] != after.services()[service]) {
+      changed.append(service);
     }
   }
+  return changed;
 }
 
 int open_framework_directory() {
@@ -79,7 +80,7 @@ int open_framework_directory() {
     throw unreadable_store();
   }
   if (directory < 0) {
-    throw Failure(kFailed, std::string(kFrameworkDir) + ": " + std::strerror(errno));
+    throw system_failure(kFrameworkDir);
   }
   return directory;
 }
@@ -93,7 +94,7 @@ std::vector<std::string> make_missing_directories() {
   std::vector<std::string> made;
   for (const char* directory : kDirectories) {
     if (!kelotls::make_directories(directory, 0755, made)) {
-      throw Failure(kFailed, std::string(directory) + ": " + std::strerror(errno));
+      throw system_failure(directory);
     }
   }
   return made;
@@ -103,7 +104,7 @@ int parse_level(const std::string& text) {
   std::string requested = text;
   std::transform(requested.begin(), requested.end(), requested.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (requested == kDefaultName || requested == "0") {
+  if (requested == "default" || requested == "0") {
     return kelotls::TLS_PROFILE_LEVEL_DEFAULT;
   }
   for (int level = kelotls::TLS_PROFILE_LEVEL_MODERN; named_profile(level) != nullptr; ++level) {
@@ -118,33 +119,25 @@ int parse_level(const std::string& text) {
                 "mozilla_intermediate, mozilla_old or 0 to 3.");
 }
 
-std::string level_name(int level) {
-  const Profile* const profile = named_profile(level);
-  return profile != nullptr                            ? profile->name
-         : level == kelotls::TLS_PROFILE_LEVEL_DEFAULT ? kDefaultName
-                                                       : "level " + std::to_string(level);
-}
-
-std::string effective_name(int level) {
-  return level < 0 ? "unusable" : kelotls::profile_of_level(level).name;
-}
-
-std::string describe_levels(int stored, int effective) {
-  const std::string name = level_name(stored);
-  const std::string served = effective_name(effective);
-  return name == served ? name : name + " → " + served;
-}
-
 Json::Value level_json(int level) {
-  const bool has_name = level == kelotls::TLS_PROFILE_LEVEL_DEFAULT || named_profile(level);
-  return object({{"value", level}, {"name", has_name ? level_name(level) : "unknown"}});
+  const std::string name = level_name(level);
+  return object({{"value", level}, {"name", name.empty() ? "unknown" : name}});
 }
 
 Json::Value effective_level_json(int level) {
   return object({{"value", level}, {"name", effective_name(level)}});
 }
 
-std::string level_text(const Json::Value& level) { return level_name(level["value"].asInt()); }
+std::string level_text(const Json::Value& level) {
+  const std::string name = level_name(level["value"].asInt());
+  return name.empty() ? "level " + level["value"].asString() : name;
+}
+
+std::string describe_levels(const Json::Value& stored, const Json::Value& effective) {
+  const std::string name = level_text(stored);
+  const std::string served = effective_name(effective["value"].asInt());
+  return name == served ? name : name + " → " + served;
+}
 
 int Store::stored_level(const std::string& service) const {
   return services()[service]["current-level"].asInt();
@@ -155,27 +148,38 @@ int Store::effective_level(const std::string& service) const {
   return stored != kelotls::TLS_PROFILE_LEVEL_DEFAULT ? stored : default_level();
 }
 
+Json::Value Store::levels_json(const std::string& service) const {
+  return object({{"service", service},
+                 {"stored-level", level_json(stored_level(service))},
+                 {"effective-level", effective_level_json(effective_level(service))}});
+}
+
+Json::Value Store::names_missing_in(const Store& other) const {
+  Json::Value missing = list_of({});
+  for (const std::string& service : names()) {
+    if (!other.has(service)) {
+      missing.append(service);
+    }
+  }
+  return missing;
+}
+
 Store empty_store(int default_level) {
   return {object({{"default-level", default_level}, {"services", object({})}})};
 }
 
-StoreCondition try_store(Store& store) {
+std::optional<Store> try_store() {
   if (!kelotls::exists_at(kDataStorePath)) {
-    return StoreCondition::kMissing;
+    return std::nullopt;
   }
   try {
-    Store loaded;
-    loaded.root = kelotls::load_data_store();
-    if (loaded.root.isNull()) {
-      return StoreCondition::kUnreadable;
-    }
-    static_cast<void>(loaded.default_level());
-    store = std::move(loaded);
+    Store store = {kelotls::load_data_store()};
+    static_cast<void>(store.default_level());
+    return store.root.isNull() ? std::nullopt : std::optional(store);
   } catch (const Json::Exception&) {
     // An entry that is no object, a default level that is no integer: no operation gets past it.
-    return StoreCondition::kUnreadable;
+    return std::nullopt;
   }
-  return StoreCondition::kUsable;
 }
 
 Failure unreadable_store() {
@@ -198,11 +202,16 @@ Failure unreadable_store() {
 }
 
 Store load_store() {
-  Store store;
-  if (try_store(store) != StoreCondition::kUsable) {
+  std::optional<Store> store = try_store();
+  if (!store) {
     throw unreadable_store();
   }
-  return store;
+  return *std::move(store);
+}
+
+bool has_descriptors() {
+  std::vector<std::string> names;
+  return kelotls::list_directory(kelotls::kServicesDir, names) && !names.empty();
 }
 
 void save_store(const Store& store) {
@@ -224,42 +233,36 @@ bool complete_levels(Store& store) {
 }
 
 Regeneration regenerate_store(const Store& before) {
-  Regeneration regeneration;
-  for (const char* list : {"added", "changed", "unreadable", "orphans"}) {
-    regeneration.document[list] = list_of({});
-  }
   kelotls::FileList names = kelotls::make_file_list();
   if (kelotls::list_files(kelotls::kServicesDir, names) < 0) {
-    throw Failure(kFailed, std::string(kelotls::kServicesDir) + ": " + std::strerror(errno));
+    throw system_failure(kelotls::kServicesDir);
   }
   kelotls::JsonReader reader;
   std::vector<kelotls::ServiceDesc> services;
-  std::set<std::string> described;
+  Json::Value unreadable = list_of({});
   for (int32_t index = 0; index < names->count; ++index) {
     const std::string name = KLIBCSzListGet(names.get(), index);
     if (const auto service = read_described(reader, name)) {
       services.push_back(*service);
-      described.insert(service->get_service_name());
     } else {
-      regeneration.document["unreadable"].append(kelotls::kServicesDir + name);
+      unreadable.append(kelotls::kServicesDir + name);
     }
   }
-  regeneration.store = before;
-  complete_levels(regeneration.store);
-  kelotls::merge_service_entries(regeneration.store.root, services);
-  compare_entries(before, regeneration.store, regeneration.document);
-  for (const std::string& service : before.names()) {
-    if (described.count(service) == 0) {
-      regeneration.document["orphans"].append(service);
-    }
-  }
-  return regeneration;
+  Store described = empty_store(0);
+  kelotls::merge_service_entries(described.root, services);
+  Store after = before;
+  complete_levels(after);
+  kelotls::merge_service_entries(after.root, services);
+  return {after, object({{"added", after.names_missing_in(before)},
+                         {"changed", changed_entries(before, after)},
+                         {"unreadable", unreadable},
+                         {"orphans", before.names_missing_in(described)}})};
 }
 
 std::vector<std::string> warnings_of_unreadable(const Json::Value& unreadable) {
   std::vector<std::string> texts;
   for (const Json::Value& path : unreadable) {
-    texts.push_back(printable(path.asString()) + " is no descriptor and was passed over");
+    texts.push_back(printable(path) + " is no descriptor and was passed over");
   }
   return texts;
 }
@@ -285,14 +288,12 @@ Lock::Lock(Console& console, bool is_needed)
     : directory_(is_needed ? open_framework_directory() : -1) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   bool has_said_so = false;
-  while (is_needed && ::flock(directory_, LOCK_EX | LOCK_NB) != 0) {
+  while (is_needed && ::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) {
-      const std::string reason = std::strerror(errno);
-      ::close(directory_);
-      throw Failure(kFailed, std::string(kFrameworkDir) + " cannot be locked: " + reason);
+      throw Failure(kFailed,
+                    std::string(kFrameworkDir) + " cannot be locked: " + std::strerror(errno));
     }
     if (std::chrono::steady_clock::now() > deadline) {
-      ::close(directory_);
       throw Failure(kFailed, "another kelotlsctl has been changing the framework for a minute",
                     "Nothing was changed. Try again when it is done.");
     }
@@ -301,12 +302,6 @@ Lock::Lock(Console& console, bool is_needed)
       has_said_so = true;
     }
     std::this_thread::sleep_for(kPause);
-  }
-}
-
-Lock::~Lock() {
-  if (directory_ >= 0) {
-    ::close(directory_);
   }
 }
 

@@ -5,9 +5,11 @@
 #include <json/value.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "files.h"
 #include "output/console.h"
 
 namespace kelotlsctl {
@@ -18,22 +20,18 @@ constexpr mode_t kStoreMode = 0644;  // services read it, under whatever user th
 /// "mozilla_" before them, 0 to 3; in any case. Anything else is a Failure (usage).
 int parse_level(const std::string& text);
 
-/// The name of a stored level; "level 9" for a value that has none.
-std::string level_name(int level);
-
-/// What a level amounts to once the default was followed: a value without a name is served as
-/// intermediate, a negative one not at all.
-std::string effective_name(int level);
-
-/// "modern", or "default → intermediate" for a service that follows the default level.
-std::string describe_levels(int stored, int effective);
-
 /// {"value": 2, "name": "intermediate"}
 Json::Value level_json(int level);
+
+/// The same of what a level amounts to once the default was followed: a value without a name is
+/// served as intermediate, a negative one not at all.
 Json::Value effective_level_json(int level);
 
-/// "modern", of what level_json gave.
+/// "modern", of what level_json gave; "level 9" for a value that has no name.
 std::string level_text(const Json::Value& level);
+
+/// "modern", or "default → intermediate" for a service that follows the default level.
+std::string describe_levels(const Json::Value& stored, const Json::Value& effective);
 
 struct Store {
   Json::Value root;  ///< as the library loads and saves it
@@ -45,15 +43,18 @@ struct Store {
   /// 0, follow the default, where the entry names none.
   int stored_level(const std::string& service) const;
   int effective_level(const std::string& service) const;
+  /// {"service", "stored-level", "effective-level"}
+  Json::Value levels_json(const std::string& service) const;
+  /// The services that the other data store does not have.
+  Json::Value names_missing_in(const Store& other) const;
 };
 
 /// A data store without services.
 Store empty_store(int default_level);
 
-enum class StoreCondition { kUsable, kMissing, kUnreadable };
-
-/// Tries to load the data store; the library's log line says what is wrong with it.
-StoreCondition try_store(Store& store);
+/// The data store if the library can use it; its log line says what is wrong with one that is
+/// there.
+std::optional<Store> try_store();
 
 /// The data store. A Failure (data store unreadable) that names the way back when the library
 /// cannot use it: most of its operations would then overwrite it with less.
@@ -61,6 +62,9 @@ Store load_store();
 
 /// The Failure that load_store throws.
 Failure unreadable_store();
+
+/// Whether services joined here once: then a data store that is missing was lost, not yet made.
+bool has_descriptors();
 
 /// A Failure when the data store was not written; what it held before is still there.
 void save_store(const Store& store);
@@ -104,12 +108,9 @@ class Lock {
  public:
   /// Takes the lock if the command is going to write. Waits for its holder, a minute at most.
   Lock(Console& console, bool is_needed);
-  Lock(const Lock&) = delete;
-  Lock& operator=(const Lock&) = delete;
-  ~Lock();
 
  private:
-  int directory_;
+  const kelotls::Descriptor directory_;
 };
 
 }  // namespace kelotlsctl

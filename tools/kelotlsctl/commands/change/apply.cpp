@@ -7,16 +7,13 @@ namespace kelotlsctl {
 Report apply_levels(Console& console, const Arguments& arguments) {
   const Lock lock(console, !arguments.dry_run);
   const Store store = load_store();
-  const Application application = arguments.dry_run ? foresee_application(console, store)
-                                                    : apply_to(console, store, store.names());
   Report report;
-  report.code = application.code;
-  report.document = application.document;
-  report.document["applied"] = !arguments.dry_run;
-  if (arguments.dry_run && !console.json() && report.document["reloaders"].empty() &&
-      !report.document.isMember("reload-fault")) {
-    report.notes.emplace_back("There is no reloader.");
+  if (arguments.dry_run) {
+    report.document = foresee_application(store);
+  } else {
+    report = apply_to(console, store, store.names());
   }
+  report.document["applied"] = !arguments.dry_run;
   return report;
 }
 
@@ -25,8 +22,10 @@ void print_applied(Console& console, const Json::Value& document) {
     print_application(console, document);
     return;
   }
+  warn_of_faults(console, document["rendered"], "service", ": ");
+  warn_of_reloading(console, document["reload-fault"]);
   print_renderings(console, document["rendered"], false);
-  print_reloaders(console, document["reloaders"], false);
+  print_reloaders(console, document["reloaders"], document["reload-fault"], false);
 }
 
 }  // namespace kelotlsctl

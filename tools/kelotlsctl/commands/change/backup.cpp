@@ -1,7 +1,4 @@
 // kelotlsctl backup: all levels, saved to a new file.
-#include <cerrno>
-#include <cstring>
-
 #include "command_line.h"
 #include "files.h"
 #include "json_document.h"
@@ -20,7 +17,7 @@ Report backup(Console& console, const Arguments& arguments) {
   const Json::Value saved =
       object({{"default-level", store.default_level()}, {"services", store.services()}});
   if (!arguments.dry_run && !kelotls::create_file(path, kelotls::json_text(saved), 0600)) {
-    throw Failure(kFailed, printable(path) + ": " + std::strerror(errno));
+    throw system_failure(printable(path));
   }
   Report report;
   report.document = object(
@@ -30,7 +27,7 @@ Report backup(Console& console, const Arguments& arguments) {
 
 void print_backup(Console& console, const Json::Value& document) {
   const unsigned int services = document["services"].asUInt();
-  console.data() << printable(document["file"].asString())
+  console.data() << printable(document["file"])
                  << (document["written"].asBool() ? ": holds " : ": would hold ")
                  << "the levels of " << services << (services == 1 ? " service\n" : " services\n");
 }

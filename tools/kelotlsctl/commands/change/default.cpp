@@ -35,7 +35,7 @@ Report default_level(Console& console, const Arguments& arguments) {
 
 void print_default(Console& console, const Json::Value& document) {
   if (!document.isMember("requested-level")) {
-    const int level = document["default-level"]["value"].asInt();
+    const Json::Value& level = document["default-level"];
     console.data() << describe_levels(level, level) << '\n';
     return;
   }

@@ -1,6 +1,6 @@
 // kelotlsctl init: the first data store of a fresh appliance.
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
+#include <iterator>
 
 #include "command_line.h"
 #include "files.h"
@@ -14,11 +14,8 @@ namespace {
 
 std::vector<std::string> missing_directories() {
   std::vector<std::string> missing;
-  for (const char* directory : kDirectories) {
-    if (!kelotls::exists_at(directory)) {
-      missing.emplace_back(directory);
-    }
-  }
+  std::remove_copy_if(std::begin(kDirectories), std::end(kDirectories), std::back_inserter(missing),
+                      kelotls::exists_at);
   return missing;
 }
 
@@ -37,7 +34,7 @@ Report initialise(Console& console, const Arguments& arguments) {
   const Lock lock(console, !arguments.dry_run);
   if (!arguments.dry_run &&
       !kelotls::create_file(path, kelotls::json_text(empty_store(level).root), kStoreMode)) {
-    throw Failure(kFailed, std::string(path) + ": " + std::strerror(errno));
+    throw system_failure(path);
   }
 
   Report report;
@@ -45,8 +42,7 @@ Report initialise(Console& console, const Arguments& arguments) {
                             {"data-store", path},
                             {"default-level", level_json(level)},
                             {"folders", list_of(made)}});
-  std::vector<std::string> descriptors;
-  if (kelotls::list_directory(kelotls::kServicesDir, descriptors) && !descriptors.empty()) {
+  if (has_descriptors()) {
     report.warnings.emplace_back(
         "there are descriptors of services; kelotlsctl regen gives them entries");
   }
@@ -55,9 +51,7 @@ Report initialise(Console& console, const Arguments& arguments) {
 
 void print_initialised(Console& console, const Json::Value& document) {
   const char* const verb = document["written"].asBool() ? ": made" : ": would be made";
-  for (const Json::Value& directory : document["folders"]) {
-    console.data() << directory.asString() << verb << '\n';
-  }
+  console.print_each(document["folders"], verb);
   console.data() << document["data-store"].asString() << verb << " with the default level "
                  << level_text(document["default-level"]) << '\n';
 }

@@ -51,24 +51,22 @@ class FormerFiles {
 
 /// Who joins, as it is reported.
 Json::Value plan_json(const Registration& registration, const Store& store) {
-  Json::Value services = list_of({});
-  for (const kelotls::ServiceDesc& service : kelotls::services_of(registration.document)) {
+  const auto services = kelotls::services_of(registration.document);
+  return list_of(services, [&](const kelotls::ServiceDesc& service) {
     const std::string name = service.get_service_name();
-    const Json::Value link = kelotls::needs_reloader_link(service)
-                                 ? Json::Value(kelotls::link_path(name))
-                                 : Json::Value();
-    services.append(object({{"service", name},
-                            {"new", !store.has(name)},
-                            {"descriptor", kelotls::descriptor_path(name)},
-                            {"reloader-link", link}}));
-  }
-  return services;
+    const bool has_link = kelotls::needs_reloader_link(service);
+    return object({{"service", name},
+                   {"new", !store.has(name)},
+                   {"descriptor", kelotls::descriptor_path(name)},
+                   {"reloader-link", has_link ? kelotls::link_path(name) : Json::Value()}});
+  });
 }
 
 void require_joined(const std::vector<std::string>& services) {
   const Store store = load_store();
   for (const std::string& service : services) {
-    if (!store.has(service) || !read_service_descriptor(service).usable) {
+    if (!store.has(service) ||
+        !read_service_descriptor(kelotls::descriptor_path(service)).is_usable()) {
       throw Failure(kFailed, "the service \"" + printable(service) + "\" has not joined");
     }
   }
@@ -89,10 +87,7 @@ void execute(const Registration& registration, Store& store) {
                               "gone: let these join again.");
   }
   require_joined(services);
-  Stamp stamp = Stamp::load();
-  if (stamp.forget(services)) {
-    stamp.save();
-  }
+  Stamp::forget(services);
 }
 
 }  // namespace
@@ -101,8 +96,8 @@ Report join_services(Console& console, const Arguments& arguments) {
   const Registration registration = require_registration(arguments.file, kelotls::Purpose::kJoin);
   const Lock lock(console, !arguments.dry_run);
   Store store = load_store();
-  for (const std::string& warning : warnings_of(registration)) {
-    console.warn(warning);
+  for (const kelotls::Fault& warning : file_warnings(registration.document)) {
+    console.warn(fault_text(warning));
   }
   Report report;
   report.document["services"] = plan_json(registration, store);
@@ -116,7 +111,7 @@ Report join_services(Console& console, const Arguments& arguments) {
 
 void print_joined(Console& console, const Json::Value& document) {
   for (const Json::Value& service : document["services"]) {
-    console.data() << printable(service["service"].asString())
+    console.data() << printable(service["service"])
                    << (document["written"].asBool() ? ": joined" : ": would join")
                    << (service["new"].asBool() ? "" : " again, keeping its level")
                    << (service["reloader-link"].isNull() ? "" : ", reloader linked") << '\n';

@@ -14,8 +14,7 @@ namespace {
 /// The registration with exactly what is there to remove: the library goes by what it is told, and
 /// would leave a link behind that is not named, or log the absence of a file that is.
 Json::Value registration_to_leave(const Registration& registration) {
-  Json::Value services = list_of({});
-  for (const std::string& service : registration.names()) {
+  const auto element_of = [](const std::string& service) {
     Json::Value element = object({{"service", service}});
     if (kelotls::exists_at(kelotls::link_path(service))) {
       element["reloader-path"] = kelotls::link_path(service);
@@ -23,10 +22,10 @@ Json::Value registration_to_leave(const Registration& registration) {
     if (kelotls::exists_at(kelotls::rendered_path(service))) {
       element["mustache-path"] = kelotls::rendered_path(service);
     }
-    services.append(element);
-  }
+    return element;
+  };
   return object({{"system-service", kelotls::is_system_service(registration.document)},
-                 {"services", services}});
+                 {"services", list_of(registration.names(), element_of)}});
 }
 
 /// A leave that was interrupted can be finished: its services have no entry, but files.
@@ -41,19 +40,17 @@ void require_members(const Registration& registration, const Store& store) {
 /// Who leaves, and the files that go.
 Json::Value plan_json(const Registration& registration) {
   const bool keeps_link = kelotls::is_system_service(registration.document);
-  Json::Value services = list_of({});
-  for (const std::string& service : registration.names()) {
+  return list_of(registration.names(), [&](const std::string& service) {
     Json::Value removed = list_of({});
     for (const std::string& path :
          {keeps_link ? std::string() : kelotls::link_path(service),
           kelotls::descriptor_path(service), kelotls::rendered_path(service)}) {
-      if (!path.empty() && kelotls::exists_at(path)) {
+      if (kelotls::exists_at(path)) {
         removed.append(path);
       }
     }
-    services.append(object({{"service", service}, {"removed", removed}}));
-  }
-  return services;
+    return object({{"service", service}, {"removed", removed}});
+  });
 }
 
 void require_left(const Json::Value& services) {
@@ -65,7 +62,7 @@ void require_left(const Json::Value& services) {
     }
     for (const Json::Value& path : left["removed"]) {
       if (kelotls::exists_at(path.asString())) {
-        throw Failure(kFailed, printable(path.asString()) + " could not be removed");
+        throw Failure(kFailed, printable(path) + " could not be removed");
       }
     }
   }
@@ -76,10 +73,7 @@ void execute(const Registration& registration, const Json::Value& services) {
     throw Failure(kFailed, "the services have not left", "The log lines say why.");
   }
   require_left(services);
-  Stamp stamp = Stamp::load();
-  if (stamp.forget(registration.names())) {
-    stamp.save();
-  }
+  Stamp::forget(registration.names());
 }
 
 }  // namespace
@@ -100,11 +94,9 @@ Report leave_services(Console& console, const Arguments& arguments) {
 void print_left(Console& console, const Json::Value& document) {
   const bool is_done = document["written"].asBool();
   for (const Json::Value& left : document["services"]) {
-    console.data() << printable(left["service"].asString())
-                   << (is_done ? ": left\n" : ": would leave\n");
+    console.data() << printable(left["service"]) << (is_done ? ": left\n" : ": would leave\n");
     for (const Json::Value& path : left["removed"]) {
-      console.data() << (is_done ? "  removed " : "  would remove ") << printable(path.asString())
-                     << '\n';
+      console.data() << (is_done ? "  removed " : "  would remove ") << printable(path) << '\n';
     }
   }
 }

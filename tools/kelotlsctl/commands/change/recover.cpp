@@ -5,13 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <optional>
 
 #include "command_line.h"
-#include "files.h"
+#include "framework_config.h"
 #include "json_document.h"
-#include "log_messages.h"
 #include "paths.h"
 #include "state/documents.h"
 
@@ -21,65 +19,54 @@ namespace {
 
 using kelotls::kDataStorePath;
 
-[[noreturn]] void fail_on(const std::string& path) {
-  throw Failure(kFailed, path + ": " + std::strerror(errno));
-}
-
 /// What is to be done.
 struct Plan {
-  bool has_broken_store = false;
-  Store store;  ///< what is to be written, but for the backup's levels
+  Store store;  ///< what is to be written, but for the levels of the backup's services
   std::optional<Store> saved;
-  std::optional<int> default_level;  ///< that wins over the backup's
   Json::Value document;
 };
 
+/// The default level, without services, and the backup.
+Plan read_arguments(const Arguments& arguments) {
+  Plan plan;
+  const bool has_level = !arguments.default_level.empty();
+  int level = parse_level(has_level ? arguments.default_level : "intermediate");
+  if (!arguments.backup_file.empty()) {
+    plan.saved = read_backup(arguments.backup_file);
+    level = has_level ? level : plan.saved->default_level();
+  }
+  plan.store = empty_store(level);
+  return plan;
+}
+
 void require_unusable_store() {
-  Store store;
-  if (try_store(store) == StoreCondition::kUsable) {
+  if (try_store()) {
     throw Failure(kFailed, std::string("the data store ") + kDataStorePath + " is fine",
                   "There is nothing to recover.");
   }
 }
 
-Json::Value restored_json(const Json::Value& changes) {
-  Json::Value list = list_of({});
-  for (const Json::Value& change : changes) {
-    list.append(object({{"service", change["service"]}, {"level", change["to"]}}));
-  }
-  return list;
-}
-
 /// A descriptor that cannot be taken over stops this before anything changes.
-Plan make_plan(const Arguments& arguments, std::optional<Store> saved) {
-  Plan plan;
-  plan.saved = std::move(saved);
-  if (!arguments.default_level.empty()) {
-    plan.default_level = parse_level(arguments.default_level);
-  }
-  plan.has_broken_store = kelotls::exists_at(kDataStorePath);
-  plan.store = empty_store(plan.default_level.value_or(plan.saved ? plan.saved->default_level()
-                                                                  : parse_level("intermediate")));
-  Json::Value& document = plan.document;
-  document["put-aside"] =
-      plan.has_broken_store ? Json::Value(dated_name(std::string(kDataStorePath) + ".broken-", ""))
-                            : Json::Value();
-  document["default-level"] = level_json(plan.store.default_level());
-  for (const char* list : {"services", "unreadable", "restored", "unknown"}) {
-    document[list] = list_of({});
-  }
+void complete(Plan& plan) {
+  Regeneration regeneration = {plan.store,
+                               object({{"added", list_of({})}, {"unreadable", list_of({})}})};
   if (kelotls::exists_at(kelotls::kServicesDir)) {
-    const Regeneration regeneration = regenerate_store(plan.store);
-    plan.store = regeneration.store;
-    document["services"] = regeneration.document["added"];
-    document["unreadable"] = regeneration.document["unreadable"];
+    regeneration = regenerate_store(plan.store);
   }
-  if (plan.saved) {
-    const Json::Value restoration = restoration_json(plan.store, *plan.saved);
-    document["restored"] = restored_json(restoration["changes"]);
-    document["unknown"] = restoration["unknown"];
-  }
-  return plan;
+  plan.store = regeneration.store;
+  const Json::Value restoration = restoration_json(plan.store, plan.saved.value_or(plan.store));
+  const auto restored_of = [](const Json::Value& change) {
+    return object({{"service", change["service"]}, {"level", change["to"]}});
+  };
+  plan.document =
+      object({{"put-aside", kelotls::exists_at(kDataStorePath)
+                                ? dated_name(std::string(kDataStorePath) + ".broken-", "")
+                                : Json::Value()},
+              {"default-level", level_json(plan.store.default_level())},
+              {"services", regeneration.document["added"]},
+              {"unreadable", regeneration.document["unreadable"]},
+              {"restored", list_of(restoration["changes"], restored_of)},
+              {"unknown", restoration["unknown"]}});
 }
 
 /// Keeps the broken file under a name that nothing has yet, and the data store's path is never
@@ -96,42 +83,37 @@ std::string quarantine(const std::string& dated) {
       return path;
     }
     if (errno != EEXIST) {
-      fail_on(path);
+      throw system_failure(path);
     }
   }
   throw Failure(kFailed, dated + " and a thousand names like it exist already");
 }
 
 void execute(Plan& plan) {
-  if (plan.has_broken_store) {
+  if (!plan.document["put-aside"].isNull()) {
     plan.document["put-aside"] = quarantine(plan.document["put-aside"].asString());
   }
   if (plan.saved) {
-    restore_levels(plan.store, *plan.saved);
-    plan.store.root["default-level"] = plan.default_level.value_or(plan.saved->default_level());
+    const int default_level = plan.store.default_level();
+    kelotls::restore_levels(plan.store.root, plan.saved->root);
+    plan.store.root["default-level"] = default_level;
   }
   const std::string text = kelotls::json_text(plan.store.root, kelotls::Colons::kSpaced);
   if (!kelotls::replace_entry(kDataStorePath, text, kStoreMode)) {
-    fail_on(kDataStorePath);
+    throw system_failure(kDataStorePath);
   }
 }
 
 }  // namespace
 
 Report recover(Console& console, const Arguments& arguments) {
-  if (!arguments.default_level.empty()) {
-    static_cast<void>(parse_level(arguments.default_level));
-  }
-  std::optional<Store> saved;
-  if (!arguments.backup_file.empty()) {
-    saved = read_backup(arguments.backup_file);
-  }
+  Plan plan = read_arguments(arguments);
   if (!arguments.dry_run) {
     make_missing_directories();
   }
   const Lock lock(console, !arguments.dry_run);
   require_unusable_store();
-  Plan plan = make_plan(arguments, std::move(saved));
+  complete(plan);
   if (!arguments.dry_run) {
     execute(plan);
   }
@@ -155,18 +137,12 @@ void print_recovered(Console& console, const Json::Value& document) {
   }
   console.data() << "data store: " << would << "written with the default level "
                  << level_text(document["default-level"]) << '\n';
-  for (const Json::Value& service : document["services"]) {
-    console.data() << printable(service.asString()) << ": " << would
-                   << "taken from its descriptor\n";
-  }
+  console.print_each(document["services"], std::string(": ") + would + "taken from its descriptor");
   for (const Json::Value& restored : document["restored"]) {
-    console.data() << printable(restored["service"].asString()) << ": "
-                   << level_text(restored["level"]) << ' ' << would << "taken from the backup\n";
+    console.data() << printable(restored["service"]) << ": " << level_text(restored["level"]) << ' '
+                   << would << "taken from the backup\n";
   }
-  for (const Json::Value& service : document["unknown"]) {
-    console.data() << printable(service.asString())
-                   << ": in the backup, but has no descriptor; passed over\n";
-  }
+  console.print_each(document["unknown"], ": in the backup, but has no descriptor; passed over");
 }
 
 }  // namespace kelotlsctl

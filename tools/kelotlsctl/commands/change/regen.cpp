@@ -14,29 +14,21 @@ Report regenerate(Console& console, const Arguments& arguments) {
   report.code = plan.document["unreadable"].empty() ? kDone : kFailed;
   report.document = plan.document;
   report.document["written"] = !arguments.dry_run;
-  if (console.json()) {
-    return report;
-  }
-  report.warnings = warnings_of_unreadable(plan.document["unreadable"]);
-  for (const Json::Value& service : plan.document["orphans"]) {
-    report.warnings.push_back(printable(service.asString()) +
-                              " has an entry but no descriptor; the entry stays");
-  }
-  if (plan.document["added"].empty() && plan.document["changed"].empty()) {
-    report.notes.emplace_back("The data store agrees with the descriptors.");
-  }
   return report;
 }
 
 void print_regenerated(Console& console, const Json::Value& document) {
   const bool is_done = document["written"].asBool();
-  for (const Json::Value& service : document["added"]) {
-    console.data() << printable(service.asString())
-                   << (is_done ? ": added\n" : ": would be added\n");
+  console.print_each(document["added"], is_done ? ": added" : ": would be added");
+  console.print_each(document["changed"], is_done ? ": changed" : ": would change");
+  for (const std::string& warning : warnings_of_unreadable(document["unreadable"])) {
+    console.warn(warning);
   }
-  for (const Json::Value& service : document["changed"]) {
-    console.data() << printable(service.asString())
-                   << (is_done ? ": changed\n" : ": would change\n");
+  for (const Json::Value& service : document["orphans"]) {
+    console.warn(printable(service) + " has an entry but no descriptor; the entry stays");
+  }
+  if (document["added"].empty() && document["changed"].empty()) {
+    console.say("The data store agrees with the descriptors.");
   }
 }
 

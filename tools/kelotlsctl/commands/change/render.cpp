@@ -22,7 +22,7 @@ Report render_templates(Console& console, const Arguments& arguments) {
   const Json::Value renderings =
       render_all(load_store(), writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview,
                  arguments.check);
-  warn_of_renderings(console, renderings);
+  warn_of_faults(console, renderings, "service", ": ");
   const bool any_change =
       std::any_of(renderings.begin(), renderings.end(),
                   [](const Json::Value& rendered) { return rendered["change"] != "none"; });

@@ -1,5 +1,6 @@
 // kelotlsctl restore: levels, taken from a backup.
 #include "command_line.h"
+#include "framework_config.h"
 #include "state/documents.h"
 
 namespace kelotlsctl {
@@ -15,36 +16,31 @@ Report restore(Console& console, const Arguments& arguments) {
   report.document = restoration_json(live, saved);
   report.document["written"] = !arguments.dry_run;
   if (!arguments.dry_run) {
-    restore_levels(live, saved);
+    kelotls::restore_levels(live.root, saved.root);
     save_store(live);
-  }
-  const Json::Value& level = report.document["default-level"];
-  if (!console.json() && level["from"] == level["to"] && report.document["changes"].empty()) {
-    report.notes.emplace_back("No level differs from the backup.");
-  }
-  if (!console.json() && !arguments.dry_run) {
-    report.notes.emplace_back("Not in force yet: kelotlsctl apply");
   }
   return report;
 }
 
 void print_restored(Console& console, const Json::Value& document) {
-  const char* const becomes = document["written"].asBool() ? " became " : " would become ";
+  const bool is_done = document["written"].asBool();
+  const char* const becomes = is_done ? " became " : " would become ";
   const Json::Value& level = document["default-level"];
   if (level["from"] != level["to"]) {
     console.data() << "default level: " << level_text(level["from"]) << becomes
                    << level_text(level["to"]) << '\n';
   }
   for (const Json::Value& change : document["changes"]) {
-    console.data() << printable(change["service"].asString()) << ": " << level_text(change["from"])
-                   << becomes << level_text(change["to"]) << '\n';
+    console.data() << printable(change["service"]) << ": " << level_text(change["from"]) << becomes
+                   << level_text(change["to"]) << '\n';
   }
-  for (const Json::Value& service : document["unknown"]) {
-    console.data() << printable(service.asString())
-                   << ": in the backup, but has not joined; passed over\n";
+  console.print_each(document["unknown"], ": in the backup, but has not joined; passed over");
+  console.print_each(document["missing"], ": not in the backup; keeps its level");
+  if (level["from"] == level["to"] && document["changes"].empty()) {
+    console.say("No level differs from the backup.");
   }
-  for (const Json::Value& service : document["missing"]) {
-    console.data() << printable(service.asString()) << ": not in the backup; keeps its level\n";
+  if (is_done) {
+    console.say("Not in force yet: kelotlsctl apply");
   }
 }
 

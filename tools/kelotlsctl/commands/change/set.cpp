@@ -53,13 +53,13 @@ void undo(Console& console, const Plan& plan, Report& report) {
   try {
     is_in_force = apply_to(console, plan.before, {}).code == kDone;
   } catch (const std::exception& exception) {
-    console.warn(printable(exception.what()));
+    console.warn(printable(std::string(exception.what())));
   }
   report.document["undone"] = true;
   report.document["written"] = false;
   report.document["stored-level"] = level_json(plan.former);
   report.warnings.push_back(
-      printable(plan.service) + " is back at " + level_name(plan.former) +
+      printable(plan.service) + " is back at " + level_text(report.document["former-level"]) +
       (is_in_force ? ", rendered and reloaded" : ", but rendering or reloading failed again"));
 }
 
@@ -68,7 +68,7 @@ Report set_and_apply(Console& console, const Plan& plan) {
   Report report = report_of(plan, true);
   save_store(plan.after);
   try {
-    const Application application = apply_to(console, plan.after, {plan.service});
+    const Report application = apply_to(console, plan.after, {plan.service});
     report.document["apply"] = application.document;
     report.code = application.code;
   } catch (const std::exception&) {
@@ -119,9 +119,9 @@ void print_set(Console& console, const Json::Value& document) {
   if (document["undone"].asBool()) {
     return;
   }
-  const std::string level = describe_levels(document["requested-level"]["value"].asInt(),
-                                            document["effective-level"]["value"].asInt());
-  console.data() << printable(document["service"].asString()) << ": ";
+  const std::string level =
+      describe_levels(document["requested-level"], document["effective-level"]);
+  console.data() << printable(document["service"]) << ": ";
   if (document["former-level"] == document["requested-level"]) {
     console.data() << "already " << level << '\n';
     return;

@@ -10,15 +10,11 @@
 #include <set>
 
 #include "command_line.h"
-#include "files.h"
 #include "framework_config.h"
-#include "json_document.h"
 #include "paths.h"
-#include "profile.h"
 #include "regeneration.h"
 #include "registration.h"
 #include "state/service_state.h"
-#include "state/store.h"
 #include "tls/report.h"
 
 namespace kelotlsctl {
@@ -28,10 +24,7 @@ namespace {
 using kelotls::exists_at;
 using kelotls::kConfigDir;
 using kelotls::kDataStorePath;
-using kelotls::kFrameworkDir;
 using kelotls::kPackageReloaderDir;
-using kelotls::kServicesDir;
-using kelotls::kSystemReloaderDir;
 
 constexpr char kError[] = "error";      // something does not work, or is not safe
 constexpr char kWarning[] = "warning";  // something is not as it should be
@@ -62,9 +55,14 @@ std::string service_of_file(const std::string& name) {
                                                               : std::string();
 }
 
-bool is_directory(const std::string& path) {
+/// Whether it is a folder, where none should be.
+bool check_folder(const std::string& path, Findings& findings) {
   struct stat status = {};
-  return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  const bool is_folder = ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  if (is_folder) {
+    findings.add(kWarning, path, "is a folder", "remove it");
+  }
+  return is_folder;
 }
 
 // The data store
@@ -80,28 +78,22 @@ std::string store_fault() {
   return faults.empty() ? "the library refuses it" : faults[0].path + " " + faults[0].text;
 }
 
-bool check_store(Store& store, Findings& findings) {
-  switch (try_store(store)) {
-    case StoreCondition::kUsable:
-      return true;
-    case StoreCondition::kMissing:
-      findings.add(kError, kDataStorePath, "is missing", unreadable_store().advice());
-      return false;
-    default:
-      findings.add(kError, kDataStorePath, "cannot be used: " + store_fault(),
-                   "kelotlsctl recover [--from BACKUP]");
-      return false;
+std::optional<Store> check_store(Findings& findings) {
+  std::optional<Store> store = try_store();
+  if (!store && !exists_at(kDataStorePath)) {
+    findings.add(kError, kDataStorePath, "is missing", unreadable_store().advice());
+  } else if (!store) {
+    findings.add(kError, kDataStorePath, "cannot be used: " + store_fault(),
+                 "kelotlsctl recover [--from BACKUP]");
   }
+  return store;
 }
 
 void check_level(int level, const std::string& what, Findings& findings) {
-  if (level < 0) {
-    findings.add(kError, kDataStorePath,
-                 what + " is " + std::to_string(level) + ": it gives no context",
-                 "set another level");
-  } else if (level > 3) {
-    findings.add(kWarning, kDataStorePath,
-                 what + " is " + std::to_string(level) + ": it counts as intermediate",
+  if (level < 0 || level > 3) {
+    findings.add(level < 0 ? kError : kWarning, kDataStorePath,
+                 what + " is " + std::to_string(level) +
+                     (level < 0 ? ": it gives no context" : ": it counts as intermediate"),
                  "set another level");
   }
 }
@@ -114,8 +106,8 @@ void check_entries(const Store& store, Findings& findings) {
   }
   for (const std::string& service : store.names()) {
     check_level(store.stored_level(service), "the level of " + service, findings);
-    const bool has_template = !read_service_descriptor(service).template_path().empty();
-    const std::string fault = kelotls::name_fault(service, has_template);
+    const auto descriptor = read_service_descriptor(kelotls::descriptor_path(service));
+    const std::string fault = kelotls::name_fault(service, !descriptor.template_path().empty());
     if (!fault.empty()) {
       findings.add(kError, kDataStorePath,
                    std::string("the service name \"").append(service) + "\" " + fault,
@@ -126,34 +118,23 @@ void check_entries(const Store& store, Findings& findings) {
 
 // The directory of descriptors: every file in it is read as one.
 
-/// Reads a descriptor, and finds all for which the library passes it over, or is stopped by it.
-bool check_descriptor_file(const std::string& path, Json::Value& document, Findings& findings) {
-  std::string fault;
-  const bool parses = read_document(path, document, fault);
-  if (!parses || !document.isObject()) {
-    findings.add(kError, path, "is no descriptor: " + (parses ? "it is no JSON object" : fault),
-                 "let the service join again, or remove the file");
-    return false;
-  }
-  for (const kelotls::Fault& found : kelotls::descriptor_faults(document)) {
-    findings.add(kError, path, found.path + " " + found.text, "let the service join again");
-  }
-  return true;
-}
-
 void check_descriptors(const Store& store, Findings& findings) {
   std::set<std::string> described;
-  for (const std::string& name : names_in(kServicesDir)) {
-    const std::string path = kServicesDir + name;
-    Json::Value document;
-    if (is_directory(path)) {
-      findings.add(kWarning, path, "is a folder", "remove it");
+  for (const std::string& name : names_in(kelotls::kServicesDir)) {
+    const std::string path = kelotls::kServicesDir + name;
+    if (check_folder(path, findings)) {
       continue;
     }
-    if (!check_descriptor_file(path, document, findings)) {
+    const ServiceDescriptor descriptor = read_service_descriptor(path);
+    if (!descriptor.is_usable()) {
+      findings.add(kError, path, "is no descriptor: " + descriptor.fault,
+                   "let the service join again, or remove the file");
       continue;
     }
-    const std::string service = kelotls::text_member(document, "service");
+    for (const kelotls::Fault& fault : kelotls::descriptor_faults(descriptor.value)) {
+      findings.add(kError, path, fault.path + " " + fault.text, "let the service join again");
+    }
+    const std::string service = kelotls::text_member(descriptor.value, "service");
     const bool is_first = described.insert(service).second;
     if (kelotls::descriptor_path(service) != path) {
       findings.add(kError, path, "is not the descriptor of the service that it names, " + service,
@@ -173,32 +154,25 @@ void check_descriptor(const ServiceStatus& status, Findings& findings) {
     findings.add(kError, descriptor.path, "is missing: " + status.name + " is not rendered",
                  "let the service join again, or leave");
   }
-  if (descriptor.usable && descriptor.value["display-name"] != status.display_name) {
+  if (descriptor.is_usable() &&
+      descriptor.value["display-name"] != status.document["display-name"]) {
     findings.add(kWarning, descriptor.path, "the display name is not the data store's",
                  "kelotlsctl regen");
   }
 }
 
 void check_rendering(const ServiceStatus& status, Findings& findings) {
-  switch (status.state) {
-    case State::kCannotRender:
-      if (status.descriptor.usable) {
-        findings.add(kError, status.descriptor.template_path(),
-                     status.name + ": " + status.rendered.fault,
-                     "put the template right, then kelotlsctl apply");
-      }
-      break;
-    case State::kPendingRender:
-      findings.add(kNote, kelotls::rendered_path(status.name),
-                   "is not what the template gives for the level", "kelotlsctl apply");
-      break;
-    case State::kPendingReload:
-      findings.add(kNote, status.descriptor.path,
-                   status.name + " has not been reloaded since its level changed",
-                   "kelotlsctl apply");
-      break;
-    default:
-      break;
+  if (status.state == State::kCannotRender && status.descriptor.is_usable()) {
+    findings.add(kError, status.descriptor.template_path(),
+                 status.name + ": " + status.rendered.fault,
+                 "put the template right, then kelotlsctl apply");
+  } else if (status.state == State::kPendingRender) {
+    findings.add(kNote, kelotls::rendered_path(status.name),
+                 "is not what the template gives for the level", "kelotlsctl apply");
+  } else if (status.state == State::kPendingReload) {
+    findings.add(kNote, status.descriptor.path,
+                 status.name + " has not been reloaded since its level changed",
+                 "kelotlsctl apply");
   }
 }
 
@@ -257,17 +231,15 @@ void check_services(const Store& store, Findings& findings) {
 }
 
 /// All that is in the reloaders' directories is run as the administrator.
-void check_reloaders(const Store* store, Findings& findings) {
-  for (const std::string directory : {kSystemReloaderDir, kPackageReloaderDir}) {
+void check_reloaders(const std::optional<Store>& store, Findings& findings) {
+  for (const std::string directory : {kelotls::kSystemReloaderDir, kPackageReloaderDir}) {
     for (const std::string& name : names_in(directory)) {
       const std::string path = directory + name;
-      if (is_directory(path)) {
-        findings.add(kWarning, path, "is a folder", "remove it");
+      if (check_folder(path, findings)) {
         continue;
       }
       check_program(path, findings);
-      if (directory == kPackageReloaderDir && store != nullptr &&
-          !store->has(service_of_file(name))) {
+      if (directory == kPackageReloaderDir && store && !store->has(service_of_file(name))) {
         findings.add(kWarning, path, "belongs to no service that has joined", "remove it");
       }
     }
@@ -347,8 +319,8 @@ bool is_temporary(const std::string& name) {
   return std::regex_match(name, pattern);
 }
 
-void check_leftovers(const Store* store, Findings& findings) {
-  for (const std::string directory : {kFrameworkDir, kConfigDir}) {
+void check_leftovers(const std::optional<Store>& store, Findings& findings) {
+  for (const std::string directory : {kelotls::kFrameworkDir, kConfigDir}) {
     for (const std::string& name : names_in(directory)) {
       if (is_temporary(name)) {
         findings.add(kWarning, directory + name,
@@ -357,8 +329,8 @@ void check_leftovers(const Store* store, Findings& findings) {
     }
   }
   for (const std::string& name : names_in(kConfigDir)) {
-    if (store != nullptr && !is_temporary(name) &&
-        (service_of_file(name).empty() || !store->has(service_of_file(name)))) {
+    const std::string service = service_of_file(name);
+    if (store && !is_temporary(name) && (service.empty() || !store->has(service))) {
       findings.add(kWarning, kConfigDir + name, "belongs to no service that has joined",
                    "remove it");
     }
@@ -375,33 +347,28 @@ const char* colour_of(const std::string& severity) {
 
 }  // namespace
 
-Report check_framework(Console& console, const Arguments&) {
+Report check_framework(Console&, const Arguments&) {
   Findings findings;
-  Store store;
-  const bool has_store = check_store(store, findings);
+  const std::optional<Store> store = check_store(findings);
   check_directories(findings);
-  if (has_store) {
-    check_entries(store, findings);
-    check_descriptors(store, findings);
-    check_services(store, findings);
+  if (store) {
+    check_entries(*store, findings);
+    check_descriptors(*store, findings);
+    check_services(*store, findings);
   }
-  check_reloaders(has_store ? &store : nullptr, findings);
+  check_reloaders(store, findings);
   for (const int level :
        {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
     check_dh_file(kelotls::profile_of_level(level), findings);
   }
-  check_leftovers(has_store ? &store : nullptr, findings);
+  check_leftovers(store, findings);
 
   const bool is_healthy =
       std::all_of(findings.list.begin(), findings.list.end(),
                   [](const Json::Value& finding) { return finding["severity"] == kNote; });
   Report report;
   report.code = is_healthy ? kDone : kNotSo;
-  report.document["healthy"] = is_healthy;
-  report.document["findings"] = findings.list;
-  if (is_healthy && !console.json()) {
-    report.notes.emplace_back("Nothing is wrong.");
-  }
+  report.document = object({{"healthy", is_healthy}, {"findings", findings.list}});
   return report;
 }
 
@@ -409,9 +376,11 @@ void print_findings(Console& console, const Json::Value& document) {
   for (const Json::Value& finding : document["findings"]) {
     const std::string severity = finding["severity"].asString();
     console.data() << (console.colour() ? colour_of(severity) + severity + "\033[0m" : severity)
-                   << ": " << printable(finding["path"].asString()) << ": "
-                   << printable(finding["text"].asString()) << "\n  "
-                   << printable(finding["action"].asString()) << '\n';
+                   << ": " << printable(finding["path"]) << ": " << printable(finding["text"])
+                   << "\n  " << printable(finding["action"]) << '\n';
+  }
+  if (document["healthy"].asBool()) {
+    console.say("Nothing is wrong.");
   }
 }
 

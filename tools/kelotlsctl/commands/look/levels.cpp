@@ -8,11 +8,10 @@ namespace kelotlsctl {
 
 Report show_levels(Console&, const Arguments&) {
   Report report;
-  report.document["levels"] = list_of({});
-  for (int level = kelotls::TLS_PROFILE_LEVEL_MODERN; level <= kelotls::TLS_PROFILE_LEVEL_OLD;
-       ++level) {
-    report.document["levels"].append(describe_level(level));
-  }
+  constexpr int kLevels[] = {kelotls::TLS_PROFILE_LEVEL_MODERN,
+                             kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE,
+                             kelotls::TLS_PROFILE_LEVEL_OLD};
+  report.document["levels"] = list_of(kLevels, describe_level);
   return report;
 }
 

@@ -8,9 +8,7 @@ namespace kelotlsctl {
 namespace {
 
 void print_names(Console& console, const Json::Value& document) {
-  for (const Json::Value& name : document["names"]) {
-    console.data() << printable(name.asString()) << '\n';
-  }
+  console.print_each(document["names"], "");
 }
 
 /// For shells that complete names: only the data store is read, and there is no JSON form.
@@ -32,25 +30,21 @@ Report list_services(Console& console, const Arguments& arguments) {
   ServiceInspector inspector(store);
   Report report;
   report.document["default-level"] = level_json(store.default_level());
-  report.document["services"] = list_of({});
-  for (const std::string& service : store.names()) {
-    report.document["services"].append(status_json(inspector.inspect(service)));
-  }
-  if (store.services().empty() && !console.json()) {
-    report.notes.emplace_back("No service has joined.");
-  }
+  report.document["services"] = list_of(store.names(), [&](const std::string& service) {
+    return inspector.inspect(service).document;
+  });
   return report;
 }
 
 void print_services(Console& console, const Json::Value& document) {
   if (document["services"].empty()) {
+    console.say("No service has joined.");
     return;
   }
   Table table({"SERVICE", "LEVEL", "STATE", "NAME"});
   for (const Json::Value& service : document["services"]) {
     table.add({service["service"].asString(),
-               describe_levels(service["stored-level"]["value"].asInt(),
-                               service["effective-level"]["value"].asInt()),
+               describe_levels(service["stored-level"], service["effective-level"]),
                state_text(service["state"].asString()), service["display-name"].asString()});
   }
   table.print(console.data(), console.colour());

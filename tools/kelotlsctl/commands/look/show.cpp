@@ -10,18 +10,15 @@ namespace {
 
 constexpr std::size_t kLabelWidth = 14;
 
+/// Null for an empty path.
 Json::Value file_json(const std::string& path) {
-  return object({{"path", path}, {"exists", kelotls::exists_at(path)}});
+  return path.empty() ? Json::Value()
+                      : object({{"path", path}, {"exists", kelotls::exists_at(path)}});
 }
 
-Json::Value null_or_file(const std::string& path) {
-  return path.empty() ? Json::Value() : file_json(path);
-}
-
-void print_line(Console& console, const char* label, const std::string& text) {
-  std::string head = label;
-  head.resize(kLabelWidth, ' ');
-  console.data() << head << printable(text) << '\n';
+void print_line(Console& console, std::string label, const std::string& text) {
+  label.resize(kLabelWidth, ' ');
+  console.data() << label << printable(text) << '\n';
 }
 
 /// "PATH", with a remark where something is to be said of it.
@@ -47,25 +44,24 @@ Report show_service(Console&, const Arguments& arguments) {
   require_service(store, arguments.service);
   const ServiceStatus status = ServiceInspector(store).inspect(arguments.service);
   const ServiceDescriptor& descriptor = status.descriptor;
+  const bool has_template = !descriptor.template_path().empty();
   Report report;
-  report.document = status_json(status);
+  report.document = status.document;
   Json::Value& details = report.document;
-  details["display-name-i18n"] =
-      status.i18n_display_name.empty() ? Json::Value() : Json::Value(status.i18n_display_name);
+  const std::string key = kelotls::text_member(store.services()[status.name], "display-name-i18n");
+  details["display-name-i18n"] = key.empty() ? Json::Value() : key;
   details["descriptor"] = file_json(descriptor.path);
-  if (!descriptor.usable) {
+  if (!descriptor.is_usable()) {
     details["descriptor"]["fault"] = descriptor.fault;
   }
-  details["template"] = null_or_file(descriptor.template_path());
-  details["reloader"] = null_or_file(descriptor.reloader_path());
+  details["template"] = file_json(descriptor.template_path());
+  details["reloader"] = file_json(descriptor.reloader_path());
   details["reloader-link"] = Json::Value();
   if (!status.link_target.empty()) {
     details["reloader-link"] = file_json(kelotls::link_path(status.name));
     details["reloader-link"]["target"] = status.link_target;
   }
-  details["rendered"] = descriptor.template_path().empty()
-                            ? Json::Value()
-                            : file_json(kelotls::rendered_path(status.name));
+  details["rendered"] = file_json(has_template ? kelotls::rendered_path(status.name) : "");
   return report;
 }
 
@@ -76,16 +72,14 @@ void print_service(Console& console, const Json::Value& details) {
     print_line(console, "translation", details["display-name-i18n"].asString());
   }
   print_line(console, "level",
-             describe_levels(details["stored-level"]["value"].asInt(),
-                             details["effective-level"]["value"].asInt()));
+             describe_levels(details["stored-level"], details["effective-level"]));
   print_line(console, "state", state_text(details["state"].asString()));
   if (details.isMember("fault")) {
     print_line(console, "fault", details["fault"].asString());
   }
-  print_line(console, "descriptor", path_text(details["descriptor"]));
-  print_line(console, "template", path_text(details["template"]));
-  print_line(console, "rendered", path_text(details["rendered"]));
-  print_line(console, "reloader", path_text(details["reloader"]));
+  for (const char* file : {"descriptor", "template", "rendered", "reloader"}) {
+    print_line(console, file, path_text(details[file]));
+  }
   print_line(console, "link", path_text(details["reloader-link"]));
 }
 

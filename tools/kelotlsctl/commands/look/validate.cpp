@@ -7,27 +7,26 @@ namespace kelotlsctl {
 namespace {
 
 Json::Value faults_json(const kelotls::Faults& faults) {
-  Json::Value list = list_of({});
-  for (const kelotls::Fault& fault : faults) {
-    list.append(object({{"path", fault.path}, {"text", fault.text}}));
-  }
-  return list;
+  return list_of(faults, [](const kelotls::Fault& fault) {
+    return object({{"path", fault.path}, {"text", fault.text}});
+  });
+}
+
+std::string text_of(const Json::Value& fault) {
+  return fault_text({fault["path"].asString(), fault["text"].asString()});
 }
 
 }  // namespace
 
 Report validate_registration(Console& console, const Arguments& arguments) {
   const Registration registration = read_registration(arguments.file, kelotls::Purpose::kJoin);
+  const bool is_valid = registration.faults.empty();
   Report report;
-  report.document["valid"] = registration.faults.empty();
-  report.document["faults"] = faults_json(registration.faults);
-  report.document["warnings"] = faults_json(registration.warnings);
-  if (!console.json()) {
-    report.warnings = warnings_of(registration);
-  }
-  if (!registration.faults.empty()) {
-    report.code = kNotSo;
-  } else if (!console.json()) {
+  report.code = is_valid ? kDone : kNotSo;
+  report.document = object({{"valid", is_valid},
+                            {"faults", faults_json(registration.faults)},
+                            {"warnings", faults_json(file_warnings(registration.document))}});
+  if (is_valid && !console.json()) {
     report.notes.push_back(registration.source + " can join.");
   }
   return report;
@@ -35,8 +34,10 @@ Report validate_registration(Console& console, const Arguments& arguments) {
 
 void print_validated(Console& console, const Json::Value& document) {
   for (const Json::Value& fault : document["faults"]) {
-    console.data() << fault["path"].asString() << ": " << printable(fault["text"].asString())
-                   << '\n';
+    console.data() << text_of(fault) << '\n';
+  }
+  for (const Json::Value& warning : document["warnings"]) {
+    console.warn(text_of(warning));
   }
 }
 
