@@ -11,27 +11,25 @@
 
 #include <CLI/CLI.hpp>
 
+#include "json_document.h"
 #include "log_messages.h"
 
 namespace kelotlsctl {
 
 namespace {
 
-/// Rejects an option with an empty value.
-std::string not_empty(const std::string& text) { return text.empty() ? "is empty" : ""; }
-
 class Parser {
  public:
   Parser() {
-    app_.name("kelotlsctl");
-    app_.footer(
+    app.name("kelotlsctl");
+    app.footer(
         "Exit codes: 0 done, 1 failed, 2 usage, 3 a check says no, 4 data store unreadable, "
         "5 a reloader failed, 10 no such service. See kelotlsctl(8).");
-    app_.require_subcommand(0, 1);
-    app_.fallthrough();
-    app_.add_flag("--json", is_json, "Print JSON, as /usr/share/kelotls/schemas describes");
-    app_.add_flag("--quiet", is_quiet, "Print what was asked for, and faults, only");
-    app_.add_flag_callback(
+    app.require_subcommand(0, 1);
+    app.fallthrough();
+    app.add_flag("--json", is_json, "Print JSON, as /usr/share/kelotls/schemas describes");
+    app.add_flag("--quiet", is_quiet, "Print what was asked for, and faults, only");
+    app.add_flag_callback(
         "--version",
         [] {
           std::cout << "kelotlsctl " KELOTLSCTL_VERSION "\n";
@@ -43,8 +41,7 @@ class Parser {
     }
   }
 
-  CLI::App& app() { return app_; }
-
+  CLI::App app{"Manage the TLS security levels of an appliance's services"};
   bool is_json = false;
   bool is_quiet = false;
   Arguments arguments;
@@ -52,7 +49,7 @@ class Parser {
 
  private:
   void add(const CommandRow& row) {
-    CLI::App* const command = app_.add_subcommand(row.name, row.help);
+    CLI::App* const command = app.add_subcommand(row.name, row.help);
     command->footer(std::string("Exit codes: ") + row.exit_codes + ". See kelotlsctl(8).");
     command->callback([this, &row] { requested = &row; });
     for (const ArgumentRow& argument : row.arguments) {
@@ -67,27 +64,17 @@ class Parser {
             : command.add_option(argument.name, arguments.*argument.text, argument.help);
     option->required(argument.is_required);
     if (argument.flag == nullptr && !argument.may_be_empty) {
-      option->check(not_empty);
+      option->check([](const std::string& text) { return text.empty() ? "is empty" : ""; });
     }
     if (argument.is_hidden) {
       option->group("");
     }
   }
-
-  CLI::App app_{"Manage the TLS security levels of an appliance's services"};
 };
-
-Console* observing_console = nullptr;
-
-/// Many failures are a line of the system log: the operator sees each as well.
-bool show_log_line(const char* line) {
-  observing_console->log_line(line);
-  return true;
-}
 
 void print(Console& console, const CommandRow& row, const Report& report) {
   if (console.json()) {
-    console.document(report.document);
+    console.data() << kelotls::json_text(report.document);
   } else {
     (report.print != nullptr ? report.print : row.print)(console, report.document);
   }
@@ -106,7 +93,7 @@ int run(Console& console, const CommandRow& row, const Arguments& arguments) {
     return report.code;
   } catch (const Failure& failure) {
     console.error(failure);
-    return failure.code();
+    return failure.code;
   } catch (const Json::Exception& exception) {
     console.error(
         Failure(kFailed, std::string("a file holds a value of the wrong type: ") + exception.what(),
@@ -148,15 +135,20 @@ int run_program(int argc, char** argv) {
   outlive_closed_pipes();
   Parser parser;
   try {
-    parser.app().parse(argc, argv);
+    parser.app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return parser.app().exit(error) == 0 ? kDone : kUsage;
+    return parser.app.exit(error) == 0 ? kDone : kUsage;
   }
   Console console;
   console.set_json(parser.is_json);
   console.set_quiet(parser.is_quiet);
-  observing_console = &console;
-  kelotls::log::observe(show_log_line);
+  // Many failures are a line of the system log: the operator sees each as well.
+  static Console* observing = nullptr;
+  observing = &console;
+  kelotls::log::observe([](const char* line) {
+    observing->log_line(line);
+    return true;
+  });
   const int code = run(console, *parser.requested, parser.arguments);
   kelotls::log::observe(nullptr);
   return console.flush() ? code : (code == kDone ? kFailed : code);

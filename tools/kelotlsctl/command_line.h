@@ -21,8 +21,6 @@ struct Arguments {
   std::string subject;
   std::string address;
   std::string file;  ///< "-" for the standard input
-  std::string backup_file;
-  std::string default_level;
 };
 
 /// One argument of a command: a flag, an option ("--from") or a positional ("SERVICE").

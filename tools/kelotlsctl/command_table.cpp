@@ -11,9 +11,11 @@ constexpr ArgumentRow kService = {"SERVICE", "The name that the service joined w
 constexpr ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
 // clang-format on
 
-std::vector<CommandRow> make_table() {
+}  // namespace
+
+const std::vector<CommandRow>& commands() {
   // clang-format off
-  return {
+  static const std::vector<CommandRow> table = {
     {"list", "Show all services (without a command, this)",
      {{"--names", "", &Arguments::names, nullptr, false, false, true}},
      "0, 1, 4", list_services, print_services},
@@ -67,21 +69,15 @@ std::vector<CommandRow> make_table() {
      {kDryRun, {"FILE", "The backup", nullptr, &Arguments::file, true, true}},
      "0, 1, 4", restore, print_restored},
     {"init", "Make the first data store of a fresh appliance",
-     {kDryRun, {"--default", "The default level; else intermediate", nullptr, &Arguments::default_level}},
+     {kDryRun, {"--default", "The default level; else intermediate", nullptr, &Arguments::level}},
      "0, 1, 2", initialise, print_initialised},
     {"recover", "Get back from a data store that is missing or broken",
      {kDryRun,
-      {"--from", "A backup to take the levels from", nullptr, &Arguments::backup_file},
-      {"--default", "The default level", nullptr, &Arguments::default_level}},
+      {"--from", "A backup to take the levels from", nullptr, &Arguments::file},
+      {"--default", "The default level", nullptr, &Arguments::level}},
      "0, 1, 2", recover, print_recovered},
   };
   // clang-format on
-}
-
-}  // namespace
-
-const std::vector<CommandRow>& commands() {
-  static const std::vector<CommandRow> table = make_table();
   return table;
 }
 

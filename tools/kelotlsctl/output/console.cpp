@@ -3,16 +3,11 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <wchar.h>
 
 #include <cerrno>
-#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "files.h"
-#include "json_document.h"
 
 namespace kelotlsctl {
 
@@ -22,8 +17,6 @@ constexpr char kRed[] = "\033[31m";
 constexpr char kYellow[] = "\033[33m";
 constexpr char kPlain[] = "\033[0m";
 constexpr std::size_t kBarWidth = 30;
-
-bool is_control(unsigned char character) { return character < 0x20 || character == 0x7f; }
 
 }  // namespace
 
@@ -35,7 +28,7 @@ std::string printable(const std::string& text) {
   std::string result;
   for (const char character : text) {
     const auto byte = static_cast<unsigned char>(character);
-    if (is_control(byte)) {
+    if (byte < 0x20 || byte == 0x7f) {
       char escape[8];
       static_cast<void>(std::snprintf(escape, sizeof escape, "\\x%02x", byte));
       result += escape;
@@ -47,27 +40,6 @@ std::string printable(const std::string& text) {
 }
 
 std::string printable(const Json::Value& text) { return printable(text.asString()); }
-
-std::size_t display_width(const std::string& text) {
-  // Names are UTF-8 whatever the operator's locale says.
-  static const bool is_utf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
-  std::size_t width = 0;
-  std::mbstate_t state = {};
-  for (std::size_t at = 0; at < text.size();) {
-    wchar_t character = 0;
-    const std::size_t length = std::mbrtowc(&character, &text[at], text.size() - at, &state);
-    if (!is_utf8 || length == 0 || length > text.size()) {
-      state = {};
-      ++width;
-      ++at;
-      continue;
-    }
-    const int columns = ::wcwidth(character);
-    width += columns > 0 ? static_cast<std::size_t>(columns) : 0;
-    at += length;
-  }
-  return width;
-}
 
 Json::Value object(std::initializer_list<std::pair<const char*, Json::Value>> members) {
   Json::Value value(Json::objectValue);
@@ -85,20 +57,12 @@ Console::Console() : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
   ::dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
-Console::~Console() {
-  if (output_ >= 0) {
-    ::close(output_);
-  }
-}
-
 bool Console::may_colour(int descriptor) {
   const char* const no_colour = std::getenv("NO_COLOR");
   const char* const terminal = std::getenv("TERM");
   return (no_colour == nullptr || *no_colour == '\0') && ::isatty(descriptor) != 0 &&
          terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
 }
-
-void Console::document(const Json::Value& value) { data_ << kelotls::json_text(value); }
 
 void Console::print_each(const Json::Value& texts, const std::string& remark) {
   for (const Json::Value& text : texts) {
@@ -109,7 +73,7 @@ void Console::print_each(const Json::Value& texts, const std::string& remark) {
 bool Console::flush() {
   const std::string text = data_.str();
   data_.str({});
-  if (has_lost_output_ || kelotls::write_all(output_, text) || errno == EPIPE) {
+  if (has_lost_output_ || kelotls::write_all(output_.get(), text) || errno == EPIPE) {
     return !has_lost_output_;
   }
   has_lost_output_ = true;
@@ -141,8 +105,8 @@ void Console::warn(const std::string& text) { complain("warning", kYellow, text)
 
 void Console::error(const Failure& failure) {
   complain("error", kRed, failure.what());
-  if (!failure.advice().empty()) {
-    write_line("  " + failure.advice());
+  if (!failure.advice.empty()) {
+    write_line("  " + failure.advice);
   }
 }
 

@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "files.h"
+
 namespace kelotlsctl {
 
 enum ExitCode : int {
@@ -27,15 +29,11 @@ enum ExitCode : int {
 /// What went wrong, the exit code that says so, and, where there is one, the way on.
 class Failure : public std::runtime_error {
  public:
-  Failure(ExitCode code, const std::string& what, std::string advice = {})
-      : std::runtime_error(what), code_(code), advice_(std::move(advice)) {}
+  Failure(ExitCode failure_code, const std::string& what, std::string way_on = {})
+      : std::runtime_error(what), code(failure_code), advice(std::move(way_on)) {}
 
-  ExitCode code() const { return code_; }
-  const std::string& advice() const { return advice_; }
-
- private:
-  ExitCode code_;
-  std::string advice_;
+  ExitCode code;
+  std::string advice;
 };
 
 /// The Failure of a call on the path, with the text of errno.
@@ -45,9 +43,6 @@ Failure system_failure(const std::string& path);
 /// drive the terminal; the same of a text in a document.
 std::string printable(const std::string& text);
 std::string printable(const Json::Value& text);
-
-/// How many columns a terminal needs for the text.
-std::size_t display_width(const std::string& text);
 
 /// A JSON object of these members; a JSON list of these texts, or of what is made of each element.
 Json::Value object(std::initializer_list<std::pair<const char*, Json::Value>> members);
@@ -66,9 +61,6 @@ class Console {
   /// Keeps the standard output for the command's own data: what programs that are run write to it
   /// goes to the standard error from now on.
   Console();
-  Console(const Console&) = delete;
-  Console& operator=(const Console&) = delete;
-  ~Console();
 
   void set_json(bool json) { json_ = json; }
   void set_quiet(bool quiet) { quiet_ = quiet; }
@@ -78,14 +70,10 @@ class Console {
   bool colour() const { return colour_; }
 
   /// Text for the standard output, held back until flush or the next line on the standard error.
-  /// Unused with --json.
   std::ostream& data() { return data_; }
 
   /// A line of data for each text of a JSON list, with the remark behind it.
   void print_each(const Json::Value& texts, const std::string& remark);
-
-  /// The one document that a command gives with --json.
-  void document(const Json::Value& value);
 
   /// Writes out what was held back. False when anything could not be written; a reader that has
   /// gone away is no failure.
@@ -106,7 +94,7 @@ class Console {
 
   static bool may_colour(int descriptor);
 
-  int output_;
+  const kelotls::Descriptor output_;
   bool json_ = false;
   bool quiet_ = false;
   bool colour_ = may_colour(1);
@@ -123,8 +111,8 @@ using PrintFunction = void(Console& console, const Json::Value& document);
 struct Report {
   int code = kDone;
   Json::Value document{Json::objectValue};
-  std::vector<std::string> warnings;
-  std::vector<std::string> notes;  ///< for people; silent with --quiet
+  std::vector<std::string> warnings{};
+  std::vector<std::string> notes{};  ///< for people; silent with --quiet
   /// Takes the place of the command's own function where an option asks for another form.
   PrintFunction* print = nullptr;
 };

@@ -1,7 +1,10 @@
 // Owns text in columns and the differences of texts.
 #include "output/text.h"
 
+#include <wchar.h>
+
 #include <algorithm>
+#include <clocale>
 #include <sstream>
 
 #include "output/console.h"
@@ -9,6 +12,28 @@
 namespace kelotlsctl {
 
 namespace {
+
+/// How many columns a terminal needs for the text.
+std::size_t display_width(const std::string& text) {
+  // Names are UTF-8 whatever the operator's locale says.
+  static const bool is_utf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+  std::size_t width = 0;
+  std::mbstate_t state = {};
+  for (std::size_t at = 0; at < text.size();) {
+    wchar_t character = 0;
+    const std::size_t length = std::mbrtowc(&character, &text[at], text.size() - at, &state);
+    if (!is_utf8 || length == 0 || length > text.size()) {
+      state = {};
+      ++width;
+      ++at;
+      continue;
+    }
+    const int columns = ::wcwidth(character);
+    width += columns > 0 ? static_cast<std::size_t>(columns) : 0;
+    at += length;
+  }
+  return width;
+}
 
 constexpr std::size_t kContext = 3;
 // Above this many pairs of an old and a new line, all between equal ends counts as replaced.
@@ -68,12 +93,11 @@ Edits edits_between(const Lines& old_lines, const Lines& new_lines) {
   const auto tail = std::mismatch(old_lines.rbegin(), old_lines.rbegin() + (shorter - head_size),
                                   new_lines.rbegin());
   Edits edits;
-  std::for_each(old_lines.begin(), head, [&](const auto& line) { edits.push_back({' ', line}); });
+  const auto keep = [&](const std::string& line) { edits.push_back({' ', line}); };
+  std::for_each(old_lines.begin(), head, keep);
   append_edits({head, tail.first.base()}, {new_lines.begin() + head_size, tail.second.base()},
                edits);
-  std::for_each(tail.first.base(), old_lines.end(), [&](const auto& line) {
-    edits.push_back({' ', line});
-  });
+  std::for_each(tail.first.base(), old_lines.end(), keep);
   return edits;
 }
 

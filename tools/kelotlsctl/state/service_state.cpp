@@ -8,15 +8,12 @@
 #include <filesystem>
 #include <system_error>
 
-#include "paths.h"
-
 namespace kelotlsctl {
 
 namespace {
 
 using kelotls::RenderResult;
 using Outcome = RenderResult::Outcome;
-using kelotls::text_member;
 
 struct StateWords {
   const char* text;
@@ -71,10 +68,6 @@ Json::Value stamp_entry(int effective, const std::string& rendered) {
 }
 
 }  // namespace
-
-std::string ServiceDescriptor::template_path() const { return text_member(value, "mustache-path"); }
-
-std::string ServiceDescriptor::reloader_path() const { return text_member(value, "reloader-path"); }
 
 ServiceDescriptor read_service_descriptor(const std::string& path) {
   ServiceDescriptor descriptor = {path, {}, {}};
@@ -146,7 +139,7 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
                           State::kInForce,
                           store_.levels_json(service)};
   status.state = state_of(status);
-  status.document["display-name"] = text_member(entry, "display-name");
+  status.document["display-name"] = kelotls::text_member(entry, "display-name");
   status.document["state"] = kStateWords[static_cast<std::size_t>(status.state)].key;
   if (!status.rendered.fault.empty()) {
     status.document["fault"] = status.rendered.fault;

@@ -18,8 +18,8 @@ struct ServiceDescriptor {
 
   bool is_usable() const { return fault.empty(); }
   /// Empty without a template, a reloader.
-  std::string template_path() const;
-  std::string reloader_path() const;
+  std::string template_path() const { return kelotls::text_member(value, "mustache-path"); }
+  std::string reloader_path() const { return kelotls::text_member(value, "reloader-path"); }
 };
 
 ServiceDescriptor read_service_descriptor(const std::string& path);

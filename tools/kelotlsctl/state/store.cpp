@@ -15,7 +15,6 @@
 
 #include "framework_config.h"
 #include "json_document.h"
-#include "paths.h"
 #include "profile.h"
 #include "regeneration.h"
 
@@ -76,47 +75,47 @@ Json::Value changed_entries(const Store& before, const Store& after) {
 
 int open_framework_directory() {
   const int directory = ::open(kFrameworkDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (directory < 0 && errno == ENOENT) {
-    throw unreadable_store();
-  }
   if (directory < 0) {
-    throw system_failure(kFrameworkDir);
+    throw errno == ENOENT ? unreadable_store() : system_failure(kFrameworkDir);
   }
   return directory;
 }
 
 }  // namespace
 
-const char* const kDirectories[5] = {kFrameworkDir, kelotls::kServicesDir, kelotls::kConfigDir,
-                                     kelotls::kSystemReloaderDir, kelotls::kPackageReloaderDir};
-
-std::vector<std::string> make_missing_directories() {
+std::vector<std::string> make_missing_directories(bool is_dry_run) {
   std::vector<std::string> made;
   for (const char* directory : kDirectories) {
-    if (!kelotls::make_directories(directory, 0755, made)) {
+    if (is_dry_run && !kelotls::exists_at(directory)) {
+      made.emplace_back(directory);
+    } else if (!is_dry_run && !kelotls::make_directories(directory, 0755, made)) {
       throw system_failure(directory);
     }
   }
   return made;
 }
 
-int parse_level(const std::string& text) {
-  std::string requested = text;
-  std::transform(requested.begin(), requested.end(), requested.begin(),
+std::optional<int> find_level(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (requested == "default" || requested == "0") {
-    return kelotls::TLS_PROFILE_LEVEL_DEFAULT;
-  }
-  for (int level = kelotls::TLS_PROFILE_LEVEL_MODERN; named_profile(level) != nullptr; ++level) {
-    const Profile& profile = *named_profile(level);
-    if (requested == profile.name || requested == profile.tier ||
-        requested == std::to_string(level)) {
+  for (int level = 0; !level_name(level).empty(); ++level) {
+    const Profile* const profile = named_profile(level);
+    if (text == level_name(level) || text == std::to_string(level) ||
+        (profile != nullptr && text == profile->tier)) {
       return level;
     }
   }
-  throw Failure(kUsage, "\"" + text + "\" is not a level",
-                "A level is modern, intermediate, old, default, mozilla_modern, "
-                "mozilla_intermediate, mozilla_old or 0 to 3.");
+  return std::nullopt;
+}
+
+int parse_level(const std::string& text) {
+  const std::optional<int> level = find_level(text);
+  if (!level) {
+    throw Failure(kUsage, "\"" + text + "\" is not a level",
+                  "A level is modern, intermediate, old, default, mozilla_modern, "
+                  "mozilla_intermediate, mozilla_old or 0 to 3.");
+  }
+  return *level;
 }
 
 Json::Value level_json(int level) {
@@ -144,8 +143,7 @@ int Store::stored_level(const std::string& service) const {
 }
 
 int Store::effective_level(const std::string& service) const {
-  const int stored = stored_level(service);
-  return stored != kelotls::TLS_PROFILE_LEVEL_DEFAULT ? stored : default_level();
+  return kelotls::lookup_service_level(root, service);
 }
 
 Json::Value Store::levels_json(const std::string& service) const {

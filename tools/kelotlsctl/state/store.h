@@ -11,13 +11,17 @@
 
 #include "files.h"
 #include "output/console.h"
+#include "paths.h"
 
 namespace kelotlsctl {
 
 constexpr mode_t kStoreMode = 0644;  // services read it, under whatever user they run
 
 /// The level that the text names: modern, intermediate, old, default, the first three with
-/// "mozilla_" before them, 0 to 3; in any case. Anything else is a Failure (usage).
+/// "mozilla_" before them, 0 to 3; in any case.
+std::optional<int> find_level(std::string text);
+
+/// The same; a Failure (usage) for anything else.
 int parse_level(const std::string& text);
 
 /// {"value": 2, "name": "intermediate"}
@@ -93,10 +97,13 @@ std::vector<std::string> warnings_of_unreadable(const Json::Value& unreadable);
 void require_service(const Store& store, const std::string& service);
 
 /// The framework's directories.
-extern const char* const kDirectories[5];
+constexpr const char* kDirectories[] = {kelotls::kFrameworkDir, kelotls::kServicesDir,
+                                        kelotls::kConfigDir, kelotls::kSystemReloaderDir,
+                                        kelotls::kPackageReloaderDir};
 
-/// Makes those that are missing, readable for all. Those that it has made.
-std::vector<std::string> make_missing_directories();
+/// Makes those that are missing, readable for all, and folders above them: all that it has made. In
+/// a dry run nothing is made, and folders above them are not looked at.
+std::vector<std::string> make_missing_directories(bool is_dry_run);
 
 /// Reads a JSON file as the library reads its own. On failure the fault says why.
 bool read_document(const std::string& path, Json::Value& document, std::string& fault);

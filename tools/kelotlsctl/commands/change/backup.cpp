@@ -19,10 +19,9 @@ Report backup(Console& console, const Arguments& arguments) {
   if (!arguments.dry_run && !kelotls::create_file(path, kelotls::json_text(saved), 0600)) {
     throw system_failure(printable(path));
   }
-  Report report;
-  report.document = object(
-      {{"file", path}, {"written", !arguments.dry_run}, {"services", store.services().size()}});
-  return report;
+  return {kDone, object({{"file", path},
+                         {"written", !arguments.dry_run},
+                         {"services", store.services().size()}})};
 }
 
 void print_backup(Console& console, const Json::Value& document) {

@@ -1,7 +1,4 @@
 // kelotlsctl init: the first data store of a fresh appliance.
-#include <algorithm>
-#include <iterator>
-
 #include "command_line.h"
 #include "files.h"
 #include "json_document.h"
@@ -10,27 +7,14 @@
 
 namespace kelotlsctl {
 
-namespace {
-
-std::vector<std::string> missing_directories() {
-  std::vector<std::string> missing;
-  std::remove_copy_if(std::begin(kDirectories), std::end(kDirectories), std::back_inserter(missing),
-                      kelotls::exists_at);
-  return missing;
-}
-
-}  // namespace
-
 Report initialise(Console& console, const Arguments& arguments) {
-  const int level =
-      parse_level(arguments.default_level.empty() ? "intermediate" : arguments.default_level);
+  const int level = parse_level(arguments.level.empty() ? "intermediate" : arguments.level);
   const char* const path = kelotls::kDataStorePath;
   if (kelotls::exists_at(path)) {
     throw Failure(kFailed, std::string("there is a data store already: ") + path,
                   "Nothing was changed. If it cannot be used: kelotlsctl recover");
   }
-  const std::vector<std::string> made =
-      arguments.dry_run ? missing_directories() : make_missing_directories();
+  const std::vector<std::string> made = make_missing_directories(arguments.dry_run);
   const Lock lock(console, !arguments.dry_run);
   if (!arguments.dry_run &&
       !kelotls::create_file(path, kelotls::json_text(empty_store(level).root), kStoreMode)) {

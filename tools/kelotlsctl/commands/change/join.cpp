@@ -1,5 +1,4 @@
 // kelotlsctl join: services of a registration join, or join again.
-#include <fcntl.h>
 #include <kelotls/api_provider.h>
 #include <sys/stat.h>
 #include <unistd.h>

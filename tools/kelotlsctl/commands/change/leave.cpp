@@ -82,13 +82,11 @@ Report leave_services(Console& console, const Arguments& arguments) {
   const Registration registration = require_registration(arguments.file, kelotls::Purpose::kLeave);
   const Lock lock(console, !arguments.dry_run);
   require_members(registration, load_store());
-  Report report;
-  report.document["written"] = !arguments.dry_run;
-  report.document["services"] = plan_json(registration);
+  const Json::Value services = plan_json(registration);
   if (!arguments.dry_run) {
-    execute(registration, report.document["services"]);
+    execute(registration, services);
   }
-  return report;
+  return {kDone, object({{"written", !arguments.dry_run}, {"services", services}})};
 }
 
 void print_left(Console& console, const Json::Value& document) {

@@ -29,10 +29,10 @@ struct Plan {
 /// The default level, without services, and the backup.
 Plan read_arguments(const Arguments& arguments) {
   Plan plan;
-  const bool has_level = !arguments.default_level.empty();
-  int level = parse_level(has_level ? arguments.default_level : "intermediate");
-  if (!arguments.backup_file.empty()) {
-    plan.saved = read_backup(arguments.backup_file);
+  const bool has_level = !arguments.level.empty();
+  int level = parse_level(has_level ? arguments.level : "intermediate");
+  if (!arguments.file.empty()) {
+    plan.saved = read_backup(arguments.file);
     level = has_level ? level : plan.saved->default_level();
   }
   plan.store = empty_store(level);
@@ -108,9 +108,7 @@ void execute(Plan& plan) {
 
 Report recover(Console& console, const Arguments& arguments) {
   Plan plan = read_arguments(arguments);
-  if (!arguments.dry_run) {
-    make_missing_directories();
-  }
+  make_missing_directories(arguments.dry_run);
   const Lock lock(console, !arguments.dry_run);
   require_unusable_store();
   complete(plan);

@@ -10,11 +10,9 @@ Report regenerate(Console& console, const Arguments& arguments) {
   if (!arguments.dry_run) {
     save_store(plan.store);
   }
-  Report report;
-  report.code = plan.document["unreadable"].empty() ? kDone : kFailed;
-  report.document = plan.document;
-  report.document["written"] = !arguments.dry_run;
-  return report;
+  Json::Value document = plan.document;
+  document["written"] = !arguments.dry_run;
+  return {document["unreadable"].empty() ? kDone : kFailed, document};
 }
 
 void print_regenerated(Console& console, const Json::Value& document) {

@@ -26,11 +26,13 @@ Report render_templates(Console& console, const Arguments& arguments) {
   const bool any_change =
       std::any_of(renderings.begin(), renderings.end(),
                   [](const Json::Value& rendered) { return rendered["change"] != "none"; });
-  Report report;
-  report.document = object({{"written", writes}, {"services", renderings}});
-  report.code = any_fault(renderings) ? kFailed : arguments.check && any_change ? kNotSo : kDone;
-  report.print = arguments.check ? print_differences : print_rendered;
-  return report;
+  return {any_fault(renderings)           ? kFailed
+          : arguments.check && any_change ? kNotSo
+                                          : kDone,
+          object({{"written", writes}, {"services", renderings}}),
+          {},
+          {},
+          arguments.check ? print_differences : print_rendered};
 }
 
 void print_rendered(Console& console, const Json::Value& document) {

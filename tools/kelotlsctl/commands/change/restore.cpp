@@ -12,14 +12,13 @@ Report restore(Console& console, const Arguments& arguments) {
   for (const std::string& warning : warnings_of(saved)) {
     console.warn(warning);
   }
-  Report report;
-  report.document = restoration_json(live, saved);
-  report.document["written"] = !arguments.dry_run;
+  Json::Value document = restoration_json(live, saved);
+  document["written"] = !arguments.dry_run;
   if (!arguments.dry_run) {
     kelotls::restore_levels(live.root, saved.root);
     save_store(live);
   }
-  return report;
+  return {kDone, document};
 }
 
 void print_restored(Console& console, const Json::Value& document) {

@@ -3,7 +3,6 @@
 
 #include "command_line.h"
 #include "state/application.h"
-#include "state/store.h"
 
 namespace kelotlsctl {
 
@@ -12,38 +11,29 @@ namespace {
 /// A change of one service's level.
 struct Plan {
   std::string service;
-  int former = 0;
-  int level = 0;
   Store before;
   Store after;
-
-  bool changes_anything() const { return former != level; }
 };
 
 Plan make_plan(const Arguments& arguments, int level) {
-  Plan plan;
-  plan.before = load_store();
-  require_service(plan.before, arguments.service);
-  plan.service = arguments.service;
-  plan.former = plan.before.stored_level(plan.service);
-  plan.level = level;
-  plan.after = plan.before;
+  const Store before = load_store();
+  require_service(before, arguments.service);
+  Plan plan = {arguments.service, before, before};
   plan.after.root["services"][plan.service]["current-level"] = level;
   return plan;
 }
 
 Report report_of(const Plan& plan, bool is_written) {
-  Report report;
-  report.document =
-      object({{"service", plan.service},
-              {"former-level", level_json(plan.former)},
-              {"stored-level", level_json(is_written ? plan.level : plan.former)},
-              {"requested-level", level_json(plan.level)},
-              {"effective-level", effective_level_json(plan.after.effective_level(plan.service))},
-              {"written", is_written && plan.changes_anything()},
-              {"undone", false},
-              {"apply", Json::Value()}});
-  return report;
+  const Json::Value former = level_json(plan.before.stored_level(plan.service));
+  Json::Value document = plan.after.levels_json(plan.service);
+  const Json::Value requested = document["stored-level"];
+  document["former-level"] = former;
+  document["requested-level"] = requested;
+  document["stored-level"] = is_written ? requested : former;
+  document["written"] = is_written && former != requested;
+  document["undone"] = false;
+  document["apply"] = Json::Value();
+  return {kDone, document};
 }
 
 /// Everything as it was before, as far as that can be had.
@@ -57,7 +47,7 @@ void undo(Console& console, const Plan& plan, Report& report) {
   }
   report.document["undone"] = true;
   report.document["written"] = false;
-  report.document["stored-level"] = level_json(plan.former);
+  report.document["stored-level"] = report.document["former-level"];
   report.warnings.push_back(
       printable(plan.service) + " is back at " + level_text(report.document["former-level"]) +
       (is_in_force ? ", rendered and reloaded" : ", but rendering or reloading failed again"));
@@ -101,13 +91,12 @@ Report set_level(Console& console, const Arguments& arguments) {
   if (arguments.apply) {
     return set_and_apply(console, plan);
   }
-  if (!plan.changes_anything()) {
-    return report_of(plan, true);
-  }
-  save_store(plan.after);
   Report report = report_of(plan, true);
-  if (!console.json()) {
-    report.notes.push_back(next_step(plan.after, plan.service));
+  if (report.document["written"].asBool()) {
+    save_store(plan.after);
+    if (!console.json()) {
+      report.notes.push_back(next_step(plan.after, plan.service));
+    }
   }
   return report;
 }

@@ -81,7 +81,7 @@ std::string store_fault() {
 std::optional<Store> check_store(Findings& findings) {
   std::optional<Store> store = try_store();
   if (!store && !exists_at(kDataStorePath)) {
-    findings.add(kError, kDataStorePath, "is missing", unreadable_store().advice());
+    findings.add(kError, kDataStorePath, "is missing", unreadable_store().advice);
   } else if (!store) {
     findings.add(kError, kDataStorePath, "cannot be used: " + store_fault(),
                  "kelotlsctl recover [--from BACKUP]");
@@ -366,10 +366,8 @@ Report check_framework(Console&, const Arguments&) {
   const bool is_healthy =
       std::all_of(findings.list.begin(), findings.list.end(),
                   [](const Json::Value& finding) { return finding["severity"] == kNote; });
-  Report report;
-  report.code = is_healthy ? kDone : kNotSo;
-  report.document = object({{"healthy", is_healthy}, {"findings", findings.list}});
-  return report;
+  return {is_healthy ? kDone : kNotSo,
+          object({{"healthy", is_healthy}, {"findings", findings.list}})};
 }
 
 void print_findings(Console& console, const Json::Value& document) {

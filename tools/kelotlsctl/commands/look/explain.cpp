@@ -7,33 +7,16 @@
 
 namespace kelotlsctl {
 
-namespace {
-
-/// A word that is a level, and no service's name, means the level.
-bool is_level(const std::string& subject, int& level) {
-  try {
-    level = parse_level(subject);
-  } catch (const Failure&) {
-    return false;
-  }
-  return true;
-}
-
-}  // namespace
-
 Report explain(Console&, const Arguments& arguments) {
-  Report report;
-  int level = 0;
-  if (is_level(arguments.subject, level)) {
-    level = level != 0 ? level : load_store().default_level();
-    report.document = explain_context(make_level_context(level).get(), level);
-    return report;
+  // A word that is a level means the level, even where a service has the name.
+  if (const std::optional<int> named = find_level(arguments.subject)) {
+    const int level = *named != 0 ? *named : load_store().default_level();
+    return {kDone, explain_context(make_level_context(level).get(), level)};
   }
   const Store store = load_store();
   require_service(store, arguments.subject);
   const kelotls::ContextOwner context = service_context(arguments.subject);
-  report.document = explain_context(context.get(), store.effective_level(arguments.subject));
-  return report;
+  return {kDone, explain_context(context.get(), store.effective_level(arguments.subject))};
 }
 
 void print_explained(Console& console, const Json::Value& document) {

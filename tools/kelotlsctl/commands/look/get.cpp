@@ -7,9 +7,7 @@ namespace kelotlsctl {
 Report get_level(Console&, const Arguments& arguments) {
   const Store store = load_store();
   require_service(store, arguments.service);
-  Report report;
-  report.document = store.levels_json(arguments.service);
-  return report;
+  return {kDone, store.levels_json(arguments.service)};
 }
 
 void print_level_of_service(Console& console, const Json::Value& document) {

@@ -7,12 +7,10 @@
 namespace kelotlsctl {
 
 Report show_levels(Console&, const Arguments&) {
-  Report report;
   constexpr int kLevels[] = {kelotls::TLS_PROFILE_LEVEL_MODERN,
                              kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE,
                              kelotls::TLS_PROFILE_LEVEL_OLD};
-  report.document["levels"] = list_of(kLevels, describe_level);
-  return report;
+  return {kDone, object({{"levels", list_of(kLevels, describe_level)}})};
 }
 
 void print_levels(Console& console, const Json::Value& document) {

@@ -13,11 +13,8 @@ void print_names(Console& console, const Json::Value& document) {
 
 /// For shells that complete names: only the data store is read, and there is no JSON form.
 Report list_names(Console& console, const Store& store) {
-  Report report;
-  report.document["names"] = list_of(store.names());
-  report.print = print_names;
   console.set_json(false);
-  return report;
+  return {kDone, object({{"names", list_of(store.names())}}), {}, {}, print_names};
 }
 
 }  // namespace
@@ -28,12 +25,11 @@ Report list_services(Console& console, const Arguments& arguments) {
     return list_names(console, store);
   }
   ServiceInspector inspector(store);
-  Report report;
-  report.document["default-level"] = level_json(store.default_level());
-  report.document["services"] = list_of(store.names(), [&](const std::string& service) {
+  const Json::Value services = list_of(store.names(), [&](const std::string& service) {
     return inspector.inspect(service).document;
   });
-  return report;
+  return {kDone,
+          object({{"default-level", level_json(store.default_level())}, {"services", services}})};
 }
 
 void print_services(Console& console, const Json::Value& document) {

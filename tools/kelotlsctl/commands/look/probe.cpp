@@ -2,7 +2,6 @@
 // its level.
 #include "command_line.h"
 #include "state/application.h"
-#include "state/store.h"
 #include "tls/report.h"
 
 namespace kelotlsctl {
@@ -37,13 +36,11 @@ Report probe_service(Console& console, const Arguments& arguments) {
   require_service(store, arguments.service);
   const kelotls::ContextOwner context = service_context(arguments.service);
   target.context = context.get();
-  Report report;
-  report.document = probe(target, store.effective_level(arguments.service),
-                          [&](std::size_t done, std::size_t all) {
-                            console.progress("probing " + printable(arguments.service), done, all);
-                          });
-  report.code = has_own_differences(report.document, true) ? kNotSo : kDone;
-  return report;
+  const Json::Value document = probe(
+      target, store.effective_level(arguments.service), [&](std::size_t done, std::size_t all) {
+        console.progress("probing " + printable(arguments.service), done, all);
+      });
+  return {has_own_differences(document, true) ? kNotSo : kDone, document};
 }
 
 void print_probed(Console& console, const Json::Value& document) {

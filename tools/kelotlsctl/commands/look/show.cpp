@@ -45,9 +45,7 @@ Report show_service(Console&, const Arguments& arguments) {
   const ServiceStatus status = ServiceInspector(store).inspect(arguments.service);
   const ServiceDescriptor& descriptor = status.descriptor;
   const bool has_template = !descriptor.template_path().empty();
-  Report report;
-  report.document = status.document;
-  Json::Value& details = report.document;
+  Json::Value details = status.document;
   const std::string key = kelotls::text_member(store.services()[status.name], "display-name-i18n");
   details["display-name-i18n"] = key.empty() ? Json::Value() : key;
   details["descriptor"] = file_json(descriptor.path);
@@ -62,7 +60,7 @@ Report show_service(Console&, const Arguments& arguments) {
     details["reloader-link"]["target"] = status.link_target;
   }
   details["rendered"] = file_json(has_template ? kelotls::rendered_path(status.name) : "");
-  return report;
+  return {kDone, details};
 }
 
 void print_service(Console& console, const Json::Value& details) {

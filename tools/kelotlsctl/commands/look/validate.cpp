@@ -21,11 +21,10 @@ std::string text_of(const Json::Value& fault) {
 Report validate_registration(Console& console, const Arguments& arguments) {
   const Registration registration = read_registration(arguments.file, kelotls::Purpose::kJoin);
   const bool is_valid = registration.faults.empty();
-  Report report;
-  report.code = is_valid ? kDone : kNotSo;
-  report.document = object({{"valid", is_valid},
-                            {"faults", faults_json(registration.faults)},
-                            {"warnings", faults_json(file_warnings(registration.document))}});
+  Report report = {is_valid ? kDone : kNotSo,
+                   object({{"valid", is_valid},
+                           {"faults", faults_json(registration.faults)},
+                           {"warnings", faults_json(file_warnings(registration.document))}})};
   if (is_valid && !console.json()) {
     report.notes.push_back(registration.source + " can join.");
   }
