@@ -139,9 +139,7 @@ int run_program(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return parser.app.exit(error) == 0 ? kDone : kUsage;
   }
-  Console console;
-  console.set_json(parser.is_json);
-  console.set_quiet(parser.is_quiet);
+  Console console(parser.is_json, parser.is_quiet);
   // Many failures are a line of the system log: the operator sees each as well.
   static Console* observing = nullptr;
   observing = &console;

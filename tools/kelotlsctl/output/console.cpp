@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -53,7 +54,15 @@ Json::Value list_of(const std::vector<std::string>& texts) {
   return list_of(texts, [](const std::string& text) { return text; });
 }
 
-Console::Console() : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
+Json::Value list_where(const std::vector<std::string>& texts,
+                       const std::function<bool(const std::string&)>& condition) {
+  std::vector<std::string> chosen;
+  std::copy_if(texts.begin(), texts.end(), std::back_inserter(chosen), condition);
+  return list_of(chosen);
+}
+
+Console::Console(bool json, bool quiet)
+    : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)), json_(json), quiet_(quiet) {
   ::dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 

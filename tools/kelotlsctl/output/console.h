@@ -5,6 +5,7 @@
 #include <json/value.h>
 
 #include <cstddef>
+#include <functional>
 #include <initializer_list>
 #include <sstream>
 #include <stdexcept>
@@ -44,9 +45,12 @@ Failure system_failure(const std::string& path);
 std::string printable(const std::string& text);
 std::string printable(const Json::Value& text);
 
-/// A JSON object of these members; a JSON list of these texts, or of what is made of each element.
+/// A JSON object of these members; a JSON list of these texts, of those for which the condition
+/// holds, or of what is made of each element.
 Json::Value object(std::initializer_list<std::pair<const char*, Json::Value>> members);
 Json::Value list_of(const std::vector<std::string>& texts);
+Json::Value list_where(const std::vector<std::string>& texts,
+                       const std::function<bool(const std::string&)>& condition);
 template <typename Range, typename Make>
 Json::Value list_of(const Range& range, const Make& make) {
   Json::Value list(Json::arrayValue);
@@ -60,10 +64,9 @@ class Console {
  public:
   /// Keeps the standard output for the command's own data: what programs that are run write to it
   /// goes to the standard error from now on.
-  Console();
+  Console(bool json, bool quiet);
 
   void set_json(bool json) { json_ = json; }
-  void set_quiet(bool quiet) { quiet_ = quiet; }
   bool json() const { return json_; }
 
   /// Whether data may carry colour: on a terminal, unless NO_COLOR is set.
@@ -95,8 +98,8 @@ class Console {
   static bool may_colour(int descriptor);
 
   const kelotls::Descriptor output_;
-  bool json_ = false;
-  bool quiet_ = false;
+  bool json_;
+  const bool quiet_;
   bool colour_ = may_colour(1);
   bool error_colour_ = may_colour(2);
   bool bar_is_drawn_ = false;

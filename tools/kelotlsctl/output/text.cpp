@@ -13,6 +13,18 @@ namespace kelotlsctl {
 
 namespace {
 
+constexpr std::size_t kContext = 3;
+// Above this many pairs of an old and a new line, all between equal ends counts as replaced.
+constexpr std::size_t kMaxPairs = 4'000'000;
+
+using Lines = std::vector<std::string>;
+
+struct Edit {
+  char sign;  // ' ', '-' or '+'
+  std::string line;
+};
+using Edits = std::vector<Edit>;
+
 /// How many columns a terminal needs for the text.
 std::size_t display_width(const std::string& text) {
   // Names are UTF-8 whatever the operator's locale says.
@@ -34,18 +46,6 @@ std::size_t display_width(const std::string& text) {
   }
   return width;
 }
-
-constexpr std::size_t kContext = 3;
-// Above this many pairs of an old and a new line, all between equal ends counts as replaced.
-constexpr std::size_t kMaxPairs = 4'000'000;
-
-using Lines = std::vector<std::string>;
-
-struct Edit {
-  char sign;  // ' ', '-' or '+'
-  std::string line;
-};
-using Edits = std::vector<Edit>;
 
 /// The lines with their ends, so that a last line without one differs from the same with one.
 Lines lines_of(const std::string& text) {

@@ -16,15 +16,6 @@ namespace kelotlsctl {
 
 namespace {
 
-std::string read_source(const std::string& file) {
-  std::string text;
-  if (!(file == "-" ? kelotls::read_to_end(STDIN_FILENO, 0, text)
-                    : kelotls::read_file(file, text))) {
-    throw system_failure(file);
-  }
-  return text;
-}
-
 /// What is likely to fail once a service has joined; empty for a file that is in order.
 std::string file_warning(const std::string& file, bool is_reloader) {
   struct stat status = {};
@@ -65,8 +56,13 @@ std::vector<std::string> Registration::names() const {
 Registration read_registration(const std::string& file, kelotls::Purpose purpose) {
   Registration registration;
   registration.source = file == "-" ? "the standard input" : file;
+  std::string text;
+  if (!(file == "-" ? kelotls::read_to_end(STDIN_FILENO, 0, text)
+                    : kelotls::read_file(file, text))) {
+    throw system_failure(file);
+  }
   kelotls::JsonReader reader(kelotls::DuplicateKeys::kRefused);
-  if (!reader.parse(read_source(file), registration.document)) {
+  if (!reader.parse(text, registration.document)) {
     registration.faults.push_back({"$", "not a JSON text: " + reader.fault()});
     return registration;
   }

@@ -64,13 +64,9 @@ std::optional<kelotls::ServiceDesc> read_described(kelotls::JsonReader& reader,
 }
 
 Json::Value changed_entries(const Store& before, const Store& after) {
-  Json::Value changed = list_of({});
-  for (const std::string& service : before.names()) {
-    if (before.services()[service] != after.services()[service]) {
-      changed.append(service);
-    }
-  }
-  return changed;
+  return list_where(before.names(), [&](const std::string& service) {
+    return before.services()[service] != after.services()[service];
+  });
 }
 
 int open_framework_directory() {
@@ -153,13 +149,7 @@ Json::Value Store::levels_json(const std::string& service) const {
 }
 
 Json::Value Store::names_missing_in(const Store& other) const {
-  Json::Value missing = list_of({});
-  for (const std::string& service : names()) {
-    if (!other.has(service)) {
-      missing.append(service);
-    }
-  }
-  return missing;
+  return list_where(names(), [&](const std::string& service) { return !other.has(service); });
 }
 
 Store empty_store(int default_level) {

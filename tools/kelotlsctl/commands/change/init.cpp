@@ -21,11 +21,10 @@ Report initialise(Console& console, const Arguments& arguments) {
     throw system_failure(path);
   }
 
-  Report report;
-  report.document = object({{"written", !arguments.dry_run},
-                            {"data-store", path},
-                            {"default-level", level_json(level)},
-                            {"folders", list_of(made)}});
+  Report report = {kDone, object({{"written", !arguments.dry_run},
+                                  {"data-store", path},
+                                  {"default-level", level_json(level)},
+                                  {"folders", list_of(made)}})};
   if (has_descriptors()) {
     report.warnings.emplace_back(
         "there are descriptors of services; kelotlsctl regen gives them entries");

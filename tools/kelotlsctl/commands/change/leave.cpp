@@ -41,15 +41,10 @@ void require_members(const Registration& registration, const Store& store) {
 Json::Value plan_json(const Registration& registration) {
   const bool keeps_link = kelotls::is_system_service(registration.document);
   return list_of(registration.names(), [&](const std::string& service) {
-    Json::Value removed = list_of({});
-    for (const std::string& path :
-         {keeps_link ? std::string() : kelotls::link_path(service),
-          kelotls::descriptor_path(service), kelotls::rendered_path(service)}) {
-      if (kelotls::exists_at(path)) {
-        removed.append(path);
-      }
-    }
-    return object({{"service", service}, {"removed", removed}});
+    const std::vector<std::string> paths = {keeps_link ? "" : kelotls::link_path(service),
+                                            kelotls::descriptor_path(service),
+                                            kelotls::rendered_path(service)};
+    return object({{"service", service}, {"removed", list_where(paths, kelotls::exists_at)}});
   });
 }
 

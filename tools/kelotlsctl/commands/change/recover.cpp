@@ -116,11 +116,10 @@ Report recover(Console& console, const Arguments& arguments) {
     execute(plan);
   }
 
-  Report report;
-  report.code = plan.document["unreadable"].empty() ? kDone : kFailed;
-  report.document = plan.document;
-  report.document["written"] = !arguments.dry_run;
-  report.warnings = warnings_of_unreadable(plan.document["unreadable"]);
+  plan.document["written"] = !arguments.dry_run;
+  const Json::Value& unreadable = plan.document["unreadable"];
+  Report report = {unreadable.empty() ? kDone : kFailed, plan.document,
+                   warnings_of_unreadable(unreadable)};
   if (!arguments.dry_run) {
     report.notes.emplace_back("Not in force yet: kelotlsctl apply");
   }
