@@ -96,7 +96,7 @@ std::string probe_fault(Console& console, const std::string& service, int level)
   const Json::Value report = probe(target, level, [&](std::size_t done, std::size_t all) {
     console.progress("probing " + effective_level_json(level)["name"].asString(), done, all);
   });
-  return has_own_differences(report, false) ? first_difference(report) : std::string();
+  return first_own_difference(report, false);
 }
 
 /// [{"service", "stored-level", "effective-level", "agrees", "fault"}]

@@ -100,23 +100,17 @@ SslOwner make_server(SSL_CTX* context) {
   return server;
 }
 
-enum class HandshakeState { kDone, kWaiting, kFailed };
-
-/// Takes a handshake as far as it goes without new data.
-HandshakeState advance(SSL* connection) {
+/// Takes a handshake as far as it goes without new data. Whether it waits for some; where it fails,
+/// the reason is set.
+bool advance(SSL* connection, std::string& reason) {
   ERR_clear_error();
   const int result = SSL_do_handshake(connection);
-  if (result == 1) {
-    return HandshakeState::kDone;
-  }
   const int error = SSL_get_error(connection, result);
   const bool is_waiting = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
-  return is_waiting ? HandshakeState::kWaiting : HandshakeState::kFailed;
-}
-
-/// Why the handshake failed; empty if it did not.
-std::string failure_of(HandshakeState state) {
-  return state == HandshakeState::kFailed ? take_openssl_reason() : std::string();
+  if (result != 1 && !is_waiting) {
+    reason = take_openssl_reason();
+  }
+  return is_waiting;
 }
 
 std::string curve_name(EVP_PKEY* key) {
@@ -124,7 +118,7 @@ std::string curve_name(EVP_PKEY* key) {
   return ec_key != nullptr ? OBJ_nid2sn(EC_GROUP_get_curve_name(EC_KEY_get0_group(ec_key))) : "";
 }
 
-void read_exchange(SSL* client, Outcome& outcome) {
+void read_key_exchange(SSL* client, Outcome& outcome) {
   EVP_PKEY* raw_key = nullptr;
   if (SSL_get_server_tmp_key(client, &raw_key) != 1) {
     return;  // RSA key exchange has none
@@ -159,6 +153,16 @@ const char* certificate_kind(int nid) {
   }
 }
 
+/// Of a handshake that has succeeded.
+void read_outcome(SSL* client, Outcome& outcome) {
+  const CertificateOwner certificate(SSL_get_peer_certificate(client));
+  outcome.accepted = true;
+  outcome.suite = SSL_get_cipher_name(client);
+  outcome.certificate_kind = certificate_kind(
+      certificate != nullptr ? EVP_PKEY_base_id(X509_get0_pubkey(certificate.get())) : NID_undef);
+  read_key_exchange(client, outcome);
+}
+
 }  // namespace
 
 Client::Client() : context_(SSL_CTX_new(TLS_client_method())) {
@@ -175,7 +179,7 @@ Client::Client() : context_(SSL_CTX_new(TLS_client_method())) {
 }
 
 std::vector<Suite> Client::suites(int version) const {
-  const SslOwner connection = connect({version, {}, {}, {}});
+  const SslOwner connection = connection_for({version, {}, {}, {}});
   const CipherStack ciphers(SSL_get1_supported_ciphers(connection.get()));
   std::vector<Suite> suites;
   for (int index = 0; index < sk_SSL_CIPHER_num(ciphers.get()); ++index) {
@@ -186,7 +190,7 @@ std::vector<Suite> Client::suites(int version) const {
   return suites;
 }
 
-SslOwner Client::connect(const Hello& hello) const {
+SslOwner Client::connection_for(const Hello& hello) const {
   SslOwner connection(SSL_new(context_.get()));
   SSL* const raw = connection.get();
   const auto set_suites =
@@ -206,55 +210,54 @@ SslOwner Client::connect(const Hello& hello) const {
   return connection;
 }
 
-Outcome Client::shake_hands(SSL_CTX* context, const Hello& hello,
-                            const std::function<void(SSL*)>& adjust) const {
-  const SslOwner client = connect(hello);
-  const SslOwner server = make_server(context);
-  if (adjust) {
-    adjust(server.get());
+Outcome Client::shake_hands(const Hello& hello, const std::string& server_name,
+                            const Exchange& exchange) const {
+  const SslOwner client = connection_for(hello);
+  if (!server_name.empty()) {
+    SSL_set_tlsext_host_name(client.get(), server_name.c_str());
   }
-  BIO* const server_end = attach_bio_pair(client.get()).release();
-  SSL_set_bio(server.get(), server_end, server_end);
-  return complete(client.get(), [&](bool) { return failure_of(advance(server.get())); });
-}
-
-Outcome complete(SSL* client, const Exchange& exchange) {
+  BIO* near_end = nullptr;
+  BIO* far_end = nullptr;
+  require(BIO_new_bio_pair(&near_end, 0, &far_end, 0) == 1, "no memory for a connection");
+  SSL_set_bio(client.get(), near_end, near_end);
+  const BioOwner wire(far_end);
   Outcome outcome;
-  HandshakeState state = HandshakeState::kWaiting;
-  while (state == HandshakeState::kWaiting && outcome.reason.empty()) {
-    state = advance(client);
-    outcome.reason = failure_of(state);
-    const std::string obstacle = exchange(state == HandshakeState::kWaiting);
-    if (outcome.reason.empty()) {
-      outcome.reason = obstacle;
-    }
+  for (bool is_waiting = true; is_waiting && outcome.reason.empty();) {
+    is_waiting = advance(client.get(), outcome.reason);
+    const std::string obstacle = exchange(far_end, is_waiting);
+    outcome.reason += outcome.reason.empty() ? obstacle : "";
   }
   if (outcome.reason.empty()) {
-    outcome.accepted = true;
-    outcome.suite = SSL_get_cipher_name(client);
-    const CertificateOwner certificate(SSL_get_peer_certificate(client));
-    const bool is_anonymous = certificate == nullptr;
-    outcome.certificate_kind = certificate_kind(
-        is_anonymous ? NID_undef : EVP_PKEY_base_id(X509_get0_pubkey(certificate.get())));
-    read_exchange(client, outcome);
+    read_outcome(client.get(), outcome);
+    SSL_shutdown(client.get());
+    exchange(far_end, false);
   }
   ERR_clear_error();
   return outcome;
 }
 
-BioOwner attach_bio_pair(SSL* connection) {
-  BIO* near_end = nullptr;
-  BIO* far_end = nullptr;
-  require(BIO_new_bio_pair(&near_end, 0, &far_end, 0) == 1, "no memory for a connection");
-  SSL_set_bio(connection, near_end, near_end);
-  return BioOwner(far_end);
+Outcome Client::shake_hands(const Hello& hello, SSL_CTX* context,
+                            const std::function<void(SSL*)>& adjust) const {
+  const SslOwner server = make_server(context);
+  if (adjust) {
+    adjust(server.get());
+  }
+  return shake_hands(hello, "", [&](BIO* wire, bool) {
+    if (SSL_get_rbio(server.get()) == nullptr) {
+      BIO_up_ref(wire);
+      SSL_set_bio(server.get(), wire, wire);
+    }
+    std::string reason;
+    advance(server.get(), reason);
+    return reason;
+  });
 }
 
-Names suites_of(SSL_CTX* context) {
-  Names names;
+Json::Value suites_of(SSL_CTX* context) {
+  Json::Value names(Json::arrayValue);
   const STACK_OF(SSL_CIPHER)* const suites = SSL_CTX_get_ciphers(context);
   for (int index = 0; index < sk_SSL_CIPHER_num(suites); ++index) {
-    names.emplace_back(SSL_CIPHER_get_name(sk_SSL_CIPHER_value(suites, index)));
+    names.append(SSL_CIPHER_get_name(sk_SSL_CIPHER_value(suites, index)));
   }
   return names;
 }

@@ -1,9 +1,8 @@
 // Owns handshakes: a client that can do whatever this machine's OpenSSL can, and what it shakes
 // hands with, which is a server context in memory or a running server.
-#ifndef KELOTLSCTL_TLS_CLIENT_H
-#define KELOTLSCTL_TLS_CLIENT_H
+#pragma once
 
-#include <netdb.h>
+#include <json/value.h>
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 
@@ -18,10 +17,8 @@ namespace kelotlsctl {
 
 using kelotls::ContextOwner;
 using kelotls::Release;
-using AddressList = std::unique_ptr<addrinfo, Release<::freeaddrinfo>>;
 using BioOwner = std::unique_ptr<BIO, Release<BIO_free>>;
 using SslOwner = std::unique_ptr<SSL, Release<SSL_free>>;
-using Names = std::vector<std::string>;
 
 constexpr char kTriedGroups[] = "prime256v1:secp384r1:secp521r1:X25519:X448";
 
@@ -33,6 +30,9 @@ constexpr char kRsaSignatures[] =
     "RSA-PSS+SHA256:RSA-PSS+SHA384:RSA-PSS+SHA512:RSA+SHA256:RSA+SHA384:RSA+SHA512:RSA+SHA224:"
     "RSA+SHA1";
 
+constexpr auto kVersionOptions =
+    SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_TLSv1_2 | SSL_OP_NO_TLSv1_3;
+
 /// What a client requests. An empty list leaves all that the client has, version 0 any version.
 struct Hello {
   int version;
@@ -40,9 +40,6 @@ struct Hello {
   std::string groups;
   std::string signature_algorithms;
 };
-
-constexpr auto kVersionOptions =
-    SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_TLSv1_2 | SSL_OP_NO_TLSv1_3;
 
 struct Outcome {
   bool accepted = false;
@@ -58,6 +55,10 @@ struct Suite {
   std::string certificate_kind;  // "" where any serves, or none is needed
 };
 
+/// Carries what the client has written, at the wire, to what it shakes hands with, and back what
+/// that answers to a client that is waiting. Returns why this failed, or an empty text.
+using Exchange = std::function<std::string(BIO* wire, bool is_waiting)>;
+
 /// A client with no security level, no limit of version, and all suites. The system-wide
 /// configuration restrains the servers that it talks to, not the client itself.
 class Client {
@@ -67,53 +68,33 @@ class Client {
   /// The suites that it can offer with the version.
   std::vector<Suite> suites(int version) const;
 
-  /// A connection that has not begun. Throws std::runtime_error for a suite or group that this
-  /// machine's OpenSSL does not have.
-  SslOwner connect(const Hello& hello) const;
+  /// A handshake through the exchange. Without a name no SNI is sent. Throws std::runtime_error for
+  /// a suite or group that this machine's OpenSSL does not have.
+  Outcome shake_hands(const Hello& hello, const std::string& server_name,
+                      const Exchange& exchange) const;
 
   /// A handshake in memory. Each has an object of its own, with throw-away RSA and ECDSA
   /// certificates and without a resumable session; the context keeps its settings. adjust changes
   /// those of the object.
-  Outcome shake_hands(SSL_CTX* context, const Hello& hello,
+  Outcome shake_hands(const Hello& hello, SSL_CTX* context,
                       const std::function<void(SSL* server)>& adjust = nullptr) const;
 
  private:
+  SslOwner connection_for(const Hello& hello) const;
+
   ContextOwner context_;
 };
 
-/// A running server, over TCP.
-class Server {
- public:
-  /// Looks the name up, over IPv6 and IPv4. Throws std::runtime_error when there is none.
-  Server(const Client& client, const std::string& host, const std::string& port);
+using ShakeHands = std::function<Outcome(const Hello&)>;
 
-  /// Over a connection of its own, to the first address that answers. Throws std::runtime_error
-  /// when none does within two seconds. A handshake that takes longer is refused.
-  Outcome shake_hands(const Hello& hello) const;
-
- private:
-  int look_up(int flags);
-  int connect_to_first() const;
-
-  const Client& client_;
-  const std::string host_;
-  const std::string port_;
-  AddressList addresses_;
-  const bool is_name_;  // the host, so that it is sent as SNI
-};
-
-/// Carries what the client has written to the server, and back what that answers to a client that
-/// is waiting. Returns why this failed, or an empty text.
-using Exchange = std::function<std::string(bool is_waiting)>;
-
-/// Takes the client's handshake to its end, in turns with the exchange.
-Outcome complete(SSL* client, const Exchange& exchange);
-
-/// The other end of the connection's bytes.
-BioOwner attach_bio_pair(SSL* connection);
+/// Handshakes with a running server, each over a TCP connection of its own, to the first address
+/// that answers. Looks the name up, over IPv6 and IPv4. Throws std::runtime_error when there is
+/// none; a handshake throws it when no address answers within two seconds. A handshake that takes
+/// longer is refused. The client has to outlive them.
+ShakeHands handshakes_with(const Client& client, const std::string& host, const std::string& port);
 
 /// The names of the context's suites, in its order of preference.
-Names suites_of(SSL_CTX* context);
+Json::Value suites_of(SSL_CTX* context);
 
 /// The oldest reason in OpenSSL's error queue, which is then empty.
 std::string take_openssl_reason();
@@ -122,5 +103,3 @@ std::string take_openssl_reason();
 void require(bool succeeded, const char* what);
 
 }  // namespace kelotlsctl
-
-#endif

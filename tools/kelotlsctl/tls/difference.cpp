@@ -1,19 +1,13 @@
-// Owns the comparison of offers, the experiments that find a cause, and the sentences that tell it.
-#include "tls/difference.h"
-
+// Owns the comparison of offers, finding a cause, and the sentences that tell it.
 #include <openssl/crypto.h>
-#include <openssl/dh.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <optional>
 #include <utility>
 
-#include "paths.h"
+#include "output/console.h"
+#include "tls/survey.h"
 
 namespace kelotlsctl {
 
@@ -22,24 +16,14 @@ namespace {
 constexpr char kOther[] = "other";
 constexpr char kDhe[] = "DHE";
 
-using FileOwner = std::unique_ptr<std::FILE, Release<std::fclose>>;
-
-/// A request that the level makes and that was not accepted. Of a suite that this machine does not
-/// have, and of DHE where no version that uses it was accepted, the version is 0.
-struct Missing {
-  std::string name;
-  Hello hello;
-};
-
-/// The members "cause" and "text" of a difference. Null where DH parameters are not missing
+/// The members "cause" and "text" of the difference that something of this name is missing, which
+/// was not accepted with this hello. Of a suite that this machine does not have, and of DHE where
+/// no version that uses it was accepted, the version is 0. Null where DH parameters are not missing
 /// themselves, but the versions that use them.
-using FindReason = std::function<Json::Value(const Missing&)>;
+using FindReason = std::function<Json::Value(const std::string& name, const Hello& hello)>;
 
 Json::Value reason(const std::string& cause, const std::string& text) {
-  Json::Value reason;
-  reason["cause"] = cause;
-  reason["text"] = text;
-  return reason;
+  return object({{"cause", cause}, {"text", text}});
 }
 
 /// Of the levels' suites, these and no others are named so.
@@ -49,9 +33,10 @@ class Comparison {
  public:
   Comparison(const kelotls::Profile& profile, const Json::Value& survey, FindReason find_reason)
       : survey_(survey),
+        handshakes_(survey["handshakes"]),
         find_reason_(std::move(find_reason)),
         requested_(requested_by(profile)),
-        offered_(offer_of(survey["handshakes"])) {}
+        offered_(offer_of(handshakes_)) {}
 
   Json::Value run() {
     compare_versions();
@@ -66,19 +51,17 @@ class Comparison {
   void add(const std::string& what, const char* kind, Json::Value difference) {
     difference["what"] = what;
     difference["kind"] = kind;
-    if (!contains(differences_, difference)) {
-      differences_.append(std::move(difference));
-    }
+    append_once(differences_, difference);
   }
 
   void add_extra(const std::string& what) {
     add(what, "extra", reason(kOther, "Accepted although the level does not ask for it."));
   }
 
-  void add_missing(const std::string& what, const Missing& missing) {
-    const Json::Value found = find_reason_(missing);
+  void add_missing(const std::string& name, const Hello& hello, const std::string& where = "") {
+    const Json::Value found = find_reason_(name, hello);
     if (!found.isNull()) {
-      add(what, "missing", found);
+      add(name + where, "missing", found);
     }
   }
 
@@ -87,12 +70,12 @@ class Comparison {
   }
 
   void compare_versions() {
-    for (const auto& [number, name] : kProtocolVersions) {
-      const bool is_requested = contains(requested_["protocols"], name);
-      if (is_offered(name) && !is_requested) {
-        add_extra(name);
-      } else if (!is_offered(name) && is_requested) {
-        add_missing(name, {name, {number, {}, {}, {}}});
+    for (const ProtocolVersion& version : kProtocolVersions) {
+      const bool is_requested = contains(requested_["protocols"], version.name);
+      if (is_offered(version.name) && !is_requested) {
+        add_extra(version.name);
+      } else if (!is_offered(version.name) && is_requested) {
+        add_missing(version.name, {version.number, {}, {}, {}});
       }
     }
   }
@@ -112,14 +95,13 @@ class Comparison {
     }
     const Json::Value& versions = offered_["protocols"];
     const bool uses_dhe = !versions.empty() && versions[0] != "TLS 1.3";
-    add_missing(name, {name, {uses_dhe ? TLS1_2_VERSION : 0, kDhe, {}, {}}});
+    add_missing(name, {uses_dhe ? TLS1_2_VERSION : 0, kDhe, {}, {}});
   }
 
   /// False where none of the level's DHE suites could be tried: all of them need an RSA
   /// certificate, which a server may not have.
   bool has_tried_dhe() const {
-    const Json::Value& handshakes = survey_["handshakes"];
-    return std::any_of(handshakes.begin(), handshakes.end(), [](const Json::Value& handshake) {
+    return std::any_of(handshakes_.begin(), handshakes_.end(), [](const Json::Value& handshake) {
       return handshake["intended"].asBool() && is_dhe(handshake["suite"].asString());
     });
   }
@@ -130,7 +112,7 @@ class Comparison {
       // Without DH parameters no DHE suite can work: the parameters are the one difference then.
       const bool lacks_parameters = offered_["dh-bits"].isNull() && is_dhe(suite);
       if (!covers(survey_, suite)) {
-        add_missing(suite, {suite, {0, suite, {}, {}}});
+        add_missing(suite, {0, suite, {}, {}});
       } else if (!lacks_parameters) {
         compare_suite(suite);
       }
@@ -141,7 +123,7 @@ class Comparison {
   void compare_suite(const std::string& suite) {
     std::vector<int> accepted;
     std::vector<int> refused;
-    for (const Json::Value& handshake : survey_["handshakes"]) {
+    for (const Json::Value& handshake : handshakes_) {
       if (handshake["tries"] == "suite" && handshake["suite"] == suite &&
           handshake["intended"].asBool() && is_offered(handshake["version"])) {
         (handshake["accepted"].asBool() ? accepted : refused)
@@ -149,18 +131,18 @@ class Comparison {
       }
     }
     if (accepted.empty() && !refused.empty()) {
-      add_missing(suite, {suite, {refused.back(), suite, {}, {}}});
+      add_missing(suite, {refused.back(), suite, {}, {}});
       return;
     }
     for (const int version : refused) {
-      add_missing(suite + " with " + version_name(version), {suite, {version, suite, {}, {}}});
+      add_missing(suite, {version, suite, {}, {}}, " with " + version_name(version));
     }
   }
 
   /// Suites that are extra, then groups. The suites of a version that is extra itself are not
   /// told: the version says it.
   void compare_handshakes() {
-    for (const Json::Value& handshake : survey_["handshakes"]) {
+    for (const Json::Value& handshake : handshakes_) {
       const bool is_group = handshake["tries"] == "group";
       const bool is_intended = handshake["intended"].asBool();
       const bool is_accepted = handshake["accepted"].asBool();
@@ -171,57 +153,31 @@ class Comparison {
       if (is_accepted && !is_intended && !is_told) {
         add_extra(name);
       } else if (is_group && is_intended && !is_accepted && is_offered(version)) {
-        add_missing(name, {name, {version_number(version), {}, name, {}}});
+        add_missing(name, hello_for_group(version_number(version), name));
       }
     }
   }
 
   const Json::Value& survey_;
+  const Json::Value& handshakes_;
   const FindReason find_reason_;
   const Json::Value requested_;
   const Json::Value offered_;
   Json::Value differences_ = Json::Value(Json::arrayValue);
 };
 
-/// Settings of a context that can be lifted for one handshake, to find out which prevents it.
-enum Lift : unsigned int {
-  kMinimumVersion = 1,
-  kMaximumVersion = 2,
-  kSecurityLevel = 4,  // another one instead of the context's
-  kOptions = 8,        // SSL_OP_NO_TLSv1 and the like
-};
-
-/// Single settings first, then pairs and so on; of as many, version limits before the security
-/// level. Where two obstacles have to be lifted together, the cause is the limit, because somebody
-/// has set it.
-constexpr unsigned int kCombinations[] = {1, 2, 4, 8, 3, 5, 6, 9, 10, 12, 7, 11, 13, 14, 15};
-
-struct Limit {
-  Lift lift;
-  const char* name;
-  int get;
-  int set;
-};
-constexpr Limit kLimits[] = {
-    {kMinimumVersion, "minimum", SSL_CTRL_GET_MIN_PROTO_VERSION, SSL_CTRL_SET_MIN_PROTO_VERSION},
-    {kMaximumVersion, "maximum", SSL_CTRL_GET_MAX_PROTO_VERSION, SSL_CTRL_SET_MAX_PROTO_VERSION}};
-
-/// A limit that new contexts have too comes from the system-wide configuration.
-std::string limit_text(SSL_CTX* context, const Limit& limit) {
-  const ContextOwner fresh(SSL_CTX_new(TLS_server_method()));
-  const long version = SSL_CTX_ctrl(context, limit.get, 0, nullptr);
-  const bool is_system_wide = version == SSL_CTX_ctrl(fresh.get(), limit.get, 0, nullptr);
-  return std::string(is_system_wide ? "OpenSSL's system-wide " : "The context's ") + limit.name +
-         " version is " + version_name(static_cast<int>(version)) + ".";
-}
-
-/// Finds out why a context does not accept something.
+/// Finds out why a context does not accept something: from its settings, and by the same handshake
+/// with no limit of versions and with lower security levels.
 class Experiment {
  public:
   Experiment(const Client& client, SSL_CTX* context, const kelotls::Profile& profile)
-      : client_(client), context_(context), profile_(profile) {}
+      : client_(client),
+        context_(context),
+        profile_(profile),
+        own_level_(SSL_CTX_get_security_level(context)) {}
 
   Json::Value find_reason(const Hello& hello) const {
+    const bool is_suite = !hello.suites.empty() && hello.groups.empty();
     if (hello.suites == kDhe) {
       return of_dh();
     }
@@ -230,141 +186,134 @@ class Experiment {
                                              OpenSSL_version(OPENSSL_VERSION) +
                                              ", does not have it.");
     }
-    if (hello.suites.empty() && hello.groups.empty()) {
-      return of_version(hello);
+    if (is_suite && !contains(suites_of(context_), hello.suites)) {
+      return reason(kOther, "The context's list of suites does not hold it.");
     }
-    const Names suites = suites_of(context_);
-    return hello.suites.empty() ||
-                   std::find(suites.begin(), suites.end(), hello.suites) != suites.end()
-               ? of_refusal(hello)
-               : reason(kOther, "The context's list of suites does not hold it.");
+    const int level = working_level_of(hello);
+    const Json::Value obstacles = level < 0 ? Json::Value() : obstacles_to(hello.version, level);
+    return obstacles.empty() ? of_failure(hello) : of_all(obstacles);
   }
 
  private:
-  Outcome try_with(const Hello& hello, unsigned int lifts, int security_level = 0) const {
-    return client_.shake_hands(context_, hello, [&](SSL* server) {
-      for (const Limit& limit : kLimits) {
-        if ((lifts & limit.lift) != 0) {
-          SSL_ctrl(server, limit.set, 0, nullptr);
-        }
-      }
-      SSL_clear_options(server, (lifts & kOptions) != 0 ? kVersionOptions : 0);
-      if ((lifts & kSecurityLevel) != 0) {
-        SSL_set_security_level(server, security_level);
-      }
-    });
-  }
-
-  Json::Value of_version(const Hello& hello) const {
-    for (const unsigned int lifts : kCombinations) {
-      if (try_with(hello, lifts).accepted) {
-        return of_settings(hello, lifts);
-      }
-    }
-    return reason(kOther, "OpenSSL does not accept it, whatever setting is lifted: " +
-                              try_with(hello, 0).reason + ".");
-  }
-
-  Json::Value of_refusal(const Hello& hello) const {
-    if (const std::optional<int> level = working_security_level(hello, 0)) {
-      return reason("security-level", security_level_text("it", *level));
-    }
-    return reason(kOther, "The handshake fails: " + try_with(hello, 0).reason + ".");
-  }
-
   /// Tried with TLS 1.2, which every level with DH parameters has, whether the context offers it
   /// or not.
   Json::Value of_dh() const {
-    constexpr unsigned int kLifts = kMinimumVersion | kMaximumVersion | kOptions;
-    const Hello dhe = {TLS1_2_VERSION, kDhe, {}, {}};
-    if (!try_with({TLS1_2_VERSION, {}, {}, {}}, kLifts).accepted ||
-        try_with(dhe, kLifts).accepted) {
+    const int level = working_level_of({TLS1_2_VERSION, kDhe, {}, {}});
+    if (level == own_level_ || working_level_of({TLS1_2_VERSION, {}, {}, {}}) != own_level_) {
       return Json::Value();
     }
-    if (const std::optional<int> level = working_security_level(dhe, kLifts)) {
-      return reason("security-level", security_level_text("DHE", *level));
-    }
-    return of_dh_file(std::string(kelotls::kDhParamDir) + profile_.dh_file);
+    return level >= 0 ? reason("security-level", security_level_text("DHE", level))
+                      : of_dh_file(read_dh_file(profile_));
   }
 
-  Json::Value of_dh_file(const std::string& path) const {
-    errno = 0;
-    const FileOwner file(std::fopen(path.c_str(), "r"));
-    if (file == nullptr) {
-      return errno == ENOENT
-                 ? reason("dh-file-missing", "The file " + path + " does not exist.")
-                 : reason("dh-file-unreadable",
-                          "The file " + path + " cannot be opened: " + std::strerror(errno) + ".");
+  Json::Value of_dh_file(const DhFile& file) const {
+    const std::string name = "The file " + file.path;
+    if (file.parameters == nullptr) {
+      return file.error == ENOENT ? reason("dh-file-missing", name + " does not exist.")
+                                  : reason("dh-file-unreadable", name + " " + file.fault + ".");
     }
-    ERR_clear_error();
-    const DhOwner parameters(PEM_read_DHparams(file.get(), nullptr, nullptr, nullptr));
-    if (parameters == nullptr) {
-      return reason("dh-file-unreadable",
-                    "The file " + path + " holds no DH parameters: " + take_openssl_reason() + ".");
-    }
-    return of_dh_parameters(path, parameters.get());
-  }
-
-  Json::Value of_dh_parameters(const std::string& path, DH* parameters) const {
-    const SslOwner connection(SSL_new(context_));
-    require(connection != nullptr, "no connection can be made");
-    const int own_level = SSL_get_security_level(connection.get());
-    int level = own_level;
-    while (level >= 0 && SSL_set_tmp_dh(connection.get(), parameters) != 1) {
-      SSL_set_security_level(connection.get(), --level);
-    }
-    ERR_clear_error();
-    if (level == own_level) {
-      return reason(kOther,
-                    "The file " + path + " is in order, but this context was made without it.");
+    const int level = working_level_of(file.parameters.get());
+    if (level == own_level_) {
+      return reason(kOther, name + " is in order, but this context was made without it.");
     }
     const std::string what =
-        "the " + std::to_string(DH_bits(parameters)) + "-bit parameters of " + path;
+        "the " + std::to_string(DH_bits(file.parameters.get())) + "-bit parameters of " + file.path;
     return reason("dh-file-refused",
                   level >= 0 ? security_level_text(what, level) : "OpenSSL refuses " + what + ".");
   }
 
-  /// The highest security level below the context's with which the handshake succeeds.
-  std::optional<int> working_security_level(const Hello& hello, unsigned int lifts) const {
-    for (int level = SSL_CTX_get_security_level(context_) - 1; level >= 0; --level) {
-      if (try_with(hello, lifts | kSecurityLevel, level).accepted) {
-        return level;
+  /// What stands against the version, or against what was tried with it, as reasons. Limits before
+  /// the security level, because somebody has set them.
+  Json::Value obstacles_to(int version, int working_level) const {
+    Json::Value obstacles;
+    if (SSL_CTX_get_min_proto_version(context_) > version) {
+      obstacles.append(of_limit("minimum", SSL_CTRL_GET_MIN_PROTO_VERSION));
+    }
+    const long maximum = SSL_CTX_get_max_proto_version(context_);
+    if (maximum != 0 && maximum < version) {
+      obstacles.append(of_limit("maximum", SSL_CTRL_GET_MAX_PROTO_VERSION));
+    }
+    if (working_level < own_level_) {
+      const char* const what = obstacles.empty() ? "it" : "it too";
+      obstacles.append(reason("security-level", security_level_text(what, working_level)));
+    }
+    for (const ProtocolVersion& known : kProtocolVersions) {
+      if (known.number == version && (SSL_CTX_get_options(context_) & known.option) != 0) {
+        obstacles.append(
+            reason(kOther, "An option of the context, its own or system-wide, switches it off."));
       }
     }
-    return std::nullopt;
+    return obstacles;
+  }
+
+  /// A limit that new contexts have too comes from the system-wide configuration.
+  Json::Value of_limit(const std::string& name, int get) const {
+    const ContextOwner fresh(SSL_CTX_new(TLS_server_method()));
+    const long version = SSL_CTX_ctrl(context_, get, 0, nullptr);
+    const bool is_system_wide = version == SSL_CTX_ctrl(fresh.get(), get, 0, nullptr);
+    return reason(name + "-version",
+                  (is_system_wide ? "OpenSSL's system-wide " : "The context's ") + name +
+                      " version is " + version_name(static_cast<int>(version)) + ".");
+  }
+
+  /// The first is the cause; each gets a sentence.
+  static Json::Value of_all(const Json::Value& obstacles) {
+    std::string text;
+    for (const Json::Value& obstacle : obstacles) {
+      text += (text.empty() ? "" : " ") + obstacle["text"].asString();
+    }
+    return reason(obstacles[0]["cause"].asString(), text);
+  }
+
+  Json::Value of_failure(const Hello& hello) const {
+    const bool is_version = hello.suites.empty() && hello.groups.empty();
+    return reason(kOther, (is_version ? "OpenSSL does not accept it, whatever setting is lifted: "
+                                      : "The handshake fails: ") +
+                              client_.shake_hands(hello, context_).reason + ".");
   }
 
   std::string security_level_text(const std::string& what, int working_level) const {
-    return "OpenSSL's security level " + std::to_string(SSL_CTX_get_security_level(context_)) +
-           " refuses " + what + "; level " + std::to_string(working_level) + " would not.";
+    return "OpenSSL's security level " + std::to_string(own_level_) + " refuses " + what +
+           "; level " + std::to_string(working_level) + " would not.";
   }
 
-  /// The first setting that had to be lifted is the cause; each gets a sentence.
-  Json::Value of_settings(const Hello& hello, unsigned int lifts) const {
-    Names causes;
-    std::string text;
-    for (const Limit& limit : kLimits) {
-      if ((lifts & limit.lift) != 0) {
-        causes.push_back(std::string(limit.name) + "-version");
-        text += limit_text(context_, limit) + " ";
-      }
+  /// The highest security level up to the context's with which something works; negative: none.
+  int working_level(const std::function<bool(int level)>& works) const {
+    int level = own_level_;
+    while (level >= 0 && !works(level)) {
+      --level;
     }
-    if ((lifts & kSecurityLevel) != 0) {
-      const int level = working_security_level(hello, lifts).value_or(0);
-      causes.emplace_back("security-level");
-      text += security_level_text(text.empty() ? "it" : "it too", level) + " ";
-    }
-    if ((lifts & kOptions) != 0) {
-      causes.emplace_back(kOther);
-      text += "An option of the context, its own or system-wide, switches it off. ";
-    }
-    text.pop_back();
-    return reason(causes.front(), text);
+    return level;
+  }
+
+  /// With the limits of versions lifted.
+  int working_level_of(const Hello& hello) const {
+    return working_level([&](int level) {
+      const auto lift = [level](SSL* server) {
+        SSL_set_min_proto_version(server, 0);
+        SSL_set_max_proto_version(server, 0);
+        SSL_clear_options(server, kVersionOptions);
+        SSL_set_security_level(server, level);
+      };
+      return client_.shake_hands(hello, context_, lift).accepted;
+    });
+  }
+
+  int working_level_of(DH* parameters) const {
+    const SslOwner connection(SSL_new(context_));
+    require(connection != nullptr, "no connection can be made");
+    const int working = working_level([&](int level) {
+      SSL_set_security_level(connection.get(), level);
+      return SSL_set_tmp_dh(connection.get(), parameters) == 1;
+    });
+    ERR_clear_error();
+    return working;
   }
 
   const Client& client_;
   SSL_CTX* context_;
   const kelotls::Profile& profile_;
+  const int own_level_;
 };
 
 }  // namespace
@@ -372,19 +321,20 @@ class Experiment {
 Json::Value context_differences(const Client& client, SSL_CTX* context,
                                 const kelotls::Profile& profile, const Json::Value& survey) {
   const Experiment experiment(client, context, profile);
-  return Comparison(profile, survey,
-                    [&](const Missing& missing) { return experiment.find_reason(missing.hello); })
-      .run();
+  const auto find_reason = [&](const std::string&, const Hello& hello) {
+    return experiment.find_reason(hello);
+  };
+  return Comparison(profile, survey, find_reason).run();
 }
 
 Json::Value server_differences(const kelotls::Profile& profile, const Json::Value& survey,
                                const Json::Value& of_context) {
-  const auto find_reason = [&](const Missing& missing) {
-    if (missing.hello.suites == kDhe && missing.hello.version == 0) {
+  const auto find_reason = [&](const std::string& name, const Hello& hello) {
+    if (hello.suites == kDhe && hello.version == 0) {
       return Json::Value();
     }
     for (const Json::Value& difference : of_context) {
-      if (difference["what"] == missing.name && difference["kind"] == "missing") {
+      if (difference["what"] == name && difference["kind"] == "missing") {
         return reason(
             difference["cause"].asString(),
             "A context made on this machine lacks it too: " + difference["text"].asString());

@@ -6,13 +6,15 @@
 #include <openssl/pem.h>
 
 #include <algorithm>
-#include <map>
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
+#include "output/console.h"
 #include "output/text.h"
 #include "paths.h"
-#include "tls/difference.h"
+#include "tls/survey.h"
 
 namespace kelotlsctl {
 
@@ -22,7 +24,7 @@ using kelotls::Profile;
 
 Json::Value measure_context(const Client& client, SSL_CTX* context, const Profile& profile,
                             const Progress& progress) {
-  const auto shake_hands = [&](const Hello& hello) { return client.shake_hands(context, hello); };
+  const auto shake_hands = [&](const Hello& hello) { return client.shake_hands(hello, context); };
   Json::Value report = survey(client, shake_hands, profile, Approach::kOneByOne, progress);
   report["differences"] = context_differences(client, context, profile, report);
   return report;
@@ -30,8 +32,7 @@ Json::Value measure_context(const Client& client, SSL_CTX* context, const Profil
 
 Json::Value measure_server(const Client& client, const ProbeTarget& target, const Profile& profile,
                            const Progress& progress) {
-  const Server server(client, target.host, target.port);
-  const auto shake_hands = [&](const Hello& hello) { return server.shake_hands(hello); };
+  const ShakeHands shake_hands = handshakes_with(client, target.host, target.port);
   const Outcome first = shake_hands({});
   if (!first.accepted) {
     throw std::runtime_error("No TLS handshake succeeds with " + target.host + " port " +
@@ -47,18 +48,14 @@ Json::Value measure_server(const Client& client, const ProbeTarget& target, cons
 }
 
 /// Those of the context's suites that were accepted, in its order of preference.
-Json::Value in_order_of(const Names& preferred, const Json::Value& accepted) {
+Json::Value in_order_of(const Json::Value& preferred, const Json::Value& accepted) {
   Json::Value suites(Json::arrayValue);
-  for (const std::string& suite : preferred) {
+  for (const Json::Value& suite : preferred) {
     if (contains(accepted, suite)) {
       suites.append(suite);
     }
   }
   return suites;
-}
-
-bool has_own_cause(const Json::Value& difference) {
-  return difference["kind"] == "extra" || difference["cause"] == "other";
 }
 
 }  // namespace
@@ -81,11 +78,19 @@ ContextOwner make_level_context(int level) {
   return std::move(result.context);
 }
 
-DhOwner parse_dh_parameters(const std::string& text) {
-  const BioOwner bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-  DhOwner parameters(PEM_read_bio_DHparams(bio.get(), nullptr, nullptr, nullptr));
+DhFile read_dh_file(const Profile& profile) {
+  DhFile file = {kelotls::kDhParamDir + std::string(profile.dh_file), nullptr, 0, {}};
+  std::string text;
+  if (!kelotls::read_file(file.path, text)) {
+    file.error = errno;
+    file.fault = std::string("cannot be opened: ") + std::strerror(file.error);
+    return file;
+  }
   ERR_clear_error();
-  return parameters;
+  const BioOwner bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+  file.parameters.reset(PEM_read_bio_DHparams(bio.get(), nullptr, nullptr, nullptr));
+  file.fault = "holds no DH parameters: " + take_openssl_reason();
+  return file;
 }
 
 Json::Value explain_context(SSL_CTX* context, int level) {
@@ -95,16 +100,14 @@ Json::Value explain_context(SSL_CTX* context, int level) {
   for (const char* const list : {"cipher-suites", "tls13-suites"}) {
     offer[list] = in_order_of(suites_of(context), offer[list]);
   }
-  Json::Value explanation;
-  explanation["level"] = profile.level;
-  explanation["name"] = profile.name;
-  explanation["openssl"] = OpenSSL_version(OPENSSL_VERSION);
-  explanation["security-level"] = SSL_CTX_get_security_level(context);
-  explanation["offers"] = offer;
-  explanation["differences"] = measured["differences"];
-  explanation["oldest-clients"] = oldest_clients(offer);
-  explanation["lost-clients"] = oldest_clients(requested_by(profile), offer);
-  return explanation;
+  return object({{"level", profile.level},
+                 {"name", profile.name},
+                 {"openssl", OpenSSL_version(OPENSSL_VERSION)},
+                 {"security-level", SSL_CTX_get_security_level(context)},
+                 {"offers", offer},
+                 {"differences", measured["differences"]},
+                 {"oldest-clients", oldest_clients(offer)},
+                 {"lost-clients", oldest_clients(requested_by(profile), offer)}});
 }
 
 Json::Value probe(const ProbeTarget& target, int level, const Progress& progress) {
@@ -120,20 +123,15 @@ Json::Value probe(const ProbeTarget& target, int level, const Progress& progress
   return report;
 }
 
-bool has_own_differences(const Json::Value& report, bool dh_file_counts) {
-  const Json::Value& differences = report["differences"];
-  return std::any_of(differences.begin(), differences.end(), [&](const Json::Value& difference) {
+std::string first_own_difference(const Json::Value& report, bool dh_file_counts) {
+  for (const Json::Value& difference : report["differences"]) {
     const std::string cause = difference["cause"].asString();
-    return has_own_cause(difference) ||
-           (dh_file_counts && (cause == "dh-file-missing" || cause == "dh-file-unreadable"));
-  });
-}
-
-std::string first_difference(const Json::Value& report) {
-  const Json::Value& differences = report["differences"];
-  const auto found = std::find_if(differences.begin(), differences.end(), has_own_cause);
-  return found != differences.end() ? (*found)["text"].asString()
-                                    : "it does not do what its level asks for";
+    if (cause == "other" || difference["kind"] == "extra" ||
+        (dh_file_counts && (cause == "dh-file-missing" || cause == "dh-file-unreadable"))) {
+      return difference["text"].asString();
+    }
+  }
+  return std::string();
 }
 
 namespace {
@@ -141,11 +139,12 @@ namespace {
 /// As a field; "none" for an empty array.
 void print_list(ReportText& text, const std::string& label, const Json::Value& elements,
                 const char* tone = "") {
-  Names words;
+  std::vector<std::string> words;
   for (const Json::Value& element : elements) {
     words.push_back(element.asString() + (words.size() + 1 < elements.size() ? "," : ""));
   }
-  text.field(label, words.empty() ? Names{"none"} : words, tone);
+  words.resize(std::max<std::size_t>(words.size(), 1), "none");
+  text.field(label, words, tone);
 }
 
 /// Neighbours of the same kind and with the same text together.
@@ -196,21 +195,21 @@ std::string verdict(const ReportText& text, const Json::Value& handshake, std::s
 
 /// Suites as lines, versions as columns. What is neither requested nor accepted is left out.
 void print_suites(ReportText& text, const Json::Value& handshakes) {
-  Names suites;
-  std::map<std::string, std::map<std::string, std::string>> verdicts;  // by suite and version
+  Json::Value suites;
+  Json::Value verdicts;  // by suite and version
   for (const Json::Value& handshake : handshakes) {
-    const std::string suite = handshake["suite"].asString();
     if (handshake["tries"] == "suite") {
+      const std::string suite = handshake["suite"].asString();
       verdicts[suite][handshake["version"].asString()] = verdict(text, handshake, kCellWidth);
-      const bool is_new = std::find(suites.begin(), suites.end(), suite) == suites.end();
-      suites.insert(suites.end(), is_told(handshake) && is_new ? 1 : 0, suite);
+      if (is_told(handshake)) {
+        append_once(suites, suite);
+      }
     }
   }
-  for (const std::string& suite : suites) {
-    std::string line = text.cell(suite, kNameWidth);
+  for (const Json::Value& suite : suites) {
+    std::string line = text.cell(suite.asString(), kNameWidth);
     for (const ProtocolVersion& version : kProtocolVersions) {
-      const std::string& cell = verdicts[suite][version.name];
-      line += cell.empty() ? std::string(kCellWidth, ' ') : cell;
+      line += verdicts[suite.asString()].get(version.name, std::string(kCellWidth, ' ')).asString();
     }
     text.line("  " + line.substr(0, line.find_last_not_of(' ') + 1));
   }

@@ -1,7 +1,6 @@
 // Owns what is told about a level: its description, a context made for it, what this machine gives
 // of it and what a service accepts, as JSON and as text. schemas/output describes the JSON.
-#ifndef KELOTLSCTL_TLS_REPORT_H
-#define KELOTLSCTL_TLS_REPORT_H
+#pragma once
 
 #include <json/value.h>
 #include <openssl/dh.h>
@@ -32,8 +31,15 @@ Json::Value describe_level(int level);
 /// context without DHE. Throws std::runtime_error when OpenSSL refuses a setting.
 ContextOwner make_level_context(int level);
 
-/// The DH parameters in the text of a PEM file, or null.
-DhOwner parse_dh_parameters(const std::string& text);
+struct DhFile {
+  std::string path;
+  DhOwner parameters;  // null: the file cannot be used
+  int error = 0;       // errno of a file that cannot be read
+  std::string fault;   // why it cannot be used, as words after its path
+};
+
+/// The DH parameter file of a level that has one.
+DhFile read_dh_file(const kelotls::Profile& profile);
 
 /// What the context offers of its level, found by handshakes with it, and why it offers no more.
 /// The context keeps its settings and its sessions; only its count of handshakes grows. Reads the
@@ -55,12 +61,10 @@ struct ProbeTarget {
 /// for the operator, when nothing answers at host and port or what answers completes no handshake.
 Json::Value probe(const ProbeTarget& target, int level, const Progress& progress);
 
-/// Whether the differences of a report have another cause than this machine's OpenSSL. Those of a
-/// DH parameter file can be let pass: the service works without, as it was before.
-bool has_own_differences(const Json::Value& report, bool dh_file_counts);
-
-/// The text of the first difference that this machine's OpenSSL does not cause.
-std::string first_difference(const Json::Value& report);
+/// The text of the first difference of a report that has another cause than this machine's OpenSSL,
+/// or an empty text. Those of a DH parameter file can be let pass: the service works without, as it
+/// was before.
+std::string first_own_difference(const Json::Value& report, bool dh_file_counts);
 
 // Tables of at most 80 columns.
 void print_level(std::ostream& out, const Json::Value& description, bool colour);
@@ -68,5 +72,3 @@ void print_explanation(std::ostream& out, const Json::Value& explanation, bool c
 void print_probe(std::ostream& out, const Json::Value& report, bool colour);
 
 }  // namespace kelotlsctl
-
-#endif

@@ -7,9 +7,13 @@
 #include <sstream>
 #include <utility>
 
+#include "output/console.h"
+
 namespace kelotlsctl {
 
 namespace {
+
+using Names = std::vector<std::string>;
 
 struct KnownClient {
   const char* name;
@@ -59,12 +63,6 @@ std::string joined(const Names& names) {
   return list;
 }
 
-void append_once(Json::Value& array, const Json::Value& element) {
-  if (!contains(array, element)) {
-    array.append(element);
-  }
-}
-
 /// Null for 0 and for the empty text.
 template <typename Value>
 Json::Value or_null(const Value& value) {
@@ -109,37 +107,24 @@ class Surveyor {
   }
 
   Json::Value run(Approach approach) {
-    if (approach == Approach::kOneByOne) {
-      try_one_by_one();
+    if (approach == Approach::kElimination) {
+      ask_for_certificates();
     } else {
-      try_by_elimination();
+      survey_["certificates"] = names_in("RSA:ECDSA");
+    }
+    for (const auto& [version, suites] : suites_) {
+      try_suites(version, testable(suites), approach);
+    }
+    for (const Json::Value& suite : requested_["cipher-suites"]) {
+      if (approach == Approach::kElimination && !covers(survey_, suite)) {
+        note_untested(suite, "This machine's OpenSSL does not have it.");
+      }
     }
     try_groups();
     return std::move(survey_);
   }
 
  private:
-  void try_one_by_one() {
-    survey_["certificates"] = names_in("RSA:ECDSA");
-    for (const auto& [version, suites] : suites_) {
-      for (const Suite& suite : suites) {
-        record_suite(version, suite.name, shake_hands_({version, suite.name, {}, {}}));
-      }
-    }
-  }
-
-  void try_by_elimination() {
-    ask_for_certificates();
-    for (const auto& [version, suites] : suites_) {
-      eliminate_suites(version, testable(suites));
-    }
-    for (const Json::Value& suite : requested_["cipher-suites"]) {
-      if (!covers(survey_, suite)) {
-        note_untested(suite, "This machine's OpenSSL does not have it.");
-      }
-    }
-  }
-
   /// Finds the kinds of certificate that the server has, by signature algorithm.
   void ask_for_certificates() {
     for (const char* const signatures : {kRsaSignatures, kEcdsaSignatures}) {
@@ -165,54 +150,55 @@ class Surveyor {
     return names;
   }
 
-  void eliminate_suites(int version, Names remaining) {
-    while (!remaining.empty()) {
-      const Outcome outcome = shake_hands_({version, joined(remaining), {}, {}});
-      const auto chosen = std::find(remaining.begin(), remaining.end(), outcome.suite);
-      if (!outcome.accepted || chosen == remaining.end()) {
-        break;
-      }
-      remaining.erase(chosen);
-      record_suite(version, outcome.suite, outcome);
+  void try_suites(int version, const Names& suites, Approach approach) {
+    if (approach == Approach::kElimination) {
+      eliminate(version, suites);
+      return;
     }
-    for (const std::string& suite : remaining) {
-      record_suite(version, suite, Outcome());
+    for (const std::string& suite : suites) {
+      eliminate(version, {suite});
     }
   }
 
-  /// Groups are tried with TLS 1.3, whose certificates do not depend on them. In older versions an
-  /// ECDSA certificate's own curve has to be among the client's groups, so there only RSA serves.
+  void eliminate(int version, Names remaining) {
+    while (!remaining.empty()) {
+      const Outcome outcome = shake_hands_({version, joined(remaining), {}, {}});
+      const auto chosen = std::find(remaining.begin(), remaining.end(), outcome.suite);
+      if (chosen == remaining.end()) {
+        break;
+      }
+      remaining.erase(chosen);
+      record("suite", outcome.suite, version, outcome);
+    }
+    for (const std::string& suite : remaining) {
+      record("suite", suite, version, Outcome());
+    }
+  }
+
+  /// With the newest version.
   void try_groups() {
     const Json::Value versions = offer_of(survey_["handshakes"])["protocols"];
     const int newest = versions.empty() ? 0 : version_number(versions[versions.size() - 1]);
-    const bool has_tls13 = newest == TLS1_3_VERSION;
-    const bool can_try = has_tls13 || contains(survey_["certificates"], "RSA");
+    const bool can_try = newest == TLS1_3_VERSION || contains(survey_["certificates"], "RSA");
     for (const Json::Value& group : names_in(kTriedGroups)) {
       if (can_try) {
-        const char* const suites = has_tls13 ? "" : "ECDHE+aRSA";
-        Outcome outcome = shake_hands_({newest, suites, group.asString(), {}});
-        outcome.group = group.asString();
-        record("group", newest, outcome);
+        record("group", group, newest, shake_hands_(hello_for_group(newest, group.asString())));
       } else {
         leave_out("groups", group, "To try it takes TLS 1.3, or an RSA certificate.");
       }
     }
   }
 
-  void record_suite(int version, const std::string& suite, Outcome outcome) {
-    outcome.suite = suite;
-    record("suite", version, outcome);
-  }
-
-  void record(const char* tries, int version, const Outcome& outcome) {
+  void record(const char* tries, const Json::Value& subject, int version, const Outcome& outcome) {
     Json::Value handshake;
     handshake["tries"] = tries;
     handshake["version"] = version_name(version);
     handshake["suite"] = or_null(outcome.suite);
     handshake["group"] = or_null(outcome.group);
     handshake["dh-bits"] = or_null(outcome.dh_bits);
+    handshake[tries] = subject;
     handshake["intended"] = contains(requested_["protocols"], handshake["version"]) &&
-                            contains(requested_[list_for(handshake)], subject_of(handshake));
+                            contains(requested_[list_for(handshake)], subject);
     handshake["accepted"] = outcome.accepted;
     survey_["handshakes"].append(std::move(handshake));
     step();
@@ -227,10 +213,7 @@ class Surveyor {
 
   /// Once for a suite, which several versions may have.
   void note_untested(const Json::Value& what, const std::string& why) {
-    Json::Value untested;
-    untested["what"] = what;
-    untested["text"] = why;
-    append_once(survey_["not-testable"], untested);
+    append_once(survey_["not-testable"], object({{"what", what}, {"text", why}}));
   }
 
   void step() {
@@ -272,8 +255,18 @@ int version_number(const Json::Value& name) {
   return 0;
 }
 
+Hello hello_for_group(int version, const std::string& group) {
+  return {version, version == TLS1_3_VERSION ? "" : "ECDHE+aRSA", group, {}};
+}
+
 bool contains(const Json::Value& array, const Json::Value& element) {
   return std::find(array.begin(), array.end(), element) != array.end();
+}
+
+void append_once(Json::Value& array, const Json::Value& element) {
+  if (!contains(array, element)) {
+    array.append(element);
+  }
 }
 
 Json::Value requested_by(const kelotls::Profile& profile) {

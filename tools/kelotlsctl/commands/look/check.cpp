@@ -293,22 +293,20 @@ void check_directories(Findings& findings) {
 }
 
 void check_dh_file(const kelotls::Profile& profile, Findings& findings) {
-  const std::string path = std::string(kelotls::kDhParamDir) + profile.dh_file;
-  const std::string action = "openssl dhparam -out " + path + " " +
-                             std::to_string(profile.dh_bits) + ", or the appliance's own file";
-  const std::string consequence = std::string("; level ") + profile.name + " offers no DHE suite";
-  std::string text;
-  if (!kelotls::read_file(path, text)) {
-    findings.add(kWarning, path, std::strerror(errno) + consequence, action);
-    return;
-  }
-  const DhOwner parameters = parse_dh_parameters(text);
-  if (parameters == nullptr) {
-    findings.add(kWarning, path, "holds no DH parameters" + consequence, action);
-  } else if (DH_bits(parameters.get()) != profile.dh_bits) {
-    findings.add(kWarning, path,
-                 "holds parameters of " + std::to_string(DH_bits(parameters.get())) +
-                     " bits, not " + std::to_string(profile.dh_bits),
+  const DhFile file = read_dh_file(profile);
+  const std::string bits = std::to_string(profile.dh_bits);
+  const std::string action =
+      "openssl dhparam -out " + file.path + " " + bits + ", or the appliance's own file";
+  if (file.parameters == nullptr) {
+    findings.add(
+        kWarning, file.path,
+        std::string(file.error != 0 ? std::strerror(file.error) : "holds no DH parameters") +
+            "; level " + profile.name + " offers no DHE suite",
+        action);
+  } else if (DH_bits(file.parameters.get()) != profile.dh_bits) {
+    findings.add(kWarning, file.path,
+                 "holds parameters of " + std::to_string(DH_bits(file.parameters.get())) +
+                     " bits, not " + bits,
                  action);
   }
 }

@@ -40,7 +40,7 @@ Report probe_service(Console& console, const Arguments& arguments) {
       target, store.effective_level(arguments.service), [&](std::size_t done, std::size_t all) {
         console.progress("probing " + printable(arguments.service), done, all);
       });
-  return {has_own_differences(document, true) ? kNotSo : kDone, document};
+  return {first_own_difference(document, true).empty() ? kDone : kNotSo, document};
 }
 
 void print_probed(Console& console, const Json::Value& document) {
