@@ -2,6 +2,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -322,6 +323,28 @@ TEST_F(Explain, GivesTheThrowAwayCertificatesTheStrengthThatTheSecurityLevelAsks
   EXPECT_EQ(differences(explain(2)), Lines{"2048-bit DH: missing, dh-file-refused"});
 }
 
+TEST_F(Explain, BlamesTheSecurityLevelForAGroupByTheHandshakeThatTriedIt) {
+  set_openssl_configuration(
+      configuration("CipherString = DEFAULT:@SECLEVEL=5\nMaxProtocol = TLSv1.2\n"));
+
+  // With TLS 1.2 a group is tried with an RSA certificate, which level 4 refuses as well.
+  EXPECT_EQ(text_of(explain(2), "secp521r1"),
+            "OpenSSL's security level 5 refuses it; level 3 would not.");
+}
+
+TEST_F(Explain, DoesNotBlameTheSecurityLevelForAGroupThatTheContextDoesNotHave) {
+  const Context context = acquire(2);
+  SSL_CTX_set_security_level(context.get(), 2);
+  SSL_CTX_set_options(context.get(), SSL_OP_NO_TLSv1_3);
+  SSL_CTX_set1_groups_list(context.get(), "prime256v1:secp384r1");
+
+  const Json::Value explanation = explain_context(context.get(), 2);
+
+  EXPECT_EQ(differences(explanation),
+            (Lines{"TLS 1.3: missing, other", "secp521r1: missing, other"}));
+  EXPECT_EQ(text_of(explanation, "secp521r1"), "The handshake fails: no shared cipher.");
+}
+
 TEST_F(Explain, BlamesAMissingDhFile) {
   remove_all(kDh2048Path);
 
@@ -359,6 +382,17 @@ TEST_F(Explain, BlamesADhFileThatCannotBeOpened) {
   EXPECT_EQ(text_of(explanation, "2048-bit DH"),
             "The file /usr/kelo/etc/ssl/dh2048.pem cannot be opened: "
             "Too many levels of symbolic links.");
+}
+
+TEST_F(Explain, BlamesAFolderInThePlaceOfADhFile) {
+  remove_all(kDh2048Path);
+  ASSERT_EQ(::mkdir(kDh2048Path, 0755), 0);
+
+  const Json::Value explanation = explain(2);
+
+  EXPECT_EQ(differences(explanation), Lines{"2048-bit DH: missing, dh-file-unreadable"});
+  EXPECT_EQ(text_of(explanation, "2048-bit DH"),
+            "The file /usr/kelo/etc/ssl/dh2048.pem cannot be opened: Is a directory.");
 }
 
 TEST_F(Explain, NamesTheSizeOfParametersThatTheSecurityLevelRefuses) {

@@ -135,10 +135,6 @@ void read_key_exchange(SSL* client, Outcome& outcome) {
 /// As suites are named for them; empty where there is no certificate.
 const char* certificate_kind(int nid) {
   switch (nid) {
-    case NID_undef:
-    case NID_auth_any:
-    case NID_auth_null:
-      return "";
     case EVP_PKEY_RSA:
     case EVP_PKEY_RSA_PSS:
     case NID_auth_rsa:
@@ -149,7 +145,7 @@ const char* certificate_kind(int nid) {
     case NID_auth_ecdsa:
       return "ECDSA";
     default:
-      return "other";
+      return "";
   }
 }
 

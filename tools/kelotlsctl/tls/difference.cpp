@@ -26,17 +26,13 @@ Json::Value reason(const std::string& cause, const std::string& text) {
   return object({{"cause", cause}, {"text", text}});
 }
 
-/// Of the levels' suites, these and no others are named so.
-bool is_dhe(const std::string& suite) { return suite.rfind("DHE-", 0) == 0; }
-
 class Comparison {
  public:
   Comparison(const kelotls::Profile& profile, const Json::Value& survey, FindReason find_reason)
       : survey_(survey),
-        handshakes_(survey["handshakes"]),
         find_reason_(std::move(find_reason)),
         requested_(requested_by(profile)),
-        offered_(offer_of(handshakes_)) {}
+        offered_(offer_of(survey["handshakes"])) {}
 
   Json::Value run() {
     compare_versions();
@@ -80,17 +76,17 @@ class Comparison {
     }
   }
 
+  /// All DHE suites of the levels need an RSA certificate, which a server may not have.
   void compare_dh() {
     const Json::Value& requested = requested_["dh-bits"];
     const Json::Value& offered = offered_["dh-bits"];
-    if (offered == requested || requested.isNull() || !has_tried_dhe()) {
+    const std::string name = requested.asString() + "-bit DH";
+    if (offered == requested || requested.isNull() || !contains(survey_["certificates"], "RSA")) {
       return;
     }
-    const std::string name = requested.asString() + "-bit DH";
     if (!offered.isNull()) {
-      const std::string text =
-          "DHE is done with " + offered.asString() + "-bit parameters instead.";
-      add(name, "missing", reason(kOther, text));
+      add(name, "missing",
+          reason(kOther, "DHE is done with " + offered.asString() + "-bit parameters instead."));
       return;
     }
     const Json::Value& versions = offered_["protocols"];
@@ -98,19 +94,11 @@ class Comparison {
     add_missing(name, {uses_dhe ? TLS1_2_VERSION : 0, kDhe, {}, {}});
   }
 
-  /// False where none of the level's DHE suites could be tried: all of them need an RSA
-  /// certificate, which a server may not have.
-  bool has_tried_dhe() const {
-    return std::any_of(handshakes_.begin(), handshakes_.end(), [](const Json::Value& handshake) {
-      return handshake["intended"].asBool() && is_dhe(handshake["suite"].asString());
-    });
-  }
-
   void compare_suites(const Json::Value& suites) {
     for (const Json::Value& value : suites) {
       const std::string suite = value.asString();
       // Without DH parameters no DHE suite can work: the parameters are the one difference then.
-      const bool lacks_parameters = offered_["dh-bits"].isNull() && is_dhe(suite);
+      const bool lacks_parameters = offered_["dh-bits"].isNull() && suite.rfind("DHE-", 0) == 0;
       if (!covers(survey_, suite)) {
         add_missing(suite, {0, suite, {}, {}});
       } else if (!lacks_parameters) {
@@ -123,7 +111,7 @@ class Comparison {
   void compare_suite(const std::string& suite) {
     std::vector<int> accepted;
     std::vector<int> refused;
-    for (const Json::Value& handshake : handshakes_) {
+    for (const Json::Value& handshake : survey_["handshakes"]) {
       if (handshake["tries"] == "suite" && handshake["suite"] == suite &&
           handshake["intended"].asBool() && is_offered(handshake["version"])) {
         (handshake["accepted"].asBool() ? accepted : refused)
@@ -142,7 +130,7 @@ class Comparison {
   /// Suites that are extra, then groups. The suites of a version that is extra itself are not
   /// told: the version says it.
   void compare_handshakes() {
-    for (const Json::Value& handshake : handshakes_) {
+    for (const Json::Value& handshake : survey_["handshakes"]) {
       const bool is_group = handshake["tries"] == "group";
       const bool is_intended = handshake["intended"].asBool();
       const bool is_accepted = handshake["accepted"].asBool();
@@ -159,7 +147,6 @@ class Comparison {
   }
 
   const Json::Value& survey_;
-  const Json::Value& handshakes_;
   const FindReason find_reason_;
   const Json::Value requested_;
   const Json::Value offered_;
