@@ -345,6 +345,39 @@ TEST_F(Explain, DoesNotBlameTheSecurityLevelForAGroupThatTheContextDoesNotHave) 
   EXPECT_EQ(text_of(explanation, "secp521r1"), "The handshake fails: no shared cipher.");
 }
 
+TEST_F(Explain, BlamesTheSecurityLevelInAContextWithAGapAmongItsVersions) {
+  const Context context = acquire(1);
+  SSL_CTX_clear_options(context.get(), SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1);
+  SSL_CTX_set_cipher_list(context.get(), "ECDHE-ECDSA-AES128-GCM-SHA256");
+  SSL_CTX_set_security_level(context.get(), 4);
+
+  EXPECT_EQ(text_of(explain_context(context.get(), 1), "TLS_AES_128_GCM_SHA256"),
+            "OpenSSL's security level 4 refuses it; level 3 would not.");
+}
+
+TEST_F(Explain, BlamesNoOptionWhereNoneSwitchesTheVersionOff) {
+  set_openssl_configuration(kSecurityLevel0);
+  const Context context = acquire(2);
+  SSL_CTX_set_ciphersuites(context.get(), "");
+
+  const std::string text = text_of(explain_context(context.get(), 2), "TLS 1.3");
+
+  EXPECT_EQ(text.find("OpenSSL does not accept it, whatever setting is lifted: "), 0U) << text;
+}
+
+TEST_F(Explain, LiftsOnlyWhatStandsAgainstAVersion) {
+  const Context context = acquire(3);
+  SSL_CTX_set_security_level(context.get(), 2);
+  SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
+  SSL_CTX_set_options(context.get(), SSL_OP_NO_TLSv1_3);
+  SSL_CTX_set_ciphersuites(context.get(), "");  // so that with TLS 1.3 no handshake succeeds
+
+  EXPECT_EQ(text_of(explain_context(context.get(), 3), "TLS 1.0"),
+            std::string("The context's minimum version is TLS 1.2. OpenSSL's security level 2 "
+                        "refuses it too; level ") +
+                (is_openssl_3() ? "0" : "1") + " would not.");
+}
+
 TEST_F(Explain, BlamesAMissingDhFile) {
   remove_all(kDh2048Path);
 

@@ -26,6 +26,16 @@ Json::Value reason(const std::string& cause, const std::string& text) {
   return object({{"cause", cause}, {"text", text}});
 }
 
+/// Whether the hello tries a version, and not a suite or group.
+bool is_version(const Hello& hello) { return hello.suites.empty() && hello.groups.empty(); }
+
+auto option_against(int version) {
+  const auto* const known =
+      std::find_if(std::begin(kProtocolVersions), std::end(kProtocolVersions),
+                   [&](const ProtocolVersion& row) { return row.number == version; });
+  return known != std::end(kProtocolVersions) ? known->option : 0;
+}
+
 class Comparison {
  public:
   Comparison(const kelotls::Profile& profile, const Json::Value& survey, FindReason find_reason)
@@ -154,7 +164,7 @@ class Comparison {
 };
 
 /// Finds out why a context does not accept something: from its settings, and by the same handshake
-/// with no limit of versions and with lower security levels.
+/// with what stands against its version lifted, and with lower security levels.
 class Experiment {
  public:
   Experiment(const Client& client, SSL_CTX* context, const kelotls::Profile& profile)
@@ -177,7 +187,7 @@ class Experiment {
       return reason(kOther, "The context's list of suites does not hold it.");
     }
     const int level = working_level_of(hello);
-    const Json::Value obstacles = level < 0 ? Json::Value() : obstacles_to(hello.version, level);
+    const Json::Value obstacles = level < 0 ? Json::Value() : obstacles_to(hello, level);
     return obstacles.empty() ? of_failure(hello) : of_all(obstacles);
   }
 
@@ -209,26 +219,25 @@ class Experiment {
                   level >= 0 ? security_level_text(what, level) : "OpenSSL refuses " + what + ".");
   }
 
-  /// What stands against the version, or against what was tried with it, as reasons. Limits before
-  /// the security level, because somebody has set them.
-  Json::Value obstacles_to(int version, int working_level) const {
+  /// What stands against the hello, as reasons. Limits before the security level, because somebody
+  /// has set them. An option against another version can leave a gap that keeps this one out.
+  Json::Value obstacles_to(const Hello& hello, int working_level) const {
     Json::Value obstacles;
-    if (SSL_CTX_get_min_proto_version(context_) > version) {
+    if (SSL_CTX_get_min_proto_version(context_) > hello.version) {
       obstacles.append(of_limit("minimum", SSL_CTRL_GET_MIN_PROTO_VERSION));
     }
     const long maximum = SSL_CTX_get_max_proto_version(context_);
-    if (maximum != 0 && maximum < version) {
+    if (maximum != 0 && maximum < hello.version) {
       obstacles.append(of_limit("maximum", SSL_CTRL_GET_MAX_PROTO_VERSION));
     }
     if (working_level < own_level_) {
       const char* const what = obstacles.empty() ? "it" : "it too";
       obstacles.append(reason("security-level", security_level_text(what, working_level)));
     }
-    for (const ProtocolVersion& known : kProtocolVersions) {
-      if (known.number == version && (SSL_CTX_get_options(context_) & known.option) != 0) {
-        obstacles.append(
-            reason(kOther, "An option of the context, its own or system-wide, switches it off."));
-      }
+    const bool is_off = (SSL_CTX_get_options(context_) & option_against(hello.version)) != 0;
+    if (is_version(hello) && (obstacles.empty() || is_off)) {
+      obstacles.append(
+          reason(kOther, "An option of the context, its own or system-wide, switches it off."));
     }
     return obstacles;
   }
@@ -253,10 +262,10 @@ class Experiment {
   }
 
   Json::Value of_failure(const Hello& hello) const {
-    const bool is_version = hello.suites.empty() && hello.groups.empty();
-    return reason(kOther, (is_version ? "OpenSSL does not accept it, whatever setting is lifted: "
-                                      : "The handshake fails: ") +
-                              client_.shake_hands(hello, context_).reason + ".");
+    return reason(kOther,
+                  (is_version(hello) ? "OpenSSL does not accept it, whatever setting is lifted: "
+                                     : "The handshake fails: ") +
+                      client_.shake_hands(hello, context_).reason + ".");
   }
 
   std::string security_level_text(const std::string& what, int working_level) const {
@@ -273,13 +282,15 @@ class Experiment {
     return level;
   }
 
-  /// With the limits of versions lifted.
+  /// With all lifted that stands against the hello's version, and nothing else.
   int working_level_of(const Hello& hello) const {
+    const long maximum = SSL_CTX_get_max_proto_version(context_);
     return working_level([&](int level) {
-      const auto lift = [level](SSL* server) {
-        SSL_set_min_proto_version(server, 0);
-        SSL_set_max_proto_version(server, 0);
-        SSL_clear_options(server, kVersionOptions);
+      const auto lift = [&](SSL* server) {
+        SSL_set_min_proto_version(server, hello.version);
+        SSL_set_max_proto_version(server,
+                                  maximum != 0 ? std::max<long>(maximum, hello.version) : 0);
+        SSL_clear_options(server, option_against(hello.version));
         SSL_set_security_level(server, level);
       };
       return client_.shake_hands(hello, context_, lift).accepted;
