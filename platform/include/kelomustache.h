@@ -36,11 +36,17 @@ namespace KELO {
 //   would be rendered;
 // - a partial that the rendering reaches has one of these faults (other than that it is missing);
 // - sections and partials nest deeper than 64, recursion included;
-// - the text would be larger than 16 MiB, or would take more than 2^22 steps (tags, pieces of text
-//   and items of lists) to make;
+// - the template and the partials that the rendering reaches are together larger than 2 MiB, where
+//   a file counts once by whatever names it is reached; or there are more than 1,024 names of
+//   partials;
+// - the text would be larger than 16 MiB, or would take more than 2^22 steps to make: tags, pieces
+//   of text, items of lists, values that a name is looked for in, lines that are indented and what
+//   each line's indentation is put together from; and one more for every 64 bytes of a name or of
+//   indentation, and 64 for a real number;
 // - a path contains a NUL byte, or memory runs out.
 // Returns false as well when the output file cannot be opened, written or synchronised; what it
-// then holds is undefined. Nothing is thrown. No state, no locks: any thread may call.
+// then holds is undefined. Within these limits a rendering takes at most 64 MB of memory and about
+// a second, whatever the template. Nothing is thrown. No state, no locks: any thread may call.
 KELOMUSTACHE_API bool RenderMustacheToFile(const std::string& template_path,
                                            std::vector<Json::Value>& contexts,
                                            const std::string& output_path);
