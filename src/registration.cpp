@@ -63,6 +63,14 @@ void append_name_faults(const Json::Value& services, Faults& faults) {
   }
 }
 
+std::vector<std::string> keys_of(const MemberRule* rule) {
+  std::vector<std::string> keys;
+  for (; rule->key != nullptr; ++rule) {
+    keys.emplace_back(rule->key);
+  }
+  return keys;
+}
+
 }  // namespace
 
 bool is_registration(const Json::Value& registration, Purpose purpose) {
@@ -86,6 +94,10 @@ Faults registration_faults(const Json::Value& registration, Purpose purpose) {
   }
   return faults;
 }
+
+std::vector<std::string> registration_members() { return keys_of(kRegistration); }
+
+std::vector<std::string> service_members() { return keys_of(kJoiningService); }
 
 std::string name_fault(const std::string& name, bool has_template) {
   const bool has_control = std::any_of(name.begin(), name.end(), [](unsigned char character) {

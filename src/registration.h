@@ -20,6 +20,10 @@ bool is_registration(const Json::Value& registration, Purpose purpose);
 /// can have, and a name that is there twice.
 Faults registration_faults(const Json::Value& registration, Purpose purpose);
 
+/// The members that a registration can have, and a service in it that joins.
+std::vector<std::string> registration_members();
+std::vector<std::string> service_members();
+
 /// Why no service may have this name, which becomes part of file names; empty where one may.
 std::string name_fault(const std::string& name, bool has_template);
 

@@ -55,7 +55,7 @@ bool prepare(const Json::Value& root, JsonReader& reader, Job& job) {
   if (level < 0) {
     return job.fail_at(Step::kLevel, 0, std::string());
   }
-  job.contexts[0][profile_of_level(level).tier] = true;
+  job.contexts[0] = template_context(level);
   job.result.template_path = descriptor["mustache-path"].asString();
   job.result.outcome = RenderResult::Outcome::kRendered;
   return true;
@@ -141,6 +141,21 @@ RenderResult render_and_compare(const Json::Value& root, const std::string& name
     job.result.outcome = RenderResult::Outcome::kUnchanged;
   }
   return std::move(job.result);
+}
+
+Json::Value template_context(int level) {
+  Json::Value context;
+  context[profile_of_level(level).tier] = true;
+  return context;
+}
+
+bool preview_template(const std::string& template_path, int level, std::string& text) {
+  Job job{std::string()};
+  job.contexts[0] = template_context(level);
+  job.result.template_path = template_path;
+  const bool is_rendered = render_text(text, job);
+  errno = job.result.error;
+  return is_rendered;
 }
 
 int APIProvider::render_service_template() const {

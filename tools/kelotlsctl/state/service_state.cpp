@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "state/templates.h"
+
 namespace kelotlsctl {
 
 namespace {
@@ -39,8 +41,7 @@ std::string failure_text(const RenderResult& result, const Store& store,
     case RenderResult::Step::kLevel:
       return "the level " + std::to_string(store.effective_level(service)) + " is unusable";
     case RenderResult::Step::kTemplate:
-      return "template " + result.template_path +
-             (kelotls::exists_at(result.template_path) ? " cannot be rendered" : " is missing");
+      return rendering_fault(result.template_path, store.effective_level(service));
     case RenderResult::Step::kRead:
       return result.path + ": " + std::strerror(result.error);
     default:

@@ -10,6 +10,8 @@
 #include "paths.h"
 #include "state/documents.h"
 #include "state/service_state.h"
+#include "state/spelling.h"
+#include "state/templates.h"
 
 namespace kelotlsctl {
 
@@ -89,15 +91,23 @@ void execute(const Registration& registration, Store& store) {
   Stamp::forget(services);
 }
 
+void warn_of(Console& console, const kelotls::Faults& faults) {
+  for (const kelotls::Fault& fault : faults) {
+    console.warn(fault_text(fault));
+  }
+}
+
 }  // namespace
 
 Report join_services(Console& console, const Arguments& arguments) {
   const Registration registration = require_registration(arguments.file, kelotls::Purpose::kJoin);
+  const TemplateVerdicts templates = judge_templates(registration.document);
   const Lock lock(console, !arguments.dry_run);
   Store store = load_store();
-  for (const kelotls::Fault& warning : file_warnings(registration.document)) {
-    console.warn(fault_text(warning));
-  }
+  warn_of(console, file_warnings(registration.document));
+  warn_of(console, misspelt_members(registration.document));
+  warn_of(console, templates.faults);
+  warn_of(console, templates.warnings);
   Report report;
   report.document["services"] = plan_json(registration, store);
   report.document["written"] = !arguments.dry_run;
