@@ -35,6 +35,8 @@ TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
   EXPECT_EQ(complete("kelotlsctl default ''"), "modern intermediate old default\n");
   EXPECT_EQ(complete("kelotlsctl recover --default o"), "old\n");
   EXPECT_EQ(complete("kelotlsctl explain w"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl render --preview we"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl render --preview web --level ''"), "modern intermediate old\n");
   EXPECT_EQ(complete("kelotlsctl get web ''"), "\n");
 }
 
@@ -44,7 +46,7 @@ TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
 }
 
 TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
-  EXPECT_EQ(complete("kelotlsctl render --"), "--json --quiet --help --dry-run --check\n");
+  EXPECT_EQ(complete("kelotlsctl render --"), "--json --quiet --help --dry-run --check --preview --level\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
 }
 
@@ -52,6 +54,7 @@ TEST_F(KelotlsctlCompletion, OffersFiles) {
   make_directories("/tmp/files");
   write_file("/tmp/files/registration.json", "");
   EXPECT_EQ(complete("kelotlsctl join /tmp/files/r"), "/tmp/files/registration.json\n");
+  EXPECT_EQ(complete("kelotlsctl render --preview /tmp/files/r"), "/tmp/files/registration.json\n");
 }
 
 TEST_F(KelotlsctlCompletion, OffersNothingWithoutADataStore) {

@@ -186,5 +186,93 @@ TEST_F(KelotlsctlTemplates, AreLookedForUnderAMisspeltMember) {
   EXPECT_FALSE(contains(outcome.err, "extra"));
 }
 
+// ---- render --preview ----
+
+TEST_F(KelotlsctlTemplates, ArePreviewedAtAllLevelsBeforeJoining) {
+  remove_all(kDataStore);
+
+  const Outcome outcome = run({"render", "--preview", kTemplate});
+
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const std::string name = kTemplate;
+  EXPECT_EQ(outcome.out, name + ", level modern:\nlevel modern\n\n" + name +
+                             ", level intermediate:\nlevel intermediate\n\n" + name +
+                             ", level old:\nlevel old\n");
+}
+
+TEST_F(KelotlsctlTemplates, ArePreviewedAtOneLevelAsTheyWouldBeWritten) {
+  EXPECT_EQ(run({"render", "--preview", kTemplate, "--level", "old"}).out, "level old\n");
+  EXPECT_EQ(run({"render", "--preview", kTemplate, "--level", "1"}).out, "level modern\n");
+  write_file(kTemplate, "no end of line");
+  EXPECT_EQ(run({"render", "--preview", kTemplate, "--level", "old"}).out, "no end of line");
+}
+
+TEST_F(KelotlsctlTemplates, ArePreviewedOfARegistration) {
+  write_file("/tmp/other.mustache", "other {{mozilla_old}}\n");
+  write_file("/tmp/two.json",
+             std::string(R"({"services": [{"service": "web", "display-name": "",)") +
+                 R"( "mustache-path": ")" + kTemplate + R"("}, {"service": "plain",)" +
+                 R"( "display-name": ""}, {"service": "other", "display-name": "",)" +
+                 R"( "mustache-path": "/tmp/other.mustache"}]})");
+
+  EXPECT_EQ(run({"render", "--preview", "/tmp/two.json", "--level", "old"}).out,
+            "web, level old:\nlevel old\n\nother, level old:\nother true\n");
+  EXPECT_EQ(run({"render", "--preview", "-", "--level", "old"}, web_registration()).out,
+            "level old\n");
+}
+
+TEST_F(KelotlsctlTemplates, ArePreviewedOfAServiceThatHasJoined) {
+  join_both();
+  const Lines before = tree();
+
+  EXPECT_EQ(run({"render", "--preview", "web", "--level", "modern"}).out, "level modern\n");
+  EXPECT_EQ(run({"render", "--preview", "absent"}).status, 10);
+  EXPECT_EQ(run({"render", "--preview", "ssh"}).status, 1);
+  EXPECT_TRUE(contains(run({"render", "--preview", "ssh"}).err, "has no template"));
+  EXPECT_EQ(tree(), before);
+}
+
+TEST_F(KelotlsctlTemplates, ArePreviewedByTheSchema) {
+  join_both();
+
+  const JsonOutcome outcome = run_json("render", {"--preview", "web"});
+
+  EXPECT_EQ(outcome.status, 0);
+  const Json::Value& preview = outcome.document["previews"][0];
+  EXPECT_EQ(preview["service"], "web");
+  EXPECT_EQ(preview["template"], kTemplate);
+  EXPECT_EQ(preview["levels"].size(), 3U);
+  EXPECT_EQ(preview["levels"][1]["level"]["name"], "intermediate");
+  EXPECT_EQ(preview["levels"][1]["text"], "level intermediate\n");
+}
+
+TEST_F(KelotlsctlTemplates, ThatFailArePreviewedWithTheirFault) {
+  write_file(kTemplate, "x{{#mozilla_old}}{{>cipher}}{{/mozilla_old}}\n");
+  write_file(kPartial, "{{");
+
+  const Outcome outcome = run({"render", "--preview", kTemplate});
+
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(contains(outcome.out, ", level modern:\nx\n"));
+  EXPECT_FALSE(contains(outcome.out, ", level old:"));
+  EXPECT_TRUE(contains(outcome.err, std::string(kTemplate) + ", level old: template " + kTemplate +
+                                        " cannot be rendered: " + kPartial + " line 1: "));
+  const JsonOutcome as_json = run_json("render", {"--preview", kTemplate, "--level", "old"});
+  EXPECT_EQ(as_json.status, 1);
+  EXPECT_TRUE(contains(as_json.document["previews"][0]["levels"][0]["fault"].asString(),
+                       kPartial + std::string(" line 1: ")));
+}
+
+TEST_F(KelotlsctlTemplates, ArePreviewedOnlyOfWhatIsThere) {
+  EXPECT_EQ(run({"render", "--preview", "/tmp/absent.mustache"}).status, 1);
+  EXPECT_EQ(run({"render", "--preview", kTemplate, "--level", "default"}).status, 2);
+  EXPECT_EQ(run({"render", "--level", "old"}).status, 2);
+  EXPECT_EQ(run({"render", "--preview", "/tmp/bad.json"}).status, 1);
+  write_file("/tmp/bad.json", "{");
+  const Outcome outcome = run({"render", "--preview", "/tmp/bad.json"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(contains(outcome.err, "not a JSON text"));
+}
+
 }  // namespace
 }  // namespace kelotls::test

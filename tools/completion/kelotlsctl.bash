@@ -9,7 +9,7 @@ _kelotlsctl() {
   for ((index = 1; index < COMP_CWORD; index++)); do
     word=${COMP_WORDS[index]}
     case $word in
-      --default | --from | --connect) ((index++)) ;;
+      --default | --from | --connect | --preview | --level) ((index++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=$word; else ((position++)); fi ;;
     esac
@@ -20,6 +20,8 @@ _kelotlsctl() {
   case $previous in
     --default) words=$levels ;;
     --from) _kelotlsctl_files "$current"; return ;;
+    --preview) _kelotlsctl_files "$current"; _kelotlsctl_services "$current"; return ;;
+    --level) words='modern intermediate old' ;;
     --connect) return ;;
     *)
       case $command in
@@ -46,7 +48,7 @@ _kelotlsctl_options() {
   case $1 in
     set) options+=' --dry-run --apply' ;;
     default | join | leave | regen | reload | apply | backup | restore) options+=' --dry-run' ;;
-    render) options+=' --dry-run --check' ;;
+    render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
     init) options+=' --dry-run --default' ;;
     recover) options+=' --dry-run --default --from' ;;

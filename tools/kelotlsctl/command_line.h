@@ -20,6 +20,7 @@ struct Arguments {
   std::string level;
   std::string subject;
   std::string address;
+  std::string preview;
   std::string file;  ///< "-" for the standard input
 };
 
@@ -58,6 +59,9 @@ CommandFunction set_level, default_level, join_services, leave_services, regener
     render_templates, reload, apply_levels, backup, restore, initialise, recover;
 PrintFunction print_set, print_default, print_joined, print_left, print_regenerated, print_rendered,
     print_reloaded, print_applied, print_backup, print_restored, print_initialised, print_recovered;
+
+/// What "render --preview" does.
+Report preview_templates(const Arguments& arguments);
 
 /// Every command, in the order of the help.
 const std::vector<CommandRow>& commands();

@@ -17,6 +17,12 @@ void print_differences(Console& console, const Json::Value& document) {
 }  // namespace
 
 Report render_templates(Console& console, const Arguments& arguments) {
+  if (!arguments.preview.empty()) {
+    return preview_templates(arguments);
+  }
+  if (!arguments.level.empty()) {
+    throw Failure(kUsage, "--level goes with --preview: services have their own levels");
+  }
   const bool writes = !arguments.check && !arguments.dry_run;
   const Lock lock(console, writes);
   const Json::Value renderings =

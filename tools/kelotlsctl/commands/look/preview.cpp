@@ -1,0 +1,165 @@
+// kelotlsctl render --preview: what templates give at each level, whether their services have
+// joined or not.
+#include <algorithm>
+
+#include "command_line.h"
+#include "files.h"
+#include "output/text.h"
+#include "paths.h"
+#include "state/documents.h"
+#include "state/templates.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+bool ends_with(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+/// Before the first service has joined there is no data store, and no service.
+bool has_joined(const std::string& name) {
+  try {
+    return load_store().has(name);
+  } catch (const Failure&) {
+    return false;
+  }
+}
+
+/// Empty for a service without a template.
+std::string template_of(const std::string& service) {
+  const std::string path = kelotls::descriptor_path(service);
+  Json::Value descriptor;
+  std::string fault;
+  if (!read_document(path, descriptor, fault)) {
+    throw Failure(kFailed, "descriptor " + printable(path) + ": " + printable(fault));
+  }
+  return kelotls::text_member(descriptor, "mustache-path");
+}
+
+Json::Value preview_of(const std::string& service, const std::string& template_path,
+                       const std::vector<int>& levels) {
+  Json::Value preview = preview_json(template_path, levels);
+  preview["service"] = service;
+  return preview;
+}
+
+Json::Value preview_service(const std::string& service, const std::vector<int>& levels) {
+  const std::string template_path = template_of(service);
+  if (template_path.empty()) {
+    throw Failure(kFailed, "the service \"" + printable(service) + "\" has no template");
+  }
+  Json::Value previews = list_of({});
+  previews.append(preview_of(service, template_path, levels));
+  return previews;
+}
+
+Json::Value preview_registration(const Json::Value& registration, const std::vector<int>& levels) {
+  Json::Value previews = list_of({});
+  for (const Json::Value& service : registration["services"]) {
+    const std::string template_path = kelotls::text_member(service, "mustache-path");
+    if (!template_path.empty()) {
+      previews.append(preview_of(service["service"].asString(), template_path, levels));
+    }
+  }
+  return previews;
+}
+
+/// A registration may be called anything, and a template may look like JSON.
+bool is_registration_file(const std::string& file) {
+  if (file == "-" || ends_with(file, ".json")) {
+    return true;
+  }
+  if (ends_with(file, ".mustache")) {
+    return false;
+  }
+  Json::Value document;
+  std::string fault;
+  return read_document(file, document, fault) &&
+         kelotls::find_member(document, "services") != nullptr;
+}
+
+Json::Value preview_file(const std::string& file, const std::vector<int>& levels) {
+  if (is_registration_file(file)) {
+    return preview_registration(require_registration(file, kelotls::Purpose::kJoin).document,
+                                levels);
+  }
+  Json::Value previews = list_of({});
+  previews.append(preview_json(file, levels));
+  return previews;
+}
+
+/// A name without a "/" is a service's where one has joined under it.
+Json::Value preview(const std::string& subject, const std::vector<int>& levels) {
+  const bool has_directory = subject.find('/') != std::string::npos;
+  if (!has_directory && has_joined(subject)) {
+    return preview_service(subject, levels);
+  }
+  if (!has_directory && subject != "-" && !kelotls::exists_at(subject)) {
+    require_service(load_store(), subject);
+  }
+  return preview_file(subject, levels);
+}
+
+std::vector<int> levels_of(const std::string& text) {
+  if (text.empty()) {
+    return {kTemplateLevels.begin(), kTemplateLevels.end()};
+  }
+  const int level = parse_level(text);
+  if (level == 0) {
+    throw Failure(kUsage, "a preview needs a level that templates tell apart",
+                  "It can be modern, intermediate or old.");
+  }
+  return {level};
+}
+
+std::string heading_of(const Json::Value& preview, const Json::Value& given) {
+  const char* const key = preview.isMember("service") ? "service" : "template";
+  return printable(preview[key].asString()) + ", level " + level_text(given["level"]);
+}
+
+bool any_fault_in(const Json::Value& previews) {
+  return std::any_of(previews.begin(), previews.end(), [](const Json::Value& preview) {
+    const Json::Value& levels = preview["levels"];
+    return std::any_of(levels.begin(), levels.end(),
+                       [](const Json::Value& given) { return given.isMember("fault"); });
+  });
+}
+
+/// A text alone stands as it would be written; others each under a heading.
+void print_previews(Console& console, const Json::Value& document) {
+  const Json::Value& previews = document["previews"];
+  const bool is_alone = previews.size() == 1 && previews[0]["levels"].size() == 1;
+  ReportText report(console.data(), console.colour());
+  bool is_first = true;
+  for (const Json::Value& preview : previews) {
+    for (const Json::Value& given : preview["levels"]) {
+      if (given.isMember("fault")) {
+        console.warn(heading_of(preview, given) + ": " + printable(given["fault"].asString()));
+        continue;
+      }
+      if (!is_alone) {
+        console.data() << (is_first ? "" : "\n");
+        report.heading(heading_of(preview, given) + ":");
+      }
+      is_first = false;
+      const std::string text = given["text"].asString();
+      console.data() << text << (is_alone || ends_with(text, "\n") ? "" : "\n");
+    }
+  }
+}
+
+}  // namespace
+
+Report preview_templates(const Arguments& arguments) {
+  if (arguments.check) {
+    throw Failure(kUsage, "--preview and --check exclude each other");
+  }
+  Report report;
+  report.document["previews"] = preview(arguments.preview, levels_of(arguments.level));
+  report.code = any_fault_in(report.document["previews"]) ? kFailed : kDone;
+  report.print = print_previews;
+  return report;
+}
+
+}  // namespace kelotlsctl
