@@ -349,12 +349,12 @@ bool refuse_file(const std::string& path, std::string reason, Fault& fault) {
   return false;
 }
 
-/// Why the file that has this status is not read, or empty.
-std::string file_fault(const struct stat& status) {
+bool check_file(const std::string& path, const struct stat& status, Fault& fault) {
   if (!S_ISREG(status.st_mode)) {
-    return "no regular file";
+    return refuse_file(path, "no regular file", fault);
   }
-  return status.st_size > static_cast<off_t>(kMaxTemplateBytes) ? "larger than 1 MiB" : "";
+  return status.st_size <= static_cast<off_t>(kMaxTemplateBytes) ||
+         refuse_file(path, "larger than 1 MiB", fault);
 }
 
 }  // namespace
@@ -371,40 +371,32 @@ Fault Template::fault_at(std::size_t position, std::string reason) const {
 
 TemplateSet::Loaded TemplateSet::load(const std::string& path, const Template*& found,
                                       Fault& fault) {
-  const auto refuse = [&](std::string reason) {
-    refuse_file(path, std::move(reason), fault);
-    return Loaded::kRefused;
-  };
-  if (path.find('\0') != kNone) {
-    return refuse("the path contains a NUL byte");
-  }
   struct stat status {};
   // The type is checked before the file is opened, because opening a device may have effects.
-  if (::stat(path.c_str(), &status) != 0) {
-    refuse(std::strerror(errno));
-    return errno == ENOENT || errno == ENOTDIR ? Loaded::kMissing : Loaded::kRefused;
+  if (path.find('\0') != kNone || ::stat(path.c_str(), &status) != 0) {
+    const int error = path.find('\0') != kNone ? EINVAL : errno;
+    refuse_file(path, std::strerror(error), fault);
+    return error == ENOENT || error == ENOTDIR ? Loaded::kMissing : Loaded::kRefused;
   }
-  if (!file_fault(status).empty()) {
-    return refuse(file_fault(status));
+  if (!check_file(path, status, fault)) {
+    return Loaded::kRefused;
   }
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
-    return refuse(std::strerror(errno));
+    refuse_file(path, std::strerror(errno), fault);
+    return Loaded::kRefused;
   }
-  if (!file_fault(status).empty()) {
-    return refuse(file_fault(status));
+  if (!check_file(path, status, fault)) {
+    return Loaded::kRefused;
   }
   const auto [kept, is_new] = templates_.try_emplace({status.st_dev, status.st_ino});
-  found = &kept->second;
-  if (!is_new) {
-    return Loaded::kWhole;
-  }
-  kept->second.path = path;
+  kept->second.path = is_new ? path : kept->second.path;
   const auto expected = static_cast<std::size_t>(status.st_size);
-  if (!read(file.get(), expected, kept->second, fault)) {
+  if (is_new && !read(file.get(), expected, kept->second, fault)) {
     templates_.erase(kept);
     return Loaded::kRefused;
   }
+  found = &kept->second;
   return Loaded::kWhole;
 }
 

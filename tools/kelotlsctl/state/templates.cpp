@@ -34,10 +34,9 @@ struct Verdict {
 
 /// The names that are true at some level.
 std::vector<std::string> level_names() {
-  std::vector<std::string> names;
-  for (const int level : kTemplateLevels) {
-    names.emplace_back(kelotls::profile_of_level(level).tier);
-  }
+  std::vector<std::string> names(kTemplateLevels.size());
+  std::transform(kTemplateLevels.begin(), kTemplateLevels.end(), names.begin(),
+                 [](int level) { return kelotls::profile_of_level(level).tier; });
   return names;
 }
 
