@@ -1,11 +1,13 @@
 // kelotlsctl render --preview: what templates give at each level, whether their services have
 // joined or not.
 #include <algorithm>
+#include <optional>
 
 #include "command_line.h"
 #include "files.h"
 #include "output/text.h"
 #include "paths.h"
+#include "state/application.h"
 #include "state/documents.h"
 #include "state/templates.h"
 
@@ -19,11 +21,8 @@ bool ends_with(const std::string& text, const std::string& end) {
 
 /// Before the first service has joined there is no data store, and no service.
 bool has_joined(const std::string& name) {
-  try {
-    return load_store().has(name);
-  } catch (const Failure&) {
-    return false;
-  }
+  const std::optional<Store> store = try_store();
+  return store && store->has(name);
 }
 
 /// Empty for a service without a template.
@@ -44,14 +43,18 @@ Json::Value preview_of(const std::string& service, const std::string& template_p
   return preview;
 }
 
+Json::Value one_of(const Json::Value& preview) {
+  Json::Value previews = list_of({});
+  previews.append(preview);
+  return previews;
+}
+
 Json::Value preview_service(const std::string& service, const std::vector<int>& levels) {
   const std::string template_path = template_of(service);
   if (template_path.empty()) {
     throw Failure(kFailed, "the service \"" + printable(service) + "\" has no template");
   }
-  Json::Value previews = list_of({});
-  previews.append(preview_of(service, template_path, levels));
-  return previews;
+  return one_of(preview_of(service, template_path, levels));
 }
 
 Json::Value preview_registration(const Json::Value& registration, const std::vector<int>& levels) {
@@ -84,9 +87,7 @@ Json::Value preview_file(const std::string& file, const std::vector<int>& levels
     return preview_registration(require_registration(file, kelotls::Purpose::kJoin).document,
                                 levels);
   }
-  Json::Value previews = list_of({});
-  previews.append(preview_json(file, levels));
-  return previews;
+  return one_of(preview_json(file, levels));
 }
 
 /// A name without a "/" is a service's where one has joined under it.
@@ -115,15 +116,7 @@ std::vector<int> levels_of(const std::string& text) {
 
 std::string heading_of(const Json::Value& preview, const Json::Value& given) {
   const char* const key = preview.isMember("service") ? "service" : "template";
-  return printable(preview[key].asString()) + ", level " + level_text(given["level"]);
-}
-
-bool any_fault_in(const Json::Value& previews) {
-  return std::any_of(previews.begin(), previews.end(), [](const Json::Value& preview) {
-    const Json::Value& levels = preview["levels"];
-    return std::any_of(levels.begin(), levels.end(),
-                       [](const Json::Value& given) { return given.isMember("fault"); });
-  });
+  return printable(preview[key]) + ", level " + level_text(given["level"]);
 }
 
 /// A text alone stands as it would be written; others each under a heading.
@@ -135,7 +128,7 @@ void print_previews(Console& console, const Json::Value& document) {
   for (const Json::Value& preview : previews) {
     for (const Json::Value& given : preview["levels"]) {
       if (given.isMember("fault")) {
-        console.warn(heading_of(preview, given) + ": " + printable(given["fault"].asString()));
+        console.warn(heading_of(preview, given) + ": " + printable(given["fault"]));
         continue;
       }
       if (!is_alone) {
@@ -157,7 +150,11 @@ Report preview_templates(const Arguments& arguments) {
   }
   Report report;
   report.document["previews"] = preview(arguments.preview, levels_of(arguments.level));
-  report.code = any_fault_in(report.document["previews"]) ? kFailed : kDone;
+  const Json::Value& previews = report.document["previews"];
+  const bool has_fault =
+      std::any_of(previews.begin(), previews.end(),
+                  [](const Json::Value& preview) { return any_fault(preview["levels"]); });
+  report.code = has_fault ? kFailed : kDone;
   report.print = print_previews;
   return report;
 }
