@@ -152,6 +152,33 @@ TEST_F(KelotlsctlTemplates, AreNotWarnedOfWhereAPartialHasTheSections) {
   EXPECT_EQ(validate("{{>cipher}}").err, "the standard input can join.\n");
 }
 
+TEST_F(KelotlsctlTemplates, AreWarnedOfTwentyTimesAtMost) {
+  std::string text = kFine;
+  for (int number = 0; number < 1000; ++number) {
+    text += "{{name" + std::to_string(number) + "}}{{name0}}";
+  }
+  text += "{{" + std::string(1000, 'n') + "}}";
+  write_file(kTemplate, text);
+  write_file("/tmp/web.json", web_registration());
+
+  const Json::Value warnings = run_json("validate", {"/tmp/web.json"}).document["warnings"];
+
+  ASSERT_EQ(warnings.size(), 20U);
+  EXPECT_TRUE(contains(warnings[19]["text"].asString(), "\"name19\""));
+}
+
+TEST_F(KelotlsctlTemplates, AreWarnedOfForEachServiceThatHasThem) {
+  write_file(kTemplate, "none\n");
+  const std::string service =
+      std::string(R"(", "display-name": "", "mustache-path": ")") + kTemplate + "\"}";
+
+  const Outcome outcome = run({"validate", "-"}, R"({"services": [{"service": "a)" + service +
+                                                     R"(, {"service": "b)" + service + "]}");
+
+  EXPECT_TRUE(contains(outcome.err, "$.services[0].mustache-path: "));
+  EXPECT_TRUE(contains(outcome.err, "$.services[1].mustache-path: "));
+}
+
 TEST_F(KelotlsctlTemplates, AreWarnedOfInTheDocument) {
   write_file(kTemplate, "none\n");
   write_file("/tmp/web.json", web_registration());
@@ -221,6 +248,15 @@ TEST_F(KelotlsctlTemplates, ArePreviewedOfARegistration) {
             "level old\n");
 }
 
+TEST_F(KelotlsctlTemplates, ArePreviewedOfARegistrationWhateverItIsCalled) {
+  write_file("/tmp/registration", web_registration());
+  write_file("/tmp/template", R"({"protocols": "{{#mozilla_old}}all{{/mozilla_old}}"})");
+
+  EXPECT_EQ(run({"render", "--preview", "/tmp/registration", "--level", "old"}).out, "level old\n");
+  EXPECT_EQ(run({"render", "--preview", "/tmp/template", "--level", "old"}).out,
+            R"({"protocols": "all"})");
+}
+
 TEST_F(KelotlsctlTemplates, ArePreviewedOfAServiceThatHasJoined) {
   join_both();
   const Lines before = tree();
@@ -267,6 +303,7 @@ TEST_F(KelotlsctlTemplates, ArePreviewedOnlyOfWhatIsThere) {
   EXPECT_EQ(run({"render", "--preview", "/tmp/absent.mustache"}).status, 1);
   EXPECT_EQ(run({"render", "--preview", kTemplate, "--level", "default"}).status, 2);
   EXPECT_EQ(run({"render", "--level", "old"}).status, 2);
+  EXPECT_EQ(run({"render", "--preview", kTemplate, "--check"}).status, 2);
   EXPECT_EQ(run({"render", "--preview", "/tmp/bad.json"}).status, 1);
   write_file("/tmp/bad.json", "{");
   const Outcome outcome = run({"render", "--preview", "/tmp/bad.json"});
