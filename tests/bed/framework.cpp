@@ -96,6 +96,8 @@ void make_data_store_read_only() {
   bind_mount("/tmp/config", kConfig);
 }
 
+void make_data_store_irreplaceable() { bind_mount(kDataStore, kDataStore); }
+
 void fill_file_system(const std::string& directory) {
   const std::string path = directory + "/filler";
   const std::string block(4096, 'x');

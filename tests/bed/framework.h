@@ -53,6 +53,9 @@ void write_program(const std::string& path, const std::string& text);
 /// they are and can be written.
 void make_data_store_read_only();
 
+/// Lets every replacement of the data store fail, and everything beside it go on.
+void make_data_store_irreplaceable();
+
 /// Leaves no byte free in the file system of the directory.
 void fill_file_system(const std::string& directory);
 

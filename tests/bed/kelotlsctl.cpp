@@ -5,6 +5,7 @@
 #include <json/reader.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -159,6 +160,8 @@ std::string faults_against(const std::string& schema_path, const Json::Value& do
 void Kelotlsctl::SetUp() {
   PrivateTree::SetUp();
   write_file(kDataStore, data_store_text(2, {}));
+  write_file(kLock, "");  // as the first change has left it
+  ::chmod(kLock, 0600);
   write_dh_files();
   write_file(kTemplate,
              "level {{#mozilla_modern}}modern{{/mozilla_modern}}"

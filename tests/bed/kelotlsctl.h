@@ -58,6 +58,8 @@ constexpr char kTemplate[] = "/tmp/web.mustache";
 constexpr char kReloader[] = "/tmp/reload-web";
 constexpr char kReloaderStatus[] = "/tmp/status";
 constexpr char kReloaderRuns[] = "/tmp/runs";
+constexpr char kLock[] = "/usr/kelo/etc/security-profile/tls-profile/lock";
+constexpr char kHistory[] = "/usr/kelo/etc/security-profile/tls-profile/history.jsonl";
 constexpr char kStamp[] = "/usr/kelo/etc/security-profile/tls-profile/reloaded.json";
 
 std::string web_registration();

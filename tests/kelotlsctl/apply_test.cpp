@@ -161,8 +161,8 @@ TEST_F(KelotlsctlApply, AppliesWithOneLineForEachService) {
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.out,
             "SERVICE  LEVEL                   RENDER    RELOAD    PROBE\n"
-            "ssh      default → intermediate  -         -         agrees\n"
-            "web      default → intermediate  rendered  reloaded  agrees\n");
+            "ssh      default → intermediate  -         -         library only\n"
+            "web      default → intermediate  rendered  reloaded  library only\n");
   EXPECT_EQ(outcome.err, "");
   EXPECT_EQ(run_json("apply").document["applied"], true);
 }
@@ -249,7 +249,7 @@ TEST_F(KelotlsctlApply, CannotRegenerateWithoutTheDirectory) {
 TEST_F(KelotlsctlApply, SaysThatTheDataStoreWasNotRegenerated) {
   join_both();
   write_file(descriptor_path("new"), R"({"service": "new", "display-name": ""})");
-  make_data_store_read_only();
+  make_data_store_irreplaceable();
   const Outcome outcome = run({"regen"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_TRUE(contains(outcome.err, "was not written"));

@@ -46,7 +46,7 @@ TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
 }
 
 TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
-  EXPECT_EQ(complete("kelotlsctl render --"), "--json --quiet --help --dry-run --check --preview --level\n");
+  EXPECT_EQ(complete("kelotlsctl render --"), "--json --quiet --reason --help --dry-run --check --preview --level\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
 }
 
@@ -79,8 +79,8 @@ TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
     EXPECT_EQ(bash.count(name), 1u) << name;
     EXPECT_TRUE(contains(zsh, "\n    '" + name + ":"));
   }
-  EXPECT_EQ(commands, 20u);
-  EXPECT_EQ(bash.size(), commands + 4) << "the options before a command are four";
+  EXPECT_EQ(commands, 21u);
+  EXPECT_EQ(bash.size(), commands + 5) << "the options before a command are five";
 }
 
 }  // namespace

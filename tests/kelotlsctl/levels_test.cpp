@@ -3,6 +3,8 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <map>
 #include <thread>
 
 #include "kelotlsctl.h"
@@ -10,7 +12,19 @@
 namespace kelotls::test {
 namespace {
 
-class KelotlsctlLevels : public Kelotlsctl {};
+constexpr char kMailRuns[] = "/tmp/mail-runs";
+
+class KelotlsctlLevels : public Kelotlsctl {
+ protected:
+  /// A second service with files of its own.
+  static void join_mail() {
+    write_program("/tmp/reload-mail", std::string("#!/bin/sh\necho run >> ") + kMailRuns + "\n");
+    ASSERT_EQ(run({"join", "-"}, R"({"services": [{"service": "mail", "display-name": "",
+                     "mustache-path": "/tmp/web.mustache", "reloader-path": "/tmp/reload-mail"}]})")
+                  .status,
+              0);
+  }
+};
 
 TEST_F(KelotlsctlLevels, SetsALevelUnderEveryNameThatItHas) {
   join_both();
@@ -59,11 +73,12 @@ TEST_F(KelotlsctlLevels, SaysWhatBecameOfALevel) {
 TEST_F(KelotlsctlLevels, ReportsAChangeByTheSchema) {
   join_both();
   const Json::Value document = run_json("set", {"web", "old"}).document;
-  EXPECT_EQ(document["former-level"]["value"], 0);
-  EXPECT_EQ(document["stored-level"]["value"], 3);
-  EXPECT_EQ(document["written"], true);
+  const Json::Value& web = document["services"][0];
+  EXPECT_EQ(web["former-level"]["value"], 0);
+  EXPECT_EQ(web["stored-level"]["value"], 3);
+  EXPECT_EQ(web["written"], true);
   EXPECT_TRUE(document["apply"].isNull());
-  EXPECT_EQ(run_json("set", {"web", "old"}).document["written"], false);
+  EXPECT_EQ(run_json("set", {"web", "old"}).document["services"][0]["written"], false);
 }
 
 TEST_F(KelotlsctlLevels, SetsNothingForAServiceThatHasNotJoined) {
@@ -85,16 +100,21 @@ TEST_F(KelotlsctlLevels, ShowsAndSetsTheDefault) {
   EXPECT_EQ(run_json("default", {"old"}).document["former-level"]["name"], "modern");
 }
 
-TEST_F(KelotlsctlLevels, WarnsOfADefaultThatFollowsItself) {
-  const Outcome outcome = run({"default", "default"});
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_TRUE(contains(outcome.err, "0 counts as intermediate"));
+TEST_F(KelotlsctlLevels, RefusesADefaultThatFollowsItself) {
+  const Lines before = tree();
+  for (const char* const level : {"default", "0"}) {
+    const Outcome outcome = run({"default", level});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(contains(outcome.err, "the default level cannot follow itself"));
+  }
+  EXPECT_EQ(tree(), before);
+  write_file(kDataStore, data_store_text(0, {}));
   EXPECT_EQ(run({"default"}).out, "default → intermediate\n");
 }
 
 TEST_F(KelotlsctlLevels, FailsWhenTheDataStoreIsNotWritten) {
   join_both();
-  make_data_store_read_only();
+  make_data_store_irreplaceable();
   for (const Arguments& command : {Arguments{"set", "web", "old"}, Arguments{"default", "old"}}) {
     const Outcome outcome = run(command);
     EXPECT_EQ(outcome.status, 1);
@@ -105,24 +125,216 @@ TEST_F(KelotlsctlLevels, FailsWhenTheDataStoreIsNotWritten) {
   EXPECT_EQ(stored_level("web"), 0);
 }
 
+TEST_F(KelotlsctlLevels, ChangesNothingOnAFileSystemThatIsReadOnly) {
+  join_both();
+  make_data_store_read_only();
+  const Outcome outcome = run({"set", "web", "old"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, std::string("kelotlsctl: error: ") + kLock +
+                             ": Read-only file system\n  Nothing was changed.\n");
+}
+
 TEST_F(KelotlsctlLevels, AppliesALevel) {
   join_both();
   const Outcome outcome = run({"set", "web", "old", "--apply"});
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.out,
             "SERVICE  LEVEL  RENDER    RELOAD    PROBE\n"
-            "web      old    rendered  reloaded  agrees\n"
+            "web      old    rendered  reloaded  library only\n"
             "web: default became old\n");
   EXPECT_EQ(read_file(rendered_path("web")), "level old\n");
   EXPECT_EQ(read_file(kReloaderRuns), "run\n");
   EXPECT_EQ(run_json("get", {"web"}).document["stored-level"]["value"], 3);
 }
 
+TEST_F(KelotlsctlLevels, SetsSeveralServicesByNameAndPattern) {
+  write_file(
+      kDataStore,
+      data_store_text(
+          2, {{"mail-in", "0"}, {"mail-out", "0"}, {"web", "0"}, {"a*b", "0"}, {"axb", "0"}}));
+  EXPECT_EQ(run({"set", "mail-*", "web", "old"}).out,
+            "mail-in: default became old\nmail-out: default became old\nweb: default became old\n");
+  EXPECT_EQ(stored_level("mail-in"), 3);
+  EXPECT_EQ(stored_level("axb"), 0);
+  EXPECT_EQ(run({"set", "a*b", "modern"}).out, "a*b: default became modern\n");
+  EXPECT_EQ(stored_level("axb"), 0);
+  EXPECT_EQ(run({"set", "ftp*", "old"}).status, 10);
+  EXPECT_EQ(run({"set", "web", "missing", "modern"}).status, 10);
+  EXPECT_EQ(stored_level("web"), 3);
+  EXPECT_EQ(run({"set", "--all", "intermediate"}).status, 0);
+  EXPECT_EQ(stored_level("axb"), 2);
+}
+
+TEST_F(KelotlsctlLevels, SaysWhatIsMissingOrSwapped) {
+  join_both();
+  const Lines before = tree();
+  const std::vector<std::pair<Arguments, std::string>> commands = {
+      {{"set", "old"}, "a service and a level are needed"},
+      {{"set", "--all", "web", "old"}, "--all and services exclude each other"},
+      {{"set", "web", "old", "more"}, "\"more\" is not a level"},
+      {{"set", "old", "web"}, "The service comes first: kelotlsctl set web old"}};
+  for (const auto& [command, reason] : commands) {
+    const Outcome outcome = run(command);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(contains(outcome.err, reason));
+  }
+  EXPECT_EQ(tree(), before);
+}
+
+TEST_F(KelotlsctlLevels, BringsNothingIntoForceThatWasNotNamed) {
+  join_both();
+  join_mail();
+  ASSERT_EQ(run({"apply"}).status, 0);
+  ASSERT_EQ(run({"set", "mail", "old"}).status, 0);  // pending
+  write_file(kReloaderRuns, "");
+  write_file(kMailRuns, "");
+
+  ASSERT_EQ(run({"set", "web", "modern", "--apply"}).status, 0);
+
+  EXPECT_EQ(read_file(rendered_path("web")), "level modern\n");
+  EXPECT_EQ(read_file(rendered_path("mail")), "level intermediate\n");
+  EXPECT_EQ(read_file(kReloaderRuns), "run\n");
+  EXPECT_EQ(read_file(kMailRuns), "");
+  EXPECT_TRUE(contains(run({"list"}).out, "mail     old                     pending render"));
+}
+
+TEST_F(KelotlsctlLevels, TakesBackTheServiceThatFailedAndNoOther) {
+  join_both();
+  join_mail();
+  ASSERT_EQ(run({"apply"}).status, 0);
+  write_file(kReloaderStatus, "1");  // web's
+
+  const Outcome outcome = run({"set", "web", "mail", "old", "--apply"});
+
+  EXPECT_EQ(outcome.status, 5);
+  EXPECT_EQ(stored_level("web"), 0);
+  EXPECT_EQ(stored_level("mail"), 3);
+  EXPECT_EQ(read_file(rendered_path("web")), "level intermediate\n");
+  EXPECT_EQ(read_file(rendered_path("mail")), "level old\n");
+  EXPECT_TRUE(contains(outcome.out, "mail: default became old\n"));
+  EXPECT_TRUE(contains(outcome.err, "web is back at default"));
+  const Json::Value record = run_json("history").document["changes"];
+  EXPECT_EQ(record[record.size() - 1]["services"][0]["service"], "web");
+  EXPECT_EQ(record[record.size() - 1]["services"][0]["result"], "undone");
+}
+
+TEST_F(KelotlsctlLevels, RunsNoFurtherReloaderOnceItIsInterrupted) {
+  join_both();
+  join_mail();
+  write_program("/tmp/reload-mail", "#!/bin/sh\nkill -INT $PPID\n");  // runs before web's
+  write_file(kReloaderRuns, "");
+  const JsonOutcome outcome = run_json("apply");
+  EXPECT_EQ(outcome.status, 130);
+  EXPECT_EQ(read_file(kReloaderRuns), "");
+  EXPECT_EQ(outcome.document["probed"][0]["result"], "in-force");  // mail's step ended
+  EXPECT_EQ(outcome.document["probed"][2]["result"], "not-run");
+  EXPECT_EQ(outcome.document["reloaders"][1]["not-run"], "interrupted by SIGINT");
+  const Outcome text = run({"apply"});
+  EXPECT_TRUE(contains(text.out, "unchanged  not run   library only"));
+  EXPECT_TRUE(contains(text.err, "interrupted by SIGINT"));
+  const Json::Value record = run_json("history").document["changes"];
+  EXPECT_EQ(record[record.size() - 1]["result"], "interrupted");
+  EXPECT_EQ(record[record.size() - 1]["code"], 130);
+}
+
+TEST_F(KelotlsctlLevels, TakesBackWhatItDidNotGetToWhenItIsInterrupted) {
+  join_both();
+  join_mail();
+  ASSERT_EQ(run({"apply"}).status, 0);
+  for (const auto& [signal, status] : std::map<std::string, int>{{"TERM", 143}, {"HUP", 129}}) {
+    write_program("/tmp/reload-mail", "#!/bin/sh\nkill -" + signal + " $PPID\n");
+    const Outcome outcome = run({"set", "web", "mail", "old", "--apply"});
+    EXPECT_EQ(outcome.status, status);
+    EXPECT_EQ(stored_level("mail"), 3);
+    EXPECT_EQ(stored_level("web"), 0);
+    EXPECT_EQ(read_file(rendered_path("web")), "level intermediate\n");
+    EXPECT_TRUE(contains(outcome.err, "web is back at default, rendered and reloaded"));
+    EXPECT_TRUE(contains(run({"list"}).out, "web      default → intermediate  in force"));
+  }
+}
+
+TEST_F(KelotlsctlLevels, EndsAReloaderThatTakesTooLong) {
+  join_web();
+  write_program(kReloader, "#!/bin/sh\nsleep 1000\n");
+  const Outcome outcome = run({"reload", "--reload-timeout", "1"});
+  EXPECT_EQ(outcome.status, 5);
+  EXPECT_TRUE(contains(outcome.out, "was ended after 1 s"));
+  for (const char* const wrong : {"0", "-1", "1s", "86401", "x"}) {
+    EXPECT_EQ(run({"reload", "--reload-timeout", wrong}).status, 2) << wrong;
+  }
+}
+
+TEST_F(KelotlsctlLevels, ReloadsAndRendersOnlyWhatIsNamed) {
+  join_both();
+  join_mail();
+  write_program(std::string(kSystemReloaders) + "base", "#!/bin/sh\necho run >> /tmp/base-runs\n");
+  write_file("/tmp/base-runs", "");
+  write_file(kReloaderRuns, "");
+  ASSERT_EQ(run({"reload", "mail"}).status, 0);
+  EXPECT_EQ(read_file(kMailRuns), "run\n");
+  EXPECT_EQ(read_file(kReloaderRuns) + read_file("/tmp/base-runs"), "");
+  ASSERT_EQ(run({"reload", "ssh"}).status, 0);  // has none of its own
+  EXPECT_EQ(read_file("/tmp/base-runs"), "run\n");
+  EXPECT_EQ(read_file(kReloaderRuns), "");
+  EXPECT_EQ(run({"render", "mail"}).out, "mail: " + rendered_path("mail") + " made\n");
+  EXPECT_EQ(run({"apply", "nobody"}).status, 10);
+}
+
+TEST_F(KelotlsctlLevels, AppliesADefaultLevelToThoseThatFollowIt) {
+  join_both();
+  join_mail();
+  ASSERT_EQ(run({"set", "mail", "intermediate", "--apply"}).status, 0);
+  write_file(kMailRuns, "");
+  const Outcome outcome = run({"default", "old", "--apply"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(read_file(rendered_path("web")), "level old\n");
+  EXPECT_EQ(read_file(rendered_path("mail")), "level intermediate\n");
+  EXPECT_EQ(read_file(kMailRuns), "");
+  EXPECT_TRUE(contains(outcome.out, "default level: intermediate became old\n"));
+  EXPECT_EQ(run_json("default", {"modern", "--apply"}).status, 0);
+}
+
+TEST_F(KelotlsctlLevels, TakesADefaultLevelBackFromTheServiceThatFailed) {
+  join_both();  // web and ssh
+  write_file(kReloaderStatus, "1");
+  const Outcome outcome = run({"default", "old", "--apply"});
+  EXPECT_EQ(outcome.status, 5);
+  EXPECT_EQ(read_json(kDataStore)["default-level"], 3);
+  EXPECT_EQ(stored_level("web"), 2);  // its former level, as its own
+  EXPECT_EQ(stored_level("ssh"), 0);
+  EXPECT_EQ(read_file(rendered_path("web")), "level intermediate\n");
+  EXPECT_TRUE(contains(outcome.err, "web is back at intermediate"));
+}
+
+TEST_F(KelotlsctlLevels, ForeseesAnApplicationWithItsDifferences) {
+  join_both();
+  const Lines before = tree();
+  const Outcome outcome = run({"set", "web", "old", "--apply", "--dry-run"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(contains(outcome.out, "-level intermediate\n+level old\n"));
+  EXPECT_TRUE(contains(outcome.out, link_path("web") + ": would be run\n"));
+  EXPECT_TRUE(contains(outcome.out, "web: default would become old\n"));
+  EXPECT_EQ(tree(), before);
+  const Json::Value document = run_json("set", {"web", "old", "--apply", "--dry-run"}).document;
+  EXPECT_EQ(document["apply"]["reloaders"][0]["path"], link_path("web"));
+  EXPECT_EQ(document["services"][0]["written"], false);
+  remove_all(kTemplate);
+  EXPECT_EQ(run({"set", "web", "old", "--apply", "--dry-run"}).status, 1);
+}
+
+TEST_F(KelotlsctlLevels, SaysNothingOfForceWhereALevelChangesNothing) {
+  join_both();
+  EXPECT_EQ(run({"set", "web", "intermediate"}).err, "");
+  EXPECT_EQ(run({"set", "web", "old"}).err, "Not in force yet: kelotlsctl apply\n");
+  EXPECT_EQ(run({"set", "web", "intermediate", "--apply"}).err, "");
+  EXPECT_EQ(run({"default", "modern"}).err, "");  // ssh alone follows it
+}
+
 TEST_F(KelotlsctlLevels, ReportsAnApplicationByTheSchema) {
   join_both();
   const JsonOutcome outcome = run_json("set", {"web", "modern", "--apply"});
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.document["undone"], false);
+  EXPECT_EQ(outcome.document["services"][0]["undone"], false);
   EXPECT_EQ(outcome.document["apply"]["rendered"][0]["change"], "changed");
   EXPECT_EQ(outcome.document["apply"]["probed"][0]["agrees"], true);
 }
@@ -137,7 +349,7 @@ TEST_F(KelotlsctlLevels, UndoesALevelWhoseReloaderFails) {
   EXPECT_EQ(stored_level("web"), 0);
   EXPECT_EQ(read_file(rendered_path("web")), "level intermediate\n");
   EXPECT_EQ(read_file(kReloaderRuns), "run\nrun\n");
-  EXPECT_TRUE(contains(outcome.out, "web      old    rendered  FAILED  agrees"));
+  EXPECT_TRUE(contains(outcome.out, "web      old    rendered  FAILED  library only"));
   EXPECT_TRUE(contains(outcome.err, link_path("web") + " ended with status 7"));
   EXPECT_TRUE(contains(outcome.err, "web is back at default"));
 }
@@ -152,8 +364,8 @@ TEST_F(KelotlsctlLevels, UndoesALevelThatCannotBeRendered) {
   const JsonOutcome outcome = run_json("set", {"web", "old", "--apply"});
 
   EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.document["undone"], true);
-  EXPECT_EQ(outcome.document["written"], false);
+  EXPECT_EQ(outcome.document["services"][0]["undone"], true);
+  EXPECT_EQ(outcome.document["services"][0]["written"], false);
   EXPECT_EQ(outcome.document["apply"]["rendered"][0]["change"], "failed");
   EXPECT_EQ(stored_level("web"), 0);
 }
@@ -201,19 +413,20 @@ TEST_F(KelotlsctlLevels, TwoAdministratorsNeverLoseEachOthersChange) {
   }
 }
 
-TEST_F(KelotlsctlLevels, WaitsForTheHolderOfTheLock) {
+TEST_F(KelotlsctlLevels, WaitsForTheHolderOfTheLockAndNamesIt) {
+  constexpr char kWaiting[] =
+      "waiting for kelotlsctl apply (process 4711, since 12:00:05) to finish\n";
   join_both();
-  const std::string directory =
-      std::string(kDataStore).substr(0, std::string(kDataStore).rfind('/'));
-  const int lock = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int lock = ::open(kLock, O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+  write_file(kLock, R"({"command": "apply", "process": "4711", "since": "12:00:05"})");
 
   write_file("/tmp/said", "");
   Outcome outcome;
   std::thread waiting([&] {
     outcome = run_program({"sh", "-c", "exec " KELOTLSCTL " set web old 2>> /tmp/said"});
   });
-  while (read_file("/tmp/said") != "waiting for another kelotlsctl to finish\n") {
+  while (read_file("/tmp/said") != kWaiting) {
     ::usleep(1000);
   }
   EXPECT_EQ(stored_level("web"), 0);
@@ -225,6 +438,29 @@ TEST_F(KelotlsctlLevels, WaitsForTheHolderOfTheLock) {
 
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(stored_level("web"), 3);
+  EXPECT_EQ(read_file(kLock), "");
+}
+
+TEST_F(KelotlsctlLevels, NamesItselfAsTheHolderOfTheLockThatRootAloneCanOpen) {
+  join_web();
+  remove_all(kLock);
+  write_program(kReloader, std::string("#!/bin/sh\nstat -c '%a %u' ") + kLock +
+                               " > /tmp/lock\ncat " + kLock + " >> /tmp/lock\n");
+  ASSERT_EQ(run({"reload"}).status, 0);
+  const std::string seen = read_file("/tmp/lock");
+  EXPECT_EQ(seen.substr(0, seen.find('\n')), "600 0");
+  EXPECT_TRUE(contains(seen, R"("command": "reload")"));
+  EXPECT_TRUE(contains(seen, R"("process": ")"));
+}
+
+TEST_F(KelotlsctlLevels, DoesNotFollowALinkInPlaceOfTheLock) {
+  join_web();
+  remove_all(kLock);
+  write_file("/tmp/other", "text");
+  std::filesystem::create_symlink("/tmp/other", kLock);
+  EXPECT_EQ(run({"set", "web", "old"}).status, 1);
+  EXPECT_EQ(read_file("/tmp/other"), "text");
+  EXPECT_EQ(stored_level("web"), 0);
 }
 
 }  // namespace

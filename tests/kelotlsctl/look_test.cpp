@@ -83,7 +83,8 @@ TEST_F(KelotlsctlLook, ShowsOneServiceWithItsFiles) {
             "display name  Web server\n"
             "level         default → intermediate\n"
             "state         in force\n"
-            "descriptor    " +
+            "since         " +
+                read_json(kStamp)["services"]["web"]["since"].asString() + "\n" + "descriptor    " +
                 descriptor_path("web") + "\n" +
                 "template      /tmp/web.mustache\n"
                 "rendered      " +

@@ -180,10 +180,11 @@ TEST_F(KelotlsctlMembership, LeavesWithoutATrace) {
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.out, "web: left\n  removed " + link_path("web") + "\n  removed " +
                              descriptor_path("web") + "\n  removed " + rendered_path("web") + "\n");
-  EXPECT_EQ(log(), Lines());
+  EXPECT_EQ(log(), (Lines{"<85>kelotlsctl leave: web; by root; done"}));
   ASSERT_EQ(run({"leave", "-"}, named("ssh")).status, 0);
   ASSERT_EQ(read_json(kStamp)["services"].size(), 0u);
   remove_all(kStamp);
+  remove_all(kHistory);
   write_file(kDataStore, data_store_text(2, {}));
   EXPECT_EQ(tree(), before);
 }
@@ -223,7 +224,7 @@ TEST_F(KelotlsctlMembership, FinishesALeaveThatWasInterrupted) {
 
 TEST_F(KelotlsctlMembership, SaysThatALeaveFailed) {
   join_both();
-  make_data_store_read_only();
+  make_data_store_irreplaceable();
   const Outcome outcome = run({"leave", "-"}, named("web"));
   EXPECT_EQ(outcome.status, 1);
   EXPECT_TRUE(contains(outcome.err, "the services have not left"));

@@ -140,7 +140,7 @@ TEST_F(KelotlsctlRecovery, WarnsOfSavedLevelsWithoutAName) {
 TEST_F(KelotlsctlRecovery, SaysThatLevelsWereNotRestored) {
   back_up_with_web_at_old();
   ASSERT_EQ(run({"set", "web", "modern"}).status, 0);
-  make_data_store_read_only();
+  make_data_store_irreplaceable();
   const Outcome outcome = run({"restore", kBackup});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_TRUE(contains(outcome.err, "was not written"));
@@ -195,7 +195,7 @@ TEST_F(KelotlsctlRecovery, LetsOnlyOneOfManyMakeTheFirstDataStore) {
        "for i in 1 2 3 4 5 6; do (\"$0\" init > /dev/null 2> /tmp/init$i; echo $?) 9<&- & done; "
        "for i in 1 2 3 4 5 6; do until grep -q waiting /tmp/init$i; do sleep 0.02; done; done; "
        "exec 9<&-; wait",
-       KELOTLSCTL, kFramework});
+       KELOTLSCTL, kLock});
   std::size_t done = 0;
   for (const char status : outcome.out) {
     done += status == '0' ? 1 : 0;

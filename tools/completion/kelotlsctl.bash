@@ -2,14 +2,14 @@
 
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-  local commands='list show get set default levels explain probe check validate join leave regen
+  local commands='list show get set default levels explain probe check history validate join leave regen
     render reload apply backup restore init recover'
   local levels='modern intermediate old default'
   local command='' position=0 index word
   for ((index = 1; index < COMP_CWORD; index++)); do
     word=${COMP_WORDS[index]}
     case $word in
-      --default | --from | --connect | --preview | --level) ((index++)) ;;
+      --default | --from | --connect | --preview | --level | --reason | --reload-timeout) ((index++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=$word; else ((position++)); fi ;;
     esac
@@ -22,19 +22,21 @@ _kelotlsctl() {
     --from) _kelotlsctl_files "$current"; return ;;
     --preview) _kelotlsctl_files "$current"; _kelotlsctl_services "$current"; return ;;
     --level) words='modern intermediate old' ;;
-    --connect) return ;;
+    --connect | --reason | --reload-timeout) return ;;
     *)
       case $command in
-        '') words="$commands --json --quiet --version --help" ;;
+        '') words="$commands --json --quiet --reason --version --help" ;;
         *) [[ $current == -* ]] && words=$(_kelotlsctl_options "$command") ;;
       esac
       ;;
   esac
   if [[ -z $words && $current != -* ]]; then
     case $command:$position in
-      show:0 | get:0 | set:0 | probe:0) _kelotlsctl_services "$current"; return ;;
+      show:0 | get:0 | set:0 | probe:0 | history:0) _kelotlsctl_services "$current"; return ;;
+      set:*) _kelotlsctl_services "$current"; words=$levels ;;
+      render:* | reload:* | apply:*) _kelotlsctl_services "$current"; return ;;
       explain:0) _kelotlsctl_services "$current"; words=$levels ;;
-      set:1 | default:0) words=$levels ;;
+      default:0) words=$levels ;;
       validate:0 | join:0 | leave:0 | backup:0 | restore:0) _kelotlsctl_files "$current"; return ;;
     esac
   fi
@@ -44,10 +46,12 @@ _kelotlsctl() {
 }
 
 _kelotlsctl_options() {
-  local options='--json --quiet --help'
+  local options='--json --quiet --reason --help'
   case $1 in
-    set) options+=' --dry-run --apply' ;;
-    default | join | leave | regen | reload | apply | backup | restore) options+=' --dry-run' ;;
+    set) options+=' --dry-run --apply --all --reload-timeout' ;;
+    default) options+=' --dry-run --apply --reload-timeout' ;;
+    reload | apply) options+=' --dry-run --reload-timeout' ;;
+    join | leave | regen | backup | restore) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
     init) options+=' --dry-run --default' ;;

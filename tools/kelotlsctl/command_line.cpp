@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <exception>
 #include <iostream>
 
@@ -13,10 +15,14 @@
 
 #include "json_document.h"
 #include "log_messages.h"
+#include "state/history.h"
+#include "state/interruption.h"
 
 namespace kelotlsctl {
 
 namespace {
+
+std::string not_empty(const std::string& text) { return text.empty() ? "is empty" : ""; }
 
 class Parser {
  public:
@@ -29,6 +35,8 @@ class Parser {
     app.fallthrough();
     app.add_flag("--json", is_json, "Print JSON, as /usr/share/kelotls/schemas describes");
     app.add_flag("--quiet", is_quiet, "Print what was asked for, and faults, only");
+    app.add_option("--reason", arguments.reason, "Why the change is made; kept in the history")
+        ->check(not_empty);
     app.add_flag_callback(
         "--version",
         [] {
@@ -51,7 +59,10 @@ class Parser {
   void add(const CommandRow& row) {
     CLI::App* const command = app.add_subcommand(row.name, row.help);
     command->footer(std::string("Exit codes: ") + row.exit_codes + ". See kelotlsctl(8).");
-    command->callback([this, &row] { requested = &row; });
+    command->callback([this, &row] {
+      requested = &row;
+      arguments.command = row.name;
+    });
     for (const ArgumentRow& argument : row.arguments) {
       add(argument, *command);
     }
@@ -61,10 +72,12 @@ class Parser {
     CLI::Option* const option =
         argument.flag != nullptr
             ? command.add_flag(argument.name, arguments.*argument.flag, argument.help)
+        : argument.list != nullptr
+            ? command.add_option(argument.name, arguments.*argument.list, argument.help)
             : command.add_option(argument.name, arguments.*argument.text, argument.help);
     option->required(argument.is_required);
     if (argument.flag == nullptr && !argument.may_be_empty) {
-      option->check([](const std::string& text) { return text.empty() ? "is empty" : ""; });
+      option->check(not_empty);
     }
     if (argument.is_hidden) {
       option->group("");
@@ -102,6 +115,19 @@ int run(Console& console, const CommandRow& row, const Arguments& arguments) {
     console.error(Failure(kFailed, exception.what()));
   }
   return kFailed;
+}
+
+/// Closes what the command has begun: its record, and the wait of signals that ask it to end.
+int end(Console& console, int code) {
+  const int signal = interruption();
+  if (!end_record(signal != 0 ? 128 + signal : code)) {
+    console.warn(std::string(kHistoryPath) + ": " + std::strerror(errno));
+  }
+  if (signal == 0) {
+    return code;
+  }
+  console.warn("interrupted by " + signal_name(signal));
+  return 128 + signal;
 }
 
 /// A reader of our output that goes away must not end a change halfway. A handler rather than
@@ -147,7 +173,7 @@ int run_program(int argc, char** argv) {
     observing->log_line(line);
     return true;
   });
-  const int code = run(console, *parser.requested, parser.arguments);
+  const int code = end(console, run(console, *parser.requested, parser.arguments));
   kelotls::log::observe(nullptr);
   return console.flush() ? code : (code == kDone ? kFailed : code);
 }

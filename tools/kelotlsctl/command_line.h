@@ -16,7 +16,12 @@ struct Arguments {
   bool names = false;
   bool check = false;
   bool apply = false;
+  bool all = false;
+  std::string command;  ///< its name
+  std::string reason;   ///< why the operator makes the change
+  std::string reload_timeout;
   std::string service;
+  std::vector<std::string> services;  ///< names and patterns
   std::string level;
   std::string subject;
   std::string address;
@@ -33,6 +38,7 @@ struct ArgumentRow {
   bool is_required = false;
   bool may_be_empty = false;
   bool is_hidden = false;
+  std::vector<std::string> Arguments::*list = nullptr;
 };
 
 using CommandFunction = Report(Console& console, const Arguments& arguments);
@@ -50,9 +56,9 @@ struct CommandRow {
 
 // look/: what changes nothing
 CommandFunction list_services, show_service, get_level, show_levels, explain, probe_service,
-    check_framework, validate_registration;
+    check_framework, show_history, validate_registration;
 PrintFunction print_services, print_service, print_level_of_service, print_levels, print_explained,
-    print_probed, print_findings, print_validated;
+    print_probed, print_findings, print_history, print_validated;
 
 // change/: what writes, renders or runs
 CommandFunction set_level, default_level, join_services, leave_services, regenerate,

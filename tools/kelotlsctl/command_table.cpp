@@ -8,6 +8,8 @@ namespace {
 // clang-format off
 constexpr ArgumentRow kDryRun  = {"--dry-run", "Say what would be done, write nothing", &Arguments::dry_run};
 constexpr ArgumentRow kService = {"SERVICE", "The name that the service joined with", nullptr, &Arguments::service, true, true};
+constexpr ArgumentRow kServices = {"SERVICE", "Services, or patterns with * and ?; else all", nullptr, nullptr, false, true, false, &Arguments::services};
+constexpr ArgumentRow kTimeout = {"--reload-timeout", "Seconds that a reloader may take; else 60", nullptr, &Arguments::reload_timeout};
 constexpr ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
 // clang-format on
 
@@ -34,16 +36,21 @@ const std::vector<CommandRow>& commands() {
      "0, 1, 2, 3, 4, 10", probe_service, print_probed},
     {"check", "Look for whatever is wrong", {},
      "0, 1, 3", check_framework, print_findings},
+    {"history", "Show what was changed, by whom and why",
+     {{"SERVICE", "Only what concerns this service", nullptr, &Arguments::service}},
+     "0, 1", show_history, print_history},
 
-    {"set", "Set a service's level",
-     {kDryRun, kService,
-      {"LEVEL", "modern, intermediate, old, default, or 0 to 3", nullptr, &Arguments::level, true, true},
-      {"--apply", "Render, reload and probe; undo when a step fails", &Arguments::apply}},
+    {"set", "Set the levels of services",
+     {kDryRun,
+      {"SERVICE", "Services, or patterns with * and ?, and last the LEVEL: modern, intermediate, old, default, or 0 to 3", nullptr, nullptr, true, true, false, &Arguments::services},
+      {"--all", "All services", &Arguments::all},
+      {"--apply", "Render, reload and probe; undo what fails", &Arguments::apply}, kTimeout},
      "0, 1, 2, 3, 4, 5, 10", set_level, print_set},
     {"default", "Show or set the default level",
      {kDryRun,
-      {"LEVEL", "modern, intermediate, old, or 1 to 3", nullptr, &Arguments::level}},
-     "0, 1, 2, 4", default_level, print_default},
+      {"LEVEL", "modern, intermediate, old, or 1 to 3", nullptr, &Arguments::level},
+      {"--apply", "Render, reload and probe who follows it; undo what fails", &Arguments::apply}, kTimeout},
+     "0, 1, 2, 3, 4, 5", default_level, print_default},
 
     {"validate", "Name every fault of a registration", {kFile},
      "0, 1, 3", validate_registration, print_validated},
@@ -54,16 +61,16 @@ const std::vector<CommandRow>& commands() {
 
     {"regen", "Bring the data store in line with the descriptors", {kDryRun},
      "0, 1, 4", regenerate, print_regenerated},
-    {"render", "Render all templates",
-     {kDryRun,
+    {"render", "Render templates",
+     {kDryRun, kServices,
       {"--check", "Show what would change, with the differences", &Arguments::check},
       {"--preview", "FILE or SERVICE: show what its template gives at each level", nullptr, &Arguments::preview},
       {"--level", "Show it at this level alone", nullptr, &Arguments::level}},
      "0, 1, 2, 3, 4, 10", render_templates, print_rendered},
-    {"reload", "Run all reloaders", {kDryRun},
-     "0, 1, 4, 5", reload, print_reloaded},
-    {"apply", "Render, reload and probe", {kDryRun},
-     "0, 1, 3, 4, 5", apply_levels, print_applied},
+    {"reload", "Run reloaders", {kDryRun, kServices, kTimeout},
+     "0, 1, 2, 4, 5, 10", reload, print_reloaded},
+    {"apply", "Render, reload and probe", {kDryRun, kServices, kTimeout},
+     "0, 1, 2, 3, 4, 5, 10", apply_levels, print_applied},
 
     {"backup", "Save all levels",
      {kDryRun, {"FILE", "A new file; a dated one in this folder unless named", nullptr, &Arguments::file}},

@@ -5,13 +5,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "log_messages.h"
 #include "output/text.h"
 #include "paths.h"
 #include "reloaders.h"
+#include "state/interruption.h"
 #include "tls/report.h"
 
 namespace kelotlsctl {
@@ -46,37 +49,64 @@ std::string change_text(const Json::Value& change, bool is_done) {
 }
 
 /// Runs the reloader of the element, and tells it what went wrong.
-void run_listed(Json::Value& reloader) {
-  const kelotls::ReloadResult result = kelotls::run_reloader(reloader["path"].asString());
+void run_listed(Json::Value& reloader, std::chrono::seconds timeout) {
+  const std::string path = reloader["path"].asString();
+  const ProgramResult result = run_to_end(path, timeout);
   if (result.error != 0) {
     reloader["fault"] = std::string("cannot be run: ") + std::strerror(result.error);
+    errno = result.error;
+    kelotls::log::reloader_not_run(path);
   } else if (result.status != 0) {
-    reloader["fault"] = "ended with status " + std::to_string(result.status);
+    const std::string seconds = std::to_string(timeout.count());
+    reloader["fault"] = result.end == ProgramResult::End::kLate
+                            ? "was ended after " + seconds + " s"
+                        : result.end == ProgramResult::End::kInterrupted
+                            ? "was ended by " + signal_name(interruption())
+                            : "ended with status " + std::to_string(result.status);
+    kelotls::log::reloader_failed(result.status, path);
   }
 }
 
-/// The element whose member is the text; null without one.
-const Json::Value* element_with(const Json::Value& list, const char* member,
-                                const std::string& text) {
-  const auto found = std::find_if(list.begin(), list.end(), [&](const Json::Value& element) {
-    return element[member].asString() == text;
-  });
-  return found != list.end() ? &*found : nullptr;
+bool is_of_base_system(const std::string& path) {
+  return path.rfind(kelotls::kSystemReloaderDir, 0) == 0;
 }
 
-/// A service counts as reloaded unless its own reloader failed; one without a link may be served
-/// by any of the base system's, so these must all have succeeded. What a reloader that failed has
-/// left behind is not known: such a service is in no stamp, whatever it had before.
-void stamp_services(const Store& store, const Json::Value& reloaders) {
-  const bool is_base_system_reloaded =
-      std::none_of(reloaders.begin(), reloaders.end(), [](const Json::Value& reloader) {
-        return reloader.isMember("fault") &&
-               reloader["path"].asString().rfind(kelotls::kSystemReloaderDir, 0) == 0;
-      });
-  Stamp stamp;
-  for (const std::string& service : store.names()) {
-    const Json::Value* const own = element_with(reloaders, "path", kelotls::link_path(service));
-    if (own != nullptr ? !own->isMember("fault") : is_base_system_reloaded) {
+/// How the reloaders of each service ended. A service without one of its own may be served by any
+/// of the base system's, so these must all have succeeded.
+class ReloadOutcomes {
+ public:
+  explicit ReloadOutcomes(const Json::Value& reloaders) {
+    for (const Json::Value& reloader : reloaders) {
+      const std::string path = reloader["path"].asString();
+      by_path_[path] = &reloader;
+      if (is_of_base_system(path) && (base_ == nullptr || base_->size() < reloader.size())) {
+        base_ = &reloader;
+      }
+    }
+  }
+
+  /// The element that tells it; null where the service has nothing to run. own: of its own alone.
+  const Json::Value* of(const std::string& service, bool own = false) const {
+    const auto found = by_path_.find(kelotls::link_path(service));
+    return found != by_path_.end() ? found->second : own ? nullptr : base_;
+  }
+
+ private:
+  std::map<std::string, const Json::Value*> by_path_;
+  const Json::Value* base_ = nullptr;  // of the base system's, one that failed where there is any
+};
+
+/// What a reloader that failed has left behind is not known: such a service is in no stamp,
+/// whatever it had before. One that was not run has left what was there.
+void stamp_services(const Store& store, const Selection& selection, const Json::Value& reloaders) {
+  const ReloadOutcomes outcomes(reloaders);
+  Stamp stamp = Stamp::load();
+  stamp.remove_strangers(store);
+  for (const std::string& service : selection.names) {
+    const Json::Value* const outcome = outcomes.of(service);
+    if (outcome != nullptr && outcome->isMember("fault")) {
+      stamp.remove(service);
+    } else if (outcome == nullptr || !outcome->isMember("not-run")) {
       std::string rendered;
       kelotls::read_file(kelotls::rendered_path(service), rendered);
       stamp.record(service, store.effective_level(service), rendered);
@@ -99,7 +129,7 @@ std::string probe_fault(Console& console, const std::string& service, int level)
   return first_own_difference(report, false);
 }
 
-/// [{"service", "stored-level", "effective-level", "agrees", "fault"}]
+/// [{"service", "stored-level", "effective-level", "asked", "agrees", "fault"}]
 Json::Value probe_services(Console& console, const Store& store,
                            const std::vector<std::string>& services) {
   std::map<int, std::string> faults;
@@ -110,6 +140,7 @@ Json::Value probe_services(Console& console, const Store& store,
     }
     const std::string& fault = faults[level];
     Json::Value probed = store.levels_json(service);
+    probed["asked"] = "library";
     probed["agrees"] = fault.empty();
     if (!fault.empty()) {
       probed["fault"] = fault;
@@ -117,6 +148,27 @@ Json::Value probe_services(Console& console, const Store& store,
     }
     return probed;
   });
+}
+
+/// Tells each service how it came out of all steps: "in-force", "failed", "not-run".
+void tell_results(Json::Value& document) {
+  const ReloadOutcomes outcomes(document["reloaders"]);
+  std::set<std::string> unrendered;
+  for (const Json::Value& rendered : document["rendered"]) {
+    if (rendered.isMember("fault")) {
+      unrendered.insert(rendered["service"].asString());
+    }
+  }
+  const bool has_run = !document.isMember("reload-fault");
+  for (Json::Value& probed : document["probed"]) {
+    const std::string service = probed["service"].asString();
+    const Json::Value* const reloader = outcomes.of(service);
+    const bool has_failed = !has_run || unrendered.count(service) != 0 ||
+                            probed.isMember("fault") ||
+                            (reloader != nullptr && reloader->isMember("fault"));
+    const bool is_left_out = reloader != nullptr && reloader->isMember("not-run");
+    probed["result"] = has_failed ? "failed" : is_left_out ? "not-run" : "in-force";
+  }
 }
 
 Json::Value application_json(const Json::Value& renderings, const Json::Value& reloading) {
@@ -132,16 +184,18 @@ Json::Value application_json(const Json::Value& renderings, const Json::Value& r
 const char* cell_of(const Json::Value* element, const char* done) {
   return element == nullptr               ? "-"
          : element->isMember("fault")     ? "FAILED"
+         : element->isMember("not-run")   ? "not run"
          : (*element)["change"] == "none" ? "unchanged"
                                           : done;
 }
 
 }  // namespace
 
-Json::Value render_all(const Store& store, kelotls::Rendering rendering, bool with_diff) {
+Json::Value render_templates_of(const Store& store, const Selection& selection,
+                                kelotls::Rendering rendering, bool with_diff) {
   kelotls::JsonReader reader;
   Json::Value list = list_of({});
-  for (const std::string& service : store.names()) {
+  for (const std::string& service : selection.names) {
     const Rendered rendered = render(store, service, reader, rendering);
     if (rendered.outcome != Outcome::kNoTemplate) {
       list.append(rendered_json(service, rendered, with_diff));
@@ -171,7 +225,7 @@ void print_renderings(Console& console, const Json::Value& renderings, bool is_d
   }
 }
 
-Json::Value list_reloaders() {
+Json::Value list_reloaders(const Selection& selection) {
   kelotls::FileList names = kelotls::make_file_list();
   std::vector<std::string> paths;
   const char* directory = nullptr;
@@ -179,21 +233,55 @@ Json::Value list_reloaders() {
   if (!kelotls::collect_reloaders(names, paths, directory)) {
     return object({{"reloaders", list_of({})}, {"fault", system_failure(directory).what()}});
   }
-  return object({{"reloaders", list_of(paths, [](const std::string& path) {
-                    return object({{"path", path}});
-                  })}});
+  const std::set<std::string> existing(paths.begin(), paths.end());
+  std::set<std::string> own;
+  for (const std::string& service : selection.names) {
+    own.insert(kelotls::link_path(service));
+  }
+  const bool needs_base = !std::includes(existing.begin(), existing.end(), own.begin(), own.end());
+  Json::Value reloaders = list_of({});
+  for (const std::string& path : paths) {
+    if (selection.is_all || own.count(path) != 0 || (needs_base && is_of_base_system(path))) {
+      reloaders.append(object({{"path", path}}));
+    }
+  }
+  return object({{"reloaders", reloaders}});
 }
 
-Json::Value run_reloaders(const Store& store) {
-  Json::Value reloading = list_reloaders();
+ReloadOptions reload_options(const std::string& seconds) {
+  ReloadOptions options;
+  if (seconds.empty()) {
+    return options;
+  }
+  constexpr long kDay = 24L * 60 * 60;
+  char* end = nullptr;
+  errno = 0;
+  const long value = std::strtol(seconds.c_str(), &end, 10);
+  if (*end != '\0' || errno != 0 || value < 1 || value > kDay) {
+    throw Failure(kUsage, "\"" + printable(seconds) + "\" is no time of 1 to 86400 seconds");
+  }
+  options.timeout = std::chrono::seconds(value);
+  return options;
+}
+
+Json::Value run_reloaders(Console& console, const Store& store, const Selection& selection,
+                          const ReloadOptions& options) {
+  Json::Value reloading = list_reloaders(selection);
   if (reloading.isMember("fault")) {
     kelotls::log::reloaders_not_listed(kelotls::kConfigDir);
     return reloading;
   }
-  for (Json::Value& reloader : reloading["reloaders"]) {
-    run_listed(reloader);
+  Json::Value& reloaders = reloading["reloaders"];
+  for (Json::ArrayIndex index = 0; index < reloaders.size(); ++index) {
+    if (options.heeds_interruption && interruption() != 0) {
+      reloaders[index]["not-run"] = "interrupted by " + signal_name(interruption());
+      continue;
+    }
+    console.progress("reloading " + printable(reloaders[index]["path"]), index, reloaders.size());
+    run_listed(reloaders[index], options.timeout);
   }
-  stamp_services(store, reloading["reloaders"]);
+  console.progress("reloading", reloaders.size(), reloaders.size());
+  stamp_services(store, selection, reloaders);
   return reloading;
 }
 
@@ -206,7 +294,8 @@ void warn_of_reloading(Console& console, const Json::Value& fault) {
 void print_reloaders(Console& console, const Json::Value& reloaders, const Json::Value& fault,
                      bool is_done) {
   for (const Json::Value& reloader : reloaders) {
-    const std::string verdict = is_done ? reloader.get("fault", "done").asString() : "would be run";
+    const Json::Value done = reloader.get("not-run", reloader.get("fault", "done"));
+    const std::string verdict = is_done ? done.asString() : "would be run";
     console.data() << printable(reloader["path"]) << ": " << printable(verdict) << '\n';
   }
   if (reloaders.empty() && fault.isNull()) {
@@ -223,16 +312,16 @@ kelotls::ContextOwner service_context(const std::string& service) {
   return context;
 }
 
-Report apply_to(Console& console, const Store& store, const std::vector<std::string>& probed) {
-  console.progress("rendering", 0, 3);
-  const Json::Value renderings = render_all(store, kelotls::Rendering::kInForce, false);
-  console.progress("reloading", 1, 3);
-  const Json::Value reloading = run_reloaders(store);
-  console.progress("reloading", 3, 3);
+Report apply_to(Console& console, const Store& store, const Selection& selection,
+                const ReloadOptions& options) {
+  const Json::Value renderings =
+      render_templates_of(store, selection, kelotls::Rendering::kInForce, false);
+  const Json::Value reloading = run_reloaders(console, store, selection, options);
 
   Report report;
   report.document = application_json(renderings, reloading);
-  report.document["probed"] = probe_services(console, store, probed);
+  report.document["probed"] = probe_services(console, store, selection.names);
+  tell_results(report.document);
   warn_of_faults(console, renderings, "service", ": ");
   warn_of_reloading(console, reloading["fault"]);
   warn_of_faults(console, reloading["reloaders"], "path", " ");
@@ -243,21 +332,46 @@ Report apply_to(Console& console, const Store& store, const std::vector<std::str
   return report;
 }
 
-Json::Value foresee_application(const Store& store) {
-  return application_json(render_all(store, kelotls::Rendering::kPreview, false), list_reloaders());
+Report foresee_application(const Store& store, const Selection& selection, bool with_diff) {
+  const Json::Value renderings =
+      render_templates_of(store, selection, kelotls::Rendering::kPreview, with_diff);
+  const Json::Value reloading = list_reloaders(selection);
+  return {any_fault(renderings) || reloading.isMember("fault") ? kFailed : kDone,
+          application_json(renderings, reloading)};
 }
 
 void print_application(Console& console, const Json::Value& document) {
+  const ReloadOutcomes outcomes(document["reloaders"]);
+  std::map<std::string, const Json::Value*> rendered;
+  for (const Json::Value& element : document["rendered"]) {
+    rendered[element["service"].asString()] = &element;
+  }
   Table table({"SERVICE", "LEVEL", "RENDER", "RELOAD", "PROBE"});
   for (const Json::Value& probed : document["probed"]) {
     const std::string service = probed["service"].asString();
-    const Json::Value* const reloader =
-        element_with(document["reloaders"], "path", kelotls::link_path(service));
     table.add({service, describe_levels(probed["stored-level"], probed["effective-level"]),
-               cell_of(element_with(document["rendered"], "service", service), "rendered"),
-               cell_of(reloader, "reloaded"), cell_of(&probed, "agrees")});
+               cell_of(rendered[service], "rendered"),
+               cell_of(outcomes.of(service, true), "reloaded"), cell_of(&probed, "library only")});
   }
   table.print(console.data(), console.colour());
+}
+
+void print_foreseen(Console& console, const Json::Value& document) {
+  warn_of_faults(console, document["rendered"], "service", ": ");
+  warn_of_reloading(console, document["reload-fault"]);
+  print_renderings(console, document["rendered"], false);
+  for (const Json::Value& rendered : document["rendered"]) {
+    console.data() << rendered["diff"].asString();
+  }
+  print_reloaders(console, document["reloaders"], document["reload-fault"], false);
+}
+
+bool any_pending(const Store& store, const std::vector<std::string>& services) {
+  ServiceInspector inspector(store);
+  return std::any_of(services.begin(), services.end(), [&](const std::string& service) {
+    const State state = inspector.inspect(service).state;
+    return state != State::kInForce && state != State::kNextContext;
+  });
 }
 
 }  // namespace kelotlsctl

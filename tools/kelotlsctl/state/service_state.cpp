@@ -68,6 +68,10 @@ Json::Value stamp_entry(int effective, const std::string& rendered) {
   return object({{"level", effective}, {"rendered", sha256(rendered)}});
 }
 
+bool holds(const Json::Value& recorded, const Json::Value& entry) {
+  return recorded["level"] == entry["level"] && recorded["rendered"] == entry["rendered"];
+}
+
 }  // namespace
 
 ServiceDescriptor read_service_descriptor(const std::string& path) {
@@ -117,11 +121,32 @@ void Stamp::forget(const std::vector<std::string>& services) {
 
 bool Stamp::matches(const std::string& service, int effective, const std::string& rendered) const {
   const Json::Value* const found = kelotls::find_member(services_, service);
-  return found != nullptr && *found == stamp_entry(effective, rendered);
+  return found != nullptr && found->isObject() && holds(*found, stamp_entry(effective, rendered));
 }
 
 void Stamp::record(const std::string& service, int effective, const std::string& rendered) {
-  services_[service] = stamp_entry(effective, rendered);
+  if (!matches(service, effective, rendered) || since(service).empty()) {
+    services_[service] = stamp_entry(effective, rendered);
+    services_[service]["since"] = now_as_text();
+  }
+}
+
+std::string Stamp::since(const std::string& service) const {
+  const Json::Value* const found = kelotls::find_member(services_, service);
+  return found != nullptr ? kelotls::text_member(*found, "since") : std::string();
+}
+
+void Stamp::remove(const std::string& service) {
+  services_.removeMember(service.data(), service.data() + service.size(), nullptr);
+}
+
+void Stamp::remove_strangers(const Store& store) {
+  for (const std::string& service :
+       services_.isObject() ? services_.getMemberNames() : std::vector<std::string>()) {
+    if (!store.has(service)) {
+      remove(service);
+    }
+  }
 }
 
 void Stamp::save() const {
@@ -144,6 +169,9 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
   status.document["state"] = kStateWords[static_cast<std::size_t>(status.state)].key;
   if (!status.rendered.fault.empty()) {
     status.document["fault"] = status.rendered.fault;
+  }
+  if (status.state == State::kInForce) {
+    status.document["in-force-since"] = stamp_.since(service);
   }
   return status;
 }

@@ -53,7 +53,16 @@ class Stamp {
   static void forget(const std::vector<std::string>& services);
 
   bool matches(const std::string& service, int effective, const std::string& rendered) const;
+
+  /// The service was reloaded with these, now; where it had them before, since then.
   void record(const std::string& service, int effective, const std::string& rendered);
+
+  /// Since when it has what is recorded, in UTC; empty where this is not known.
+  std::string since(const std::string& service) const;
+
+  /// Takes out the service, or every service that the data store does not have.
+  void remove(const std::string& service);
+  void remove_strangers(const Store& store);
 
   /// A Failure when it cannot be written.
   void save() const;

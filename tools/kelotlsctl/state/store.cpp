@@ -1,17 +1,16 @@
 // Owns the data store as commands see it.
 #include "state/store.h"
 
-#include <fcntl.h>
+#include <fnmatch.h>
 #include <kelotls/tls_profile_level.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <thread>
+#include <ctime>
+#include <set>
 
 #include "framework_config.h"
 #include "json_document.h"
@@ -25,10 +24,6 @@ namespace {
 using kelotls::kDataStorePath;
 using kelotls::kFrameworkDir;
 using kelotls::Profile;
-
-// Longer than reloaders take. Bounds the deadlock when a reloader calls kelotlsctl.
-constexpr std::chrono::seconds kPatience{60};
-constexpr std::chrono::milliseconds kPause{20};
 
 /// The row of a level that has one of its own; null for 0 and for values without a name.
 const Profile* named_profile(int level) {
@@ -69,14 +64,6 @@ Json::Value changed_entries(const Store& before, const Store& after) {
   });
 }
 
-int open_framework_directory() {
-  const int directory = ::open(kFrameworkDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (directory < 0) {
-    throw errno == ENOENT ? unreadable_store() : system_failure(kFrameworkDir);
-  }
-  return directory;
-}
-
 }  // namespace
 
 std::vector<std::string> make_missing_directories(bool is_dry_run) {
@@ -107,9 +94,7 @@ std::optional<int> find_level(std::string text) {
 int parse_level(const std::string& text) {
   const std::optional<int> level = find_level(text);
   if (!level) {
-    throw Failure(kUsage, "\"" + text + "\" is not a level",
-                  "A level is modern, intermediate, old, default, mozilla_modern, "
-                  "mozilla_intermediate, mozilla_old or 0 to 3.");
+    throw Failure(kUsage, "\"" + printable(text) + "\" is not a level", kLevelAdvice);
   }
   return *level;
 }
@@ -255,11 +240,41 @@ std::vector<std::string> warnings_of_unreadable(const Json::Value& unreadable) {
   return texts;
 }
 
+Selection select_services(const Store& store, const std::vector<std::string>& requested) {
+  if (requested.empty()) {
+    return {store.names(), true};
+  }
+  std::set<std::string> selected;
+  for (const std::string& request : requested) {
+    const std::size_t before = selected.size();
+    const bool is_pattern =
+        !store.has(request) && request.find_first_of("*?[") != std::string::npos;
+    for (const std::string& name : is_pattern ? store.names() : std::vector<std::string>()) {
+      if (::fnmatch(request.c_str(), name.c_str(), 0) == 0) {
+        selected.insert(name);
+      }
+    }
+    if (!is_pattern || selected.size() == before) {
+      require_service(store, request);
+      selected.insert(request);
+    }
+  }
+  return {{selected.begin(), selected.end()}, false};
+}
+
 void require_service(const Store& store, const std::string& service) {
   if (!store.has(service)) {
     throw Failure(kNoSuchService, "no service \"" + printable(service) + "\" has joined",
                   "kelotlsctl list shows those that have.");
   }
+}
+
+std::string now_as_text() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc = {};
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&now, &utc));
+  return text;
 }
 
 bool read_document(const std::string& path, Json::Value& document, std::string& fault) {
@@ -270,27 +285,6 @@ bool read_document(const std::string& path, Json::Value& document, std::string& 
   }
   fault = errno != 0 ? std::strerror(errno) : "not a JSON text: " + reader.fault();
   return false;
-}
-
-Lock::Lock(Console& console, bool is_needed)
-    : directory_(is_needed ? open_framework_directory() : -1) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  bool has_said_so = false;
-  while (is_needed && ::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno != EWOULDBLOCK && errno != EINTR) {
-      throw Failure(kFailed,
-                    std::string(kFrameworkDir) + " cannot be locked: " + std::strerror(errno));
-    }
-    if (std::chrono::steady_clock::now() > deadline) {
-      throw Failure(kFailed, "another kelotlsctl has been changing the framework for a minute",
-                    "Nothing was changed. Try again when it is done.");
-    }
-    if (!has_said_so) {
-      console.say("waiting for another kelotlsctl to finish");
-      has_said_so = true;
-    }
-    std::this_thread::sleep_for(kPause);
-  }
 }
 
 }  // namespace kelotlsctl

@@ -1,5 +1,4 @@
-// Owns the data store as commands see it: levels by name, loading, changing, saving, and the lock
-// that every writing command holds.
+// Owns the data store as commands see it: levels by name, loading, changing, saving.
 #pragma once
 
 #include <json/value.h>
@@ -20,6 +19,10 @@ constexpr mode_t kStoreMode = 0644;  // services read it, under whatever user th
 /// The level that the text names: modern, intermediate, old, default, the first three with
 /// "mozilla_" before them, 0 to 3; in any case.
 std::optional<int> find_level(std::string text);
+
+constexpr char kLevelAdvice[] =
+    "A level is modern, intermediate, old, default, mozilla_modern, mozilla_intermediate, "
+    "mozilla_old or 0 to 3.";
 
 /// The same; a Failure (usage) for anything else.
 int parse_level(const std::string& text);
@@ -93,6 +96,16 @@ Regeneration regenerate_store(const Store& before);
 /// "PATH is no descriptor and was passed over"
 std::vector<std::string> warnings_of_unreadable(const Json::Value& unreadable);
 
+/// The services that a command acts on.
+struct Selection {
+  std::vector<std::string> names;
+  bool is_all = false;
+};
+
+/// Those that are named, or that a pattern (* ? [...]) matches, each once; all of them where
+/// nothing is requested. A Failure (no such service) for a request that names none.
+Selection select_services(const Store& store, const std::vector<std::string>& requested);
+
 /// A Failure (no such service) unless the service has joined.
 void require_service(const Store& store, const std::string& service);
 
@@ -105,19 +118,10 @@ constexpr const char* kDirectories[] = {kelotls::kFrameworkDir, kelotls::kServic
 /// a dry run nothing is made, and folders above them are not looked at.
 std::vector<std::string> make_missing_directories(bool is_dry_run);
 
+/// "2027-01-31T23:59:59Z"
+std::string now_as_text();
+
 /// Reads a JSON file as the library reads its own. On failure the fault says why.
 bool read_document(const std::string& path, Json::Value& document, std::string& fault);
-
-/// Keeps two administrators from losing each other's change: the library itself loads, changes and
-/// saves without a lock. The lock is on the framework's directory, so that no lock file is left
-/// behind and none need exist.
-class Lock {
- public:
-  /// Takes the lock if the command is going to write. Waits for its holder, a minute at most.
-  Lock(Console& console, bool is_needed);
-
- private:
-  const kelotls::Descriptor directory_;
-};
 
 }  // namespace kelotlsctl

@@ -1,17 +1,22 @@
 // kelotlsctl apply: rendering, reloading and probing as one.
 #include "command_line.h"
 #include "state/application.h"
+#include "state/history.h"
+#include "state/lock.h"
 
 namespace kelotlsctl {
 
 Report apply_levels(Console& console, const Arguments& arguments) {
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
   const Store store = load_store();
+  const Selection selection = select_services(store, arguments.services);
+  const ReloadOptions options = reload_options(arguments.reload_timeout);
   Report report;
   if (arguments.dry_run) {
-    report.document = foresee_application(store);
+    report = foresee_application(store, selection, false);
   } else {
-    report = apply_to(console, store, store.names());
+    begin_record(arguments.command, arguments.reason, changes_of(selection.names));
+    report = apply_to(console, store, selection, options);
   }
   report.document["applied"] = !arguments.dry_run;
   return report;
@@ -22,10 +27,7 @@ void print_applied(Console& console, const Json::Value& document) {
     print_application(console, document);
     return;
   }
-  warn_of_faults(console, document["rendered"], "service", ": ");
-  warn_of_reloading(console, document["reload-fault"]);
-  print_renderings(console, document["rendered"], false);
-  print_reloaders(console, document["reloaders"], document["reload-fault"], false);
+  print_foreseen(console, document);
 }
 
 }  // namespace kelotlsctl

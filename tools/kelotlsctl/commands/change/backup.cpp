@@ -3,11 +3,12 @@
 #include "files.h"
 #include "json_document.h"
 #include "state/documents.h"
+#include "state/lock.h"
 
 namespace kelotlsctl {
 
 Report backup(Console& console, const Arguments& arguments) {
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
   const Store store = load_store();
   const std::string path =
       arguments.file.empty() ? dated_name("kelotls-levels-", ".json") : arguments.file;

@@ -3,6 +3,8 @@
 #include "files.h"
 #include "json_document.h"
 #include "paths.h"
+#include "state/history.h"
+#include "state/lock.h"
 #include "state/store.h"
 
 namespace kelotlsctl {
@@ -15,7 +17,12 @@ Report initialise(Console& console, const Arguments& arguments) {
                   "Nothing was changed. If it cannot be used: kelotlsctl recover");
   }
   const std::vector<std::string> made = make_missing_directories(arguments.dry_run);
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
+  if (!arguments.dry_run) {
+    Json::Value changes = changes_of({});
+    changes.append(level_change("default level", "none", level_text(level_json(level))));
+    begin_record(arguments.command, arguments.reason, changes);
+  }
   if (!arguments.dry_run &&
       !kelotls::create_file(path, kelotls::json_text(empty_store(level).root), kStoreMode)) {
     throw system_failure(path);

@@ -8,8 +8,10 @@
 #include "command_line.h"
 #include "files.h"
 #include "paths.h"
+#include "state/application.h"
 #include "state/documents.h"
-#include "state/service_state.h"
+#include "state/history.h"
+#include "state/lock.h"
 #include "state/spelling.h"
 #include "state/templates.h"
 
@@ -102,7 +104,7 @@ void warn_of(Console& console, const kelotls::Faults& faults) {
 Report join_services(Console& console, const Arguments& arguments) {
   const Registration registration = require_registration(arguments.file, kelotls::Purpose::kJoin);
   const TemplateVerdicts templates = judge_templates(registration.document);
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
   Store store = load_store();
   warn_of(console, file_warnings(registration.document));
   warn_of(console, misspelt_members(registration.document));
@@ -112,8 +114,11 @@ Report join_services(Console& console, const Arguments& arguments) {
   report.document["services"] = plan_json(registration, store);
   report.document["written"] = !arguments.dry_run;
   if (!arguments.dry_run) {
+    begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
     execute(registration, store);
-    report.notes.emplace_back("Not in force yet: kelotlsctl apply");
+    if (any_pending(load_store(), registration.names())) {
+      report.notes.emplace_back("Not in force yet: kelotlsctl apply");
+    }
   }
   return report;
 }

@@ -5,6 +5,8 @@
 #include "files.h"
 #include "paths.h"
 #include "state/documents.h"
+#include "state/history.h"
+#include "state/lock.h"
 #include "state/service_state.h"
 
 namespace kelotlsctl {
@@ -75,10 +77,11 @@ void execute(const Registration& registration, const Json::Value& services) {
 
 Report leave_services(Console& console, const Arguments& arguments) {
   const Registration registration = require_registration(arguments.file, kelotls::Purpose::kLeave);
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
   require_members(registration, load_store());
   const Json::Value services = plan_json(registration);
   if (!arguments.dry_run) {
+    begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
     execute(registration, services);
   }
   return {kDone, object({{"written", !arguments.dry_run}, {"services", services}})};

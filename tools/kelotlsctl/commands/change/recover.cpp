@@ -12,6 +12,8 @@
 #include "json_document.h"
 #include "paths.h"
 #include "state/documents.h"
+#include "state/history.h"
+#include "state/lock.h"
 
 namespace kelotlsctl {
 
@@ -24,6 +26,12 @@ struct Plan {
   Store store;  ///< what is to be written, but for the levels of the backup's services
   std::optional<Store> saved;
   Json::Value document;
+
+  Json::Value record() const {
+    Json::Value changes = changes_of(store.names());
+    changes.append(level_change("default level", "none", level_text(document["default-level"])));
+    return changes;
+  }
 };
 
 /// The default level, without services, and the backup.
@@ -109,10 +117,11 @@ void execute(Plan& plan) {
 Report recover(Console& console, const Arguments& arguments) {
   Plan plan = read_arguments(arguments);
   make_missing_directories(arguments.dry_run);
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
   require_unusable_store();
   complete(plan);
   if (!arguments.dry_run) {
+    begin_record(arguments.command, arguments.reason, plan.record());
     execute(plan);
   }
 

@@ -1,13 +1,22 @@
 // kelotlsctl regen: the data store, brought in line with the descriptor files.
 #include "command_line.h"
+#include "state/history.h"
+#include "state/lock.h"
 #include "state/store.h"
 
 namespace kelotlsctl {
 
 Report regenerate(Console& console, const Arguments& arguments) {
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
   const Regeneration plan = regenerate_store(load_store());
   if (!arguments.dry_run) {
+    std::vector<std::string> changed;
+    for (const char* const list : {"added", "changed"}) {
+      for (const Json::Value& service : plan.document[list]) {
+        changed.push_back(service.asString());
+      }
+    }
+    begin_record(arguments.command, arguments.reason, changes_of(changed));
     save_store(plan.store);
   }
   Json::Value document = plan.document;

@@ -1,13 +1,22 @@
 // kelotlsctl reload: all reloaders, run.
 #include "command_line.h"
 #include "state/application.h"
+#include "state/history.h"
+#include "state/lock.h"
 
 namespace kelotlsctl {
 
 Report reload(Console& console, const Arguments& arguments) {
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
   const Store store = load_store();
-  const Json::Value reloading = arguments.dry_run ? list_reloaders() : run_reloaders(store);
+  const Selection selection = select_services(store, arguments.services);
+  const ReloadOptions options = reload_options(arguments.reload_timeout);
+  if (!arguments.dry_run) {
+    begin_record(arguments.command, arguments.reason, changes_of(selection.names));
+  }
+  const Json::Value reloading = arguments.dry_run
+                                    ? list_reloaders(selection)
+                                    : run_reloaders(console, store, selection, options);
   const bool has_fault = reloading.isMember("fault");
   warn_of_reloading(console, reloading["fault"]);
   Json::Value document = reloading;

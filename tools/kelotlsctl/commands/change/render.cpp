@@ -3,6 +3,8 @@
 
 #include "command_line.h"
 #include "state/application.h"
+#include "state/history.h"
+#include "state/lock.h"
 
 namespace kelotlsctl {
 
@@ -24,10 +26,15 @@ Report render_templates(Console& console, const Arguments& arguments) {
     throw Failure(kUsage, "--level goes with --preview: services have their own levels");
   }
   const bool writes = !arguments.check && !arguments.dry_run;
-  const Lock lock(console, writes);
-  const Json::Value renderings =
-      render_all(load_store(), writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview,
-                 arguments.check);
+  const Lock lock(console, arguments.command, writes);
+  const Store store = load_store();
+  const Selection selection = select_services(store, arguments.services);
+  if (writes) {
+    begin_record(arguments.command, arguments.reason, changes_of(selection.names));
+  }
+  const Json::Value renderings = render_templates_of(
+      store, selection, writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview,
+      arguments.check);
   warn_of_faults(console, renderings, "service", ": ");
   const bool any_change =
       std::any_of(renderings.begin(), renderings.end(),

@@ -2,11 +2,14 @@
 #include "command_line.h"
 #include "framework_config.h"
 #include "state/documents.h"
+#include "state/history.h"
+#include "state/level_change.h"
+#include "state/lock.h"
 
 namespace kelotlsctl {
 
 Report restore(Console& console, const Arguments& arguments) {
-  const Lock lock(console, !arguments.dry_run);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
   Store live = load_store();
   const Store saved = read_backup(arguments.file);
   for (const std::string& warning : warnings_of(saved)) {
@@ -15,7 +18,10 @@ Report restore(Console& console, const Arguments& arguments) {
   Json::Value document = restoration_json(live, saved);
   document["written"] = !arguments.dry_run;
   if (!arguments.dry_run) {
+    const Store before = live;
     kelotls::restore_levels(live.root, saved.root);
+    begin_record(arguments.command, arguments.reason,
+                 LevelChange{before, live, {live.names(), true}}.record());
     save_store(live);
   }
   return {kDone, document};

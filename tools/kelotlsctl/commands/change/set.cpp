@@ -1,122 +1,149 @@
-// kelotlsctl set: a service's level, and with --apply its way into force.
-#include <exception>
-
+// kelotlsctl set: the levels of services, and with --apply their way into force.
 #include "command_line.h"
-#include "state/application.h"
+#include "state/history.h"
+#include "state/level_change.h"
+#include "state/lock.h"
 
 namespace kelotlsctl {
 
 namespace {
 
-/// A change of one service's level.
-struct Plan {
-  std::string service;
-  Store before;
-  Store after;
+/// What the operator asks for: services, and a level as the last word.
+struct Request {
+  std::vector<std::string> services;
+  int level = 0;
 };
 
-Plan make_plan(const Arguments& arguments, int level) {
+/// Points out where the level came before the service.
+[[noreturn]] void refuse_level(const std::string& level, const std::vector<std::string>& services) {
+  const bool is_swapped = services.size() == 1 && find_level(services[0]);
+  throw Failure(kUsage, "\"" + printable(level) + "\" is not a level",
+                is_swapped ? "The service comes first: kelotlsctl set " + printable(level) + " " +
+                                 printable(services[0])
+                           : kLevelAdvice);
+}
+
+Request parse_request(const Arguments& arguments) {
+  Request request = {arguments.services, 0};
+  const std::string level = request.services.back();
+  request.services.pop_back();
+  if (request.services.empty() != arguments.all) {
+    throw Failure(kUsage, arguments.all ? "--all and services exclude each other"
+                                        : "a service and a level are needed",
+                  "kelotlsctl set SERVICE... LEVEL, or kelotlsctl set --all LEVEL");
+  }
+  const std::optional<int> found = find_level(level);
+  if (!found) {
+    refuse_level(level, request.services);
+  }
+  request.level = *found;
+  return request;
+}
+
+LevelChange make_plan(const Request& request) {
   const Store before = load_store();
-  require_service(before, arguments.service);
-  Plan plan = {arguments.service, before, before};
-  plan.after.root["services"][plan.service]["current-level"] = level;
+  LevelChange plan = {before, before, select_services(before, request.services)};
+  for (const std::string& service : plan.selection.names) {
+    plan.after.root["services"][service]["current-level"] = request.level;
+  }
   return plan;
 }
 
-Report report_of(const Plan& plan, bool is_written) {
-  const Json::Value former = level_json(plan.before.stored_level(plan.service));
-  Json::Value document = plan.after.levels_json(plan.service);
-  const Json::Value requested = document["stored-level"];
-  document["former-level"] = former;
-  document["requested-level"] = requested;
-  document["stored-level"] = is_written ? requested : former;
-  document["written"] = is_written && former != requested;
-  document["undone"] = false;
-  document["apply"] = Json::Value();
-  return {kDone, document};
+Json::Value plan_json(const LevelChange& plan, bool is_written) {
+  return list_of(plan.selection.names, [&](const std::string& service) {
+    const Json::Value former = level_json(plan.before.stored_level(service));
+    Json::Value change = plan.after.levels_json(service);
+    const Json::Value requested = change["stored-level"];
+    change["former-level"] = former;
+    change["requested-level"] = requested;
+    change["stored-level"] = is_written ? requested : former;
+    change["written"] = is_written && former != requested;
+    change["undone"] = false;
+    return change;
+  });
 }
 
-/// Everything as it was before, as far as that can be had.
-void undo(Console& console, const Plan& plan, Report& report) {
-  save_store(plan.before);
-  bool is_in_force = false;
-  try {
-    is_in_force = apply_to(console, plan.before, {}).code == kDone;
-  } catch (const std::exception& exception) {
-    console.warn(printable(std::string(exception.what())));
+void tell_undone(Json::Value& services, const Json::Value& undone) {
+  for (Json::Value& service : services) {
+    for (const Json::Value& element : undone) {
+      if (element["service"] == service["service"]) {
+        service["undone"] = true;
+        service["written"] = false;
+        service["stored-level"] = element["level"];
+      }
+    }
   }
-  report.document["undone"] = true;
-  report.document["written"] = false;
-  report.document["stored-level"] = report.document["former-level"];
-  report.warnings.push_back(
-      printable(plan.service) + " is back at " + level_text(report.document["former-level"]) +
-      (is_in_force ? ", rendered and reloaded" : ", but rendering or reloading failed again"));
 }
 
-/// Sets the level and brings it into force; should a step fail, undoes it.
-Report set_and_apply(Console& console, const Plan& plan) {
-  Report report = report_of(plan, true);
-  save_store(plan.after);
-  try {
-    const Report application = apply_to(console, plan.after, {plan.service});
-    report.document["apply"] = application.document;
-    report.code = application.code;
-  } catch (const std::exception&) {
-    undo(console, plan, report);
-    console.warn(report.warnings.back());
-    throw;
+/// How the new levels get to the services; empty where they are there.
+std::string next_step(const LevelChange& plan) {
+  ServiceInspector inspector(plan.after);
+  bool is_next_context = true;
+  bool is_in_force = true;
+  for (const std::string& service : plan.selection.names) {
+    const State state = inspector.inspect(service).state;
+    is_next_context = is_next_context && state == State::kNextContext;
+    is_in_force = is_in_force && (state == State::kInForce || state == State::kNextContext);
   }
-  if (report.code != kDone) {
-    undo(console, plan, report);
+  return is_next_context ? "In force from the service's next context on."
+         : is_in_force   ? ""
+                         : "Not in force yet: kelotlsctl apply";
+}
+
+bool writes_anything(const LevelChange& plan) { return plan.before.root != plan.after.root; }
+
+Report set_only(const LevelChange& plan, bool is_dry_run) {
+  Report report;
+  report.document["services"] = plan_json(plan, !is_dry_run);
+  report.document["apply"] = Json::Value();
+  if (!is_dry_run && writes_anything(plan)) {
+    save_store(plan.after);
+    const std::string step = next_step(plan);
+    report.notes.insert(report.notes.end(), step.empty() ? 0 : 1, step);
   }
   return report;
-}
-
-/// How the new level gets to the service.
-std::string next_step(const Store& store, const std::string& service) {
-  return ServiceInspector(store).inspect(service).state == State::kNextContext
-             ? "In force from the service's next context on."
-             : "Not in force yet: kelotlsctl apply";
 }
 
 }  // namespace
 
 Report set_level(Console& console, const Arguments& arguments) {
-  const int level = parse_level(arguments.level);
-  const Lock lock(console, !arguments.dry_run);
-  const Plan plan = make_plan(arguments, level);
-  if (arguments.dry_run) {
-    return report_of(plan, false);
+  const Request request = parse_request(arguments);
+  const ReloadOptions options = reload_options(arguments.reload_timeout);
+  const Lock lock(console, arguments.command, !arguments.dry_run);
+  const LevelChange plan = make_plan(request);
+  if (!arguments.dry_run && (arguments.apply || writes_anything(plan))) {
+    begin_record(arguments.command, arguments.reason, plan.record());
   }
-  if (arguments.apply) {
-    return set_and_apply(console, plan);
+  if (!arguments.apply) {
+    return set_only(plan, arguments.dry_run);
   }
-  Report report = report_of(plan, true);
-  if (report.document["written"].asBool()) {
-    save_store(plan.after);
-    if (!console.json()) {
-      report.notes.push_back(next_step(plan.after, plan.service));
-    }
-  }
+  Report report = arguments.dry_run ? foresee(plan) : bring_into_force(console, plan, options);
+  Json::Value services = plan_json(plan, !arguments.dry_run);
+  tell_undone(services, report.document["undone"]);
+  report.document.removeMember("undone");
+  report.document = object({{"services", services}, {"apply", report.document}});
   return report;
 }
 
 void print_set(Console& console, const Json::Value& document) {
-  if (!document["apply"].isNull()) {
-    print_application(console, document["apply"]);
+  const Json::Value& apply = document["apply"];
+  if (!apply.isNull() && apply["probed"].empty()) {
+    print_foreseen(console, apply);
+  } else if (!apply.isNull()) {
+    print_application(console, apply);
   }
-  if (document["undone"].asBool()) {
-    return;
+  for (const Json::Value& service : document["services"]) {
+    const std::string level =
+        describe_levels(service["requested-level"], service["effective-level"]);
+    const std::string change =
+        service["former-level"] == service["requested-level"]
+            ? "already " + level
+            : level_text(service["former-level"]) +
+                  (service["written"].asBool() ? " became " : " would become ") + level;
+    if (!service["undone"].asBool()) {
+      console.data() << printable(service["service"]) << ": " << change << '\n';
+    }
   }
-  const std::string level =
-      describe_levels(document["requested-level"], document["effective-level"]);
-  console.data() << printable(document["service"]) << ": ";
-  if (document["former-level"] == document["requested-level"]) {
-    console.data() << "already " << level << '\n';
-    return;
-  }
-  console.data() << level_text(document["former-level"])
-                 << (document["written"].asBool() ? " became " : " would become ") << level << '\n';
 }
 
 }  // namespace kelotlsctl

@@ -72,6 +72,9 @@ void print_service(Console& console, const Json::Value& details) {
   print_line(console, "level",
              describe_levels(details["stored-level"], details["effective-level"]));
   print_line(console, "state", state_text(details["state"].asString()));
+  if (details.isMember("in-force-since")) {
+    print_line(console, "since", details["in-force-since"].asString());
+  }
   if (details.isMember("fault")) {
     print_line(console, "fault", details["fault"].asString());
   }

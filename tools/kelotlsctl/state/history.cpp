@@ -1,0 +1,274 @@
+// Owns the trace that every change leaves.
+#include "state/history.h"
+
+#include <fcntl.h>
+#include <json/writer.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <sstream>
+
+#include "files.h"
+#include "json_document.h"
+#include "log_messages.h"
+#include "output/console.h"
+#include "paths.h"
+#include "state/store.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+constexpr Json::ArrayIndex kMostLoggedChanges = 20;
+
+struct OpenRecord {
+  bool is_open = false;
+  Json::Value begin;
+  Json::Value end;
+};
+OpenRecord current;
+
+std::string user_name(uid_t user) {
+  const passwd* const entry = ::getpwuid(user);
+  return entry != nullptr ? entry->pw_name : std::to_string(user);
+}
+
+/// Who logged in, whatever user the session became since; empty where the kernel does not know.
+std::string login_name() {
+  std::string text;
+  kelotls::read_file("/proc/self/loginuid", text);
+  char* end = nullptr;
+  const unsigned long user = std::strtoul(text.c_str(), &end, 10);
+  const bool is_known = end != text.c_str() && user != static_cast<uid_t>(-1);
+  return is_known ? user_name(static_cast<uid_t>(user)) : std::string();
+}
+
+Json::Value who() {
+  Json::Value person = object({{"user", user_name(::getuid())}});
+  const std::string login = login_name();
+  if (!login.empty()) {
+    person["login"] = login;
+  }
+  if (const char* const invoker = std::getenv("SUDO_USER")) {
+    person["sudo"] = invoker;
+  }
+  return person;
+}
+
+Json::Value terminal() {
+  for (const int descriptor : {STDIN_FILENO, STDERR_FILENO, STDOUT_FILENO}) {
+    char name[64];
+    if (::ttyname_r(descriptor, name, sizeof name) == 0) {
+      return name;
+    }
+  }
+  return {};
+}
+
+std::string new_id() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::to_string(std::chrono::nanoseconds(now).count()) + "-" + std::to_string(::getpid());
+}
+
+/// One line, whatever the record holds.
+std::string line_of(const Json::Value& record) {
+  Json::StreamWriterBuilder settings;
+  settings["indentation"] = "";
+  settings["emitUTF8"] = true;
+  return Json::writeString(settings, record) + "\n";
+}
+
+bool sync_directory() {
+  const kelotls::Descriptor directory(
+      ::open(kelotls::kFrameworkDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return directory.is_open() && ::fsync(directory.get()) == 0;
+}
+
+/// A line that was cut short, by a power cut, is ended first.
+bool ends_in_line(int file, off_t size) {
+  char last = '\n';
+  return size == 0 || (::pread(file, &last, 1, size - 1) == 1 && last == '\n');
+}
+
+bool append(const Json::Value& record) {
+  const kelotls::Descriptor file(
+      ::open(kHistoryPath,
+             O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
+  struct stat status = {};
+  if (!file.is_open() || ::fstat(file.get(), &status) != 0) {
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return kelotls::fail(EINVAL);
+  }
+  const std::string line = line_of(record);
+  return kelotls::write_all(file.get(),
+                            ends_in_line(file.get(), status.st_size) ? line : "\n" + line) &&
+         ::fsync(file.get()) == 0 && (status.st_size != 0 || sync_directory());
+}
+
+void begin_new_file_where_full() {
+  struct stat status = {};
+  if (::lstat(kHistoryPath, &status) == 0 &&
+      status.st_size > static_cast<off_t>(kMaxHistoryBytes)) {
+    static_cast<void>(std::rename(kHistoryPath, kFormerHistoryPath));
+  }
+}
+
+std::string change_text(const Json::Value& change) {
+  std::string text = change["service"].asString();
+  if (change.isMember("to")) {
+    text += " " + change["from"].asString() + " -> " + change["to"].asString();
+  }
+  return text;
+}
+
+std::string who_text(const Json::Value& person) {
+  std::string text = person["user"].asString();
+  for (const char* const key : {"login", "sudo"}) {
+    if (person.isMember(key)) {
+      text += std::string(", ") + key + " " + person[key].asString();
+    }
+  }
+  return text;
+}
+
+/// "kelotlsctl set: web old -> modern; by root, login ann, on /dev/pts/0; reason: audit; done"
+std::string log_text() {
+  const Json::Value& begin = current.begin;
+  std::string text = "kelotlsctl " + begin["command"].asString() + ": ";
+  const Json::Value& changes = begin["changes"];
+  for (Json::ArrayIndex index = 0; index < changes.size() && index < kMostLoggedChanges; ++index) {
+    text += change_text(changes[index]) + (index + 1 < changes.size() ? ", " : "; ");
+  }
+  if (changes.size() > kMostLoggedChanges) {
+    text += std::to_string(changes.size() - kMostLoggedChanges) + " more; ";
+  }
+  text += "by " + who_text(begin["who"]);
+  if (!begin["terminal"].isNull()) {
+    text += ", on " + begin["terminal"].asString();
+  }
+  if (!begin["reason"].isNull()) {
+    text += "; reason: " + begin["reason"].asString();
+  }
+  return printable(text + "; " + current.end["result"].asString());
+}
+
+/// Adds the records of a file, in the order of their first ones.
+class HistoryReader {
+ public:
+  void read(const char* path, std::vector<std::string>& faults) {
+    std::string text;
+    if (!kelotls::read_file(path, text)) {
+      if (errno != ENOENT) {
+        faults.push_back(std::string(path) + ": " + std::strerror(errno));
+      }
+      return;
+    }
+    std::istringstream lines(text);
+    std::size_t number = 0;
+    for (std::string line; std::getline(lines, line);) {
+      ++number;
+      if (!take(line)) {
+        faults.push_back(std::string(path) + ", line " + std::to_string(number) + ": is no record");
+      }
+    }
+  }
+
+  Json::Value changes() { return std::move(changes_); }
+
+ private:
+  bool take(const std::string& line) {
+    Json::Value record;
+    if (!reader_.parse(line, record) || kelotls::text_member(record, "id").empty()) {
+      return false;
+    }
+    const std::string id = record["id"].asString();
+    const auto [place, is_new] = places_.emplace(id, changes_.size());
+    if (is_new) {
+      record["result"] = record.get("result", "interrupted");
+      changes_.append(record);
+    } else {
+      for (const std::string& key : record.getMemberNames()) {
+        changes_[place->second][key] = record[key];
+      }
+    }
+    return true;
+  }
+
+  kelotls::JsonReader reader_;
+  std::map<std::string, Json::ArrayIndex> places_;
+  Json::Value changes_{Json::arrayValue};
+};
+
+}  // namespace
+
+Json::Value changes_of(const std::vector<std::string>& services) {
+  return list_of(services, [](const std::string& service) {
+    return object({{"service", service}});
+  });
+}
+
+Json::Value level_change(const std::string& service, const std::string& from,
+                         const std::string& to) {
+  return object({{"service", service}, {"from", from}, {"to", to}});
+}
+
+void begin_record(const std::string& command, const std::string& reason,
+                  const Json::Value& changes) {
+  begin_new_file_where_full();
+  current.begin = object({{"id", new_id()},
+                          {"time", now_as_text()},
+                          {"command", command},
+                          {"who", who()},
+                          {"terminal", terminal()},
+                          {"reason", reason.empty() ? Json::Value() : Json::Value(reason)},
+                          {"changes", changes}});
+  if (!append(current.begin)) {
+    throw Failure(kFailed, std::string(kHistoryPath) + ": " + std::strerror(errno),
+                  "Nothing was changed: a change has to leave a trace.");
+  }
+  current.end = object({{"id", current.begin["id"]}});
+  current.is_open = true;
+}
+
+void set_result(const std::string& result, const Json::Value& services) {
+  current.end["result"] = result;
+  if (!services.isNull()) {
+    current.end["services"] = services;
+  }
+}
+
+bool end_record(int code) {
+  if (!current.is_open) {
+    return true;
+  }
+  current.is_open = false;
+  current.end["ended"] = now_as_text();
+  current.end["code"] = code;
+  if (!current.end.isMember("result")) {
+    current.end["result"] = code == kDone ? "done" : code > 128 ? "interrupted" : "failed";
+  }
+  const bool is_written = append(current.end);
+  const int error = errno;
+  kelotls::log::write_audit(log_text());
+  errno = error;
+  return is_written;
+}
+
+Json::Value read_history(std::vector<std::string>& faults) {
+  HistoryReader reader;
+  reader.read(kFormerHistoryPath, faults);
+  reader.read(kHistoryPath, faults);
+  return reader.changes();
+}
+
+}  // namespace kelotlsctl

@@ -1,0 +1,28 @@
+// Owns how reloaders are run: for how long, with which environment, and what ends them.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace kelotlsctl {
+
+constexpr std::chrono::seconds kReloadTimeout{60};
+
+struct ProgramResult {
+  enum class End { kByItself, kLate, kInterrupted };
+
+  int error = 0;   ///< why it could not be run
+  int status = 0;  ///< its exit status, or 128 + the signal that ended it
+  End end = End::kByItself;
+};
+
+/// Runs a program without arguments and waits for its end. It is the leader of a process group of
+/// its own, in the directory "/", with umask 022, an empty standard input, default signals, no
+/// descriptor above 2, and of the environment PATH (a fixed one), LANG, LC_*, TZ and TERM alone.
+/// What it writes to the standard output goes to the standard error.
+///
+/// Once its time is over, or at the second signal that asks the command to end, its whole group
+/// gets SIGTERM, and SIGKILL two seconds later. A program whose parent is killed gets SIGTERM.
+ProgramResult run_to_end(const std::string& path, std::chrono::seconds timeout);
+
+}  // namespace kelotlsctl
