@@ -46,7 +46,8 @@ TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
 }
 
 TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
-  EXPECT_EQ(complete("kelotlsctl render --"), "--json --quiet --reason --help --dry-run --check --preview --level\n");
+  EXPECT_EQ(complete("kelotlsctl render --"),
+            "--json --quiet --reason --help --dry-run --check --preview --level\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
 }
 

@@ -28,8 +28,9 @@ Request parse_request(const Arguments& arguments) {
   const std::string level = request.services.back();
   request.services.pop_back();
   if (request.services.empty() != arguments.all) {
-    throw Failure(kUsage, arguments.all ? "--all and services exclude each other"
-                                        : "a service and a level are needed",
+    throw Failure(kUsage,
+                  arguments.all ? "--all and services exclude each other"
+                                : "a service and a level are needed",
                   "kelotlsctl set SERVICE... LEVEL, or kelotlsctl set --all LEVEL");
   }
   const std::optional<int> found = find_level(level);
