@@ -73,7 +73,8 @@ def prepare():
         with open(done, "w", encoding="utf-8"):
             pass
     subprocess.run(["g++", "-o", f"{WORK}/unit_tests",
-                    *glob.glob(f"{trial.BUILD}/tests/CMakeFiles/unit_tests.dir/*.o"),
+                    *glob.glob(f"{trial.BUILD}/tests/CMakeFiles/unit_tests.dir/**/*.o",
+                               recursive=True),
                     f"{trial.BUILD}/tests/libtest_bed.a", "-lgtest_main", "-lgtest",
                     f"{WORK}/objects/{trial.OPEN}", f"-Wl,-rpath-link,{trial.BUILD}/platform",
                     "-ljsoncpp", "-lcrypto", "-lpthread"], check=True)
@@ -112,6 +113,7 @@ def all_cases():
                 suite = name
             elif not name.startswith("DISABLED_"):
                 cases.append((program, suite + name))
+        must(cases and cases[-1][0] == program, f"listing the cases of {program}")
     return cases
 
 
