@@ -120,14 +120,14 @@ int run(Console& console, const CommandRow& row, const Arguments& arguments) {
 /// Closes what the command has begun: its record, and the wait of signals that ask it to end.
 int end(Console& console, int code) {
   const int signal = interruption();
-  if (!end_record(signal != 0 ? 128 + signal : code)) {
+  const int exit_status = signal != 0 ? 128 + signal : code;
+  if (!end_record(code, exit_status)) {
     console.warn(std::string(kHistoryPath) + ": " + std::strerror(errno));
   }
-  if (signal == 0) {
-    return code;
+  if (signal != 0) {
+    console.warn("interrupted by " + signal_name(signal));
   }
-  console.warn("interrupted by " + signal_name(signal));
-  return 128 + signal;
+  return exit_status;
 }
 
 /// A reader of our output that goes away must not end a change halfway. A handler rather than

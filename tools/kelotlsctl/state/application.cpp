@@ -14,6 +14,7 @@
 #include "output/text.h"
 #include "paths.h"
 #include "reloaders.h"
+#include "state/history.h"
 #include "state/interruption.h"
 #include "tls/report.h"
 
@@ -281,6 +282,9 @@ Json::Value run_reloaders(Console& console, const Store& store, const Selection&
     run_listed(reloaders[index], options.timeout);
   }
   console.progress("reloading", reloaders.size(), reloaders.size());
+  if (!reloaders.empty() && reloaders[reloaders.size() - 1].isMember("not-run")) {
+    set_result("interrupted");
+  }
   stamp_services(store, selection, reloaders);
   return reloading;
 }

@@ -247,15 +247,15 @@ void set_result(const std::string& result, const Json::Value& services) {
   }
 }
 
-bool end_record(int code) {
+bool end_record(int code, int exit_status) {
   if (!current.is_open) {
     return true;
   }
   current.is_open = false;
   current.end["ended"] = now_as_text();
-  current.end["code"] = code;
+  current.end["code"] = exit_status;
   if (!current.end.isMember("result")) {
-    current.end["result"] = code == kDone ? "done" : code > 128 ? "interrupted" : "failed";
+    current.end["result"] = code == kDone ? "done" : exit_status > 128 ? "interrupted" : "failed";
   }
   const bool is_written = append(current.end);
   const int error = errno;

@@ -33,9 +33,11 @@ void begin_record(const std::string& command, const std::string& reason,
 /// differs among them: [{"service", "result"}].
 void set_result(const std::string& result, const Json::Value& services = Json::Value());
 
-/// Ends the record, if one was begun, with the result that was set, or else by the exit code; and
-/// writes the line to the system log. False with errno when the record could not be written.
-bool end_record(int code);
+/// Ends the record, if one was begun, with the result that was set; else with "done" where the
+/// command was, "interrupted" or "failed". Writes the line to the system log too. exit_status: of
+/// the command, once it is known whether a signal asked it to end. False with errno when the record
+/// could not be written.
+bool end_record(int code, int exit_status);
 
 /// The changes on record, oldest first: {"id", "time", "command", "who", "terminal", "reason",
 /// "changes", "result", "ended", "code"}. faults: "PATH, line 3: ...", for lines that are no
