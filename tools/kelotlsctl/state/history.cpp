@@ -34,7 +34,11 @@ struct OpenRecord {
   Json::Value begin;
   Json::Value end;
 };
-OpenRecord current;
+
+OpenRecord& current() {
+  static OpenRecord record;
+  return record;
+}
 
 std::string user_name(uid_t user) {
   const passwd* const entry = ::getpwuid(user);
@@ -143,7 +147,7 @@ std::string who_text(const Json::Value& person) {
 
 /// "kelotlsctl set: web old -> modern; by root, login ann, on /dev/pts/0; reason: audit; done"
 std::string log_text() {
-  const Json::Value& begin = current.begin;
+  const Json::Value& begin = current().begin;
   std::string text = "kelotlsctl " + begin["command"].asString() + ": ";
   const Json::Value& changes = begin["changes"];
   for (Json::ArrayIndex index = 0; index < changes.size() && index < kMostLoggedChanges; ++index) {
@@ -159,7 +163,7 @@ std::string log_text() {
   if (!begin["reason"].isNull()) {
     text += "; reason: " + begin["reason"].asString();
   }
-  return printable(text + "; " + current.end["result"].asString());
+  return printable(text + "; " + current().end["result"].asString());
 }
 
 /// Adds the records of a file, in the order of their first ones.
@@ -225,39 +229,39 @@ Json::Value level_change(const std::string& service, const std::string& from,
 void begin_record(const std::string& command, const std::string& reason,
                   const Json::Value& changes) {
   begin_new_file_where_full();
-  current.begin = object({{"id", new_id()},
-                          {"time", now_as_text()},
-                          {"command", command},
-                          {"who", who()},
-                          {"terminal", terminal()},
-                          {"reason", reason.empty() ? Json::Value() : Json::Value(reason)},
-                          {"changes", changes}});
-  if (!append(current.begin)) {
+  current().begin = object({{"id", new_id()},
+                            {"time", now_as_text()},
+                            {"command", command},
+                            {"who", who()},
+                            {"terminal", terminal()},
+                            {"reason", reason.empty() ? Json::Value() : Json::Value(reason)},
+                            {"changes", changes}});
+  if (!append(current().begin)) {
     throw Failure(kFailed, std::string(kHistoryPath) + ": " + std::strerror(errno),
                   "Nothing was changed: a change has to leave a trace.");
   }
-  current.end = object({{"id", current.begin["id"]}});
-  current.is_open = true;
+  current().end = object({{"id", current().begin["id"]}});
+  current().is_open = true;
 }
 
 void set_result(const std::string& result, const Json::Value& services) {
-  current.end["result"] = result;
+  current().end["result"] = result;
   if (!services.isNull()) {
-    current.end["services"] = services;
+    current().end["services"] = services;
   }
 }
 
 bool end_record(int code, int exit_status) {
-  if (!current.is_open) {
+  if (!current().is_open) {
     return true;
   }
-  current.is_open = false;
-  current.end["ended"] = now_as_text();
-  current.end["code"] = exit_status;
-  if (!current.end.isMember("result")) {
-    current.end["result"] = code == kDone ? "done" : exit_status > 128 ? "interrupted" : "failed";
+  current().is_open = false;
+  current().end["ended"] = now_as_text();
+  current().end["code"] = exit_status;
+  if (!current().end.isMember("result")) {
+    current().end["result"] = code == kDone ? "done" : exit_status > 128 ? "interrupted" : "failed";
   }
-  const bool is_written = append(current.end);
+  const bool is_written = append(current().end);
   const int error = errno;
   kelotls::log::write_audit(log_text());
   errno = error;

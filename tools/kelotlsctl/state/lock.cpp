@@ -58,7 +58,7 @@ void name_holder(int file, const std::string& command) {
   const std::time_t now = std::time(nullptr);
   char since[16];
   std::tm local = {};
-  std::strftime(since, sizeof since, "%H:%M:%S", ::localtime_r(&now, &local));
+  static_cast<void>(std::strftime(since, sizeof since, "%H:%M:%S", ::localtime_r(&now, &local)));
   const std::string text = kelotls::json_text(
       object({{"command", command}, {"process", std::to_string(::getpid())}, {"since", since}}));
   // Only a courtesy to the one that waits: what cannot be written leaves the lock as good as it is.

@@ -48,7 +48,7 @@ std::vector<char*> clean_environment() {
 
 void set_default_signals() {
   for (int number = 1; number < NSIG; ++number) {
-    ::signal(number, SIG_DFL);
+    static_cast<void>(::signal(number, SIG_DFL));
   }
   sigset_t none;
   ::sigemptyset(&none);

@@ -22,7 +22,6 @@ namespace kelotlsctl {
 namespace {
 
 using kelotls::kDataStorePath;
-using kelotls::kFrameworkDir;
 using kelotls::Profile;
 
 /// The row of a level that has one of its own; null for 0 and for values without a name.
@@ -273,7 +272,7 @@ std::string now_as_text() {
   const std::time_t now = std::time(nullptr);
   std::tm utc = {};
   char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&now, &utc));
+  static_cast<void>(std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&now, &utc)));
   return text;
 }
 
