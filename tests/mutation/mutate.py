@@ -77,6 +77,7 @@ def prepare():
                                recursive=True),
                     f"{trial.BUILD}/tests/libtest_bed.a", "-lgtest_main", "-lgtest",
                     f"{WORK}/objects/{trial.OPEN}", f"-Wl,-rpath-link,{trial.BUILD}/platform",
+                    f"-L{trial.BUILD}/platform", "-lkelocore", "-lkelomustache",
                     "-ljsoncpp", "-lcrypto", "-lpthread"], check=True)
 
 
