@@ -3,11 +3,8 @@
 
 #include <openssl/crypto.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -76,21 +73,6 @@ ContextOwner make_level_context(int level) {
   kelotls::ContextResult result = kelotls::make_context(kelotls::profile_of_level(level));
   require(result.refused == nullptr, result.refused);
   return std::move(result.context);
-}
-
-DhFile read_dh_file(const Profile& profile) {
-  DhFile file = {kelotls::kDhParamDir + std::string(profile.dh_file), nullptr, 0, {}};
-  std::string text;
-  if (!kelotls::read_file(file.path, text)) {
-    file.error = errno;
-    file.fault = std::string("cannot be opened: ") + std::strerror(file.error);
-    return file;
-  }
-  ERR_clear_error();
-  const BioOwner bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-  file.parameters.reset(PEM_read_bio_DHparams(bio.get(), nullptr, nullptr, nullptr));
-  file.fault = "holds no DH parameters: " + take_openssl_reason();
-  return file;
 }
 
 Json::Value explain_context(SSL_CTX* context, int level) {

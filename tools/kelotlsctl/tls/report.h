@@ -3,7 +3,6 @@
 #pragma once
 
 #include <json/value.h>
-#include <openssl/dh.h>
 #include <openssl/ssl.h>
 
 #include <cstddef>
@@ -13,11 +12,11 @@
 #include <string>
 
 #include "profile.h"
+#include "tls/dh_parameters.h"
 
 namespace kelotlsctl {
 
 using kelotls::ContextOwner;
-using DhOwner = std::unique_ptr<DH, kelotls::Release<DH_free>>;
 using Progress = std::function<void(std::size_t done, std::size_t all)>;
 
 // A level of 0 or above that names none is intermediate, here as in the library.
@@ -30,16 +29,6 @@ Json::Value describe_level(int level);
 /// that no service has. Reads the level's DH parameter file; a file that cannot be used leaves the
 /// context without DHE. Throws std::runtime_error when OpenSSL refuses a setting.
 ContextOwner make_level_context(int level);
-
-struct DhFile {
-  std::string path;
-  DhOwner parameters;  // null: the file cannot be used
-  int error = 0;       // errno of a file that cannot be read
-  std::string fault;   // why it cannot be used, as words after its path
-};
-
-/// The DH parameter file of a level that has one.
-DhFile read_dh_file(const kelotls::Profile& profile);
 
 /// What the context offers of its level, found by handshakes with it, and why it offers no more.
 /// The context keeps its settings and its sessions; only its count of handshakes grows. Reads the
