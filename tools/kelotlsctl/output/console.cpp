@@ -25,21 +25,6 @@ Failure system_failure(const std::string& path) {
   return {kFailed, path + ": " + std::strerror(errno)};
 }
 
-std::string printable(const std::string& text) {
-  std::string result;
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte < 0x20 || byte == 0x7f) {
-      char escape[8];
-      static_cast<void>(std::snprintf(escape, sizeof escape, "\\x%02x", byte));
-      result += escape;
-    } else {
-      result += character;
-    }
-  }
-  return result;
-}
-
 std::string printable(const Json::Value& text) { return printable(text.asString()); }
 
 Json::Value object(std::initializer_list<std::pair<const char*, Json::Value>> members) {

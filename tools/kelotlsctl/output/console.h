@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "files.h"
+#include "output/safe_text.h"
 
 namespace kelotlsctl {
 
@@ -40,9 +41,7 @@ class Failure : public std::runtime_error {
 /// The Failure of a call on the path, with the text of errno.
 Failure system_failure(const std::string& path);
 
-/// The text with every control character written as "\xNN", so that a name out of a file cannot
-/// drive the terminal; the same of a text in a document.
-std::string printable(const std::string& text);
+/// The text of a document, as safe_text has it.
 std::string printable(const Json::Value& text);
 
 /// A JSON object of these members; a JSON list of these texts, of those for which the condition
