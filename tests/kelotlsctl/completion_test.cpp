@@ -80,7 +80,7 @@ TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
     EXPECT_EQ(bash.count(name), 1u) << name;
     EXPECT_TRUE(contains(zsh, "\n    '" + name + ":"));
   }
-  EXPECT_EQ(commands, 21u);
+  EXPECT_EQ(commands, 22u);
   EXPECT_EQ(bash.size(), commands + 5) << "the options before a command are five";
 }
 

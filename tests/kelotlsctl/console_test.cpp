@@ -75,9 +75,9 @@ TEST_F(KelotlsctlConsole, ShowsHelpAndVersion) {
   const Outcome help = run({"--help"});
   EXPECT_EQ(help.status, 0);
   for (const char* command :
-       {"list",   "show",  "get",      "set",     "default", "levels", "explain",
-        "probe",  "check", "validate", "join",    "leave",   "regen",  "render",
-        "reload", "apply", "backup",   "restore", "init",    "recover"}) {
+       {"list",   "show",  "get",      "set",     "default", "levels",  "explain",
+        "probe",  "check", "validate", "join",    "leave",   "regen",   "render",
+        "reload", "apply", "backup",   "restore", "init",    "recover", "dh"}) {
     EXPECT_TRUE(contains(help.out, std::string("\n  ") + command + " ")) << command;
     EXPECT_EQ(run({command, "--help"}).status, 0) << command;
   }

@@ -35,6 +35,8 @@ TEST_P(KelotlsctlDryRun, SaysWhatWouldBeDoneAndChangesNothing) {
   } else if (first == "init") {
     remove_all(kDataStore);
     remove_all(kConfig);
+  } else if (first == "dh") {
+    remove_all(std::string(kSslDir) + "dh1024.pem");
   }
   const Lines before = tree();
   const Lines temporary_before = names_in("/tmp");
@@ -82,7 +84,11 @@ INSTANTIATE_TEST_SUITE_P(
         DryRun{"Init", {"init"}, "tls-profile/config/: would be made\n"},
         DryRun{"Recover",
                {"recover", "--from", "/tmp/levels.json"},
-               "web: old would be taken from the backup\n"}),
+               "web: old would be taken from the backup\n"},
+        DryRun{"Dh",
+               {"dh"},
+               "dh2048.pem: stays as it is\n"
+               "/usr/kelo/etc/ssl/dh1024.pem: would be made with a new prime of 1024 bits\n"}),
     [](const auto& suite) { return suite.param.name; });
 
 }  // namespace

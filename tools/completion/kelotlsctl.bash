@@ -3,7 +3,7 @@
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
   local commands='list show get set default levels explain probe check history validate join leave regen
-    render reload apply backup restore init recover'
+    render reload apply backup restore init recover dh'
   local levels='modern intermediate old default'
   local command='' position=0 index word
   for ((index = 1; index < COMP_CWORD; index++)); do
@@ -54,6 +54,7 @@ _kelotlsctl_options() {
     join | leave | regen | backup | restore) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
+    dh) options+=' --dry-run --force' ;;
     init) options+=' --dry-run --default' ;;
     recover) options+=' --dry-run --default --from' ;;
   esac

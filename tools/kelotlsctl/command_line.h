@@ -20,6 +20,7 @@ struct Arguments {
   std::string command;  ///< its name
   std::string reason;   ///< why the operator makes the change
   std::string reload_timeout;
+  bool force = false;
   std::string service;
   std::vector<std::string> services;  ///< names and patterns
   std::string level;
@@ -62,9 +63,10 @@ PrintFunction print_services, print_service, print_level_of_service, print_level
 
 // change/: what writes, renders or runs
 CommandFunction set_level, default_level, join_services, leave_services, regenerate,
-    render_templates, reload, apply_levels, backup, restore, initialise, recover;
+    render_templates, reload, apply_levels, backup, restore, initialise, recover, make_dh_files;
 PrintFunction print_set, print_default, print_joined, print_left, print_regenerated, print_rendered,
-    print_reloaded, print_applied, print_backup, print_restored, print_initialised, print_recovered;
+    print_reloaded, print_applied, print_backup, print_restored, print_initialised, print_recovered,
+    print_dh_files;
 
 /// What "render --preview" does.
 Report preview_templates(const Arguments& arguments);

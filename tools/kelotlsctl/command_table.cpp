@@ -86,6 +86,9 @@ const std::vector<CommandRow>& commands() {
       {"--from", "A backup to take the levels from", nullptr, &Arguments::file},
       {"--default", "The default level", nullptr, &Arguments::level}},
      "0, 1, 2", recover, print_recovered},
+    {"dh", "Make the files of Diffie-Hellman parameters",
+     {kDryRun, {"--force", "Replace files that are in order, too", &Arguments::force}},
+     "0, 1", make_dh_files, print_dh_files},
   };
   // clang-format on
   return table;
