@@ -61,9 +61,9 @@ TEST_F(KelotlsctlDh, LeavesFilesInOrderAsTheyAre) {
 
 TEST_F(KelotlsctlDh, ReplacesFilesThatAreBroken) {
   const std::vector<std::pair<std::string, std::string>> texts = {
-      {"", "holds no DH parameters"},
+      {"", "holds no DH parameters: no start line"},
       {"-----BEGIN DH PARAMETERS-----\nMAA=\n-----END DH PARAMETERS-----\n",
-       "holds no DH parameters"},
+       "holds no DH parameters: wrong tag"},
       {test_data("bed/data/dh1024.pem"), "holds parameters of 1024 bits, not 2048"},
       {test_data("bed/data/dh2048_small_factors.pem"),
        "holds unsafe DH parameters: the modulus is no prime"}};

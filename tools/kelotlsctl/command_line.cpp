@@ -37,6 +37,8 @@ class Parser {
     app.add_flag("--quiet", is_quiet, "Print what was asked for, and faults, only");
     app.add_option("--reason", arguments.reason, "Why the change is made; kept in the history")
         ->check(not_empty);
+    app.add_flag("--trust-anyway", arguments.trust_anyway,
+                 "Go on where others than root may change what is trusted; is logged");
     app.add_flag_callback(
         "--version",
         [] {
@@ -101,6 +103,10 @@ void print(Console& console, const CommandRow& row, const Report& report) {
 
 int run(Console& console, const CommandRow& row, const Arguments& arguments) {
   try {
+    if (row.trusted != nullptr) {
+      require_trust(console, walk_places(row.trusted(arguments)),
+                    {row.name, arguments.trust_anyway, arguments.dry_run});
+    }
     const Report report = row.run(console, arguments);
     print(console, row, report);
     return report.code;

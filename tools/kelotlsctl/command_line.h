@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "output/console.h"
+#include "state/trusted_places.h"
 
 namespace kelotlsctl {
 
@@ -21,6 +22,7 @@ struct Arguments {
   std::string reason;   ///< why the operator makes the change
   std::string reload_timeout;
   bool force = false;
+  bool trust_anyway = false;
   std::string service;
   std::vector<std::string> services;  ///< names and patterns
   std::string level;
@@ -51,6 +53,8 @@ struct CommandRow {
   const char* exit_codes;
   CommandFunction* run;
   PrintFunction* print;
+  /// What has to be root's alone before it runs, called like this.
+  Places (*trusted)(const Arguments& arguments);
 };
 
 // The commands' functions: for each, what does it and what prints its document.

@@ -13,6 +13,24 @@ constexpr ArgumentRow kTimeout = {"--reload-timeout", "Seconds that a reloader m
 constexpr ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
 // clang-format on
 
+template <Places places>
+Places always(const Arguments&) {
+  return places;
+}
+
+Places of_set(const Arguments& arguments) {
+  return arguments.apply ? kAllPlaces : kFrameworkPlaces;
+}
+
+/// A preview reads no more than its template.
+Places of_render(const Arguments& arguments) {
+  return arguments.preview.empty() ? kRenderingPlaces : kNoPlaces;
+}
+
+Places of_default(const Arguments& arguments) {
+  return arguments.level.empty() ? kNoPlaces : of_set(arguments);
+}
+
 }  // namespace
 
 const std::vector<CommandRow>& commands() {
@@ -20,75 +38,75 @@ const std::vector<CommandRow>& commands() {
   static const std::vector<CommandRow> table = {
     {"list", "Show all services (without a command, this)",
      {{"--names", "", &Arguments::names, nullptr, false, false, true}},
-     "0, 1, 4", list_services, print_services},
+     "0, 1, 4", list_services, print_services, nullptr},
     {"show", "Show one service and its files", {kService},
-     "0, 1, 4, 10", show_service, print_service},
+     "0, 1, 4, 10", show_service, print_service, nullptr},
     {"get", "Show a service's level", {kService},
-     "0, 1, 4, 10", get_level, print_level_of_service},
+     "0, 1, 4, 10", get_level, print_level_of_service, nullptr},
     {"levels", "Show what each level asks for", {},
-     "0, 1", show_levels, print_levels},
+     "0, 1", show_levels, print_levels, nullptr},
     {"explain", "Show what this machine gives of a level, and why",
      {{"LEVEL|SERVICE", "A level, or a service and its level", nullptr, &Arguments::subject, true, true}},
-     "0, 1, 4, 10", explain, print_explained},
+     "0, 1, 4, 10", explain, print_explained, nullptr},
     {"probe", "Shake hands with a service and compare",
      {kService,
       {"--connect", "HOST:PORT of a running server", nullptr, &Arguments::address}},
-     "0, 1, 2, 3, 4, 10", probe_service, print_probed},
+     "0, 1, 2, 3, 4, 10", probe_service, print_probed, nullptr},
     {"check", "Look for whatever is wrong", {},
-     "0, 1, 3", check_framework, print_findings},
+     "0, 1, 3", check_framework, print_findings, nullptr},
     {"history", "Show what was changed, by whom and why",
      {{"SERVICE", "Only what concerns this service", nullptr, &Arguments::service}},
-     "0, 1", show_history, print_history},
+     "0, 1", show_history, print_history, nullptr},
 
     {"set", "Set the levels of services",
      {kDryRun,
       {"SERVICE", "Services, or patterns with * and ?, and last the LEVEL: modern, intermediate, old, default, or 0 to 3", nullptr, nullptr, true, true, false, &Arguments::services},
       {"--all", "All services", &Arguments::all},
       {"--apply", "Render, reload and probe; undo what fails", &Arguments::apply}, kTimeout},
-     "0, 1, 2, 3, 4, 5, 10", set_level, print_set},
+     "0, 1, 2, 3, 4, 5, 10", set_level, print_set, of_set},
     {"default", "Show or set the default level",
      {kDryRun,
       {"LEVEL", "modern, intermediate, old, or 1 to 3", nullptr, &Arguments::level},
       {"--apply", "Render, reload and probe who follows it; undo what fails", &Arguments::apply}, kTimeout},
-     "0, 1, 2, 3, 4, 5", default_level, print_default},
+     "0, 1, 2, 3, 4, 5", default_level, print_default, of_default},
 
     {"validate", "Name every fault of a registration", {kFile},
-     "0, 1, 3", validate_registration, print_validated},
+     "0, 1, 3", validate_registration, print_validated, nullptr},
     {"join", "Make services join", {kDryRun, kFile},
-     "0, 1, 4", join_services, print_joined},
+     "0, 1, 4", join_services, print_joined, always<kFrameworkPlaces>},
     {"leave", "Make services leave", {kDryRun, kFile},
-     "0, 1, 4, 10", leave_services, print_left},
+     "0, 1, 4, 10", leave_services, print_left, always<kFrameworkPlaces>},
 
     {"regen", "Bring the data store in line with the descriptors", {kDryRun},
-     "0, 1, 4", regenerate, print_regenerated},
+     "0, 1, 4", regenerate, print_regenerated, always<kDescribedPlaces>},
     {"render", "Render templates",
      {kDryRun, kServices,
       {"--check", "Show what would change, with the differences", &Arguments::check},
       {"--preview", "FILE or SERVICE: show what its template gives at each level", nullptr, &Arguments::preview},
       {"--level", "Show it at this level alone", nullptr, &Arguments::level}},
-     "0, 1, 2, 3, 4, 10", render_templates, print_rendered},
+     "0, 1, 2, 3, 4, 10", render_templates, print_rendered, of_render},
     {"reload", "Run reloaders", {kDryRun, kServices, kTimeout},
-     "0, 1, 2, 4, 5, 10", reload, print_reloaded},
+     "0, 1, 2, 4, 5, 10", reload, print_reloaded, always<kReloadingPlaces>},
     {"apply", "Render, reload and probe", {kDryRun, kServices, kTimeout},
-     "0, 1, 2, 3, 4, 5, 10", apply_levels, print_applied},
+     "0, 1, 2, 3, 4, 5, 10", apply_levels, print_applied, always<kAllPlaces>},
 
     {"backup", "Save all levels",
      {kDryRun, {"FILE", "A new file; a dated one in this folder unless named", nullptr, &Arguments::file}},
-     "0, 1, 4", backup, print_backup},
+     "0, 1, 4", backup, print_backup, always<kFrameworkPlaces>},
     {"restore", "Take levels from a backup",
      {kDryRun, {"FILE", "The backup", nullptr, &Arguments::file, true, true}},
-     "0, 1, 4", restore, print_restored},
+     "0, 1, 4", restore, print_restored, always<kFrameworkPlaces>},
     {"init", "Make the first data store of a fresh appliance",
      {kDryRun, {"--default", "The default level; else intermediate", nullptr, &Arguments::level}},
-     "0, 1, 2", initialise, print_initialised},
+     "0, 1, 2", initialise, print_initialised, always<kFrameworkPlaces>},
     {"recover", "Get back from a data store that is missing or broken",
      {kDryRun,
       {"--from", "A backup to take the levels from", nullptr, &Arguments::file},
       {"--default", "The default level", nullptr, &Arguments::level}},
-     "0, 1, 2", recover, print_recovered},
+     "0, 1, 2", recover, print_recovered, always<kDescribedPlaces>},
     {"dh", "Make the files of Diffie-Hellman parameters",
      {kDryRun, {"--force", "Replace files that are in order, too", &Arguments::force}},
-     "0, 1", make_dh_files, print_dh_files},
+     "0, 1", make_dh_files, print_dh_files, always<kDhPlaces>},
   };
   // clang-format on
   return table;

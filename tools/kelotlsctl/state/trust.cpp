@@ -85,17 +85,21 @@ bool may_be_changed(const struct stat& status) {
   return !S_ISLNK(status.st_mode) && !is_sticky && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
 }
 
-void refuse(Distrust& fault, const std::string& reason, const std::string& remedy) {
+void refuse(Distrust& fault, Distrust::Kind kind, const std::string& reason,
+            const std::string& remedy) {
+  fault.kind = kind;
   fault.reason = reason;
   fault.remedy = remedy;
 }
 
 void judge(int descriptor, const struct stat& status, Distrust& fault) {
   if (!belongs_to_root(descriptor, status, fault.component)) {
-    refuse(fault, "belongs to the user " + std::to_string(status.st_uid) + ", not to root",
+    refuse(fault, Distrust::Kind::kOwner,
+           "belongs to the user " + std::to_string(status.st_uid) + ", not to root",
            (S_ISLNK(status.st_mode) ? "chown -h root " : "chown root ") + fault.component);
   } else if (may_be_changed(status)) {
-    refuse(fault, "others than its owner may change it", "chmod go-w " + fault.component);
+    refuse(fault, Distrust::Kind::kMode, "others than its owner may change it",
+           "chmod go-w " + fault.component);
   }
 }
 
@@ -133,7 +137,7 @@ TrustWalk::Component TrustWalk::look_at(Distrust& fault) {
   struct stat status = {};
   if (!found.is_open() || ::fstat(found.get(), &status) != 0) {
     if (errno != ENOENT && errno != ENOTDIR) {
-      refuse(fault, std::strerror(errno), "put it right");
+      refuse(fault, Distrust::Kind::kUnknown, std::strerror(errno), "put it right");
     }
     return {false, {}};
   }
@@ -155,7 +159,7 @@ const TrustWalk::Component& TrustWalk::step_to(Distrust fault) {
 }
 
 void TrustWalk::add(const std::string& place) {
-  step_to({"/", place, false, {}, {}});
+  step_to({"/", place, false, {}, {}, {}});
   Steps steps;
   push_front(place.compare(0, 1, "/") == 0 ? place : working_directory() + place, steps);
   std::string path;  // of the directory that the walk has come to; empty for the root
@@ -167,7 +171,7 @@ void TrustWalk::add(const std::string& place) {
       continue;
     }
     const std::string next = path + "/" + name;
-    const Component& component = step_to({next, place, steps.empty(), {}, {}});
+    const Component& component = step_to({next, place, steps.empty(), {}, {}, {}});
     if (!component.exists) {
       return;
     }

@@ -12,8 +12,9 @@ struct Distrust {
   std::string component;  ///< its path, free of links and of ".."
   std::string place;      ///< the path that was to be trusted
   bool is_end = false;    ///< it is what the place leads to, not on the way there
-  std::string reason;     ///< "others than its owner may change it"
-  std::string remedy;     ///< "chmod go-w /a/b"
+  enum class Kind { kOwner, kMode, kUnknown } kind = Kind::kUnknown;
+  std::string reason;  ///< "others than its owner may change it"
+  std::string remedy;  ///< "chmod go-w /a/b"
 };
 
 /// Walks paths from the root on, component by component, following links itself, so that each link

@@ -2,7 +2,6 @@
 #include <kelotls/tls_profile_level.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "command_line.h"
 #include "files.h"
@@ -20,7 +19,6 @@ constexpr int kNamedBits = 2048;
 
 /// A file as it is to be; the text is empty for one that stays.
 struct Plan {
-  std::string path;
   int bits;
   DhFile former;
   std::string text;
@@ -30,20 +28,18 @@ struct Plan {
 };
 
 Plan make_plan(const kelotls::Profile& profile) {
-  Plan plan = {std::string(kelotls::kDhParamDir) + profile.dh_file, profile.dh_bits, {}, {}};
-  plan.former = read_dh_file(plan.path, profile.dh_bits);
-  return plan;
+  return {profile.dh_bits, read_dh_file(profile), {}};
 }
 
 Json::Value plan_json(const Plan& plan, bool is_forced) {
-  const char* const change = plan.stays(is_forced) ? "none"
-                             : plan.former.exists  ? "changed"
-                                                   : "new";
-  Json::Value file = object({{"path", plan.path}, {"bits", plan.bits}, {"change", change}});
+  const char* const change = plan.stays(is_forced)         ? "none"
+                             : plan.former.error != ENOENT ? "changed"
+                                                           : "new";
+  Json::Value file = object({{"path", plan.former.path}, {"bits", plan.bits}, {"change", change}});
   if (!plan.stays(is_forced)) {
     file["group"] = plan.is_named() ? "ffdhe2048" : "generated";
   }
-  if (plan.former.exists && !plan.former.fault.empty()) {
+  if (plan.former.error != ENOENT && !plan.former.fault.empty()) {
     file["fault"] = plan.former.fault;
   }
   return file;
@@ -66,11 +62,11 @@ void make_texts(Console& console, std::vector<Plan>& plans, bool is_forced) {
 void execute(const std::vector<Plan>& plans) {
   std::vector<std::string> made;
   if (!kelotls::make_directories(kelotls::kDhParamDir, 0755, made)) {
-    throw Failure(kFailed, std::string(kelotls::kDhParamDir) + ": " + std::strerror(errno));
+    throw system_failure(kelotls::kDhParamDir);
   }
   for (const Plan& plan : plans) {
-    if (!plan.text.empty() && !kelotls::replace_entry(plan.path, plan.text, kMode)) {
-      throw Failure(kFailed, plan.path + ": " + std::strerror(errno));
+    if (!plan.text.empty() && !kelotls::replace_entry(plan.former.path, plan.text, kMode)) {
+      throw system_failure(plan.former.path);
     }
   }
 }

@@ -15,6 +15,7 @@
 #include "regeneration.h"
 #include "registration.h"
 #include "state/service_state.h"
+#include "state/trusted_places.h"
 #include "tls/report.h"
 
 namespace kelotlsctl {
@@ -230,6 +231,10 @@ void check_services(const Store& store, Findings& findings) {
   }
 }
 
+bool is_reloader(const std::string& path) {
+  return path.rfind(kelotls::kSystemReloaderDir, 0) == 0 || path.rfind(kPackageReloaderDir, 0) == 0;
+}
+
 /// All that is in the reloaders' directories is run as the administrator.
 void check_reloaders(const std::optional<Store>& store, Findings& findings) {
   for (const std::string directory : {kelotls::kSystemReloaderDir, kPackageReloaderDir}) {
@@ -248,15 +253,17 @@ void check_reloaders(const std::optional<Store>& store, Findings& findings) {
 
 // Directories, Diffie-Hellman files, and what is left behind
 
-/// Nobody but the administrator may change what the framework trusts.
-void check_safety(const std::string& path, const struct stat& status, Findings& findings) {
-  if ((status.st_mode & 0022) != 0) {
-    findings.add(kError, path, "others than its owner may change it", "chmod go-w " + path);
-  }
-  if (status.st_uid != 0) {
-    findings.add(kWarning, path,
-                 "belongs to the user " + std::to_string(status.st_uid) + ", not to root",
-                 "chown root " + path);
+/// A place that is itself at fault is named as the framework spells it. A reloader that others may
+/// change was found where it is looked at as a program.
+void check_trust(Findings& findings) {
+  const TrustWalk walk = walk_places(kAllPlaces);
+  for (const Distrust& fault : walk.faults()) {
+    const bool is_the_place =
+        fault.place == fault.component || fault.place == fault.component + "/";
+    if (!fault.is_end || fault.kind != Distrust::Kind::kMode || !is_reloader(fault.place)) {
+      findings.add(kError, is_the_place ? fault.place : fault.component, fault.reason,
+                   fault.remedy);
+    }
   }
 }
 
@@ -274,7 +281,6 @@ void check_directory(const std::string& path, Findings& findings) {
   if ((status.st_mode & 0555) != 0555) {
     findings.add(kWarning, path, "services that are not root cannot read it", "chmod 0755 " + path);
   }
-  check_safety(path, status, findings);
 }
 
 void check_directories(Findings& findings) {
@@ -285,7 +291,6 @@ void check_directories(Findings& findings) {
   if (::stat(kDataStorePath, &status) != 0) {
     return;  // the data store's own check says so
   }
-  check_safety(kDataStorePath, status, findings);
   if ((status.st_mode & 0444) != 0444) {
     findings.add(kWarning, kDataStorePath, "services that are not root cannot read it",
                  std::string("chmod 0644 ") + kDataStorePath);
@@ -294,20 +299,13 @@ void check_directories(Findings& findings) {
 
 void check_dh_file(const kelotls::Profile& profile, Findings& findings) {
   const DhFile file = read_dh_file(profile);
-  const std::string bits = std::to_string(profile.dh_bits);
-  const std::string action =
-      "openssl dhparam -out " + file.path + " " + bits + ", or the appliance's own file";
-  if (file.parameters == nullptr) {
+  if (!file.fault.empty()) {
+    const bool is_usable = file.parameters != nullptr;
     findings.add(
-        kWarning, file.path,
-        std::string(file.error != 0 ? std::strerror(file.error) : "holds no DH parameters") +
-            "; level " + profile.name + " offers no DHE suite",
-        action);
-  } else if (DH_bits(file.parameters.get()) != profile.dh_bits) {
-    findings.add(kWarning, file.path,
-                 "holds parameters of " + std::to_string(DH_bits(file.parameters.get())) +
-                     " bits, not " + bits,
-                 action);
+        file.is_unsafe ? kError : kWarning, file.path,
+        file.fault + (is_usable ? std::string()
+                                : std::string("; level ") + profile.name + " offers no DHE suite"),
+        "kelotlsctl dh, or the appliance's own file");
   }
 }
 
@@ -349,6 +347,7 @@ Report check_framework(Console&, const Arguments&) {
   Findings findings;
   const std::optional<Store> store = check_store(findings);
   check_directories(findings);
+  check_trust(findings);
   if (store) {
     check_entries(*store, findings);
     check_descriptors(*store, findings);

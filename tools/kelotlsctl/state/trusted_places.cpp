@@ -1,0 +1,162 @@
+// Owns what each command trusts.
+#include "state/trusted_places.h"
+
+#include <kelotls/tls_profile_level.h>
+#include <syslog.h>
+
+#include <set>
+
+#include "files.h"
+#include "json_document.h"
+#include "paths.h"
+#include "profile.h"
+#include "state/store.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// The paths of what is in a directory; none where it cannot be listed.
+Texts entries_of(const std::string& directory) {
+  Texts names;
+  kelotls::list_directory(directory, names);
+  for (std::string& name : names) {
+    name.insert(0, directory);
+  }
+  return names;
+}
+
+/// Every name that a template may mean by a partial. Tags may have other delimiters than braces, so
+/// whatever follows a ">" counts: up to the next blank, and up to the next brace.
+std::set<std::string> names_of_partials(const std::string& text) {
+  constexpr char kBlanks[] = " \t\r\n";
+  std::set<std::string> names;
+  for (std::size_t at = text.find('>'); at != std::string::npos; at = text.find('>', at + 1)) {
+    const std::size_t begin = text.find_first_not_of(kBlanks, at + 1);
+    if (begin == std::string::npos) {
+      break;
+    }
+    for (const char* const ends : {" \t\r\n}", "}\n"}) {
+      const std::string name = text.substr(begin, text.find_first_of(ends, begin) - begin);
+      names.insert(name.substr(0, name.find_last_not_of(kBlanks) + 1));
+    }
+  }
+  return names;
+}
+
+/// What the template names is of interest only where the template itself is trusted.
+void walk_template(const std::string& path, std::set<std::string>& walked, TrustWalk& walk) {
+  const std::size_t faults_before = walk.faults().size();
+  if (!walked.insert(path).second) {
+    return;
+  }
+  walk.add(path);
+  std::string text;
+  if (walk.faults().size() != faults_before || !kelotls::read_file(path, text)) {
+    return;
+  }
+  const std::string directory = path.substr(0, path.rfind('/') + 1);
+  for (const std::string& name : names_of_partials(text)) {
+    const std::string partial = directory + name + ".mustache";
+    if (kelotls::exists_at(partial)) {
+      walk_template(partial, walked, walk);
+    }
+  }
+}
+
+void walk_descriptors(bool with_templates, TrustWalk& walk) {
+  std::set<std::string> walked;
+  kelotls::JsonReader reader;
+  for (const std::string& path : entries_of(kelotls::kServicesDir)) {
+    walk.add(path);
+    Json::Value descriptor;
+    if (with_templates && reader.read(path, descriptor)) {
+      const std::string named = kelotls::text_member(descriptor, "mustache-path");
+      if (!named.empty()) {
+        walk_template(named, walked, walk);
+      }
+    }
+  }
+}
+
+void walk_dh_files(TrustWalk& walk) {
+  walk.add(std::string(kelotls::kDhParamDir));
+  for (const int level :
+       {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
+    walk.add(std::string(kelotls::kDhParamDir) + kelotls::profile_of_level(level).dh_file);
+  }
+}
+
+std::string fault_text(const Distrust& fault) {
+  return printable(fault.component) + ": " + fault.reason;
+}
+
+void log_blind_trust(const std::string& command, const std::string& text) {
+  ::syslog(LOG_AUTHPRIV | LOG_WARNING, "%s: %s", command.c_str(), text.c_str());
+}
+
+}  // namespace
+
+TrustWalk walk_places(unsigned int kinds) {
+  TrustWalk walk;
+  if ((kinds & kFrameworkPlaces) != 0) {
+    walk.add(Texts(std::begin(kDirectories), std::end(kDirectories)));
+    walk.add(std::string(kelotls::kDataStorePath));
+  }
+  if ((kinds & kDescriptorPlaces) != 0) {
+    walk_descriptors((kinds & kTemplatePlaces) != 0, walk);
+  }
+  if ((kinds & kDhPlaces) != 0) {
+    walk_dh_files(walk);
+  }
+  if ((kinds & kReloaderPlaces) != 0) {
+    for (const char* const directory :
+         {kelotls::kSystemReloaderDir, kelotls::kPackageReloaderDir}) {
+      walk.add(std::string(directory));
+      walk.add(entries_of(directory));
+    }
+  }
+  return walk;
+}
+
+TrustWalk walk_registration(const std::vector<kelotls::ServiceDesc>& services) {
+  TrustWalk walk;
+  std::set<std::string> walked;
+  for (const kelotls::ServiceDesc& service : services) {
+    walk.add(kelotls::descriptor_path(service.get_service_name()));
+    if (service.has_mustache()) {
+      walk_template(service.get_mustahce_path(), walked, walk);
+    }
+    if (service.has_reloader()) {
+      walk.add(service.get_reloader_path());
+    }
+  }
+  return walk;
+}
+
+void require_trust(Console& console, const TrustWalk& walk, const Confidence& confidence) {
+  if (walk.faults().empty()) {
+    return;
+  }
+  std::string list;
+  for (const Distrust& fault : walk.faults()) {
+    const std::string text = "trusted anyway: " + fault_text(fault);
+    list += (list.empty() ? "" : "\n  ") + fault_text(fault);
+    if (confidence.is_blind) {
+      console.warn(text);
+    }
+    if (confidence.is_blind && !confidence.is_dry_run) {
+      log_blind_trust(confidence.command, text);
+    }
+  }
+  if (!confidence.is_blind) {
+    throw Failure(kFailed, list,
+                  "Nothing was done. " + printable(walk.faults()[0].remedy) +
+                      "; kelotlsctl check names each such place. --trust-anyway goes on in spite "
+                      "of it.");
+  }
+}
+
+}  // namespace kelotlsctl

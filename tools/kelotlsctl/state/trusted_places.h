@@ -1,0 +1,44 @@
+// Owns what each command trusts: the places that it is about to write to, render, link or run.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "output/console.h"
+#include "registration.h"
+#include "state/trust.h"
+
+namespace kelotlsctl {
+
+/// Kinds of places, to be combined.
+enum Places : unsigned int {
+  kNoPlaces = 0,
+  kFrameworkPlaces = 1,   ///< its directories and the data store
+  kDescriptorPlaces = 2,  ///< the descriptor of each service
+  kTemplatePlaces = 4,    ///< that each descriptor names, with the partials that these name
+  kReloaderPlaces = 8,    ///< all that is run, with what its links lead to
+  kDhPlaces = 16,
+  kDescribedPlaces = kFrameworkPlaces | kDescriptorPlaces,
+  kRenderingPlaces = kDescribedPlaces | kTemplatePlaces,
+  kReloadingPlaces = kFrameworkPlaces | kReloaderPlaces,
+  kAllPlaces = kRenderingPlaces | kReloaderPlaces | kDhPlaces,
+};
+
+/// Walks all places of these kinds.
+TrustWalk walk_places(unsigned int kinds);
+
+/// Walks what joining overwrites and links, and what it has read and run later.
+TrustWalk walk_registration(const std::vector<kelotls::ServiceDesc>& services);
+
+/// How a command takes what the walk has found.
+struct Confidence {
+  std::string command;
+  bool is_blind = false;  ///< --trust-anyway
+  bool is_dry_run = false;
+};
+
+/// A Failure that names every fault of the walk; or, where confidence is blind, a warning and a
+/// line of the system log for each.
+void require_trust(Console& console, const TrustWalk& walk, const Confidence& confidence);
+
+}  // namespace kelotlsctl
