@@ -47,7 +47,7 @@ TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
 
 TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
   EXPECT_EQ(complete("kelotlsctl render --"),
-            "--json --quiet --reason --help --dry-run --check --preview --level\n");
+            "--json --quiet --reason --trust-anyway --help --dry-run --check --preview --level\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
 }
 
@@ -81,7 +81,7 @@ TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
     EXPECT_TRUE(contains(zsh, "\n    '" + name + ":"));
   }
   EXPECT_EQ(commands, 22u);
-  EXPECT_EQ(bash.size(), commands + 5) << "the options before a command are five";
+  EXPECT_EQ(bash.size(), commands + 6) << "the options before a command are six";
 }
 
 }  // namespace

@@ -115,6 +115,34 @@ TEST_F(KelotlsctlDh, SaysWhichFileCannotBeWritten) {
   EXPECT_EQ(tree(), before);
 }
 
+TEST_F(KelotlsctlDh, OfUnsafeParametersAreAnErrorWhereverTheyAreRead) {
+  join_both();
+  write_file(kDh2048, test_data("bed/data/dh2048_small_factors.pem"));
+  const std::string text = kDh2048 + " holds unsafe DH parameters: the modulus is no prime";
+
+  const JsonOutcome check = run_json("check");
+  EXPECT_EQ(check.status, 3);
+  ASSERT_EQ(check.document["findings"].size(), 1u);
+  EXPECT_EQ(check.document["findings"][0]["severity"], "error");
+  EXPECT_EQ(check.document["findings"][0]["path"], kDh2048);
+  EXPECT_EQ(check.document["findings"][0]["action"], "kelotlsctl dh, or the appliance's own file");
+  for (const Arguments& command : {Arguments{"explain", "intermediate"},
+                                   Arguments{"explain", "web"}, Arguments{"probe", "web"}}) {
+    const JsonOutcome outcome = run_json(command[0], {command[1]});
+    EXPECT_EQ(outcome.status, 3);
+    ASSERT_EQ(outcome.document["differences"].size(), 1u) << outcome.document.toStyledString();
+    EXPECT_EQ(outcome.document["differences"][0]["cause"], "dh-file-unsafe");
+    EXPECT_TRUE(contains(outcome.document["differences"][0]["text"].asString(), text));
+  }
+  const Outcome apply = run({"apply"});
+  EXPECT_EQ(apply.status, 3);
+  EXPECT_TRUE(contains(apply.err, "web: probe: " + text));
+  EXPECT_EQ(run({"explain", "modern"}).status, 0) << "which uses no such file";
+
+  ASSERT_EQ(run({"dh"}).status, 0);
+  EXPECT_EQ(run({"apply"}).status, 0);
+}
+
 TEST_F(KelotlsctlDh, NeedsNoFramework) {
   remove_all("/usr/kelo/etc/security-profile");
   remove_all(kDh2048);

@@ -25,7 +25,7 @@ _kelotlsctl() {
     --connect | --reason | --reload-timeout) return ;;
     *)
       case $command in
-        '') words="$commands --json --quiet --reason --version --help" ;;
+        '') words="$commands --json --quiet --reason --trust-anyway --version --help" ;;
         *) [[ $current == -* ]] && words=$(_kelotlsctl_options "$command") ;;
       esac
       ;;
@@ -46,7 +46,7 @@ _kelotlsctl() {
 }
 
 _kelotlsctl_options() {
-  local options='--json --quiet --reason --help'
+  local options='--json --quiet --reason --trust-anyway --help'
   case $1 in
     set) options+=' --dry-run --apply --all --reload-timeout' ;;
     default) options+=' --dry-run --apply --reload-timeout' ;;

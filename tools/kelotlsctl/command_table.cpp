@@ -47,7 +47,7 @@ const std::vector<CommandRow>& commands() {
      "0, 1", show_levels, print_levels, nullptr},
     {"explain", "Show what this machine gives of a level, and why",
      {{"LEVEL|SERVICE", "A level, or a service and its level", nullptr, &Arguments::subject, true, true}},
-     "0, 1, 4, 10", explain, print_explained, nullptr},
+     "0, 1, 3, 4, 10", explain, print_explained, nullptr},
     {"probe", "Shake hands with a service and compare",
      {kService,
       {"--connect", "HOST:PORT of a running server", nullptr, &Arguments::address}},

@@ -55,6 +55,19 @@ Json::Value in_order_of(const Json::Value& preferred, const Json::Value& accepte
   return suites;
 }
 
+/// Services use whatever a file holds.
+Json::Value with_unsafe_dh_file(Json::Value differences, const Profile& profile) {
+  const DhFile file = profile.dh_file != nullptr ? read_dh_file(profile) : DhFile();
+  if (file.is_unsafe) {
+    differences.append(
+        object({{"what", std::to_string(profile.dh_bits) + "-bit DH"},
+                {"kind", "extra"},
+                {"cause", "dh-file-unsafe"},
+                {"text", file.path + " " + file.fault + ". kelotlsctl dh replaces it."}}));
+  }
+  return differences;
+}
+
 }  // namespace
 
 Json::Value describe_level(int level) {
@@ -87,7 +100,7 @@ Json::Value explain_context(SSL_CTX* context, int level) {
                  {"openssl", OpenSSL_version(OPENSSL_VERSION)},
                  {"security-level", SSL_CTX_get_security_level(context)},
                  {"offers", offer},
-                 {"differences", measured["differences"]},
+                 {"differences", with_unsafe_dh_file(measured["differences"], profile)},
                  {"oldest-clients", oldest_clients(offer)},
                  {"lost-clients", oldest_clients(requested_by(profile), offer)}});
 }
@@ -98,6 +111,7 @@ Json::Value probe(const ProbeTarget& target, int level, const Progress& progress
   const bool is_server = !target.host.empty();
   Json::Value report = is_server ? measure_server(client, target, profile, progress)
                                  : measure_context(client, target.context, profile, progress);
+  report["differences"] = with_unsafe_dh_file(report["differences"], profile);
   report["level"] = profile.level;
   report["name"] = profile.name;
   report["target"] = is_server ? target.host + " port " + target.port : "context";

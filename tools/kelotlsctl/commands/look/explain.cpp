@@ -1,22 +1,37 @@
 // kelotlsctl explain: what this machine gives of a level, and why.
 #include <kelotls/api_provider.h>
 
+#include <algorithm>
+
 #include "command_line.h"
 #include "state/application.h"
 #include "tls/report.h"
 
 namespace kelotlsctl {
 
+namespace {
+
+/// That a machine gives less than the level asks for is no fault; unsafe DH parameters are.
+Report report_of(const Json::Value& explanation) {
+  const Json::Value& differences = explanation["differences"];
+  const bool is_unsafe = std::any_of(
+      differences.begin(), differences.end(),
+      [](const Json::Value& difference) { return difference["cause"] == "dh-file-unsafe"; });
+  return {is_unsafe ? kNotSo : kDone, explanation};
+}
+
+}  // namespace
+
 Report explain(Console&, const Arguments& arguments) {
   // A word that is a level means the level, even where a service has the name.
   if (const std::optional<int> named = find_level(arguments.subject)) {
     const int level = *named != 0 ? *named : load_store().default_level();
-    return {kDone, explain_context(make_level_context(level).get(), level)};
+    return report_of(explain_context(make_level_context(level).get(), level));
   }
   const Store store = load_store();
   require_service(store, arguments.subject);
   const kelotls::ContextOwner context = service_context(arguments.subject);
-  return {kDone, explain_context(context.get(), store.effective_level(arguments.subject))};
+  return report_of(explain_context(context.get(), store.effective_level(arguments.subject)));
 }
 
 void print_explained(Console& console, const Json::Value& document) {
