@@ -127,16 +127,6 @@ TEST_F(KelotlsctlRecovery, RefusesABackupThatTheLibraryWouldTakeForLevelZero) {
   EXPECT_EQ(tree(), before);
 }
 
-TEST_F(KelotlsctlRecovery, WarnsOfSavedLevelsWithoutAName) {
-  join_both();
-  write_file(kBackup, data_store_text(0, {{"web", "9"}}));
-  const Outcome outcome = run({"restore", kBackup});
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_TRUE(contains(outcome.err, "the saved default level is 0"));
-  EXPECT_TRUE(contains(outcome.err, "the saved level of web is 9"));
-  EXPECT_EQ(stored_level("web"), 9);
-}
-
 TEST_F(KelotlsctlRecovery, SaysThatLevelsWereNotRestored) {
   back_up_with_web_at_old();
   ASSERT_EQ(run({"set", "web", "modern"}).status, 0);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -89,7 +90,7 @@ class Parser {
 
 void print(Console& console, const CommandRow& row, const Report& report) {
   if (console.json()) {
-    console.data() << kelotls::json_text(report.document);
+    console.document(report.document);
   } else {
     (report.print != nullptr ? report.print : row.print)(console, report.document);
   }
@@ -136,12 +137,20 @@ int end(Console& console, int code) {
   return exit_status;
 }
 
-/// A reader of our output that goes away must not end a change halfway. A handler rather than
-/// ignoring, because programs that are run inherit the latter.
-void outlive_closed_pipes() {
+/// A reader of our output that goes away, or a limit of file sizes, must not end a change halfway:
+/// the call that meets it fails instead. A handler rather than ignoring, because programs that are
+/// run inherit the latter.
+void outlive_failed_writes() {
   struct sigaction action = {};
   action.sa_handler = [](int) {};
   ::sigaction(SIGPIPE, &action, nullptr);
+  ::sigaction(SIGXFSZ, &action, nullptr);
+}
+
+/// The parser stops at what it does not understand, and may not have come to the option.
+bool asks_for_json(int argc, char** argv) {
+  return std::any_of(argv + 1, argv + std::max(argc, 1),
+                     [](const std::string& argument) { return argument == "--json"; });
 }
 
 /// Where a standard descriptor is closed, the next file that is opened takes its number, and
@@ -164,12 +173,20 @@ void keep_files_from_others() { ::umask(::umask(077) | 022); }
 int run_program(int argc, char** argv) {
   occupy_standard_descriptors();
   keep_files_from_others();
-  outlive_closed_pipes();
+  outlive_failed_writes();
   Parser parser;
   try {
     parser.app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return parser.app.exit(error) == 0 ? kDone : kUsage;
+    if (parser.app.exit(error) == 0) {
+      return kDone;
+    }
+    if (asks_for_json(argc, argv)) {
+      Console console(true, false);
+      console.document(Failure(kUsage, error.what(), "Run with --help for more information."));
+      console.flush();
+    }
+    return kUsage;
   }
   Console console(parser.is_json, parser.is_quiet);
   // Many failures are a line of the system log: the operator sees each as well.

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "json_document.h"
+
 namespace kelotlsctl {
 
 namespace {
@@ -64,6 +66,14 @@ void Console::print_each(const Json::Value& texts, const std::string& remark) {
   }
 }
 
+void Console::document(const Json::Value& value) {
+  data_ << printable_json(kelotls::json_text(value));
+}
+
+void Console::document(const Failure& failure) {
+  document(object({{"error", failure.what()}, {"advice", failure.advice}, {"code", failure.code}}));
+}
+
 bool Console::flush() {
   const std::string text = data_.str();
   data_.str({});
@@ -86,12 +96,13 @@ void Console::write_line(const std::string& text) {
 
 void Console::complain(const char* kind, const char* colour_code, const std::string& text) {
   const std::string head = std::string("kelotlsctl: ") + kind + ": ";
-  write_line(error_colour_ ? colour_code + head + kPlain + text : head + text);
+  const std::string safe = printable_lines(text);
+  write_line(error_colour_ ? colour_code + head + kPlain + safe : head + safe);
 }
 
 void Console::say(const std::string& text) {
   if (!quiet_) {
-    write_line(text);
+    write_line(printable_lines(text));
   }
 }
 
@@ -100,7 +111,10 @@ void Console::warn(const std::string& text) { complain("warning", kYellow, text)
 void Console::error(const Failure& failure) {
   complain("error", kRed, failure.what());
   if (!failure.advice.empty()) {
-    write_line("  " + failure.advice);
+    write_line("  " + printable_lines(failure.advice));
+  }
+  if (json_) {
+    document(failure);
   }
 }
 

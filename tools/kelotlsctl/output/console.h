@@ -77,6 +77,10 @@ class Console {
   /// A line of data for each text of a JSON list, with the remark behind it.
   void print_each(const Json::Value& texts, const std::string& remark);
 
+  /// The one document that a command gives with --json, as data; of a Failure, why there is none.
+  void document(const Json::Value& value);
+  void document(const Failure& failure);
+
   /// Writes out what was held back. False when anything could not be written; a reader that has
   /// gone away is no failure.
   bool flush();

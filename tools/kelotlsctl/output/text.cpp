@@ -143,7 +143,8 @@ void Table::print(std::ostream& out, bool colour) const {
   }
 }
 
-std::string ReportText::cell(const std::string& text, std::size_t width, const char* tone) const {
+std::string ReportText::cell(const std::string& raw, std::size_t width, const char* tone) const {
+  const std::string text = printable_lines(raw);
   const std::string padding(width > text.size() ? width - text.size() : 0, ' ');
   return (colour_ && *tone != '\0' ? tone + text + "\033[0m" : text) + padding;
 }
@@ -154,7 +155,8 @@ void ReportText::field(const std::string& label, const std::vector<std::string>&
   constexpr std::size_t kFieldColumn = 20;
   std::string text = "  " + cell(label, kFieldColumn - 2, tone);
   std::size_t used = kFieldColumn;
-  for (const std::string& word : words) {
+  for (const std::string& raw : words) {
+    const std::string word = printable(raw);
     if (used > kFieldColumn && used + 1 + word.size() > kWidth) {
       text += '\n' + std::string(kFieldColumn, ' ');
       used = kFieldColumn;

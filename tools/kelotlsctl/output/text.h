@@ -33,8 +33,8 @@ class ReportText {
  public:
   ReportText(std::ostream& out, bool colour) : out_(out), colour_(colour) {}
 
-  /// The text as wide as requested, toned without changing its width.
-  std::string cell(const std::string& text, std::size_t width, const char* tone = "") const;
+  /// What is printable of the text, as wide as requested, toned without changing its width.
+  std::string cell(const std::string& raw, std::size_t width, const char* tone = "") const;
 
   void line(const std::string& text) { out_ << text << '\n'; }
   void heading(const std::string& text) { line(cell(text, 0, kHeading)); }

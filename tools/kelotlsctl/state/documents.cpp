@@ -31,6 +31,44 @@ std::string file_warning(const std::string& file, bool is_reloader) {
   return is_reloader && (status.st_mode & 0111) == 0 ? file + " is not executable" : "";
 }
 
+/// What the library lets pass: names that nobody can read, or that look like others, and paths that
+/// end before they seem to.
+void append_text_faults(const Json::Value& services, kelotls::Faults& faults) {
+  for (Json::ArrayIndex index = 0; index < services.size(); ++index) {
+    const std::string path = kelotls::path_of_element("$.services", index);
+    for (const char* const key : {"service", "display-name", "display-name-i18n"}) {
+      const std::string text = kelotls::text_member(services[index], key);
+      const bool is_told_of =
+          key == std::string("service") && !kelotls::name_fault(text, false).empty();
+      const std::string fault = is_told_of ? "" : text_fault(text);
+      if (!fault.empty()) {
+        faults.push_back({path + "." + key, fault});
+      }
+    }
+    for (const char* const key : {"mustache-path", "reloader-path"}) {
+      if (kelotls::has_nul(kelotls::text_member(services[index], key))) {
+        faults.push_back({path + "." + key, "holds a NUL character"});
+      }
+    }
+  }
+}
+
+/// A saved level that the commands would not set.
+void append_level_faults(const Store& saved, kelotls::Faults& faults) {
+  const auto is_named = [](int level) { return level >= 0 && level <= 3; };
+  const int default_level = saved.default_level();
+  if (default_level == 0 || !is_named(default_level)) {
+    faults.push_back({"$.default-level", std::to_string(default_level) + " is no level" +
+                                             (default_level == 0 ? " of its own" : "")});
+  }
+  for (const std::string& service : saved.names()) {
+    if (!is_named(saved.stored_level(service))) {
+      faults.push_back({kelotls::path_of_member("$.services", service) + ".current-level",
+                        std::to_string(saved.stored_level(service)) + " is no level"});
+    }
+  }
+}
+
 std::string lines_of(const kelotls::Faults& faults) {
   std::string lines;
   for (const kelotls::Fault& fault : faults) {
@@ -67,6 +105,10 @@ Registration read_registration(const std::string& file, kelotls::Purpose purpose
     return registration;
   }
   registration.faults = kelotls::registration_faults(registration.document, purpose);
+  const Json::Value* const services = kelotls::find_member(registration.document, "services");
+  if (purpose == kelotls::Purpose::kJoin && services != nullptr && services->isArray()) {
+    append_text_faults(*services, registration.faults);
+  }
   return registration;
 }
 
@@ -105,29 +147,21 @@ std::string fault_text(const kelotls::Fault& fault) {
 Store read_backup(const std::string& file) {
   Store saved;
   std::string fault;
-  const std::string list = read_document(file, saved.root, fault)
-                               ? lines_of(kelotls::data_store_faults(saved.root))
-                               : ": " + fault;
+  std::string list = ": ";
+  if (!read_document(file, saved.root, fault)) {
+    list += fault;
+  } else {
+    kelotls::Faults faults = kelotls::data_store_faults(saved.root);
+    if (faults.empty()) {
+      append_level_faults(saved, faults);
+    }
+    list = lines_of(faults);
+  }
   if (!list.empty()) {
     throw Failure(kFailed, printable(file) + " cannot be restored from" + list,
                   "Nothing was changed.");
   }
   return saved;
-}
-
-std::vector<std::string> warnings_of(const Store& saved) {
-  const auto has_name = [](int level) { return level >= 0 && level <= 3; };
-  std::vector<std::string> texts;
-  if (saved.default_level() == 0 || !has_name(saved.default_level())) {
-    texts.push_back("the saved default level is " + std::to_string(saved.default_level()));
-  }
-  for (const std::string& service : saved.names()) {
-    if (!has_name(saved.stored_level(service))) {
-      texts.push_back("the saved level of " + printable(service) + " is " +
-                      std::to_string(saved.stored_level(service)));
-    }
-  }
-  return texts;
 }
 
 Json::Value restoration_json(const Store& live, const Store& saved) {

@@ -32,12 +32,9 @@ kelotls::Faults file_warnings(const Json::Value& registration);
 /// "$.services[0].reloader-path: /run/x: No such file or directory"
 std::string fault_text(const kelotls::Fault& fault);
 
-/// A backup of the levels, in the data store's format. A Failure for a file that cannot be used;
-/// the library, given one, would set the default level to 0.
+/// A backup of the levels, in the data store's format. A Failure for a file that cannot be used,
+/// with which the library would set the default level to 0, and for levels that nobody could set.
 Store read_backup(const std::string& file);
-
-/// Levels in a backup that are none.
-std::vector<std::string> warnings_of(const Store& saved);
 
 /// What restoring a backup changes: {"default-level": {"from", "to"}, "changes": [{"service",
 /// "from", "to"}], "unknown": [saved, but not joined], "missing": [joined, but not saved]}

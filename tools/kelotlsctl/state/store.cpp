@@ -186,7 +186,17 @@ bool has_descriptors() {
   return kelotls::list_directory(kelotls::kServicesDir, names) && !names.empty();
 }
 
+void require_readable_back(const Store& store) {
+  if (kelotls::json_text(store.root, kelotls::Colons::kSpaced).size() > kelotls::kMaxFileBytes) {
+    throw Failure(
+        kFailed,
+        std::string("the data store ") + kDataStorePath + " would hold more than can be read back",
+        "Nothing was written. No more than 64 MiB can be read.");
+  }
+}
+
 void save_store(const Store& store) {
+  require_readable_back(store);
   if (kelotls::save_data_store(store.root) != 0) {
     throw Failure(kFailed, std::string("the data store ") + kDataStorePath + " was not written",
                   "The log line says why. What it held before still stands.");

@@ -73,6 +73,9 @@ Failure unreadable_store();
 /// Whether services joined here once: then a data store that is missing was lost, not yet made.
 bool has_descriptors();
 
+/// A Failure when the data store, once written, would be too large to be read again.
+void require_readable_back(const Store& store);
+
 /// A Failure when the data store was not written; what it held before is still there.
 void save_store(const Store& store);
 

@@ -7,6 +7,7 @@
 
 #include "command_line.h"
 #include "files.h"
+#include "framework_config.h"
 #include "paths.h"
 #include "state/application.h"
 #include "state/documents.h"
@@ -75,10 +76,18 @@ void require_joined(const std::vector<std::string>& services) {
   }
 }
 
+/// Before anything is written: the library would find a store too large only once it is there.
+void require_room(const Registration& registration, Store store) {
+  kelotls::merge_service_entries(store.root, kelotls::services_of(registration.document));
+  require_readable_back(store);
+}
+
 void execute(const Registration& registration, Store& store) {
   const std::vector<std::string> services = registration.names();
   const std::vector<FormerFiles> former(services.begin(), services.end());
-  if (complete_levels(store)) {
+  const bool was_incomplete = complete_levels(store);
+  require_room(registration, store);
+  if (was_incomplete) {
     save_store(store);
   }
   if (kelotls::APIProvider().join_framework(registration.document) != 0) {

@@ -12,7 +12,7 @@ namespace {
 
 void print_differences(Console& console, const Json::Value& document) {
   for (const Json::Value& rendered : document["services"]) {
-    console.data() << rendered["diff"].asString();
+    console.data() << printable_lines(rendered["diff"].asString());
   }
 }
 

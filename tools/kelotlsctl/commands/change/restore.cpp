@@ -12,9 +12,6 @@ Report restore(Console& console, const Arguments& arguments) {
   const Lock lock(console, arguments.command, !arguments.dry_run);
   Store live = load_store();
   const Store saved = read_backup(arguments.file);
-  for (const std::string& warning : warnings_of(saved)) {
-    console.warn(warning);
-  }
   Json::Value document = restoration_json(live, saved);
   document["written"] = !arguments.dry_run;
   if (!arguments.dry_run) {
