@@ -299,14 +299,15 @@ void check_directories(Findings& findings) {
 
 void check_dh_file(const kelotls::Profile& profile, Findings& findings) {
   const DhFile file = read_dh_file(profile);
-  if (!file.fault.empty()) {
-    const bool is_usable = file.parameters != nullptr;
-    findings.add(
-        file.is_unsafe ? kError : kWarning, file.path,
-        file.fault + (is_usable ? std::string()
-                                : std::string("; level ") + profile.name + " offers no DHE suite"),
-        "kelotlsctl dh, or the appliance's own file");
+  if (file.fault.empty()) {
+    return;
   }
+  std::string text = file.error == ENOENT ? std::strerror(ENOENT) : file.fault;
+  if (file.parameters == nullptr) {
+    text += std::string("; level ") + profile.name + " offers no DHE suite";
+  }
+  findings.add(file.is_unsafe ? kError : kWarning, file.path, text,
+               "kelotlsctl dh, or the appliance's own file");
 }
 
 /// Names that the library's and this program's writers give their temporary files.
