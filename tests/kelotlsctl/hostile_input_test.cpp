@@ -110,12 +110,14 @@ TEST_F(HostileInput, ALimitOfFileSizesIsAnErrorNotTheEnd) {
     services.emplace_back("service" + std::to_string(index), "0");
   }
   write_file(kDataStore, data_store_text(2, services));
-  const Lines before = tree();
+  const std::string before = read_file(kDataStore);
   const Outcome outcome =
       run_program({"bash", "-c", "ulimit -f 1; exec \"$0\" set service1 old", KELOTLSCTL});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_TRUE(contains(outcome.err, "was not written"));
-  EXPECT_EQ(tree(), before);
+  EXPECT_EQ(read_file(kDataStore), before);
+  EXPECT_EQ(names_in(std::string(kServices) + ".."),
+            (Lines{"config", "datastore.json", "history.jsonl", "lock", "services"}));
 }
 
 // What is printed

@@ -133,12 +133,13 @@ TEST_F(KelotlsctlTrust, GoesOnWhereItIsToldToAndLogsThat) {
   EXPECT_EQ(read_file(kReloaderRuns), "run\n");
   const std::string text = std::string("trusted anyway: ") + kFramework + ": " + kForOthers;
   EXPECT_EQ(outcome.err, "kelotlsctl: warning: " + text + "\n");
-  EXPECT_EQ(log(), Lines{"<84>set: " + text});
+  EXPECT_EQ(log(), (Lines{"<84>kelotlsctl set: " + text,
+                          "<85>kelotlsctl set: web old -> modern; by root; done"}));
 }
 
 TEST_F(KelotlsctlTrust, LogsNothingWhereThereIsNothingToDistrust) {
   EXPECT_EQ(run({"set", "web", "modern", "--trust-anyway"}).status, 0);
-  EXPECT_EQ(log(), Lines());
+  EXPECT_EQ(log(), Lines{"<85>kelotlsctl set: web old -> modern; by root; done"});
 }
 
 TEST_F(KelotlsctlTrust, ReadsWhateverIsThere) {

@@ -94,7 +94,7 @@ std::string fault_text(const Distrust& fault) {
 }
 
 void log_blind_trust(const std::string& command, const std::string& text) {
-  ::syslog(LOG_AUTHPRIV | LOG_WARNING, "%s: %s", command.c_str(), text.c_str());
+  ::syslog(LOG_AUTHPRIV | LOG_WARNING, "kelotlsctl %s: %s", command.c_str(), text.c_str());
 }
 
 }  // namespace

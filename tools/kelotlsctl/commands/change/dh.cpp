@@ -1,12 +1,15 @@
 // kelotlsctl dh: the files of Diffie-Hellman parameters, made where they are missing or broken.
 #include <kelotls/tls_profile_level.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "command_line.h"
 #include "files.h"
 #include "paths.h"
 #include "profile.h"
+#include "state/history.h"
+#include "state/lock.h"
 #include "state/store.h"
 #include "tls/dh_parameters.h"
 
@@ -59,7 +62,15 @@ void make_texts(Console& console, std::vector<Plan>& plans, bool is_forced) {
   }
 }
 
-void execute(const std::vector<Plan>& plans) {
+/// Where there is no framework yet, there is neither a lock nor a history.
+void execute(Console& console, const std::vector<Plan>& plans, const Arguments& arguments) {
+  const bool writes =
+      std::any_of(plans.begin(), plans.end(), [](const Plan& plan) { return !plan.text.empty(); });
+  const bool has_framework = kelotls::exists_at(kelotls::kFrameworkDir);
+  const Lock lock(console, arguments.command, writes && has_framework);
+  if (writes && has_framework) {
+    begin_record(arguments.command, arguments.reason, list_of({}));
+  }
   std::vector<std::string> made;
   if (!kelotls::make_directories(kelotls::kDhParamDir, 0755, made)) {
     throw system_failure(kelotls::kDhParamDir);
@@ -83,8 +94,7 @@ Report make_dh_files(Console& console, const Arguments& arguments) {
   }
   if (!arguments.dry_run) {
     make_texts(console, plans, arguments.force);  // takes long: nobody waits for the lock meanwhile
-    const Lock lock(console, kelotls::exists_at(kelotls::kFrameworkDir));
-    execute(plans);
+    execute(console, plans, arguments);
   }
   Report report;
   report.document = object({{"written", !arguments.dry_run}, {"files", files}});
