@@ -205,13 +205,23 @@ def lines_that_use(constant, sources):
     return found
 
 
+def declaration_of(mutant, sources):
+    """The mutant's lines and, where it is a row of a table, those from the table's first line on."""
+    lines = sources[mutant.file].splitlines()
+    first = mutant.lines[0] - 1
+    while first > 0 and lines[first].startswith(" "):
+        first -= 1
+    if not CONSTANT.match(lines[first]):
+        first = mutant.lines[0] - 1
+    return "\n".join(lines[first:mutant.lines[-1]])
+
+
 def cases_for(mutant, reached, popularity, sources):
     """The cases that reach the mutant's lines or, as a constant has no code of its own, the lines
     that use it. First come those that reach a line nearby which few cases reach, then those that
     reach few lines and are quick. The programs take turns."""
     lines = {(mutant.file, line) for line in mutant.lines}
-    text = sources[mutant.file].splitlines()[mutant.lines[0] - 1:mutant.lines[-1]]
-    for constant in CONSTANT.findall("\n".join(text)):
+    for constant in CONSTANT.findall(declaration_of(mutant, sources)):
         lines |= lines_that_use(constant, sources)
     chosen, line = [], mutant.lines[0]
     while not chosen and line > 0:  # a declaration has no code: the line before it
