@@ -1,12 +1,10 @@
 // Owns what each level means: the one table of profiles, and the making of a context from a row.
 #include "profile.h"
 
-#include <fcntl.h>
 #include <openssl/bio.h>
 #include <openssl/dh.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -89,28 +87,10 @@ std::string take_reasons(FileOwner& file) {
   return text;
 }
 
-/// Never waits for what is no file. Null with errno.
-FileOwner open_dh_file(const std::string& path) {
-  Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY));
-  struct stat status = {};
-  if (!file.is_open() || ::fstat(file.get(), &status) != 0) {
-    return nullptr;
-  }
-  if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  FileOwner stream(::fdopen(file.get(), "r"));
-  if (stream != nullptr) {
-    file.release();
-  }
-  return stream;
-}
-
 void install_dh_parameters(const char* dh_file, ContextResult& result) {
   std::string path = std::string(kDhParamDir) + dh_file;
   errno = 0;
-  FileOwner file = open_dh_file(path);
+  FileOwner file(std::fopen(path.c_str(), "r"));
   if (file == nullptr) {
     result.dh_error = errno;
     result.dh_file = ContextResult::DhFile::kNotOpened;

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 
 #include "framework.h"
 #include "interpose.h"
@@ -161,15 +160,11 @@ int mkstemp(char* path) {
              : kelotls::test::next_definition<int(char*)>("mkstemp64")(path);
 }
 
-int open(const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const auto mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
-  va_end(arguments);
-  return kelotls::test::fails(std::string("open ") + path)
-             ? -1
-             : kelotls::test::next_definition<int(const char*, int, ...)>("open64")(path, flags,
-                                                                                    mode);
+FILE* fopen(const char* path, const char* mode) {
+  return kelotls::test::fails(std::string("fopen ") + path)
+             ? nullptr
+             : kelotls::test::next_definition<FILE*(const char*, const char*)>("fopen64")(path,
+                                                                                          mode);
 }
 }
 
@@ -451,7 +446,7 @@ TEST_F(PlatformCalls, LogsErrnoZeroForATemporaryFileThatFailsWithoutAReason) {
 
 TEST_F(PlatformCalls, LogsErrnoZeroForADhFileThatCannotBeOpenedWithoutAReason) {
   write_file(kDataStore, data_store_text(3, {{"web", "2"}}));
-  platform.failing_without_reason = {std::string("open ") + kSslDir + "dh2048.pem"};
+  platform.failing_without_reason = {std::string("fopen ") + kSslDir + "dh2048.pem"};
   errno = EPERM;
 
   APIProvider().release_context(APIProvider().acquire_server_context("web"));

@@ -419,23 +419,6 @@ TEST_F(ServerContext, ComesWithoutParametersWhenTheDhFileIsGarbled) {
   expect_dh_not_read();
 }
 
-TEST_F(ServerContext, DoesNotWaitForADhFileThatIsAPipeOrADevice) {
-  for (const bool is_pipe : {true, false}) {
-    remove_all(kDh2048);
-    if (is_pipe) {
-      ASSERT_EQ(::mkfifo(kDh2048.c_str(), 0600), 0);
-    } else {
-      ASSERT_EQ(::symlink("/dev/zero", kDh2048.c_str()), 0);
-    }
-    ::alarm(10);
-
-    const Context context = acquire(2);
-
-    EXPECT_NE(context, nullptr);
-    EXPECT_EQ(log(), Lines{dh_not_opened("[22][Invalid argument]", kDh2048)});
-  }
-}
-
 TEST_F(ServerContext, ComesWithoutParametersWhenTheDhFileIsADirectory) {
   make_directories(kDh2048);
 
