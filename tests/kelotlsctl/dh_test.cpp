@@ -93,6 +93,21 @@ TEST_F(KelotlsctlDh, ReplacesAPipeAndALinkAndWaitsForNeither) {
   EXPECT_FALSE(exists("/usr/kelo/nowhere"));
 }
 
+TEST_F(KelotlsctlDh, APipeHoldsUpNoCommand) {
+  join_both();
+  remove_all(kDh2048);
+  ASSERT_EQ(::mkfifo(kDh2048.c_str(), 0600), 0);
+  for (const Arguments& words : {Arguments{"explain", "intermediate"}, Arguments{"explain", "web"},
+                                 Arguments{"probe", "web"}, Arguments{"check"}, Arguments{"apply"},
+                                 Arguments{"set", "web", "intermediate", "--apply"}}) {
+    Arguments command = {"timeout", "20", KELOTLSCTL};
+    command.insert(command.end(), words.begin(), words.end());
+    const Outcome outcome = run_program(command);
+    EXPECT_TRUE(outcome.status == 1 || outcome.status == 3) << words[0] << outcome.status;
+    EXPECT_TRUE(contains(outcome.out + outcome.err, "is no regular file")) << words[0];
+  }
+}
+
 TEST_F(KelotlsctlDh, ReplacesFilesInOrderWhereItIsForced) {
   const std::string before = read_file(kDh1024);
   const Outcome outcome = run({"dh", "--force", "--quiet"});

@@ -118,6 +118,10 @@ void stamp_services(const Store& store, const Selection& selection, const Json::
 
 /// Why the service's context does not do what its level asks for; empty where it does.
 std::string probe_fault(Console& console, const std::string& service, int level) {
+  const std::string fault = dh_pipe_fault(level);
+  if (!fault.empty()) {
+    return fault;
+  }
   const kelotls::ContextOwner context(kelotls::APIProvider().acquire_server_context(service));
   if (context == nullptr) {
     return "it gets no context";
@@ -307,7 +311,11 @@ void print_reloaders(Console& console, const Json::Value& reloaders, const Json:
   }
 }
 
-kelotls::ContextOwner service_context(const std::string& service) {
+kelotls::ContextOwner service_context(const Store& store, const std::string& service) {
+  const std::string fault = dh_pipe_fault(store.effective_level(service));
+  if (!fault.empty()) {
+    throw Failure(kFailed, fault, "kelotlsctl dh puts one in its place.");
+  }
   kelotls::ContextOwner context(kelotls::APIProvider().acquire_server_context(service));
   if (context == nullptr) {
     throw Failure(kFailed, "the service \"" + printable(service) + "\" gets no context",

@@ -55,7 +55,7 @@ void print_reloaders(Console& console, const Json::Value& reloaders, const Json:
                      bool is_done);
 
 /// The context that the service gets. A Failure when it gets none.
-kelotls::ContextOwner service_context(const std::string& service);
+kelotls::ContextOwner service_context(const Store& store, const std::string& service);
 
 /// All steps for the services, in spite of any failure, so that one service's fault keeps no other
 /// from its level: {"rendered", "reloaders", "reload-fault", "probed"}, and the code of the first

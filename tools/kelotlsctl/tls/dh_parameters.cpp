@@ -6,6 +6,7 @@
 #include <openssl/err.h>
 #include <openssl/objects.h>
 #include <openssl/pem.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -161,6 +162,15 @@ std::string dh_fault(const DH* parameters) {
     return has_sound_subgroup(parameters) ? "" : "the subgroup is none";
   }
   return modulus_fault(modulus);
+}
+
+std::string dh_pipe_fault(int level) {
+  const char* const name = kelotls::profile_of_level(level).dh_file;
+  const std::string path = name != nullptr ? std::string(kelotls::kDhParamDir) + name : "";
+  struct stat status = {};
+  const bool waits = level >= 0 && ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) &&
+                     !S_ISDIR(status.st_mode);
+  return waits ? path + " is no regular file" : std::string();
 }
 
 DhFile read_dh_file(const kelotls::Profile& profile) {

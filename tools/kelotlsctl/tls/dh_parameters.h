@@ -31,6 +31,10 @@ struct DhFile {
 /// The DH parameter file of a level that has one. Never waits for what is no regular file.
 DhFile read_dh_file(const kelotls::Profile& profile);
 
+/// The library waits for whatever opens the other end of a pipe in the place of a level's file. Of
+/// such a level's file: "PATH is no regular file"; else empty.
+std::string dh_pipe_fault(int level);
+
 // The text of a PEM file with parameters. A Failure where OpenSSL makes none.
 
 /// Of ffdhe2048, of RFC 7919.

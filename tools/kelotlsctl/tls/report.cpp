@@ -83,6 +83,8 @@ Json::Value describe_level(int level) {
 }
 
 ContextOwner make_level_context(int level) {
+  const std::string fault = dh_pipe_fault(level);
+  require(fault.empty(), fault.c_str());
   kelotls::ContextResult result = kelotls::make_context(kelotls::profile_of_level(level));
   require(result.refused == nullptr, result.refused);
   return std::move(result.context);

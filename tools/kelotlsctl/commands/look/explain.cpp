@@ -30,7 +30,7 @@ Report explain(Console&, const Arguments& arguments) {
   }
   const Store store = load_store();
   require_service(store, arguments.subject);
-  const kelotls::ContextOwner context = service_context(arguments.subject);
+  const kelotls::ContextOwner context = service_context(store, arguments.subject);
   return report_of(explain_context(context.get(), store.effective_level(arguments.subject)));
 }
 

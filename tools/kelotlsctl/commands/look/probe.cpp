@@ -34,7 +34,7 @@ Report probe_service(Console& console, const Arguments& arguments) {
   }
   const Store store = load_store();
   require_service(store, arguments.service);
-  const kelotls::ContextOwner context = service_context(arguments.service);
+  const kelotls::ContextOwner context = service_context(store, arguments.service);
   target.context = context.get();
   const Json::Value document = probe(
       target, store.effective_level(arguments.service), [&](std::size_t done, std::size_t all) {
