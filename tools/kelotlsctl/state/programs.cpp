@@ -55,7 +55,7 @@ void set_default_signals() {
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-/// Descriptors that the command itself was started with are nothing to the program.
+/// Descriptors that the command itself was started with are nothing to any program.
 void close_others_at_exec() {
   std::vector<std::string> numbers;
   kelotls::list_directory("/proc/self/fd", numbers);
@@ -67,10 +67,10 @@ void close_others_at_exec() {
   }
 }
 
-/// In the new process: becomes the program, or writes the reason why not.
+/// In the new process: becomes the program, or writes the reason why not. Until then it shares the
+/// memory of its parent, which waits: nothing here may allocate.
 [[noreturn]] void become(const std::string& path, char** environment, pid_t parent, int reasons) {
   ::setpgid(0, 0);
-  close_others_at_exec();
   ::prctl(PR_SET_PDEATHSIG, SIGTERM);
   const int empty = ::open("/dev/null", O_RDONLY);
   ::dup2(empty, STDIN_FILENO);
@@ -83,8 +83,19 @@ void close_others_at_exec() {
     ::execve(path.c_str(), arguments, environment);
   }
   const int error = errno;
-  kelotls::write_all(reasons, {reinterpret_cast<const char*>(&error), sizeof error});
+  const ssize_t written = ::write(reasons, &error, sizeof error);  // into an empty pipe: at once
+  static_cast<void>(written);
   ::_exit(127);
+}
+
+/// A copy of this process, and of its tables of pages, would cost more than most reloaders do.
+pid_t start(const std::string& path, char** environment, int reasons) {
+  const pid_t parent = ::getpid();
+  const pid_t program = ::vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+  if (program == 0) {
+    become(path, environment, parent, reasons);
+  }
+  return program;
 }
 
 /// Why the program could not be run; 0 once it runs, because the pipe closes with that.
@@ -163,11 +174,8 @@ ProgramResult run_to_end(const std::string& path, std::chrono::seconds timeout) 
   }
   const kelotls::Descriptor reasons(ends[0]);
   kelotls::Descriptor writer(ends[1]);
-  const pid_t parent = ::getpid();
-  const pid_t program = ::fork();
-  if (program == 0) {
-    become(path, environment.data(), parent, writer.get());
-  }
+  close_others_at_exec();
+  const pid_t program = start(path, environment.data(), writer.get());
   if (program < 0) {
     return not_run(errno);
   }
