@@ -1,6 +1,7 @@
 // kelotlsctl check: each thing that can be wrong, made so, is found; and nothing else is.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "kelotlsctl.h"
@@ -56,6 +57,118 @@ TEST_F(KelotlsctlCheck, OnlyNotesLevelsThatAreNotInForce) {
   ASSERT_EQ(outcome.document["findings"].size(), 1u);
   EXPECT_EQ(outcome.document["findings"][0]["severity"], "note");
   EXPECT_EQ(outcome.document["findings"][0]["path"], rendered_path("web"));
+}
+
+TEST_F(KelotlsctlCheck, DoesNotSayThatNothingIsWrongBelowAFinding) {
+  join_both();
+  ASSERT_EQ(run({"set", "web", "old"}).status, 0);
+  const Outcome noted = run({"check"});
+  EXPECT_EQ(noted.status, 0);
+  EXPECT_EQ(noted.err, "Nothing is wrong beyond what is noted above.\n");
+  remove_all(kTemplate);
+  const Outcome wrong = run({"check"});
+  EXPECT_EQ(wrong.status, 3);
+  EXPECT_EQ(wrong.err, "");
+}
+
+TEST_F(KelotlsctlCheck, LooksAtNamedServicesAlone) {
+  join_both();
+  remove_all(descriptor_path("ssh"));
+  remove_all(std::string(kSslDir) + "dh2048.pem");
+  make_link("/usr/bin/true", link_path("gone"));
+  write_file(rendered_path("gone"), "");
+  write_file(rendered_path("ssh") + ".a1B2c3", "");
+  const Outcome web = run({"check", "web"});
+  EXPECT_EQ(web.status, 0);
+  EXPECT_EQ(web.out + web.err, "Nothing is wrong.\n");
+  for (const char* const request : {"ssh", "s*"}) {
+    const JsonOutcome ssh = run_json("check", {request});
+    EXPECT_EQ(ssh.status, 3);
+    ASSERT_EQ(ssh.document["findings"].size(), 2u) << ssh.document.toStyledString();
+    EXPECT_EQ(ssh.document["findings"][0]["path"], descriptor_path("ssh"));
+    EXPECT_EQ(ssh.document["findings"][1]["path"], rendered_path("ssh") + ".a1B2c3");
+  }
+  EXPECT_EQ(run_json("check").document["findings"].size(), 5u);
+}
+
+TEST_F(KelotlsctlCheck, FindsInANamedServiceWhatItFindsInAll) {
+  join_both();
+  set_mode(kReloader, 0777);
+  write_file(kTemplate, "{{#a}}");
+  write_file(descriptor_path("ssh"), "{");
+  const JsonOutcome all = run_json("check");
+  const JsonOutcome named = run_json("check", {"web", "ssh"});
+  EXPECT_EQ(named.status, 3);
+  EXPECT_EQ(named.document, all.document);
+}
+
+TEST_F(KelotlsctlCheck, LooksAtTheDataStoreWhateverIsNamed) {
+  join_both();
+  set_mode(kDataStore, 0666);
+  EXPECT_EQ(run_json("check", {"web"}).document["findings"][0]["path"], kDataStore);
+  write_file(kDataStore, "{");
+  const JsonOutcome outcome = run_json("check", {"web"});
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_TRUE(contains(outcome.document["findings"][0]["text"].asString(), "cannot be used"));
+}
+
+TEST_F(KelotlsctlCheck, RefusesToLookAtAServiceThatHasNotJoined) {
+  join_both();
+  EXPECT_EQ(run({"check", "wbe"}).status, 10);
+  EXPECT_EQ(run({"check", "x*"}).status, 10);
+}
+
+TEST_F(KelotlsctlCheck, SumsUpAThousandPendingServices) {
+  std::string services;
+  for (int number = 1000; number < 2000; ++number) {
+    const std::string name = "s" + std::to_string(number);
+    services += (services.empty() ? "" : ",") + ("{\"service\": \"" + name) +
+                R"(", "display-name": "", "reloader-path": "/usr/bin/true"})";
+  }
+  ASSERT_EQ(run({"join", "-"}, "{\"services\": [" + services + "]}").status, 0);
+  const auto lines = [](const Outcome& outcome) {
+    const std::string text = outcome.out + outcome.err;
+    return std::count(text.begin(), text.end(), '\n');
+  };
+
+  const Outcome summary = run({"check"});
+  EXPECT_EQ(summary.status, 0);
+  EXPECT_LE(lines(summary), 50);
+  EXPECT_TRUE(contains(summary.out, "s1000 has not been reloaded since its level changed\n"));
+  EXPECT_TRUE(
+      contains(summary.out, "and 976 more services that are pending: kelotlsctl check --all\n"));
+
+  const Outcome all = run({"check", "--all"});
+  EXPECT_EQ(lines(all), 2001);
+  EXPECT_TRUE(contains(all.out, "s1999 has not been reloaded since its level changed\n"));
+  EXPECT_EQ(run_json("check").document["findings"].size(), 1000u);
+}
+
+TEST_F(KelotlsctlCheck, KeepsWhatIsWrongOutOfTheSum) {
+  std::string services;
+  for (int number = 0; number < 60; ++number) {
+    services += (services.empty() ? "" : ",") + ("{\"service\": \"s" + std::to_string(number)) +
+                R"(", "display-name": "", "reloader-path": "/usr/bin/true"})";
+  }
+  ASSERT_EQ(run({"join", "-"}, "{\"services\": [" + services + "]}").status, 0);
+  remove_all(descriptor_path("s9"));
+  const Outcome outcome = run({"check"});
+  EXPECT_TRUE(contains(outcome.out, "error: " + descriptor_path("s9") + ": is missing"));
+}
+
+TEST_F(KelotlsctlCheck, AdvisesAgainstNoFileOfAServiceThatHasADescriptor) {
+  join_both();
+  for (const auto& text : {std::string(), data_store_text(2, {})}) {
+    remove_all(kDataStore);
+    if (!text.empty()) {
+      write_file(kDataStore, text);
+    }
+    const Outcome outcome = run({"check"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_FALSE(contains(outcome.out, "\n  remove it\n"));
+    EXPECT_FALSE(contains(outcome.out, "belongs to no service"));
+    EXPECT_TRUE(contains(outcome.out, text.empty() ? "kelotlsctl recover" : "kelotlsctl regen"));
+  }
 }
 
 TEST_P(KelotlsctlCheck, FindsWhatIsWrong) {

@@ -31,6 +31,7 @@ TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
   join_both();
   EXPECT_EQ(complete("kelotlsctl get ''"), "ssh web\n");
   EXPECT_EQ(complete("kelotlsctl --json set w"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl check ssh w"), "web\n");
   EXPECT_EQ(complete("kelotlsctl set web m"), "modern\n");
   EXPECT_EQ(complete("kelotlsctl default ''"), "modern intermediate old default\n");
   EXPECT_EQ(complete("kelotlsctl recover --default o"), "old\n");
@@ -48,6 +49,8 @@ TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
 TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
   EXPECT_EQ(complete("kelotlsctl render --"),
             "--json --quiet --reason --trust-anyway --help --dry-run --check --preview --level\n");
+  EXPECT_EQ(complete("kelotlsctl check --a"), "--all\n");
+  EXPECT_EQ(complete("kelotlsctl join --r"), "--reason --replace\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
 }
 

@@ -12,6 +12,14 @@ std::string named(const std::string& name) {
   return registration_of("{\"service\": \"" + name + "\", \"display-name\": \"\"}");
 }
 
+Json::Value list(const Lines& texts) {
+  Json::Value value(Json::arrayValue);
+  for (const std::string& text : texts) {
+    value.append(text);
+  }
+  return value;
+}
+
 class KelotlsctlMembership : public Kelotlsctl {};
 
 TEST_F(KelotlsctlMembership, NamesEveryFaultWithItsPath) {
@@ -154,7 +162,7 @@ TEST_F(KelotlsctlMembership, PutsBackWhatAFailedJoinTookAway) {
       std::string(R"({"services": [)") +
       R"({"service": "web", "display-name": "Other", "reloader-path": "/x"},)" +
       R"({"service": "new", "display-name": "", "reloader-path": "/y"}]})";
-  const Outcome outcome = run({"join", "-"}, changed);
+  const Outcome outcome = run({"join", "--replace", "-"}, changed);
 
   EXPECT_EQ(outcome.status, 1);
   EXPECT_TRUE(contains(outcome.err, "What stood there before still stands."));
@@ -163,6 +171,91 @@ TEST_F(KelotlsctlMembership, PutsBackWhatAFailedJoinTookAway) {
   EXPECT_EQ(link_target(link_path("web")), kReloader);
   EXPECT_EQ(read_file(kDataStore), store);
   EXPECT_FALSE(exists(descriptor_path("new")));
+}
+
+TEST_F(KelotlsctlMembership, SaysWhatARejoinDropsAndRemovesIt) {
+  join_both();
+  const std::string dropped = std::string("  its template ") + kTemplate +
+                              " is dropped, and its rendered file " + rendered_path("web");
+  const std::string unlinked =
+      std::string("  its reloader ") + kReloader + " is dropped, and its link " + link_path("web");
+  const Lines before = tree();
+
+  const Outcome dry = run({"join", "--dry-run", "-"}, named("web"));
+  EXPECT_EQ(dry.status, 0);
+  EXPECT_EQ(dry.out, "web: would join again, keeping its level\n" + dropped +
+                         " would be removed\n" + unlinked + " would be removed\n");
+  EXPECT_EQ(tree(), before);
+
+  const Outcome done = run({"join", "-"}, named("web"));
+  EXPECT_EQ(done.status, 0);
+  EXPECT_EQ(done.out, "web: joined again, keeping its level\n" + dropped + " is removed\n" +
+                          unlinked + " is removed\n");
+  EXPECT_FALSE(exists(rendered_path("web")));
+  EXPECT_FALSE(exists(link_path("web")));
+  EXPECT_EQ(run({"check"}).out, "");
+}
+
+TEST_F(KelotlsctlMembership, ReportsWhatARejoinDropsByTheSchema) {
+  join_both();
+  write_file("/tmp/named.json", named("web"));
+  const JsonOutcome outcome = run_json("join", {"/tmp/named.json"});
+  const Json::Value& dropped = outcome.document["services"][0]["dropped"];
+  ASSERT_EQ(dropped.size(), 2u);
+  EXPECT_EQ(dropped[0]["kind"], "template");
+  EXPECT_EQ(dropped[0]["path"], kTemplate);
+  EXPECT_EQ(dropped[0]["removed"], rendered_path("web"));
+  EXPECT_EQ(dropped[1]["kind"], "reloader");
+  EXPECT_EQ(dropped[1]["removed"], link_path("web"));
+  EXPECT_EQ(run_json("join", {"/tmp/named.json"}).document["services"][0]["dropped"].size(), 0u);
+}
+
+TEST_F(KelotlsctlMembership, RemovesTheLinkOfAServiceThatJoinsTheBaseSystem) {
+  join_both();
+  std::string text = web_registration();
+  text.insert(text.size() - 1, ", \"system-service\": true");
+  EXPECT_EQ(run({"join", "-"}, text).out, "web: joined again, keeping its level\n  its link " +
+                                              link_path("web") + " is removed\n");
+  EXPECT_FALSE(exists(link_path("web")));
+  EXPECT_TRUE(exists(rendered_path("web")));
+}
+
+TEST_F(KelotlsctlMembership, TakesOverFilesOfAnotherRegistrationWhenToldTo) {
+  join_both();
+  write_file("/tmp/other.mustache", "");
+  const std::string other =
+      registration_of(std::string(R"({"service": "web", "display-name": "", "mustache-path": )") +
+                      R"("/tmp/other.mustache", "reloader-path": "/usr/bin/true"})");
+  const Lines before = tree();
+  for (const bool is_dry_run : {true, false}) {
+    const Outcome refused =
+        run(is_dry_run ? Arguments{"join", "--dry-run", "-"} : Arguments{"join", "-"}, other);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "");
+    EXPECT_TRUE(contains(refused.err, std::string("web joined before with the template ") +
+                                          kTemplate + ", not /tmp/other.mustache"));
+    EXPECT_TRUE(contains(refused.err, std::string("web joined before with the reloader ") +
+                                          kReloader + ", not /usr/bin/true"));
+    EXPECT_TRUE(contains(refused.err, "kelotlsctl join --replace"));
+    EXPECT_EQ(tree(), before);
+  }
+
+  const Outcome taken = run({"join", "--replace", "-"}, other);
+  EXPECT_EQ(taken.status, 0);
+  EXPECT_EQ(taken.out, std::string("web: joined again, keeping its level, reloader linked\n") +
+                           "  its template is /tmp/other.mustache in place of " + kTemplate +
+                           "\n  its reloader is /usr/bin/true in place of " + kReloader + "\n");
+  EXPECT_EQ(link_target(link_path("web")), "/usr/bin/true");
+  write_file("/tmp/web.json", web_registration());
+  const JsonOutcome back = run_json("join", {"--replace", "/tmp/web.json"});
+  EXPECT_EQ(back.document["services"][0]["replaced"][0]["from"], "/tmp/other.mustache");
+  EXPECT_EQ(back.document["services"][0]["replaced"][0]["to"], kTemplate);
+}
+
+TEST_F(KelotlsctlMembership, TakesATemplateThatIsNewForNoReplacement) {
+  ASSERT_EQ(run({"join", "-"}, named("web")).status, 0);
+  EXPECT_EQ(run({"join", "-"}, web_registration()).out,
+            "web: joined again, keeping its level, reloader linked\n");
 }
 
 TEST_F(KelotlsctlMembership, JoinsAgainOverAnEntryWithoutALevel) {
@@ -187,6 +280,55 @@ TEST_F(KelotlsctlMembership, LeavesWithoutATrace) {
   remove_all(kHistory);
   write_file(kDataStore, data_store_text(2, {}));
   EXPECT_EQ(tree(), before);
+}
+
+TEST_F(KelotlsctlMembership, RemovesWhatFailedRendersLeft) {
+  join_both();
+  const std::string temporary = rendered_path("web") + ".a1B2c3";
+  const std::string of_another = rendered_path("web2") + ".a1B2c3";
+  const std::string other_name = rendered_path("web") + ".backup-1";
+  for (const std::string& path : {temporary, of_another, other_name}) {
+    write_file(path, "");
+  }
+  EXPECT_TRUE(contains(run({"leave", "--dry-run", "-"}, named("web")).out,
+                       "  would remove " + temporary + "\n"));
+  EXPECT_TRUE(exists(temporary));
+  const Outcome outcome = run({"leave", "-"}, named("web"));
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(contains(outcome.out, "  removed " + temporary + "\n"));
+  EXPECT_FALSE(exists(temporary));
+  EXPECT_TRUE(exists(of_another));
+  EXPECT_TRUE(exists(other_name));
+}
+
+TEST_F(KelotlsctlMembership, WarnsWhenTheRenderedFileIsStillIncluded) {
+  join_both();
+  make_directories("/usr/kelo/etc/nginx/conf.d");
+  const std::string including = "/usr/kelo/etc/nginx/conf.d/site";
+  write_file(including, "include " + rendered_path("web") + ";\n");
+  write_file("/usr/kelo/etc/nginx/large",
+             rendered_path("web") + std::string(std::size_t{1} << 20, ' '));
+  make_link(including, "/usr/kelo/etc/nginx/link");
+  ASSERT_EQ(run_program({"mkfifo", "/usr/kelo/etc/nginx/fifo"}).status, 0);
+  write_file("/tmp/web.json", web_registration());
+
+  const std::string warning = including + " names " + rendered_path("web");
+  const Outcome dry = run({"leave", "--dry-run", "/tmp/web.json"});
+  EXPECT_TRUE(contains(dry.err, warning + ", which would be removed"));
+  EXPECT_FALSE(contains(dry.err, "nginx/l"));
+  const JsonOutcome outcome = run_json("leave", {"/tmp/web.json"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.document["services"][0]["still-named-in"], list({including}));
+}
+
+TEST_F(KelotlsctlMembership, WarnsOfNoFileThatNamesAnother) {
+  join_both();
+  make_directories("/usr/kelo/etc/nginx");
+  write_file("/usr/kelo/etc/nginx/site",
+             "include " + rendered_path("web2") + ";\n" + rendered_path("web") + ".old\n");
+  const Outcome outcome = run({"leave", "-"}, web_registration());
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "");
 }
 
 TEST_F(KelotlsctlMembership, LeavesNothingBehindThatTheRegistrationDoesNotName) {

@@ -176,6 +176,57 @@ TEST_F(KelotlsctlRecovery, NeverMakesADataStoreOverAnotherOne) {
   EXPECT_EQ(run({"init"}).status, 1);
 }
 
+TEST_F(KelotlsctlRecovery, BringsServicesThatJoinedBeforeIntoTheFirstDataStore) {
+  join_both();
+  const std::string rendered = read_file(rendered_path("web"));
+  remove_all(kDataStore);
+  const Outcome dry = run({"init", "--dry-run"});
+  EXPECT_EQ(dry.status, 0);
+  EXPECT_TRUE(contains(dry.out, "web: would be taken from its descriptor\n"));
+  EXPECT_FALSE(exists(kDataStore));
+
+  const Outcome outcome = run({"init"});
+
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(
+      contains(outcome.out, "ssh: taken from its descriptor\nweb: taken from its descriptor\n"));
+  EXPECT_TRUE(contains(outcome.err, "the services joined before, and their levels are lost"));
+  EXPECT_TRUE(contains(outcome.err, "kelotlsctl restore"));
+  EXPECT_EQ(stored_level("web"), 0);
+  EXPECT_EQ(run({"list", "--names"}).out, "ssh\nweb\n");
+  EXPECT_EQ(run({"check"}).out, "");
+  EXPECT_EQ(read_file(rendered_path("web")), rendered);
+  EXPECT_EQ(read_file(kReloaderRuns), "");
+}
+
+TEST_F(KelotlsctlRecovery, NamesDescriptorsThatTheFirstDataStorePassesOver) {
+  join_both();
+  write_file(descriptor_path("bad"), "{");
+  remove_all(kDataStore);
+  const JsonOutcome outcome = run_json("init");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.document["unreadable"][0], descriptor_path("bad"));
+  EXPECT_EQ(outcome.document["services"].size(), 2u);
+  EXPECT_EQ(run({"list", "--names"}).out, "ssh\nweb\n");
+}
+
+TEST_F(KelotlsctlRecovery, WritesNoFirstDataStoreThatADescriptorWouldBreak) {
+  write_file(descriptor_path("bad"), R"({"service": "bad", "display-name": ["a", {}]})");
+  remove_all(kDataStore);
+  EXPECT_EQ(run({"init"}).status, 1);
+  EXPECT_FALSE(exists(kDataStore));
+}
+
+TEST_F(KelotlsctlRecovery, LeadsBackFromADataStoreWithoutTheServices) {
+  join_both();
+  write_file(kDataStore, data_store_text(2, {}));
+  const Outcome outcome = run({"list"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(contains(outcome.err,
+                       "No service has an entry in the data store, but there are "
+                       "descriptors: kelotlsctl regen"));
+}
+
 TEST_F(KelotlsctlRecovery, LetsOnlyOneOfManyMakeTheFirstDataStore) {
   remove_all(kDataStore);
   // All of them look, find no data store and wait for the lock.

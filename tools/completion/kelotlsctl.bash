@@ -34,7 +34,7 @@ _kelotlsctl() {
     case $command:$position in
       show:0 | get:0 | set:0 | probe:0 | history:0) _kelotlsctl_services "$current"; return ;;
       set:*) _kelotlsctl_services "$current"; words=$levels ;;
-      render:* | reload:* | apply:*) _kelotlsctl_services "$current"; return ;;
+      render:* | reload:* | apply:* | check:*) _kelotlsctl_services "$current"; return ;;
       explain:0) _kelotlsctl_services "$current"; words=$levels ;;
       default:0) words=$levels ;;
       validate:0 | join:0 | leave:0 | backup:0 | restore:0) _kelotlsctl_files "$current"; return ;;
@@ -51,7 +51,9 @@ _kelotlsctl_options() {
     set) options+=' --dry-run --apply --all --reload-timeout' ;;
     default) options+=' --dry-run --apply --reload-timeout' ;;
     reload | apply) options+=' --dry-run --reload-timeout' ;;
-    join | leave | regen | backup | restore) options+=' --dry-run' ;;
+    check) options+=' --all' ;;
+    join) options+=' --dry-run --replace' ;;
+    leave | regen | backup | restore) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
     dh) options+=' --dry-run --force' ;;

@@ -18,6 +18,7 @@ struct Arguments {
   bool check = false;
   bool apply = false;
   bool all = false;
+  bool replace = false;
   std::string command;  ///< its name
   std::string reason;   ///< why the operator makes the change
   std::string reload_timeout;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "command_line.h"
 #include "files.h"
@@ -53,17 +54,98 @@ class FormerFiles {
   bool has_descriptor_;
 };
 
+/// What a service had, has from now on, and with it: one row for its template, one for its
+/// reloader.
+struct FileChange {
+  const char* kind;
+  std::string from;
+  std::string to;
+  std::string stale;  ///< the file that is removed with it; empty where there is none
+};
+
+std::vector<FileChange> file_changes(const kelotls::ServiceDesc& service) {
+  const std::string name = service.get_service_name();
+  const ServiceDescriptor former = read_service_descriptor(kelotls::descriptor_path(name));
+  const std::string rendered = kelotls::rendered_path(name);
+  const bool loses_template =
+      !former.template_path().empty() && service.get_mustahce_path().empty();
+  const bool loses_link = !link_target(name).empty() && !kelotls::needs_reloader_link(service);
+  return {{"template", former.template_path(), service.get_mustahce_path(),
+           loses_template && kelotls::exists_at(rendered) ? rendered : ""},
+          {"reloader", former.reloader_path(), service.get_reloader_path(),
+           loses_link ? kelotls::link_path(name) : ""}};
+}
+
+/// [{"kind", "path", "removed"}]: what was there, or has left a file, and is there no more.
+Json::Value dropped_json(const std::vector<FileChange>& changes) {
+  Json::Value list = list_of({});
+  for (const FileChange& change : changes) {
+    const bool is_dropped = !change.from.empty() && change.to.empty();
+    if (is_dropped || !change.stale.empty()) {
+      list.append(
+          object({{"kind", change.kind},
+                  {"path", is_dropped ? Json::Value(change.from) : Json::Value()},
+                  {"removed", change.stale.empty() ? Json::Value() : Json::Value(change.stale)}}));
+    }
+  }
+  return list;
+}
+
+/// [{"kind", "from", "to"}]: what another registration brought.
+Json::Value replaced_json(const std::vector<FileChange>& changes) {
+  Json::Value list = list_of({});
+  for (const FileChange& change : changes) {
+    if (!change.from.empty() && !change.to.empty() && change.from != change.to) {
+      list.append(object({{"kind", change.kind}, {"from", change.from}, {"to", change.to}}));
+    }
+  }
+  return list;
+}
+
 /// Who joins, as it is reported.
 Json::Value plan_json(const Registration& registration, const Store& store) {
   const auto services = kelotls::services_of(registration.document);
   return list_of(services, [&](const kelotls::ServiceDesc& service) {
     const std::string name = service.get_service_name();
     const bool has_link = kelotls::needs_reloader_link(service);
+    const std::vector<FileChange> changes = file_changes(service);
     return object({{"service", name},
                    {"new", !store.has(name)},
                    {"descriptor", kelotls::descriptor_path(name)},
-                   {"reloader-link", has_link ? kelotls::link_path(name) : Json::Value()}});
+                   {"reloader-link", has_link ? kelotls::link_path(name) : Json::Value()},
+                   {"dropped", dropped_json(changes)},
+                   {"replaced", replaced_json(changes)}});
   });
+}
+
+/// Two packages that take one name for two services would each undo the other's join.
+void refuse_replacement(const Json::Value& plan) {
+  std::string text;
+  for (const Json::Value& service : plan) {
+    for (const Json::Value& replaced : service["replaced"]) {
+      text += (text.empty() ? "" : "\n  ") + printable(service["service"]) +
+              " joined before with the " + replaced["kind"].asString() + " " +
+              printable(replaced["from"]) + ", not " + printable(replaced["to"]);
+    }
+  }
+  if (!text.empty()) {
+    throw Failure(kFailed, text,
+                  "Nothing was changed. Where this registration shall take the other's place: "
+                  "kelotlsctl join --replace");
+  }
+}
+
+/// Nothing renders or runs them any more, but a server would still include the one, and a reload
+/// run the other.
+void remove_stale(const Json::Value& plan) {
+  for (const Json::Value& service : plan) {
+    for (const Json::Value& dropped : service["dropped"]) {
+      const std::string path = dropped["removed"].isNull() ? "" : dropped["removed"].asString();
+      if (!path.empty() && ::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        throw system_failure(path);
+      }
+    }
+  }
 }
 
 void require_joined(const std::vector<std::string>& services) {
@@ -123,10 +205,14 @@ Report join_services(Console& console, const Arguments& arguments) {
   warn_of(console, templates.warnings);
   Report report;
   report.document["services"] = plan_json(registration, store);
+  if (!arguments.replace) {
+    refuse_replacement(report.document["services"]);
+  }
   report.document["written"] = !arguments.dry_run;
   if (!arguments.dry_run) {
     begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
     execute(registration, store);
+    remove_stale(report.document["services"]);
     if (any_pending(load_store(), registration.names())) {
       report.notes.emplace_back("Not in force yet: kelotlsctl apply");
     }
@@ -134,12 +220,42 @@ Report join_services(Console& console, const Arguments& arguments) {
   return report;
 }
 
+namespace {
+
+/// "  its template /x is dropped, and its rendered file PATH is removed"
+void print_dropped(Console& console, const Json::Value& dropped, bool is_written) {
+  const bool is_template = dropped["kind"] == "template";
+  std::string text;
+  if (!dropped["path"].isNull()) {
+    text = "its " + dropped["kind"].asString() + " " + printable(dropped["path"]) + " is dropped";
+  }
+  if (!dropped["removed"].isNull()) {
+    text += (text.empty() ? "its " : ", and its ") +
+            std::string(is_template ? "rendered file " : "link ") + printable(dropped["removed"]) +
+            (is_written ? " is removed" : " would be removed");
+  }
+  console.data() << "  " << text << '\n';
+}
+
+void print_changes(Console& console, const Json::Value& service, bool is_written) {
+  for (const Json::Value& dropped : service["dropped"]) {
+    print_dropped(console, dropped, is_written);
+  }
+  for (const Json::Value& replaced : service["replaced"]) {
+    console.data() << "  its " << replaced["kind"].asString() << " is " << printable(replaced["to"])
+                   << " in place of " << printable(replaced["from"]) << '\n';
+  }
+}
+
+}  // namespace
+
 void print_joined(Console& console, const Json::Value& document) {
   for (const Json::Value& service : document["services"]) {
     console.data() << printable(service["service"])
                    << (document["written"].asBool() ? ": joined" : ": would join")
                    << (service["new"].asBool() ? "" : " again, keeping its level")
                    << (service["reloader-link"].isNull() ? "" : ", reloader linked") << '\n';
+    print_changes(console, service, document["written"].asBool());
   }
 }
 

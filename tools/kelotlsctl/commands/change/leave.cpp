@@ -1,5 +1,6 @@
 // kelotlsctl leave: services of a registration leave, with their files.
 #include <kelotls/api_provider.h>
+#include <unistd.h>
 
 #include "command_line.h"
 #include "files.h"
@@ -7,6 +8,7 @@
 #include "state/documents.h"
 #include "state/history.h"
 #include "state/lock.h"
+#include "state/remains.h"
 #include "state/service_state.h"
 
 namespace kelotlsctl {
@@ -39,15 +41,35 @@ void require_members(const Registration& registration, const Store& store) {
   }
 }
 
-/// Who leaves, and the files that go.
+/// Who leaves, the files that go, and where the rendered one is still named.
 Json::Value plan_json(const Registration& registration) {
   const bool keeps_link = kelotls::is_system_service(registration.document);
+  std::vector<std::string> rendered;
+  for (const std::string& service : registration.names()) {
+    if (kelotls::exists_at(kelotls::rendered_path(service))) {
+      rendered.push_back(kelotls::rendered_path(service));
+    }
+  }
+  const Json::Value mentions = files_that_name(rendered);
   return list_of(registration.names(), [&](const std::string& service) {
-    const std::vector<std::string> paths = {keeps_link ? "" : kelotls::link_path(service),
-                                            kelotls::descriptor_path(service),
-                                            kelotls::rendered_path(service)};
-    return object({{"service", service}, {"removed", list_where(paths, kelotls::exists_at)}});
+    std::vector<std::string> paths = {keeps_link ? "" : kelotls::link_path(service),
+                                      kelotls::descriptor_path(service),
+                                      kelotls::rendered_path(service)};
+    const std::vector<std::string> temporaries = temporaries_of(service);
+    paths.insert(paths.end(), temporaries.begin(), temporaries.end());
+    return object({{"service", service},
+                   {"removed", list_where(paths, kelotls::exists_at)},
+                   {"still-named-in", mentions.get(kelotls::rendered_path(service), list_of({}))}});
   });
+}
+
+/// The library knows of no temporary; a failure shows as a file that is still there.
+void remove_temporaries(const Registration& registration) {
+  for (const std::string& service : registration.names()) {
+    for (const std::string& path : temporaries_of(service)) {
+      ::unlink(path.c_str());
+    }
+  }
 }
 
 void require_left(const Json::Value& services) {
@@ -69,8 +91,22 @@ void execute(const Registration& registration, const Json::Value& services) {
   if (kelotls::APIProvider().leave_framework(registration_to_leave(registration)) != 0) {
     throw Failure(kFailed, "the services have not left", "The log lines say why.");
   }
+  remove_temporaries(registration);
   require_left(services);
   Stamp::forget(registration.names());
+}
+
+/// A server whose configuration includes a file that is gone does not start any more.
+std::vector<std::string> warnings_of_mentions(const Json::Value& services, bool is_done) {
+  std::vector<std::string> warnings;
+  for (const Json::Value& left : services) {
+    const std::string rendered = kelotls::rendered_path(left["service"].asString());
+    for (const Json::Value& path : left["still-named-in"]) {
+      warnings.push_back(printable(path) + " names " + printable(rendered) +
+                         (is_done ? ", which is removed" : ", which would be removed"));
+    }
+  }
+  return warnings;
 }
 
 }  // namespace
@@ -84,7 +120,8 @@ Report leave_services(Console& console, const Arguments& arguments) {
     begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
     execute(registration, services);
   }
-  return {kDone, object({{"written", !arguments.dry_run}, {"services", services}})};
+  return {kDone, object({{"written", !arguments.dry_run}, {"services", services}}),
+          warnings_of_mentions(services, !arguments.dry_run)};
 }
 
 void print_left(Console& console, const Json::Value& document) {

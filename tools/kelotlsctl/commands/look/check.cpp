@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <regex>
 #include <set>
 
@@ -31,6 +32,12 @@ constexpr char kError[] = "error";      // something does not work, or is not sa
 constexpr char kWarning[] = "warning";  // something is not as it should be
 constexpr char kNote[] = "note";        // nothing is wrong, but it should be known
 
+/// What is to be done for a service whose level is not in force.
+constexpr char kApply[] = "kelotlsctl apply";
+
+/// Each takes two lines; a line that counts the others, and the verdict, come on top.
+constexpr std::size_t kMaxPendingShown = 24;
+
 /// The document's list of findings, as it grows.
 struct Findings {
   Json::Value list = list_of({});
@@ -54,6 +61,12 @@ std::string service_of_file(const std::string& name) {
   const std::size_t length = name.size() - std::min(name.size(), suffix.size());
   return name.compare(length, std::string::npos, suffix) == 0 ? name.substr(0, length)
                                                               : std::string();
+}
+
+/// Whether the service has joined, or has a descriptor, and needs but an entry: its files are in
+/// use.
+bool is_known(const Store& store, const std::string& service) {
+  return store.has(service) || exists_at(kelotls::descriptor_path(service));
 }
 
 /// Whether it is a folder, where none should be.
@@ -99,13 +112,13 @@ void check_level(int level, const std::string& what, Findings& findings) {
   }
 }
 
-void check_entries(const Store& store, Findings& findings) {
+void check_entries(const Store& store, const Selection& selection, Findings& findings) {
   check_level(store.default_level(), "the default level", findings);
   if (store.default_level() == 0) {
     findings.add(kWarning, kDataStorePath, "the default level is 0, which counts as intermediate",
                  "kelotlsctl default intermediate, or another level");
   }
-  for (const std::string& service : store.names()) {
+  for (const std::string& service : selection.names) {
     check_level(store.stored_level(service), "the level of " + service, findings);
     const auto descriptor = read_service_descriptor(kelotls::descriptor_path(service));
     const std::string fault = kelotls::name_fault(service, !descriptor.template_path().empty());
@@ -119,31 +132,45 @@ void check_entries(const Store& store, Findings& findings) {
 
 // The directory of descriptors: every file in it is read as one.
 
-void check_descriptors(const Store& store, Findings& findings) {
+/// Whether there is a file that is a descriptor, and which service it describes.
+void check_descriptor_file(const std::string& path, const Store& store,
+                           std::set<std::string>& described, Findings& findings) {
+  if (!exists_at(path) || check_folder(path, findings)) {
+    return;
+  }
+  const ServiceDescriptor descriptor = read_service_descriptor(path);
+  if (!descriptor.is_usable()) {
+    findings.add(kError, path, "is no descriptor: " + descriptor.fault,
+                 "let the service join again, or remove the file");
+    return;
+  }
+  for (const kelotls::Fault& fault : kelotls::descriptor_faults(descriptor.value)) {
+    findings.add(kError, path, fault.path + " " + fault.text, "let the service join again");
+  }
+  const std::string service = kelotls::text_member(descriptor.value, "service");
+  const bool is_first = described.insert(service).second;
+  if (kelotls::descriptor_path(service) != path) {
+    findings.add(kError, path, "is not the descriptor of the service that it names, " + service,
+                 "remove it, or let the service join again");
+  } else if (is_first && !store.has(service)) {
+    findings.add(kError, path, "the service \"" + service + "\" has no entry in the data store",
+                 "kelotlsctl regen gives it one; kelotlsctl leave removes the file");
+  }
+}
+
+void check_descriptors(const Store& store, const Selection& selection, Findings& findings) {
   std::set<std::string> described;
-  for (const std::string& name : names_in(kelotls::kServicesDir)) {
-    const std::string path = kelotls::kServicesDir + name;
-    if (check_folder(path, findings)) {
-      continue;
-    }
-    const ServiceDescriptor descriptor = read_service_descriptor(path);
-    if (!descriptor.is_usable()) {
-      findings.add(kError, path, "is no descriptor: " + descriptor.fault,
-                   "let the service join again, or remove the file");
-      continue;
-    }
-    for (const kelotls::Fault& fault : kelotls::descriptor_faults(descriptor.value)) {
-      findings.add(kError, path, fault.path + " " + fault.text, "let the service join again");
-    }
-    const std::string service = kelotls::text_member(descriptor.value, "service");
-    const bool is_first = described.insert(service).second;
-    if (kelotls::descriptor_path(service) != path) {
-      findings.add(kError, path, "is not the descriptor of the service that it names, " + service,
-                   "remove it, or let the service join again");
-    } else if (is_first && !store.has(service)) {
-      findings.add(kError, path, "the service \"" + service + "\" has no entry in the data store",
-                   "kelotlsctl regen gives it one; kelotlsctl leave removes the file");
-    }
+  std::vector<std::string> paths;
+  if (selection.is_all) {
+    paths = names_in(kelotls::kServicesDir);
+    std::transform(paths.begin(), paths.end(), paths.begin(),
+                   [](const std::string& name) { return kelotls::kServicesDir + name; });
+  } else {
+    std::transform(selection.names.begin(), selection.names.end(), std::back_inserter(paths),
+                   kelotls::descriptor_path);
+  }
+  for (const std::string& path : paths) {
+    check_descriptor_file(path, store, described, findings);
   }
 }
 
@@ -169,11 +196,10 @@ void check_rendering(const ServiceStatus& status, Findings& findings) {
                  "put the template right, then kelotlsctl apply");
   } else if (status.state == State::kPendingRender) {
     findings.add(kNote, kelotls::rendered_path(status.name),
-                 "is not what the template gives for the level", "kelotlsctl apply");
+                 "is not what the template gives for the level", kApply);
   } else if (status.state == State::kPendingReload) {
     findings.add(kNote, status.descriptor.path,
-                 status.name + " has not been reloaded since its level changed",
-                 "kelotlsctl apply");
+                 status.name + " has not been reloaded since its level changed", kApply);
   }
 }
 
@@ -218,9 +244,9 @@ void check_link(const ServiceStatus& status, Findings& findings) {
   }
 }
 
-void check_services(const Store& store, Findings& findings) {
+void check_services(const Store& store, const Selection& selection, Findings& findings) {
   ServiceInspector inspector(store);
-  for (const std::string& service : store.names()) {
+  for (const std::string& service : selection.names) {
     if (!kelotls::name_fault(service, false).empty()) {
       continue;  // check_entries has said so; its files may lie anywhere
     }
@@ -244,9 +270,19 @@ void check_reloaders(const std::optional<Store>& store, Findings& findings) {
         continue;
       }
       check_program(path, findings);
-      if (directory == kPackageReloaderDir && store && !store->has(service_of_file(name))) {
+      if (directory == kPackageReloaderDir && store && !is_known(*store, service_of_file(name))) {
         findings.add(kWarning, path, "belongs to no service that has joined", "remove it");
       }
+    }
+  }
+}
+
+/// The same of some services' own.
+void check_reloaders_of(const Selection& selection, Findings& findings) {
+  for (const std::string& service : selection.names) {
+    const std::string path = kelotls::link_path(service);
+    if (exists_at(path) && !check_folder(path, findings)) {
+      check_program(path, findings);
     }
   }
 }
@@ -283,10 +319,8 @@ void check_directory(const std::string& path, Findings& findings) {
   }
 }
 
-void check_directories(Findings& findings) {
-  for (const char* directory : kDirectories) {
-    check_directory(directory, findings);
-  }
+/// The data store's owner and mode.
+void check_store_file(Findings& findings) {
   struct stat status = {};
   if (::stat(kDataStorePath, &status) != 0) {
     return;  // the data store's own check says so
@@ -316,18 +350,28 @@ bool is_temporary(const std::string& name) {
   return std::regex_match(name, pattern);
 }
 
-void check_leftovers(const std::optional<Store>& store, Findings& findings) {
-  for (const std::string directory : {kelotls::kFrameworkDir, kConfigDir}) {
-    for (const std::string& name : names_in(directory)) {
-      if (is_temporary(name)) {
-        findings.add(kWarning, directory + name,
-                     "was left behind by a step that failed or was interrupted", "remove it");
-      }
+/// The name of a service whose rendering left the temporary file; empty for another kind of name.
+std::string service_of_temporary(const std::string& name) {
+  const std::size_t suffix = name.rfind('.');
+  return is_temporary(name) ? service_of_file(name.substr(0, suffix)) : std::string();
+}
+
+void check_temporaries(const std::string& directory, const Selection& selection,
+                       Findings& findings) {
+  const std::set<std::string> selected(selection.names.begin(), selection.names.end());
+  for (const std::string& name : names_in(directory)) {
+    if (is_temporary(name) &&
+        (selection.is_all || selected.count(service_of_temporary(name)) != 0)) {
+      findings.add(kWarning, directory + name,
+                   "was left behind by a step that failed or was interrupted", "remove it");
     }
   }
+}
+
+void check_leftovers(const std::optional<Store>& store, Findings& findings) {
   for (const std::string& name : names_in(kConfigDir)) {
     const std::string service = service_of_file(name);
-    if (store && !is_temporary(name) && (service.empty() || !store->has(service))) {
+    if (store && !is_temporary(name) && (service.empty() || !is_known(*store, service))) {
       findings.add(kWarning, kConfigDir + name, "belongs to no service that has joined",
                    "remove it");
     }
@@ -338,46 +382,98 @@ void check_leftovers(const std::optional<Store>& store, Findings& findings) {
   }
 }
 
-const char* colour_of(const std::string& severity) {
-  return severity == kError ? "\033[31m" : severity == kWarning ? "\033[33m" : "\033[36m";
-}
-
-}  // namespace
-
-Report check_framework(Console&, const Arguments&) {
-  Findings findings;
-  const std::optional<Store> store = check_store(findings);
-  check_directories(findings);
-  check_trust(findings);
-  if (store) {
-    check_entries(*store, findings);
-    check_descriptors(*store, findings);
-    check_services(*store, findings);
+/// All that lies outside of single services.
+void check_surroundings(const std::optional<Store>& store, Findings& findings) {
+  for (const char* directory : kDirectories) {
+    check_directory(directory, findings);
   }
+  check_trust(findings);
   check_reloaders(store, findings);
   for (const int level :
        {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
     check_dh_file(kelotls::profile_of_level(level), findings);
   }
+  check_temporaries(kelotls::kFrameworkDir, {{}, true}, findings);
+  check_temporaries(kConfigDir, {{}, true}, findings);
   check_leftovers(store, findings);
+}
+
+void check_selected(const Store& store, const Selection& selection, Findings& findings) {
+  check_entries(store, selection, findings);
+  check_descriptors(store, selection, findings);
+  check_services(store, selection, findings);
+  if (!selection.is_all) {
+    check_reloaders_of(selection, findings);
+    check_temporaries(kConfigDir, selection, findings);
+  }
+}
+
+const char* colour_of(const std::string& severity) {
+  return severity == kError ? "\033[31m" : severity == kWarning ? "\033[33m" : "\033[36m";
+}
+
+/// Only a service that is pending has a note with this advice, and only one.
+bool is_pending(const Json::Value& finding) {
+  return finding["severity"] == kNote && finding["action"] == kApply;
+}
+
+void print_finding(Console& console, const Json::Value& finding) {
+  const std::string severity = finding["severity"].asString();
+  console.data() << (console.colour() ? colour_of(severity) + severity + "\033[0m" : severity)
+                 << ": " << printable(finding["path"]) << ": " << printable(finding["text"])
+                 << "\n  " << printable(finding["action"]) << '\n';
+}
+
+void print_verdict(Console& console, const Json::Value& document) {
+  if (document["healthy"].asBool()) {
+    console.say(document["findings"].empty() ? "Nothing is wrong."
+                                             : "Nothing is wrong beyond what is noted above.");
+  }
+}
+
+void print_all_findings(Console& console, const Json::Value& document) {
+  for (const Json::Value& finding : document["findings"]) {
+    print_finding(console, finding);
+  }
+  print_verdict(console, document);
+}
+
+}  // namespace
+
+Report check_framework(Console&, const Arguments& arguments) {
+  Findings findings;
+  const std::optional<Store> store = check_store(findings);
+  check_store_file(findings);
+  if (store) {
+    check_selected(*store, select_services(*store, arguments.services), findings);
+  }
+  if (arguments.services.empty()) {
+    check_surroundings(store, findings);
+  }
 
   const bool is_healthy =
       std::all_of(findings.list.begin(), findings.list.end(),
                   [](const Json::Value& finding) { return finding["severity"] == kNote; });
   return {is_healthy ? kDone : kNotSo,
-          object({{"healthy", is_healthy}, {"findings", findings.list}})};
+          object({{"healthy", is_healthy}, {"findings", findings.list}}),
+          {},
+          {},
+          arguments.all ? print_all_findings : nullptr};
 }
 
 void print_findings(Console& console, const Json::Value& document) {
+  std::size_t pending = 0;
   for (const Json::Value& finding : document["findings"]) {
-    const std::string severity = finding["severity"].asString();
-    console.data() << (console.colour() ? colour_of(severity) + severity + "\033[0m" : severity)
-                   << ": " << printable(finding["path"]) << ": " << printable(finding["text"])
-                   << "\n  " << printable(finding["action"]) << '\n';
+    pending += is_pending(finding) ? 1 : 0;
+    if (!is_pending(finding) || pending <= kMaxPendingShown) {
+      print_finding(console, finding);
+    }
   }
-  if (document["healthy"].asBool()) {
-    console.say("Nothing is wrong.");
+  if (pending > kMaxPendingShown) {
+    console.data() << "and " << pending - kMaxPendingShown
+                   << " more services that are pending: kelotlsctl check --all\n";
   }
+  print_verdict(console, document);
 }
 
 }  // namespace kelotlsctl

@@ -34,7 +34,9 @@ Report list_services(Console& console, const Arguments& arguments) {
 
 void print_services(Console& console, const Json::Value& document) {
   if (document["services"].empty()) {
-    console.say("No service has joined.");
+    console.say(has_descriptors() ? "No service has an entry in the data store, but there are "
+                                    "descriptors: kelotlsctl regen"
+                                  : "No service has joined.");
     return;
   }
   Table table({"SERVICE", "LEVEL", "STATE", "NAME"});
