@@ -5,10 +5,12 @@
 #include <json/reader.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <stdexcept>
@@ -41,7 +43,11 @@ std::vector<char*> pointers(Arguments& texts) {
 }
 
 /// The test's own environment with these variables added, in place of those of the same names.
-Arguments environment(const Arguments& variables) {
+Arguments environment(Arguments variables) {
+  const auto is_locale = [](const std::string& text) { return text.compare(0, 7, "LC_ALL=") == 0; };
+  if (std::none_of(variables.begin(), variables.end(), is_locale)) {
+    variables.emplace_back("LC_ALL=C.UTF-8");
+  }
   Arguments result = variables;
   for (char** variable = environ; *variable != nullptr; ++variable) {
     const std::string text = *variable;
@@ -100,10 +106,13 @@ Outcome run(const Arguments& arguments, const std::string& input, const Argument
   return run_program(kelotlsctl_command(arguments), input, variables);
 }
 
-Outcome run_on_terminal(const Arguments& arguments, const Arguments& variables) {
+Outcome run_on_terminal(const Arguments& arguments, const Arguments& variables,
+                        unsigned short columns) {
   const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   require(master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0, "posix_openpt");
   const std::string terminal = ::ptsname(master);
+  const winsize size = {24, columns, 0, 0};
+  require(::ioctl(master, TIOCSWINSZ, &size) == 0, "TIOCSWINSZ");
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
   for (int descriptor = 0; descriptor < 3; ++descriptor) {

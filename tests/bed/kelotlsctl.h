@@ -20,7 +20,8 @@ struct Outcome {
   std::string err;
 };
 
-/// Runs a program with the standard input given and these variables ("NAME=VALUE") added.
+/// Runs a program with the standard input given and these variables ("NAME=VALUE") added, in a
+/// locale with UTF-8 unless they name another.
 Outcome run_program(const Arguments& command, const std::string& input = {},
                     const Arguments& variables = {});
 
@@ -28,8 +29,10 @@ Outcome run_program(const Arguments& command, const std::string& input = {},
 Outcome run(const Arguments& arguments, const std::string& input = {},
             const Arguments& variables = {});
 
-/// kelotlsctl with all three standard descriptors on a terminal; out is what the terminal shows.
-Outcome run_on_terminal(const Arguments& arguments, const Arguments& variables = {});
+/// kelotlsctl with all three standard descriptors on a terminal, which has as many columns; out is
+/// what it shows.
+Outcome run_on_terminal(const Arguments& arguments, const Arguments& variables = {},
+                        unsigned short columns = 0);
 
 /// kelotlsctl with --json. The document must satisfy the command's published schema.
 struct JsonOutcome {

@@ -39,6 +39,8 @@ TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
   EXPECT_EQ(complete("kelotlsctl render --preview we"), "web\n");
   EXPECT_EQ(complete("kelotlsctl render --preview web --level ''"), "modern intermediate old\n");
   EXPECT_EQ(complete("kelotlsctl get web ''"), "\n");
+  EXPECT_EQ(complete("kelotlsctl list --level ''"), "modern intermediate old default\n");
+  EXPECT_EQ(complete("kelotlsctl list --state pending"), "pending-render pending-reload\n");
 }
 
 TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
@@ -52,6 +54,8 @@ TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
   EXPECT_EQ(complete("kelotlsctl check --a"), "--all\n");
   EXPECT_EQ(complete("kelotlsctl join --r"), "--reason --replace\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
+  EXPECT_EQ(complete("kelotlsctl list --"),
+            "--json --quiet --reason --trust-anyway --help --level --state --terse --names\n");
 }
 
 TEST_F(KelotlsctlCompletion, OffersFiles) {
@@ -83,7 +87,7 @@ TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
     EXPECT_EQ(bash.count(name), 1u) << name;
     EXPECT_TRUE(contains(zsh, "\n    '" + name + ":"));
   }
-  EXPECT_EQ(commands, 22u);
+  EXPECT_EQ(commands, 23u);
   EXPECT_EQ(bash.size(), commands + 6) << "the options before a command are six";
 }
 

@@ -1,4 +1,7 @@
 // What kelotlsctl writes where: data, messages, colour, log lines; usage; pipes that close early.
+#include <iterator>
+#include <sstream>
+
 #include "kelotlsctl.h"
 
 namespace kelotls::test {
@@ -28,6 +31,78 @@ TEST_F(KelotlsctlConsole, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.err, reason + "\nRun with --help for more information.\n");
   }
+}
+
+TEST_F(KelotlsctlConsole, SuggestsTheCommandThatMayHaveBeenMeant) {
+  for (const Arguments& command :
+       {Arguments{"lst"}, Arguments{"lst", "--help"}, Arguments{"--json", "lst", "-h"},
+        Arguments{"--help", "lst"}, Arguments{"--reason", "set", "lst", "web"},
+        Arguments{"--reason=set", "lst"}}) {
+    const Outcome outcome = run(command);
+    EXPECT_EQ(outcome.status, 2) << command[0];
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err,
+              "The following argument was not expected: lst; did you mean \"list\"?\n"
+              "Run with --help for more information.\n");
+  }
+  EXPECT_EQ(run({"--help", "bogus\033"}).err,
+            "The following argument was not expected: bogus\\x1b\n"
+            "Run with --help for more information.\n");
+}
+
+TEST_F(KelotlsctlConsole, SuggestsTheLevelOrServiceThatMayHaveBeenMeant) {
+  join_both();
+  const auto error = [](const Arguments& command) {
+    const std::string text = run(command).err;
+    return text.substr(0, text.find('\n'));
+  };
+  const std::string no_level =
+      "kelotlsctl: error: \"modren\" is not a level; did you mean \"modern\"?";
+  EXPECT_EQ(error({"set", "web", "modren"}), no_level);
+  EXPECT_EQ(error({"default", "modren"}), no_level);
+  EXPECT_EQ(error({"list", "--level", "modren"}), no_level);
+  const std::string no_service =
+      "kelotlsctl: error: no service \"wbe\" has joined; did you mean \"web\"?";
+  for (const Arguments& command :
+       {Arguments{"show", "wbe"}, Arguments{"get", "wbe"}, Arguments{"explain", "wbe"},
+        Arguments{"probe", "wbe"}, Arguments{"set", "wbe", "old"}, Arguments{"apply", "wbe"}}) {
+    EXPECT_EQ(error(command), no_service) << command[0];
+    EXPECT_EQ(run(command).status, 10) << command[0];
+  }
+  EXPECT_EQ(error({"explain", "modren"}),
+            "kelotlsctl: error: no service \"modren\" has joined; did you mean \"modern\"?");
+}
+
+TEST_F(KelotlsctlConsole, SuggestsNoNameThatIsTooLongToHaveBeenMeant) {
+  const std::string name(70, 'a');
+  write_file(kDataStore, data_store_text(2, {{name, "0"}}));
+  EXPECT_EQ(run({"get", name.substr(0, 64)}).err.find("did you mean"), std::string::npos);
+}
+
+TEST_F(KelotlsctlConsole, GivesAnExampleOfEachCommandThatParses) {
+  join_both();
+  const std::string help = run({"--help"}).out;
+  std::istringstream lines(help.substr(help.find("Subcommands:")));
+  std::size_t commands = 0;
+  std::string line;
+  for (std::getline(lines, line); std::getline(lines, line);) {
+    if (line.compare(0, 2, "  ") != 0 || line[2] == ' ') {
+      continue;
+    }
+    ++commands;
+    const std::string name = line.substr(2, line.find(' ', 2) - 2);
+    const std::string text = run({name, "--help"}).out;
+    const std::string label = "Example: kelotlsctl " + name;
+    ASSERT_TRUE(contains(text, label));
+    EXPECT_TRUE(contains(text, "Exit codes: 0, 1"));
+    std::istringstream words(
+        text.substr(text.find(label), text.find('\n', text.find(label)) - text.find(label)));
+    Arguments example{std::istream_iterator<std::string>(words), {}};
+    example.erase(example.begin(), example.begin() + 2);
+    EXPECT_EQ(run(example).err.find("Run with --help"), std::string::npos) << name;
+    EXPECT_NE(run(example).status, 2) << name;
+  }
+  EXPECT_EQ(commands, 22u);
 }
 
 TEST_F(KelotlsctlConsole, RefusesWhatIsNoHostAndPort) {
@@ -135,6 +210,68 @@ TEST_F(KelotlsctlConsole, ColoursOnATerminalOnly) {
         Arguments{"probe", "web"}, Arguments{"show", "nix"}}) {
     const Outcome outcome = run(command);
     EXPECT_EQ((outcome.out + outcome.err).find(kEscape), std::string::npos) << command[0];
+  }
+}
+
+TEST_F(KelotlsctlConsole, ColoursStatesByWhetherSomethingIsToBeDone) {
+  join_both();
+  EXPECT_TRUE(contains(run_on_terminal({"list"}).out, "\033[32min force\033[0m "));
+  ASSERT_EQ(run({"default", "old"}).status, 0);
+  EXPECT_TRUE(contains(run_on_terminal({"list"}).out, "\033[33mpending render\033[0m "));
+  remove_all(kTemplate);
+  EXPECT_TRUE(contains(run_on_terminal({"list"}).out, "\033[31mcannot be rendered\033[0m "));
+}
+
+TEST_F(KelotlsctlConsole, CutsTheLastColumnToTheWidthOfATerminal) {
+  write_file(kDataStore,
+             R"({"default-level": 1, "services": {"abc": {"display-name": )"
+             R"("A display name that is long"}, "d": {"display-name": "漢漢漢漢漢漢"}}})");
+  const std::string before = "abc      default → modern  cannot be rendered  ";
+  const std::string before_other = "d        default → modern  cannot be rendered  ";
+  const auto shown = [](unsigned short columns) {
+    return run_on_terminal({"list"}, {"NO_COLOR=1"}, columns).out;
+  };
+  EXPECT_TRUE(contains(shown(57), before + "A display…\r\n"));
+  EXPECT_TRUE(contains(shown(57), before_other + "漢漢漢漢…\r\n"));
+  EXPECT_TRUE(contains(shown(59), before_other + "漢漢漢漢漢漢\r\n"));
+  EXPECT_TRUE(contains(shown(74), before + "A display name that is long\r\n"));
+  EXPECT_TRUE(contains(shown(73), before + "A display name that is lo…\r\n"));
+  EXPECT_TRUE(contains(shown(20), before + "\r\n"));
+  EXPECT_TRUE(contains(shown(0), before + "A display name that is long\r\n"));
+  EXPECT_TRUE(contains(run({"list"}, {}, {"COLUMNS=20"}).out, "A display name that is long\n"));
+}
+
+TEST_F(KelotlsctlConsole, KeepsToAsciiWhereTheLocaleHasNoUtf8) {
+  join_both();
+  ASSERT_EQ(run({"set", "web", "old"}).status, 0);
+  const std::string level = "default -> intermediate";
+  for (const Arguments& variables :
+       {Arguments{"LC_ALL=C"}, Arguments{"LC_ALL=", "LC_CTYPE=POSIX", "LANG=C.UTF-8"},
+        Arguments{"LC_ALL=", "LC_CTYPE=", "LANG="}, Arguments{"LC_ALL=not_installed.UTF-8"}}) {
+    EXPECT_EQ(run({"get", "ssh"}, {}, variables).out, level + "\n") << variables[0];
+    EXPECT_TRUE(contains(run({"list"}, {}, variables).out, "ssh      " + level + "  in force"));
+    EXPECT_TRUE(contains(run({"show", "web"}, {}, variables).out,
+                         link_path("web") + " -> /tmp/reload-web\n"));
+    EXPECT_TRUE(contains(run({"history"}, {}, variables).out, "default -> old"));
+  }
+  const Outcome list = run_on_terminal({"list"}, {"NO_COLOR=1", "LC_ALL=C"}, 72);
+  EXPECT_TRUE(contains(list.out, "Web...\r\n"));
+}
+
+TEST_F(KelotlsctlConsole, ShowsNamesAsTheyAreWhateverTheLocale) {
+  write_file(kDataStore, R"({"default-level": 1, "services": {"ö漢": {"display-name": "→"}}})");
+  const Outcome outcome = run({"list"}, {}, {"LC_ALL=C"});
+  EXPECT_EQ(outcome.out,
+            "SERVICE  LEVEL              STATE               NAME\n"
+            "ö漢      default -> modern  cannot be rendered  →\n");
+}
+
+TEST_F(KelotlsctlConsole, TakesTheLocaleOfTheFirstVariableThatIsSet) {
+  join_both();
+  for (const Arguments& variables : {Arguments{"LC_ALL=C.UTF-8", "LC_CTYPE=C", "LANG=C"},
+                                     Arguments{"LC_ALL=", "LC_CTYPE=C.UTF-8", "LANG=C"},
+                                     Arguments{"LC_ALL=", "LC_CTYPE=", "LANG=C.UTF-8"}}) {
+    EXPECT_EQ(run({"get", "ssh"}, {}, variables).out, "default → intermediate\n");
   }
 }
 

@@ -51,6 +51,83 @@ TEST_F(KelotlsctlLook, ListsInJsonByTheSchema) {
   EXPECT_EQ(outcome.document["services"][1]["effective-level"]["name"], "intermediate");
 }
 
+TEST_F(KelotlsctlLook, ListsInTheOrderOfTheNumbersInNames) {
+  write_file(kDataStore, data_store_text(2, {{"web10", "0"},
+                                             {"web2", "0"},
+                                             {"web", "0"},
+                                             {"web02", "0"},
+                                             {"a100b2", "0"},
+                                             {"a100b10", "0"},
+                                             {"a99", "0"}}));
+  const std::string expected = "a99\na100b2\na100b10\nweb\nweb02\nweb2\nweb10\n";
+  EXPECT_EQ(run({"list", "--names"}).out, expected);
+  std::string listed;
+  const Json::Value document = run_json("list").document;
+  for (const Json::Value& service : document["services"]) {
+    listed += service["service"].asString() + "\n";
+  }
+  EXPECT_EQ(listed, expected);
+}
+
+TEST_F(KelotlsctlLook, ListsServicesAtALevelAlone) {
+  write_file(kDataStore,
+             data_store_text(1, {{"a", "0"}, {"b", "1"}, {"c", "3"}, {"d", "9"}, {"e", "-1"}}));
+  EXPECT_EQ(run({"list", "--names", "--level", "modern"}).out, "a\nb\n");
+  EXPECT_EQ(run({"list", "--names", "--level", "MOZILLA_OLD"}).out, "c\n");
+  EXPECT_EQ(run({"list", "--names", "--level", "intermediate"}).out, "d\n");
+  EXPECT_EQ(run({"list", "--names", "--level", "default"}).out, "a\n");
+  EXPECT_EQ(run_json("list", {"--level", "3"}).document["services"].size(), 1u);
+  EXPECT_EQ(run({"list", "--level", "bogus"}).status, 2);
+}
+
+TEST_F(KelotlsctlLook, ListsServicesInAStateAlone) {
+  join_both();
+  EXPECT_EQ(run({"list", "--names", "--state", "in-force"}).out, "web\n");
+  EXPECT_EQ(run({"list", "--names", "--state", "next-context"}).out, "ssh\n");
+  EXPECT_EQ(run_json("list", {"--state", "in-force"}).document["services"].size(), 1u);
+  EXPECT_EQ(run({"list", "--names", "--state", "in-force", "--level", "old"}).out, "");
+}
+
+TEST_F(KelotlsctlLook, SaysThatNoServiceIsAsTheFiltersAsk) {
+  join_both();
+  const Outcome outcome = run({"list", "--state", "cannot-render"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "No service that has joined is so.\n");
+  EXPECT_EQ(run({"list", "--terse", "--state", "cannot-render"}).err, "");
+}
+
+TEST_F(KelotlsctlLook, RefusesWhatIsNoState) {
+  const Outcome outcome = run({"list", "--state", "in-farce"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_TRUE(contains(outcome.err,
+                       "kelotlsctl: error: \"in-farce\" is not a state; did you mean "
+                       "\"in-force\"?\n  A state is in-force, pending-render, "));
+}
+
+TEST_F(KelotlsctlLook, ListsTerselyForScripts) {
+  join_both();
+  ASSERT_EQ(run({"set", "ssh", "old"}).status, 0);
+  const Outcome outcome = run({"list", "--terse"});
+  EXPECT_EQ(outcome.out,
+            "ssh\told\told\tnext-context\n"
+            "web\tdefault\tintermediate\tin-force\n");
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(run_on_terminal({"list", "--terse"}, {}, 10).out,
+            "ssh\told\told\tnext-context\r\n"
+            "web\tdefault\tintermediate\tin-force\r\n");
+}
+
+TEST_F(KelotlsctlLook, KeepsALineALineWhenItListsTersely) {
+  write_file(kDataStore,
+             R"({"default-level": 2, "services": {"a\tb\nc": {"display-name": "", )"
+             R"("current-level": 9}, "d": {"display-name": "", "current-level": -1}}})");
+  EXPECT_EQ(run({"list", "--terse"}).out,
+            "a\\x09b\\x0ac\t9\tintermediate\tcannot-render\n"
+            "d\t-1\tunusable\tunusable-level\n");
+}
+
 TEST_F(KelotlsctlLook, ListsNamesAloneForShells) {
   join_both();
   EXPECT_EQ(run({"list", "--names"}).out, "ssh\nweb\n");

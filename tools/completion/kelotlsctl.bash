@@ -2,14 +2,14 @@
 
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-  local commands='list show get set default levels explain probe check history validate join leave regen
-    render reload apply backup restore init recover dh'
+  local commands='list status show get set default levels explain probe check history validate join leave
+    regen render reload apply backup restore init recover dh'
   local levels='modern intermediate old default'
   local command='' position=0 index word
   for ((index = 1; index < COMP_CWORD; index++)); do
     word=${COMP_WORDS[index]}
     case $word in
-      --default | --from | --connect | --preview | --level | --reason | --reload-timeout) ((index++)) ;;
+      --default | --from | --connect | --preview | --level | --state | --reason | --reload-timeout) ((index++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=$word; else ((position++)); fi ;;
     esac
@@ -21,7 +21,10 @@ _kelotlsctl() {
     --default) words=$levels ;;
     --from) _kelotlsctl_files "$current"; return ;;
     --preview) _kelotlsctl_files "$current"; _kelotlsctl_services "$current"; return ;;
-    --level) words='modern intermediate old' ;;
+    --level) words='modern intermediate old'; [[ $command != list ]] || words=$levels ;;
+    --state)
+      words='in-force pending-render pending-reload next-context cannot-render unusable-level needs-root'
+      ;;
     --connect | --reason | --reload-timeout) return ;;
     *)
       case $command in
@@ -48,6 +51,7 @@ _kelotlsctl() {
 _kelotlsctl_options() {
   local options='--json --quiet --reason --trust-anyway --help'
   case $1 in
+    list) options+=' --level --state --terse --names' ;;
     set) options+=' --dry-run --apply --all --reload-timeout' ;;
     default) options+=' --dry-run --apply --reload-timeout' ;;
     reload | apply) options+=' --dry-run --reload-timeout' ;;

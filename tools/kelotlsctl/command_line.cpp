@@ -16,6 +16,7 @@
 
 #include "json_document.h"
 #include "log_messages.h"
+#include "output/suggestion.h"
 #include "state/history.h"
 #include "state/interruption.h"
 
@@ -61,7 +62,8 @@ class Parser {
  private:
   void add(const CommandRow& row) {
     CLI::App* const command = app.add_subcommand(row.name, row.help);
-    command->footer(std::string("Exit codes: ") + row.exit_codes + ". See kelotlsctl(8).");
+    command->footer(std::string("Example: ") + row.example + "\nExit codes: " + row.exit_codes +
+                    ". See kelotlsctl(8).");
     command->callback([this, &row] {
       requested = &row;
       arguments.command = row.name;
@@ -87,6 +89,33 @@ class Parser {
     }
   }
 };
+
+/// The first word that is neither an option nor the value of one; null without one.
+const char* command_word(int argc, char** argv) {
+  for (int index = 1; index < argc; ++index) {
+    if (std::strcmp(argv[index], "--reason") == 0) {
+      ++index;
+    } else if (argv[index][0] != '-') {
+      return argv[index];
+    }
+  }
+  return nullptr;
+}
+
+/// Whether the word is a command. One that is not is refused before the parser sees it: that would
+/// answer "--help" behind it with the help of the whole program.
+bool knows_command(const char* word) {
+  std::vector<std::string> names;
+  for (const CommandRow& row : commands()) {
+    names.emplace_back(row.name);
+  }
+  if (word == nullptr || std::find(names.begin(), names.end(), word) != names.end()) {
+    return true;
+  }
+  std::cerr << "The following argument was not expected: " << printable(std::string(word))
+            << did_you_mean(word, names) << "\nRun with --help for more information.\n";
+  return false;
+}
 
 void print(Console& console, const CommandRow& row, const Report& report) {
   if (console.json()) {
@@ -174,6 +203,9 @@ int run_program(int argc, char** argv) {
   occupy_standard_descriptors();
   keep_files_from_others();
   outlive_failed_writes();
+  if (!knows_command(command_word(argc, argv))) {
+    return kUsage;
+  }
   Parser parser;
   try {
     parser.app.parse(argc, argv);

@@ -19,6 +19,7 @@ struct Arguments {
   bool apply = false;
   bool all = false;
   bool replace = false;
+  bool terse = false;
   std::string command;  ///< its name
   std::string reason;   ///< why the operator makes the change
   std::string reload_timeout;
@@ -27,6 +28,7 @@ struct Arguments {
   std::string service;
   std::vector<std::string> services;  ///< names and patterns
   std::string level;
+  std::string state;  ///< its key
   std::string subject;
   std::string address;
   std::string preview;
@@ -52,6 +54,7 @@ struct CommandRow {
   const char* help;
   std::vector<ArgumentRow> arguments;
   const char* exit_codes;
+  const char* example;  ///< a whole command line, without quotes
   CommandFunction* run;
   PrintFunction* print;
   /// What has to be root's alone before it runs, called like this.
@@ -61,10 +64,10 @@ struct CommandRow {
 // The commands' functions: for each, what does it and what prints its document.
 
 // look/: what changes nothing
-CommandFunction list_services, show_service, get_level, show_levels, explain, probe_service,
-    check_framework, show_history, validate_registration;
-PrintFunction print_services, print_service, print_level_of_service, print_levels, print_explained,
-    print_probed, print_findings, print_history, print_validated;
+CommandFunction list_services, show_status, show_service, get_level, show_levels, explain,
+    probe_service, check_framework, show_history, validate_registration;
+PrintFunction print_services, print_status, print_service, print_level_of_service, print_levels,
+    print_explained, print_probed, print_findings, print_history, print_validated;
 
 // change/: what writes, renders or runs
 CommandFunction set_level, default_level, join_services, leave_services, regenerate,

@@ -2,6 +2,7 @@
 #include "output/console.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -58,6 +59,11 @@ bool Console::may_colour(int descriptor) {
   const char* const terminal = std::getenv("TERM");
   return (no_colour == nullptr || *no_colour == '\0') && ::isatty(descriptor) != 0 &&
          terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+std::size_t Console::width_of(int descriptor) {
+  winsize size = {};
+  return ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 void Console::print_each(const Json::Value& texts, const std::string& remark) {

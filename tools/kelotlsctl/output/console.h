@@ -71,6 +71,9 @@ class Console {
   /// Whether data may carry colour: on a terminal, unless NO_COLOR is set.
   bool colour() const { return colour_; }
 
+  /// How many columns the terminal has that data goes to; 0 without one.
+  std::size_t width() const { return width_; }
+
   /// Text for the standard output, held back until flush or the next line on the standard error.
   std::ostream& data() { return data_; }
 
@@ -99,11 +102,13 @@ class Console {
   void write_line(const std::string& text);
 
   static bool may_colour(int descriptor);
+  static std::size_t width_of(int descriptor);
 
   const kelotls::Descriptor output_;
   bool json_;
   const bool quiet_;
   bool colour_ = may_colour(1);
+  std::size_t width_ = width_of(1);
   bool error_colour_ = may_colour(2);
   bool bar_is_drawn_ = false;
   bool has_lost_output_ = false;

@@ -54,6 +54,9 @@ std::string nearest(const std::string& name, const std::vector<std::string>& can
   // Of a short name, two characters are most of it.
   std::size_t allowed = std::min(kMaxEdits, name.size() / 3);
   for (const std::string& candidate : candidates) {
+    if (candidate.size() > kMaxName) {
+      continue;
+    }
     const std::size_t edits = edits_between(plain(name), plain(candidate));
     if (edits < allowed || (edits == allowed && found.empty())) {
       found = candidate;

@@ -7,6 +7,7 @@
 #include <clocale>
 #include <sstream>
 
+#include "output/characters.h"
 #include "output/console.h"
 
 namespace kelotlsctl {
@@ -25,26 +26,56 @@ struct Edit {
 };
 using Edits = std::vector<Edit>;
 
-/// How many columns a terminal needs for the text.
-std::size_t display_width(const std::string& text) {
+struct Character {
+  std::size_t bytes;
+  std::size_t columns;
+};
+
+/// The character that begins there, and how many columns a terminal needs for it.
+Character character_at(const std::string& text, std::size_t at) {
   // Names are UTF-8 whatever the operator's locale says.
   static const bool is_utf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
-  std::size_t width = 0;
   std::mbstate_t state = {};
+  wchar_t character = 0;
+  const std::size_t length = std::mbrtowc(&character, &text[at], text.size() - at, &state);
+  if (!is_utf8 || length == 0 || length > text.size()) {
+    return {1, 1};
+  }
+  const int columns = ::wcwidth(character);
+  return {length, columns > 0 ? static_cast<std::size_t>(columns) : 0};
+}
+
+/// How many columns a terminal needs for the text.
+std::size_t display_width(const std::string& text) {
+  std::size_t width = 0;
   for (std::size_t at = 0; at < text.size();) {
-    wchar_t character = 0;
-    const std::size_t length = std::mbrtowc(&character, &text[at], text.size() - at, &state);
-    if (!is_utf8 || length == 0 || length > text.size()) {
-      state = {};
-      ++width;
-      ++at;
-      continue;
-    }
-    const int columns = ::wcwidth(character);
-    width += columns > 0 ? static_cast<std::size_t>(columns) : 0;
-    at += length;
+    const Character character = character_at(text, at);
+    width += character.columns;
+    at += character.bytes;
   }
   return width;
+}
+
+/// The front of the text that needs no more columns than these.
+std::string front_of(const std::string& text, std::size_t columns) {
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const Character character = character_at(text, at);
+    if (character.columns > columns) {
+      break;
+    }
+    columns -= character.columns;
+    at += character.bytes;
+  }
+  return text.substr(0, at);
+}
+
+/// Ends in dots where something is left out.
+std::string cut(const std::string& text, std::size_t columns) {
+  const std::size_t dots = display_width(ellipsis());
+  return display_width(text) <= columns ? text
+         : columns < dots               ? std::string()
+                                        : front_of(text, columns - dots) + ellipsis();
 }
 
 /// The lines with their ends, so that a last line without one differs from the same with one.
@@ -116,29 +147,42 @@ bool is_near_change(const Edits& edits, std::size_t at) {
 
 }  // namespace
 
-void Table::add(const std::vector<std::string>& cells) {
-  std::vector<std::string>& row = rows_.emplace_back();
+void Table::add(const std::vector<std::string>& cells, const std::vector<const char*>& tones) {
+  Row& row = rows_.emplace_back();
+  row.tones = tones;
   for (const std::string& cell : cells) {
-    row.push_back(printable(cell));
+    row.cells.push_back(printable(cell));
   }
 }
 
-void Table::print(std::ostream& out, bool colour) const {
-  std::vector<std::size_t> widths(rows_[0].size(), 0);
-  for (const auto& row : rows_) {
-    for (std::size_t column = 0; column < row.size(); ++column) {
-      widths[column] = std::max(widths[column], display_width(row[column]));
+std::vector<std::size_t> Table::column_widths() const {
+  std::vector<std::size_t> widths(rows_[0].cells.size(), 0);
+  for (const Row& row : rows_) {
+    for (std::size_t column = 0; column < row.cells.size(); ++column) {
+      widths[column] = std::max(widths[column], display_width(row.cells[column]));
     }
   }
-  for (const auto& row : rows_) {
+  return widths;
+}
+
+void Table::print(std::ostream& out, bool colour, std::size_t width) const {
+  constexpr std::size_t kGap = 2;
+  const std::vector<std::size_t> widths = column_widths();
+  const std::size_t last = widths.size() - 1;
+  std::size_t before_last = 0;
+  for (std::size_t column = 0; column < last; ++column) {
+    before_last += widths[column] + kGap;
+  }
+  ReportText text(out, colour);
+  for (const Row& row : rows_) {
     std::string line;
-    for (std::size_t column = 0; column < row.size(); ++column) {
-      line += row[column];
-      if (column + 1 < row.size()) {
-        line.append(widths[column] - display_width(row[column]) + 2, ' ');
-      }
+    for (std::size_t column = 0; column < last; ++column) {
+      const std::string& cell = row.cells[column];
+      line += text.cell(cell, 0, column < row.tones.size() ? row.tones[column] : "");
+      line.append(widths[column] - display_width(cell) + kGap, ' ');
     }
-    ReportText text(out, colour);
+    const std::string& cell = row.cells[last];
+    line += width == 0 ? cell : cut(cell, width - std::min(width, before_last));
     &row == &rows_[0] ? text.heading(line) : text.line(line);
   }
 }

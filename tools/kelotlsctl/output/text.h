@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kelotlsctl {
@@ -11,20 +12,30 @@ namespace kelotlsctl {
 /// A table with columns as wide as their widest cell.
 class Table {
  public:
-  explicit Table(std::vector<std::string> head) : rows_{std::move(head)} {}
+  explicit Table(std::vector<std::string> head) : rows_{{std::move(head), {}}} {}
 
-  /// Control characters in cells are escaped: names out of files may hold any.
-  void add(const std::vector<std::string>& cells);
+  /// Control characters in cells are escaped: names out of files may hold any. tones: of the first
+  /// cells, "" for none.
+  void add(const std::vector<std::string>& cells, const std::vector<const char*>& tones = {});
 
-  void print(std::ostream& out, bool colour) const;
+  /// The last column is cut to what a terminal of this width leaves of it; 0 leaves it whole.
+  void print(std::ostream& out, bool colour, std::size_t width = 0) const;
 
  private:
-  std::vector<std::vector<std::string>> rows_;
+  struct Row {
+    std::vector<std::string> cells;
+    std::vector<const char*> tones;
+  };
+
+  std::vector<std::size_t> column_widths() const;
+
+  std::vector<Row> rows_;
 };
 
 // What a terminal takes for a tone.
 constexpr char kHeading[] = "\033[1m";
 constexpr char kGood[] = "\033[32m";
+constexpr char kCare[] = "\033[33m";
 constexpr char kBad[] = "\033[31m";
 constexpr char kQuiet[] = "\033[2m";
 

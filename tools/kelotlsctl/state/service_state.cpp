@@ -2,12 +2,16 @@
 #include "state/service_state.h"
 
 #include <openssl/evp.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
 
+#include "output/text.h"
 #include "state/templates.h"
 
 namespace kelotlsctl {
@@ -20,18 +24,26 @@ using Outcome = RenderResult::Outcome;
 struct StateWords {
   const char* text;
   const char* key;
+  const char* tone;
 };
 
 // clang-format off
-constexpr std::array<StateWords, 6> kStateWords = {{
-    {"in force",                       "in-force"},
-    {"pending render",                 "pending-render"},
-    {"pending reload",                 "pending-reload"},
-    {"in force from its next context", "next-context"},
-    {"cannot be rendered",             "cannot-render"},
-    {"unusable level",                 "unusable-level"},
+constexpr std::array<StateWords, 7> kStateWords = {{
+    {"in force",                       "in-force",       kGood},
+    {"pending render",                 "pending-render", kCare},
+    {"pending reload",                 "pending-reload", kCare},
+    {"in force from its next context", "next-context",   kGood},
+    {"cannot be rendered",             "cannot-render",  kBad},
+    {"unusable level",                 "unusable-level", kBad},
+    {"not known: needs root",          "needs-root",     kCare},
 }};
 // clang-format on
+
+/// Those of a key that state_keys gives.
+const StateWords& words_of_state(const std::string& key) {
+  const auto has_key = [&key](const StateWords& words) { return key == words.key; };
+  return *std::find_if(kStateWords.begin(), kStateWords.end() - 1, has_key);
+}
 
 std::string failure_text(const RenderResult& result, const Store& store,
                          const std::string& service) {
@@ -47,6 +59,16 @@ std::string failure_text(const RenderResult& result, const Store& store,
     default:
       return kelotls::rendered_path(service) + " was not written";
   }
+}
+
+/// The template's own step gives no errno.
+bool needs_root(const RenderResult& result) {
+  if (::geteuid() == 0 || result.outcome != Outcome::kFailed) {
+    return false;
+  }
+  return result.error == EACCES ||
+         (result.failed_step == RenderResult::Step::kTemplate &&
+          ::access(result.template_path.c_str(), R_OK) != 0 && errno == EACCES);
 }
 
 std::string sha256(const std::string& text) {
@@ -93,7 +115,8 @@ Rendered render(const Store& store, const std::string& service, kelotls::JsonRea
   const RenderResult result =
       kelotls::render_and_compare(store.root, service, reader, rendering, texts);
   const bool has_failed = result.outcome == Outcome::kFailed;
-  return {result.outcome, texts, has_failed ? failure_text(result, store, service) : ""};
+  return {result.outcome, texts, has_failed ? failure_text(result, store, service) : "",
+          needs_root(result)};
 }
 
 Stamp Stamp::load() {
@@ -183,7 +206,7 @@ State ServiceInspector::state_of(const ServiceStatus& status) const {
     return State::kUnusableLevel;
   }
   if (outcome == Outcome::kFailed) {
-    return State::kCannotRender;
+    return status.rendered.needs_root ? State::kNeedsRoot : State::kCannotRender;
   }
   if (outcome == Outcome::kRendered) {
     return State::kPendingRender;
@@ -196,13 +219,16 @@ State ServiceInspector::state_of(const ServiceStatus& status) const {
   return stamp_.matches(status.name, effective, rendered) ? State::kInForce : State::kPendingReload;
 }
 
-std::string state_text(const std::string& state_key) {
+std::vector<std::string> state_keys() {
+  std::vector<std::string> keys;
   for (const StateWords& words : kStateWords) {
-    if (state_key == words.key) {
-      return words.text;
-    }
+    keys.emplace_back(words.key);
   }
-  return state_key;
+  return keys;
 }
+
+std::string state_text(const std::string& state_key) { return words_of_state(state_key).text; }
+
+const char* state_tone(const std::string& state_key) { return words_of_state(state_key).tone; }
 
 }  // namespace kelotlsctl

@@ -31,7 +31,8 @@ std::string link_target(const std::string& service);
 struct Rendered {
   kelotls::RenderResult::Outcome outcome;
   kelotls::RenderedTexts texts;
-  std::string fault;  ///< of kFailed
+  std::string fault;        ///< of kFailed
+  bool needs_root = false;  ///< it failed because only root may read what it takes
 };
 
 Rendered render(const Store& store, const std::string& service, kelotls::JsonReader& reader,
@@ -78,6 +79,7 @@ enum class State {
   kNextContext,    ///< neither template nor reloader: in force from its next context on
   kCannotRender,
   kUnusableLevel,  ///< negative: the service gets no context at all
+  kNeedsRoot,      ///< this user may not read what tells
 };
 
 struct ServiceStatus {
@@ -104,7 +106,13 @@ class ServiceInspector {
   kelotls::JsonReader reader_;
 };
 
+/// Every state, for programs, in the order of State.
+std::vector<std::string> state_keys();
+
 /// "pending reload", for people, of "pending-reload", for programs.
 std::string state_text(const std::string& state_key);
+
+/// What a terminal shows the state in: what is in force, what is pending, what is at fault.
+const char* state_tone(const std::string& state_key);
 
 }  // namespace kelotlsctl

@@ -14,6 +14,8 @@
 
 #include "framework_config.h"
 #include "json_document.h"
+#include "output/characters.h"
+#include "output/suggestion.h"
 #include "profile.h"
 #include "regeneration.h"
 
@@ -93,9 +95,24 @@ std::optional<int> find_level(std::string text) {
 int parse_level(const std::string& text) {
   const std::optional<int> level = find_level(text);
   if (!level) {
-    throw Failure(kUsage, "\"" + printable(text) + "\" is not a level", kLevelAdvice);
+    throw Failure(kUsage, no_level_text(text), kLevelAdvice);
   }
   return *level;
+}
+
+std::vector<std::string> level_words() {
+  std::vector<std::string> words;
+  for (int level = 0; !level_name(level).empty(); ++level) {
+    words.push_back(level_name(level));
+    if (const Profile* const profile = named_profile(level)) {
+      words.emplace_back(profile->tier);
+    }
+  }
+  return words;
+}
+
+std::string no_level_text(const std::string& text) {
+  return "\"" + printable(text) + "\" is not a level" + did_you_mean(text, level_words());
 }
 
 Json::Value level_json(int level) {
@@ -115,7 +132,7 @@ std::string level_text(const Json::Value& level) {
 std::string describe_levels(const Json::Value& stored, const Json::Value& effective) {
   const std::string name = level_text(stored);
   const std::string served = effective_name(effective["value"].asInt());
-  return name == served ? name : name + " → " + served;
+  return name == served ? name : name + " " + arrow() + " " + served;
 }
 
 int Store::stored_level(const std::string& service) const {
@@ -273,7 +290,9 @@ Selection select_services(const Store& store, const std::vector<std::string>& re
 
 void require_service(const Store& store, const std::string& service) {
   if (!store.has(service)) {
-    throw Failure(kNoSuchService, "no service \"" + printable(service) + "\" has joined",
+    throw Failure(kNoSuchService,
+                  "no service \"" + printable(service) + "\" has joined" +
+                      printable(did_you_mean(service, store.names())),
                   "kelotlsctl list shows those that have.");
   }
 }

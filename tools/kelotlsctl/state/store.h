@@ -27,6 +27,12 @@ constexpr char kLevelAdvice[] =
 /// The same; a Failure (usage) for anything else.
 int parse_level(const std::string& text);
 
+/// "\"modren\" is not a level", and what may have been meant.
+std::string no_level_text(const std::string& text);
+
+/// The levels by name, as operators write them.
+std::vector<std::string> level_words();
+
 /// {"value": 2, "name": "intermediate"}
 Json::Value level_json(int level);
 

@@ -17,7 +17,8 @@ struct Request {
 /// Points out where the level came before the service.
 [[noreturn]] void refuse_level(const std::string& level, const std::vector<std::string>& services) {
   const bool is_swapped = services.size() == 1 && find_level(services[0]);
-  throw Failure(kUsage, "\"" + printable(level) + "\" is not a level",
+  throw Failure(kUsage,
+                is_swapped ? "\"" + printable(level) + "\" is not a level" : no_level_text(level),
                 is_swapped ? "The service comes first: kelotlsctl set " + printable(level) + " " +
                                  printable(services[0])
                            : kLevelAdvice);

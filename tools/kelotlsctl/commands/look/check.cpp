@@ -194,6 +194,10 @@ void check_rendering(const ServiceStatus& status, Findings& findings) {
     findings.add(kError, status.descriptor.template_path(),
                  status.name + ": " + status.rendered.fault,
                  "put the template right, then kelotlsctl apply");
+  } else if (status.state == State::kNeedsRoot) {
+    findings.add(kWarning, status.descriptor.path,
+                 "whether the level of " + status.name + " is in force is not known: needs root",
+                 "kelotlsctl check, as root");
   } else if (status.state == State::kPendingRender) {
     findings.add(kNote, kelotls::rendered_path(status.name),
                  "is not what the template gives for the level", kApply);

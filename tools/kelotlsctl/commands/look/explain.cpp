@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "command_line.h"
+#include "output/suggestion.h"
 #include "state/application.h"
 #include "tls/report.h"
 
@@ -18,6 +19,16 @@ Report report_of(const Json::Value& explanation) {
       differences.begin(), differences.end(),
       [](const Json::Value& difference) { return difference["cause"] == "dh-file-unsafe"; });
   return {is_unsafe ? kNotSo : kDone, explanation};
+/// A word that is neither may have been meant as either.
+void require_level_or_service(const Store& store, const std::string& subject) {
+  const std::string level = nearest(subject, level_words());
+  if (!store.has(subject) && nearest(subject, store.names()).empty() && !level.empty()) {
+    throw Failure(kNoSuchService,
+                  "no service \"" + printable(subject) + "\" has joined" +
+                      did_you_mean(subject, level_words()),
+                  kLevelAdvice);
+  }
+  require_service(store, subject);
 }
 
 }  // namespace
@@ -29,7 +40,7 @@ Report explain(Console&, const Arguments& arguments) {
     return report_of(explain_context(make_level_context(level).get(), level));
   }
   const Store store = load_store();
-  require_service(store, arguments.subject);
+  require_level_or_service(store, arguments.subject);
   const kelotls::ContextOwner context = service_context(store, arguments.subject);
   return report_of(explain_context(context.get(), store.effective_level(arguments.subject)));
 }

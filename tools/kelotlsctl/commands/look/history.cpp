@@ -2,6 +2,7 @@
 #include "state/history.h"
 
 #include "command_line.h"
+#include "output/characters.h"
 #include "output/text.h"
 
 namespace kelotlsctl {
@@ -38,7 +39,9 @@ void add_rows(Table& table, const Json::Value& record) {
   };
   for (const Json::Value& change : record["changes"]) {
     add(change["service"].asString(),
-        change.isMember("to") ? change["from"].asString() + " → " + change["to"].asString() : "");
+        change.isMember("to")
+            ? change["from"].asString() + " " + arrow() + " " + change["to"].asString()
+            : "");
   }
   if (record["changes"].empty()) {
     add("-", "");

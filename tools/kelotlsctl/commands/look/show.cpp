@@ -1,6 +1,7 @@
 // kelotlsctl show: one service, and what there is of its files.
 #include "command_line.h"
 #include "files.h"
+#include "output/characters.h"
 #include "paths.h"
 #include "state/service_state.h"
 
@@ -30,7 +31,7 @@ std::string path_text(const Json::Value& file) {
   if (file.isMember("fault")) {
     text += " (" + file["fault"].asString() + ")";
   } else if (file.isMember("target")) {
-    text += " → " + file["target"].asString();
+    text += std::string(" ") + arrow() + " " + file["target"].asString();
   } else if (!file["exists"].asBool()) {
     text += " (missing)";
   }
