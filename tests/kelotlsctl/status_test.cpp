@@ -85,6 +85,14 @@ TEST_F(KelotlsctlStatus, SaysWhatFailedLastAndWhy) {
                                       failed["result"].asString() + ", a reloader failed");
 }
 
+TEST_F(KelotlsctlStatus, NamesTheLastOfSeveralFailures) {
+  join_both();
+  write_file(kReloaderStatus, "3");
+  ASSERT_EQ(run({"set", "web", "old", "--apply"}).status, 5);
+  ASSERT_EQ(run({"reload", "web"}).status, 5);
+  EXPECT_EQ(run_json("status").document["last-failure"]["command"], "reload");
+}
+
 TEST_F(KelotlsctlStatus, NamesOnlyTheServicesThatFailed) {
   write_file(kHistory,
              R"({"id": "1", "time": "2026-01-02T03:04:05Z", "command": "apply", "who": {"user": )"
@@ -191,6 +199,15 @@ TEST_F(KelotlsctlWithoutRoot, IsToldThatDescriptorAndTemplateNeedRoot) {
     std::filesystem::permissions(path, std::filesystem::perms(0644));
   }
   EXPECT_EQ(run({"list", "--names", "--state", "needs-root"}).out, "");
+}
+
+TEST_F(KelotlsctlStatus, TellsRootOfAFileThatNobodyMayRead) {
+  join_both();
+  std::filesystem::permissions(kTemplate, std::filesystem::perms::none);
+  const Outcome outcome = run_program({"setpriv", "--inh-caps", "-dac_override,-dac_read_search",
+                                       "--bounding-set", "-dac_override,-dac_read_search",
+                                       KELOTLSCTL, "list", "--names", "--state", "cannot-render"});
+  EXPECT_EQ(outcome.out, "web\n") << outcome.err;
 }
 
 TEST_F(KelotlsctlWithoutRoot, IsStillToldOfAMissingTemplate) {
