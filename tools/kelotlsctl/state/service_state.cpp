@@ -221,6 +221,7 @@ State ServiceInspector::state_of(const ServiceStatus& status) const {
 
 std::vector<std::string> state_keys() {
   std::vector<std::string> keys;
+  keys.reserve(kStateWords.size());
   for (const StateWords& words : kStateWords) {
     keys.emplace_back(words.key);
   }
