@@ -84,9 +84,6 @@ class Parser {
     if (argument.flag == nullptr && !argument.may_be_empty) {
       option->check(not_empty);
     }
-    if (argument.is_hidden) {
-      option->group("");
-    }
   }
 };
 

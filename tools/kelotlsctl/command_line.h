@@ -43,7 +43,6 @@ struct ArgumentRow {
   std::string Arguments::*text = nullptr;
   bool is_required = false;
   bool may_be_empty = false;
-  bool is_hidden = false;
   std::vector<std::string> Arguments::*list = nullptr;
 };
 

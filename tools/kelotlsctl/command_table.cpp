@@ -8,7 +8,7 @@ namespace {
 // clang-format off
 constexpr ArgumentRow kDryRun  = {"--dry-run", "Say what would be done, write nothing", &Arguments::dry_run};
 constexpr ArgumentRow kService = {"SERVICE", "The name that the service joined with", nullptr, &Arguments::service, true, true};
-constexpr ArgumentRow kServices = {"SERVICE", "Services, or patterns with * and ?; else all", nullptr, nullptr, false, true, false, &Arguments::services};
+constexpr ArgumentRow kServices = {"SERVICE", "Services, or patterns with * and ?; else all", nullptr, nullptr, false, true, &Arguments::services};
 constexpr ArgumentRow kTimeout = {"--reload-timeout", "Seconds that a reloader may take; else 60", nullptr, &Arguments::reload_timeout};
 constexpr ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
 // clang-format on
@@ -75,7 +75,7 @@ const std::vector<CommandRow>& commands() {
 
     {"set", "Set the levels of services",
      {kDryRun,
-      {"SERVICE", "Services, or patterns with * and ?, and last the LEVEL: modern, intermediate, old, default, or 0 to 3", nullptr, nullptr, true, true, false, &Arguments::services},
+      {"SERVICE", "Services, or patterns with * and ?, and last the LEVEL: modern, intermediate, old, default, or 0 to 3", nullptr, nullptr, true, true, &Arguments::services},
       {"--all", "All services", &Arguments::all},
       {"--apply", "Render, reload and probe; undo what fails", &Arguments::apply}, kTimeout},
      "0, 1, 2, 3, 4, 5, 10", "kelotlsctl set nginx modern --apply",
