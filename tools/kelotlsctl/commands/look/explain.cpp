@@ -19,6 +19,8 @@ Report report_of(const Json::Value& explanation) {
       differences.begin(), differences.end(),
       [](const Json::Value& difference) { return difference["cause"] == "dh-file-unsafe"; });
   return {is_unsafe ? kNotSo : kDone, explanation};
+}
+
 /// A word that is neither may have been meant as either.
 void require_level_or_service(const Store& store, const std::string& subject) {
   const std::string level = nearest(subject, level_words());
