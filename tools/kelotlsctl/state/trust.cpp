@@ -170,7 +170,7 @@ void TrustWalk::add(const std::string& place) {
       path.resize(path.empty() ? 0 : path.rfind('/'));
       continue;
     }
-    const std::string next = path + "/" + name;
+    const std::string next = std::string(path).append("/").append(name);
     const Component& component = step_to({next, place, steps.empty(), {}, {}, {}});
     if (!component.exists) {
       return;
