@@ -102,7 +102,7 @@ TEST_F(KelotlsctlConsole, GivesAnExampleOfEachCommandThatParses) {
     EXPECT_EQ(run(example).err.find("Run with --help"), std::string::npos) << name;
     EXPECT_NE(run(example).status, 2) << name;
   }
-  EXPECT_EQ(commands, 22u);
+  EXPECT_EQ(commands, 23u);
 }
 
 TEST_F(KelotlsctlConsole, RefusesWhatIsNoHostAndPort) {

@@ -99,19 +99,18 @@ const char* command_word(int argc, char** argv) {
   return nullptr;
 }
 
-/// Whether the word is a command. One that is not is refused before the parser sees it: that would
+/// Why the word is no command; empty for one. It is refused before the parser sees it: that would
 /// answer "--help" behind it with the help of the whole program.
-bool knows_command(const char* word) {
+std::string command_fault(const char* word) {
   std::vector<std::string> names;
   for (const CommandRow& row : commands()) {
     names.emplace_back(row.name);
   }
   if (word == nullptr || std::find(names.begin(), names.end(), word) != names.end()) {
-    return true;
+    return {};
   }
-  std::cerr << "The following argument was not expected: " << printable(std::string(word))
-            << did_you_mean(word, names) << "\nRun with --help for more information.\n";
-  return false;
+  return "The following argument was not expected: " + printable(std::string(word)) +
+         did_you_mean(word, names);
 }
 
 void print(Console& console, const CommandRow& row, const Report& report) {
@@ -194,14 +193,27 @@ void occupy_standard_descriptors() {
 /// What the library makes has the mode that the umask leaves; nobody else shall write it.
 void keep_files_from_others() { ::umask(::umask(077) | 022); }
 
+/// What was wrong with the command line has been said; under --json it is a document too.
+int refuse_usage(const std::string& fault, bool wants_json) {
+  if (wants_json) {
+    Console console(true, false);
+    console.document(Failure(kUsage, fault, "Run with --help for more information."));
+    console.flush();
+  }
+  return kUsage;
+}
+
 }  // namespace
 
 int run_program(int argc, char** argv) {
   occupy_standard_descriptors();
   keep_files_from_others();
   outlive_failed_writes();
-  if (!knows_command(command_word(argc, argv))) {
-    return kUsage;
+  const bool wants_json = asks_for_json(argc, argv);
+  const std::string fault = command_fault(command_word(argc, argv));
+  if (!fault.empty()) {
+    std::cerr << fault << "\nRun with --help for more information.\n";
+    return refuse_usage(fault, wants_json);
   }
   Parser parser;
   try {
@@ -210,12 +222,7 @@ int run_program(int argc, char** argv) {
     if (parser.app.exit(error) == 0) {
       return kDone;
     }
-    if (asks_for_json(argc, argv)) {
-      Console console(true, false);
-      console.document(Failure(kUsage, error.what(), "Run with --help for more information."));
-      console.flush();
-    }
-    return kUsage;
+    return refuse_usage(error.what(), wants_json);
   }
   Console console(parser.is_json, parser.is_quiet);
   // Many failures are a line of the system log: the operator sees each as well.

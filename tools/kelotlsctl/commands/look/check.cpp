@@ -295,8 +295,8 @@ void check_reloaders_of(const Selection& selection, Findings& findings) {
 
 /// A place that is itself at fault is named as the framework spells it. A reloader that others may
 /// change was found where it is looked at as a program.
-void check_trust(Findings& findings) {
-  const TrustWalk walk = walk_places(kAllPlaces);
+void check_trust(Places places, Findings& findings) {
+  const TrustWalk walk = walk_places(places);
   for (const Distrust& fault : walk.faults()) {
     const bool is_the_place =
         fault.place == fault.component || fault.place == fault.component + "/";
@@ -391,7 +391,7 @@ void check_surroundings(const std::optional<Store>& store, Findings& findings) {
   for (const char* directory : kDirectories) {
     check_directory(directory, findings);
   }
-  check_trust(findings);
+  check_trust(kAllPlaces, findings);
   check_reloaders(store, findings);
   for (const int level :
        {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
@@ -448,6 +448,9 @@ Report check_framework(Console&, const Arguments& arguments) {
   Findings findings;
   const std::optional<Store> store = check_store(findings);
   check_store_file(findings);
+  if (!arguments.services.empty()) {
+    check_trust(kFrameworkPlaces, findings);
+  }
   if (store) {
     check_selected(*store, select_services(*store, arguments.services), findings);
   }
