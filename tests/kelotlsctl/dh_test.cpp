@@ -1,5 +1,6 @@
 // kelotlsctl dh: makes the files of Diffie-Hellman parameters, and leaves alone those in order.
 #include <openssl/bn.h>
+#include <openssl/dh.h>
 #include <openssl/objects.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
