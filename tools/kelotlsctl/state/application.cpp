@@ -118,7 +118,7 @@ void stamp_services(const Store& store, const Selection& selection, const Json::
 
 /// Why the service's context does not do what its level asks for; empty where it does.
 std::string probe_fault(Console& console, const std::string& service, int level) {
-  const std::string fault = dh_pipe_fault(level);
+  std::string fault = dh_pipe_fault(level);
   if (!fault.empty()) {
     return fault;
   }
