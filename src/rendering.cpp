@@ -55,7 +55,7 @@ bool prepare(const Json::Value& root, JsonReader& reader, Job& job) {
   if (level < 0) {
     return job.fail_at(Step::kLevel, 0, std::string());
   }
-  job.contexts[0] = template_context(level);
+  job.contexts[0][profile_of_level(level).tier] = true;
   job.result.template_path = descriptor["mustache-path"].asString();
   job.result.outcome = RenderResult::Outcome::kRendered;
   return true;
@@ -143,15 +143,9 @@ RenderResult render_and_compare(const Json::Value& root, const std::string& name
   return std::move(job.result);
 }
 
-Json::Value template_context(int level) {
-  Json::Value context;
-  context[profile_of_level(level).tier] = true;
-  return context;
-}
-
 bool preview_template(const std::string& template_path, int level, std::string& text) {
   Job job{std::string()};
-  job.contexts[0] = template_context(level);
+  job.contexts[0][profile_of_level(level).tier] = true;
   job.result.template_path = template_path;
   const bool is_rendered = render_text(text, job);
   errno = job.result.error;

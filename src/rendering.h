@@ -35,9 +35,6 @@ enum class Rendering { kInForce, kPreview };
 RenderResult render_and_compare(const Json::Value& root, const std::string& name,
                                 JsonReader& reader, Rendering rendering, RenderedTexts& texts);
 
-/// What templates are rendered with at a level of 0 or above.
-Json::Value template_context(int level);
-
 /// Renders the template at a path for a level to memory, whether a service has joined with it or
 /// not. False where it is not rendered; errno then says why, or is 0.
 bool preview_template(const std::string& template_path, int level, std::string& text);

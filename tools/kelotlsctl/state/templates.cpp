@@ -128,7 +128,9 @@ class TagSurvey {
 
 /// Empty where our own reader finds none.
 std::string own_fault(const std::string& path, int level) {
-  const mustache::Rendered rendered = mustache::render(path, {kelotls::template_context(level)});
+  Json::Value context;
+  context[kelotls::profile_of_level(level).tier] = true;
+  const mustache::Rendered rendered = mustache::render(path, {context});
   return rendered.whole ? std::string() : rendered.fault.text();
 }
 
