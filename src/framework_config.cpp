@@ -8,6 +8,8 @@
 #include "files.h"
 #include "kelotls/data_store_provider.h"
 #include "kelotls/tls_profile_level.h"
+#include "log_messages.h"
+#include "paths.h"
 
 namespace kelotls {
 namespace {
@@ -61,6 +63,10 @@ Faults data_store_faults(const Json::Value& root) {
     }
   }
   return faults;
+}
+
+Json::Value load_data_store() {
+  return load_data_store(kDataStorePath, log::data_store_not_loaded, log::data_store_invalid);
 }
 
 Json::Value load_data_store(const std::string& path, void (*log_not_loaded)(const std::string&),

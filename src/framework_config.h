@@ -10,8 +10,6 @@
 
 #include "json_document.h"
 #include "kelotls/service_desc.h"
-#include "log_messages.h"
-#include "paths.h"
 
 namespace kelotls {
 
@@ -30,11 +28,12 @@ std::optional<int> scan_service_level(std::string_view text, std::string_view na
 /// The service's effective level, with all that loading and lookup_service_level log.
 int load_service_level(const std::string& name);
 
-/// The validated data store, or null once the reason is logged. Both lines name the live data
-/// store, whichever file it is.
-Json::Value load_data_store(const std::string& path = kDataStorePath,
-                            void (*log_not_loaded)(const std::string&) = log::data_store_not_loaded,
-                            void (*log_invalid)(const std::string&) = log::data_store_invalid);
+/// The validated data store, or null once the reason is logged.
+Json::Value load_data_store();
+
+/// The same of a file. Both lines name the live data store, whichever file it is.
+Json::Value load_data_store(const std::string& path, void (*log_not_loaded)(const std::string&),
+                            void (*log_invalid)(const std::string&));
 
 /// Replaces the data store file with the value as it is, null included. 0, or -1 once logged.
 int save_data_store(const Json::Value& root);
