@@ -223,7 +223,8 @@ TEST_F(KelotlsctlWithoutRoot, IsNotToldThatNothingIsPendingOrHasFailed) {
   EXPECT_TRUE(contains(outcome.out, "1 not known: needs root\n"));
   EXPECT_TRUE(contains(outcome.out, "pending        not known: needs root\n"));
   EXPECT_TRUE(contains(outcome.out, "last failure   not known: needs root\n"));
-  EXPECT_EQ(outcome.err, "");
+  // A build that counts its lines complains there, of files that this user may not write.
+  EXPECT_FALSE(contains(outcome.err, "kelotlsctl: "));
   const Json::Value document = json(run_as_user({"status", "--json"}).out);
   EXPECT_EQ(faults_against(std::string(KELOTLS_SCHEMAS) + "/output/status.schema.json", document),
             "");
