@@ -174,8 +174,11 @@ void outlive_failed_writes() {
 
 /// The parser stops at what it does not understand, and may not have come to the option.
 bool asks_for_json(int argc, char** argv) {
-  return std::any_of(argv + 1, argv + std::max(argc, 1),
-                     [](const std::string& argument) { return argument == "--json"; });
+  const auto is = [](const char* option) {
+    return [option](const std::string& argument) { return argument == option; };
+  };
+  char** const end = std::find_if(argv + 1, argv + std::max(argc, 1), is("--"));
+  return std::any_of(argv + 1, std::max(end, argv + 1), is("--json"));
 }
 
 /// Where a standard descriptor is closed, the next file that is opened takes its number, and
