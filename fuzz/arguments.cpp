@@ -124,9 +124,9 @@ bool is_straight(const std::vector<std::string>& arguments) {
 }
 
 bool may_write(const std::vector<std::string>& arguments, int code) {
-  static const std::vector<std::string> kWriters = {"set",    "default", "join",   "leave",
-                                                    "regen",  "render",  "reload", "apply",
-                                                    "backup", "restore", "init",   "recover"};
+  static const std::vector<std::string> kWriters = {
+      "set",   "default", "join",    "leave", "regen",   "render", "reload",
+      "apply", "backup",  "restore", "init",  "recover", "dh"};
   return code != kelotlsctl::kUsage &&
          std::any_of(arguments.begin(), arguments.end(),
                      [](const std::string& argument) { return contains(kWriters, argument); }) &&
@@ -137,9 +137,9 @@ void check_outcome(const std::vector<std::string>& arguments, const Outcome& out
   const std::vector<int> documented = {0, 1, 2, 3, 4, 5, 10};
   require(std::count(documented.begin(), documented.end(), outcome.code) == 1,
           "the exit code is one of those documented");
-  require(outcome.code != kelotlsctl::kUsage || outcome.output.empty() ||
-              contains(arguments, "--json"),
-          "a mistake in the arguments puts nothing but JSON on the standard output");
+  require(
+      outcome.code != kelotlsctl::kUsage || outcome.output.empty() || contains(arguments, "--json"),
+      "a mistake in the arguments puts nothing but JSON on the standard output");
   const bool has_answer = outcome.code == kelotlsctl::kDone || outcome.code == kelotlsctl::kNotSo;
   require(has_answer || !outcome.errors.empty(), "a failure says what failed");
   Json::Value document;
