@@ -1,5 +1,5 @@
 // The verdict on Diffie-Hellman parameters, and the parameters that kelotlsctl dh makes.
-#include "tls/dh_parameters.h"
+#include "levels/dh_parameters.h"
 
 #include <openssl/bn.h>
 #include <openssl/objects.h>

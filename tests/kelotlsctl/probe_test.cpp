@@ -23,7 +23,7 @@
 
 #include "kelotls/api_provider.h"
 #include "private_tree.h"
-#include "tls/report.h"
+#include "levels/report.h"
 
 namespace kelotls::test {
 namespace {

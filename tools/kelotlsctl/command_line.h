@@ -31,6 +31,10 @@ struct Arguments {
   std::string state;  ///< its key
   std::string subject;
   std::string address;
+  std::string starttls;
+  std::string server_name;
+  std::string timeout;
+  std::string deadline;
   std::string preview;
   std::string file;  ///< "-" for the standard input
 };

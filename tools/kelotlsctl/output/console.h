@@ -25,6 +25,7 @@ enum ExitCode : int {
   kNotSo = 3,            ///< a check says no
   kStoreUnreadable = 4,  ///< nothing was written
   kReloaderFailed = 5,
+  kCannotTell = 6,  ///< a server did not say all that would be needed to judge it
   kNoSuchService = 10,
 };
 

@@ -10,13 +10,14 @@
 #include <map>
 #include <set>
 
+#include "levels/dh_parameters.h"
+#include "levels/report.h"
 #include "log_messages.h"
 #include "output/text.h"
 #include "paths.h"
 #include "reloaders.h"
 #include "state/history.h"
 #include "state/interruption.h"
-#include "tls/report.h"
 
 namespace kelotlsctl {
 
@@ -253,19 +254,20 @@ Json::Value list_reloaders(const Selection& selection) {
   return object({{"reloaders", reloaders}});
 }
 
-ReloadOptions reload_options(const std::string& seconds) {
-  ReloadOptions options;
-  if (seconds.empty()) {
-    return options;
-  }
+std::chrono::seconds seconds_in(const std::string& text) {
   constexpr long kDay = 24L * 60 * 60;
   char* end = nullptr;
   errno = 0;
-  const long value = std::strtol(seconds.c_str(), &end, 10);
+  const long value = std::strtol(text.c_str(), &end, 10);
   if (*end != '\0' || errno != 0 || value < 1 || value > kDay) {
-    throw Failure(kUsage, "\"" + printable(seconds) + "\" is no time of 1 to 86400 seconds");
+    throw Failure(kUsage, "\"" + printable(text) + "\" is no time of 1 to 86400 seconds");
   }
-  options.timeout = std::chrono::seconds(value);
+  return std::chrono::seconds(value);
+}
+
+ReloadOptions reload_options(const std::string& seconds) {
+  ReloadOptions options;
+  options.timeout = seconds.empty() ? options.timeout : seconds_in(seconds);
   return options;
 }
 

@@ -39,7 +39,10 @@ struct ReloadOptions {
   bool heeds_interruption = true;  ///< runs no further one once the command was asked to end
 };
 
-/// "30" → 30 s, empty → a minute. A Failure (usage) for anything that is no time of 1 s to a day.
+/// "30" → 30 s. A Failure (usage) for anything that is no time of 1 s to a day.
+std::chrono::seconds seconds_in(const std::string& text);
+
+/// Empty: a minute.
 ReloadOptions reload_options(const std::string& seconds);
 
 /// Runs them, and notes in the stamp which services have what they should. Elements are told

@@ -6,12 +6,12 @@
 
 #include "command_line.h"
 #include "files.h"
+#include "levels/dh_parameters.h"
 #include "paths.h"
 #include "profile.h"
 #include "state/history.h"
 #include "state/lock.h"
 #include "state/store.h"
-#include "tls/dh_parameters.h"
 
 namespace kelotlsctl {
 

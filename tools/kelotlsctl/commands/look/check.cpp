@@ -12,12 +12,13 @@
 
 #include "command_line.h"
 #include "framework_config.h"
+#include "levels/dh_parameters.h"
+#include "levels/report.h"
 #include "paths.h"
 #include "regeneration.h"
 #include "registration.h"
 #include "state/service_state.h"
 #include "state/trusted_places.h"
-#include "tls/report.h"
 
 namespace kelotlsctl {
 

@@ -4,9 +4,9 @@
 #include <algorithm>
 
 #include "command_line.h"
+#include "levels/report.h"
 #include "output/suggestion.h"
 #include "state/application.h"
-#include "tls/report.h"
 
 namespace kelotlsctl {
 

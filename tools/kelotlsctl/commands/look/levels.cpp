@@ -2,7 +2,7 @@
 #include <kelotls/tls_profile_level.h>
 
 #include "command_line.h"
-#include "tls/report.h"
+#include "levels/report.h"
 
 namespace kelotlsctl {
 

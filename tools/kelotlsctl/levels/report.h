@@ -5,19 +5,14 @@
 #include <json/value.h>
 #include <openssl/ssl.h>
 
-#include <cstddef>
-#include <functional>
-#include <memory>
 #include <ostream>
 #include <string>
 
+#include "levels/survey.h"
+#include "peers/asker.h"
 #include "profile.h"
-#include "tls/dh_parameters.h"
 
 namespace kelotlsctl {
-
-using kelotls::ContextOwner;
-using Progress = std::function<void(std::size_t done, std::size_t all)>;
 
 // A level of 0 or above that names none is intermediate, here as in the library.
 
@@ -28,26 +23,24 @@ Json::Value describe_level(int level);
 /// A new server context with the level's settings, as the library makes a service's: for a level
 /// that no service has. Reads the level's DH parameter file; a file that cannot be used leaves the
 /// context without DHE. Throws std::runtime_error when OpenSSL refuses a setting.
-ContextOwner make_level_context(int level);
+kelotls::ContextOwner make_level_context(int level);
 
-/// What the context offers of its level, found by handshakes with it, and why it offers no more.
-/// The context keeps its settings and its sessions; only its count of handshakes grows. Reads the
-/// level's DH parameter file when DHE fails. Throws std::runtime_error when OpenSSL gives no
-/// client to try with.
+/// What the context offers of its level, found by hellos, and why it offers no more. The context
+/// keeps its settings and its sessions; only its count of handshakes grows. Reads the level's DH
+/// parameter file when DHE fails. Throws std::runtime_error when OpenSSL makes no connection.
 Json::Value explain_context(SSL_CTX* context, int level);
 
-/// A context, tried in memory with a throw-away certificate; or a running server's host and port.
-/// With both, the server is tried, and the context tells what is missing in it for the same reason.
+/// A context, asked in memory with a throw-away certificate; or a running server. With both, the
+/// server is asked, and the context tells what is missing in it for the same reason.
 struct ProbeTarget {
   SSL_CTX* context = nullptr;
-  std::string host;
-  std::string port;
+  Address address;  ///< without host and path: there is no server to ask
+  Patience patience;
 };
 
-/// Tries each protocol version with each suite that this machine's OpenSSL can offer as a client,
-/// and each of five groups, and compares what was accepted with what the level requests. progress,
-/// unless empty, is called with what is done of how much. Throws std::runtime_error, with a text
-/// for the operator, when nothing answers at host and port or what answers completes no handshake.
+/// Surveys the target and compares it with its level. progress, unless empty, is called with what
+/// is done of how much. Throws std::runtime_error, with a text for the operator, when nothing
+/// answers at the address.
 Json::Value probe(const ProbeTarget& target, int level, const Progress& progress);
 
 /// The text of the first difference of a report that has another cause than this machine's OpenSSL,

@@ -1,5 +1,5 @@
 // Owns an RSA key that protects nothing and is there at once.
-#include "tls/known_key.h"
+#include "peers/known_key.h"
 
 #include <openssl/bn.h>
 #include <openssl/rsa.h>

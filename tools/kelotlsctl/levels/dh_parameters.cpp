@@ -1,5 +1,5 @@
 // Owns Diffie-Hellman parameters.
-#include "tls/dh_parameters.h"
+#include "levels/dh_parameters.h"
 
 #include <openssl/bio.h>
 #include <openssl/bn.h>
@@ -13,13 +13,12 @@
 
 #include "output/console.h"
 #include "paths.h"
-#include "tls/client.h"
+#include "tls/openssl.h"
 
 namespace kelotlsctl {
 
 namespace {
 
-using kelotls::Release;
 using Number = std::unique_ptr<BIGNUM, Release<BN_free>>;
 using Room = std::unique_ptr<BN_CTX, Release<BN_CTX_free>>;
 
@@ -126,14 +125,12 @@ bool has_sound_subgroup(const DH* parameters) {
   return DH_check(parameters, &faults) == 1 && faults == 0;
 }
 
-std::string text_of(const DH* parameters) {
+std::string pem_of(const DH* parameters) {
   const BioOwner bio(BIO_new(BIO_s_mem()));
-  char* text = nullptr;
   if (parameters == nullptr || PEM_write_bio_DHparams(bio.get(), parameters) != 1) {
     throw Failure(kFailed, "OpenSSL makes no DH parameters");
   }
-  const long length = BIO_get_mem_data(bio.get(), &text);
-  return {text, static_cast<std::size_t>(length)};
+  return text_of(bio.get());
 }
 
 }  // namespace
@@ -201,13 +198,13 @@ DhFile read_dh_file(const kelotls::Profile& profile) {
   return file;
 }
 
-std::string named_dh_text() { return text_of(DhOwner(DH_new_by_nid(NID_ffdhe2048)).get()); }
+std::string named_dh_text() { return pem_of(DhOwner(DH_new_by_nid(NID_ffdhe2048)).get()); }
 
 std::string generated_dh_text(int bits) {
   const DhOwner parameters(DH_new());
   const bool is_made =
       DH_generate_parameters_ex(parameters.get(), bits, DH_GENERATOR_2, nullptr) == 1;
-  return text_of(is_made ? parameters.get() : nullptr);
+  return pem_of(is_made ? parameters.get() : nullptr);
 }
 
 }  // namespace kelotlsctl

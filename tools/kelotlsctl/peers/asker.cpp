@@ -1,0 +1,93 @@
+// Owns the patience with a server.
+#include "peers/asker.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace kelotlsctl {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kFirstPause(50);
+constexpr milliseconds kLongestPause(2000);
+constexpr milliseconds kHaste(1000);  // at least this for a server that has answered before
+constexpr int kFruitlessRounds = 6;   // of pauses that double, over 3 seconds together
+
+Answer not_tried(const char* reason) {
+  Answer none;
+  none.reason = reason;
+  return none;
+}
+
+}  // namespace
+
+/// A server that has answered is given a multiple of its slowest answer first, so that each hello
+/// that it never answers does not cost the whole time twice.
+Answer Asker::ask_once(const Hello& hello, bool is_hasty) {
+  if (is_over()) {
+    return not_tried("not tried: the time for everything was over");
+  }
+  std::this_thread::sleep_for(pace_);
+  const auto start = Clock::now();
+  const Clock::duration haste = std::max<Clock::duration>(kHaste, 8 * slowest_);
+  const Clock::duration limit = is_hasty && control_
+                                    ? std::min<Clock::duration>(haste, patience_.timeout)
+                                    : Clock::duration(patience_.timeout);
+  const Answer answer = ask_(hello, std::min(start + limit, end_));
+  if (answer.verdict != Verdict::kNotKnown) {
+    control_ = hello;
+    is_lost_ = false;
+    slowest_ = std::max(slowest_, Clock::now() - start);
+    pace_ = pace_ * 7 / 8;
+  }
+  has_timed_out_ = has_timed_out_ || (answer.reason == kTimedOut && !is_hasty);
+  return answer;
+}
+
+/// For a server that limits the rate of connections: each further hello waits, too, for less and
+/// less the longer all goes well.
+void Asker::pause() { pace_ = std::clamp(2 * pace_, kFirstPause, kLongestPause); }
+
+/// Whether a hello that the server has answered before is answered now.
+bool Asker::works(std::optional<Hello> control) {
+  return control && ask_once(*control, true).verdict != Verdict::kNotKnown;
+}
+
+Answer Asker::ask(const Hello& hello, int attempts) {
+  if (is_lost_ && !control_) {
+    return not_tried("not tried: the server has answered nothing");
+  }
+  Answer answer = ask_once(hello, true);
+  if (answer.is_alert && answer.verdict == Verdict::kNotKnown) {
+    return ask_once(hello, true);  // an answer, if not one that tells; it can be an accident once
+  }
+  return answer.verdict == Verdict::kNotKnown && !is_lost_ ? insist(hello, answer, attempts)
+                                                           : answer;
+}
+
+Answer Asker::insist(const Hello& hello, Answer answer, int attempts) {
+  const milliseconds pace = pace_;
+  int fruitless = 0;
+  for (int failures = 1; answer.verdict == Verdict::kNotKnown && !is_over(); ++failures) {
+    const bool is_silent = answer.reason == kTimedOut;
+    if (failures > 1 && works(control_)) {
+      pace_ = pace;  // the hello is to blame, not their number
+      if (failures >= (is_silent ? 2 : attempts)) {
+        break;
+      }
+    } else if (failures > 1) {
+      fruitless += is_silent ? kFruitlessRounds / 2 : 1;
+      is_lost_ = fruitless >= kFruitlessRounds;
+      if (is_lost_) {
+        break;
+      }
+    }
+    pause();
+    answer = ask_once(hello, false);
+  }
+  return answer;
+}
+
+}  // namespace kelotlsctl

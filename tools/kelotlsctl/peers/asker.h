@@ -1,0 +1,56 @@
+// Owns the patience with a server: asking again what is not known yet, with pauses, and no longer
+// than a deadline.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+
+#include "peers/connection.h"
+
+namespace kelotlsctl {
+
+using Ask = std::function<Answer(const Hello& hello, Clock::time_point until)>;
+
+struct Patience {
+  std::chrono::milliseconds timeout = std::chrono::seconds(10);    ///< of one hello
+  std::chrono::milliseconds deadline = std::chrono::seconds(300);  ///< of everything
+};
+
+class Asker {
+ public:
+  Asker(Ask ask, const Patience& patience)
+      : ask_(std::move(ask)), patience_(patience), end_(Clock::now() + patience.deadline) {}
+
+  /// The answer, asked for again while it is not known: until the hello has failed so many times
+  /// beside another that worked, or the server has answered nothing at all for a while. Then the
+  /// server counts as lost, and each hello is tried once until one is answered again; none where
+  /// none ever was. An alert is an answer: where it tells nothing, it is asked for once more.
+  Answer ask(const Hello& hello, int attempts);
+
+  /// Whether it is no use to ask for less at a time.
+  bool has_given_up() const { return is_lost_ || is_over(); }
+
+  /// Whether the deadline has struck. What is asked for then is not known.
+  bool is_over() const { return Clock::now() >= end_; }
+
+  /// Whether the time for one hello has struck.
+  bool has_timed_out() const { return has_timed_out_; }
+
+ private:
+  Answer ask_once(const Hello& hello, bool is_hasty);
+  Answer insist(const Hello& hello, Answer answer, int attempts);
+  bool works(std::optional<Hello> control);
+  void pause();
+
+  Ask ask_;
+  const Patience patience_;
+  const Clock::time_point end_;
+  std::optional<Hello> control_;  // the last hello that was accepted or refused
+  std::chrono::milliseconds pace_{0};
+  Clock::duration slowest_{0};
+  bool is_lost_ = false;
+  bool has_timed_out_ = false;
+};
+
+}  // namespace kelotlsctl

@@ -1,0 +1,117 @@
+// Owns the throw-away certificates, and asking a context in memory.
+#include "peers/context_server.h"
+
+#include <openssl/ec.h>
+#include <openssl/err.h>
+#include <openssl/rsa.h>
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+#include "peers/known_key.h"
+#include "tls/openssl.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+using KeyMaker = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
+
+/// What nearly every configuration of OpenSSL asks for.
+constexpr int kKnownRsaBits = 2048;
+
+/// strength: of an RSA key its least bits, of any other its curve. An RSA key gets three primes,
+/// which are found in a third of the time that two take and are as good to a client.
+KeyOwner make_key(int kind, int strength) {
+  if (kind == EVP_PKEY_RSA && strength == kKnownRsaBits) {
+    KeyOwner key = make_known_rsa_key();
+    require(key != nullptr, "no key can be made");
+    return key;
+  }
+  const KeyMaker maker(EVP_PKEY_CTX_new_id(kind, nullptr));
+  EVP_PKEY_CTX* const raw = maker.get();
+  require(EVP_PKEY_keygen_init(raw) == 1, "no key can be made");
+  require(kind == EVP_PKEY_RSA ? EVP_PKEY_CTX_set_rsa_keygen_bits(raw, strength) == 1 &&
+                                     EVP_PKEY_CTX_set_rsa_keygen_primes(raw, 3) == 1
+                               : EVP_PKEY_CTX_set_ec_paramgen_curve_nid(raw, strength) == 1,
+          "no key of this strength can be made");
+  EVP_PKEY* key = nullptr;
+  require(EVP_PKEY_keygen(raw, &key) == 1, "no key can be made");
+  return KeyOwner(key);
+}
+
+CertificateOwner sign_certificate(EVP_PKEY* key) {
+  constexpr long kDay = 24L * 60 * 60;
+  CertificateOwner certificate(X509_new());
+  X509* const raw = certificate.get();
+  require(X509_gmtime_adj(X509_getm_notBefore(raw), -kDay) != nullptr &&
+              X509_gmtime_adj(X509_getm_notAfter(raw), kDay) != nullptr &&
+              X509_set_pubkey(raw, key) == 1 && X509_sign(raw, key, EVP_sha256()) != 0,
+          "no certificate can be made");
+  return certificate;
+}
+
+struct Identity {
+  Identity(int kind, int strength)
+      : key(make_key(kind, strength)), certificate(sign_certificate(key.get())) {}
+
+  const KeyOwner key;
+  const CertificateOwner certificate;
+};
+
+/// Made once in a process.
+const Identity& throw_away_identity(int kind, int strength) {
+  static std::map<std::pair<int, int>, Identity> identities;
+  return identities.try_emplace({kind, strength}, kind, strength).first->second;
+}
+
+// By security level, as strong as it requires and no stronger; but level 4 would require 7680 bits
+// of RSA, which nobody has.
+constexpr int kRsaBits[] = {1024, 1024, 2048, 3072, 3072, 3072};
+constexpr int kCurves[] = {NID_X9_62_prime256v1, NID_X9_62_prime256v1, NID_X9_62_prime256v1,
+                           NID_X9_62_prime256v1, NID_secp384r1,        NID_secp521r1};
+
+/// Loaded at security level 0: a refusal would tell nothing about the service's own certificates.
+void use_throw_away_certificates(SSL* server) {
+  const int security_level = SSL_get_security_level(server);
+  const int row = std::clamp(security_level, 0, 5);
+  SSL_set_security_level(server, 0);
+  for (const Identity* identity : {&throw_away_identity(EVP_PKEY_RSA, kRsaBits[row]),
+                                   &throw_away_identity(EVP_PKEY_EC, kCurves[row])}) {
+    require(SSL_use_certificate(server, identity->certificate.get()) == 1 &&
+                SSL_use_PrivateKey(server, identity->key.get()) == 1,
+            "the throw-away certificate is refused");
+  }
+  SSL_set_security_level(server, security_level);
+}
+
+}  // namespace
+
+Answer ask_context(SSL_CTX* context, const Hello& hello, const std::function<void(SSL*)>& adjust) {
+  const SslOwner server(SSL_new(context));
+  require(server != nullptr, "no connection can be made");
+  use_throw_away_certificates(server.get());
+  if (adjust) {
+    adjust(server.get());
+  }
+  BIO* const incoming = BIO_new(BIO_s_mem());
+  BIO* const outgoing = BIO_new(BIO_s_mem());
+  require(incoming != nullptr && outgoing != nullptr, "no memory for a connection");
+  SSL_set_bio(server.get(), incoming, outgoing);
+  BIO_set_mem_eof_return(incoming, -1);
+  const Bytes bytes = write_hello(hello);
+  BIO_write(incoming, bytes.data(), static_cast<int>(bytes.size()));
+  ERR_clear_error();
+  SSL_accept(server.get());
+  AnswerReader reader(hello);
+  reader.take(text_of(outgoing));
+  Answer answer = reader.finish(kClosed);
+  // In memory nothing is lost on the way: what is not accepted is refused, and OpenSSL knows better
+  // than its alert why.
+  answer.verdict = answer.verdict == Verdict::kNotKnown ? Verdict::kRefused : answer.verdict;
+  answer.reason = ERR_peek_error() != 0 ? take_openssl_reason() : answer.reason;
+  return answer;
+}
+
+}  // namespace kelotlsctl
