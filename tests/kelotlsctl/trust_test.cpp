@@ -147,7 +147,7 @@ TEST_F(KelotlsctlTrust, ReadsWhateverIsThere) {
   for (const Arguments& command :
        {Arguments{"list"}, Arguments{"show", "web"}, Arguments{"get", "web"}, Arguments{"levels"},
         Arguments{"explain", "web"}, Arguments{"probe", "web"}, Arguments{"default"},
-        Arguments{"validate", "/tmp/web.json"}}) {
+        Arguments{"history"}, Arguments{"status"}}) {
     EXPECT_EQ(run(command).status, 0) << told(command);
   }
 }
@@ -204,6 +204,121 @@ TEST_F(KelotlsctlTrust, OfTheDhFilesIsThatOfWhoUsesThem) {
     EXPECT_EQ(that_refuse(), (Lines{"--apply", "apply", "dh"})) << path;
     ASSERT_EQ(::chmod(path.c_str(), before), 0);
   }
+}
+
+/// A second service, whose template, descriptor and reloader others may change.
+void join_distrusted() {
+  write_file("/usr/kelo/web/other.mustache", "other\n");
+  write_program("/usr/kelo/web/bin/other", "#!/bin/sh\necho other >> /tmp/others");
+  ASSERT_EQ(run({"join", "-"}, R"({"services": [{"service": "other", "display-name": "",
+                "mustache-path": "/usr/kelo/web/other.mustache",
+                "reloader-path": "/usr/kelo/web/bin/other"}]})")
+                .status,
+            0);
+  ASSERT_EQ(run({"apply", "other"}).status, 0);
+  for (const std::string& path :
+       {std::string("/usr/kelo/web/other.mustache"), std::string("/usr/kelo/web/bin/other"),
+        descriptor_path("other")}) {
+    ASSERT_EQ(::chmod(path.c_str(), 0777), 0);
+  }
+  write_file("/tmp/others", "");
+}
+
+TEST_F(KelotlsctlTrust, OfAServiceIsThatOfWhoNamesIt) {
+  join_distrusted();
+  for (const Arguments& command :
+       {Arguments{"set", "web", "modern", "--apply"}, Arguments{"render", "web"},
+        Arguments{"render", "w*", "--check"}, Arguments{"reload", "web"}, Arguments{"apply", "w*"},
+        Arguments{"check", "web"}}) {
+    EXPECT_EQ(run(command).status, 0) << told(command) << run(command).err;
+    Arguments of_other = command;
+    of_other[1] = "other";
+    EXPECT_TRUE(contains(run(of_other).out + run(of_other).err, kForOthers)) << told(of_other);
+    of_other[1] = "*";
+    EXPECT_TRUE(contains(run(of_other).out + run(of_other).err, kForOthers)) << told(of_other);
+  }
+  EXPECT_EQ(read_file("/tmp/others"), "");
+}
+
+TEST_F(KelotlsctlTrust, OfADefaultLevelIsThatOfThoseThatFollowIt) {
+  join_distrusted();
+  ASSERT_EQ(run({"set", "web", "default"}).status, 0);
+  const Outcome refused = run({"default", "old", "--apply"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(contains(refused.err, "/usr/kelo/web/other.mustache: " + std::string(kForOthers)));
+  EXPECT_EQ(read_json(kDataStore)["default-level"], 2);
+  ASSERT_EQ(run({"set", "other", "intermediate"}).status, 0);
+  EXPECT_EQ(run({"default", "old", "--apply"}).status, 0);
+}
+
+TEST_F(KelotlsctlTrust, OfTheBaseSystemsReloadersIsThatOfServicesWithoutOne) {
+  const std::string base = std::string(kSystemReloaders) + "base";
+  write_program(base, "#!/bin/sh\n");
+  ASSERT_EQ(run({"join", "-"}, R"({"services": [{"service": "ssh", "display-name": ""}]})").status,
+            0);
+  ASSERT_EQ(::chmod(base.c_str(), 0777), 0);
+  EXPECT_EQ(run({"reload", "web"}).status, 0);
+  const Outcome refused = run({"reload", "ssh"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(contains(refused.err, base + ": " + kForOthers));
+}
+
+TEST_F(KelotlsctlTrust, IsSaidOnceToBeGivenAnyway) {
+  ASSERT_EQ(::chmod("/usr/kelo", 0777), 0);
+  for (const Arguments& command : {Arguments{"apply"}, Arguments{"join", "/tmp/web.json"}}) {
+    Arguments anyway = command;
+    anyway.emplace_back("--trust-anyway");
+    log();
+    const Outcome outcome = run(anyway);
+    EXPECT_EQ(outcome.status, 0) << told(anyway);
+    const std::string text = std::string("trusted anyway: /usr/kelo: ") + kForOthers;
+    EXPECT_EQ(outcome.err.find(text), outcome.err.rfind(text)) << outcome.err;
+    const Lines lines = log();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "<84>kelotlsctl " + command[0] + ": " + text),
+              1);
+  }
+}
+
+TEST_F(KelotlsctlTrust, OfATemplateAndItsPartialsIsThatOfAPreview) {
+  for (const char* const subject : {"/usr/kelo/web/tls.mustache", "web", "/tmp/web.json"}) {
+    for (const char* const name : {"tls", "deeper"}) {
+      const std::string path = std::string("/usr/kelo/web/") + name + ".mustache";
+      ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+      const Outcome refused = run({"render", "--preview", subject, "--level", "old"});
+      EXPECT_EQ(refused.status, 1) << subject;
+      EXPECT_EQ(refused.out, "") << subject;
+      EXPECT_TRUE(contains(refused.err, path + ": " + kForOthers)) << subject;
+      EXPECT_EQ(run({"render", "--preview", subject, "--trust-anyway"}).status, 0) << subject;
+      ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    }
+    EXPECT_EQ(run({"render", "--preview", subject}).status, 0) << subject;
+  }
+}
+
+TEST_F(KelotlsctlTrust, IsNotAskedOfWhoPreviewsTemplatesOfHisOwn) {
+  if (!has_many_users()) {
+    GTEST_SKIP() << kRootAlone;
+  }
+  ASSERT_EQ(::chown("/usr/kelo/web/tls.mustache", 1, 0), 0);
+  EXPECT_EQ(run({"render", "--preview", "/usr/kelo/web/tls.mustache"}).status, 1);
+  const Outcome own =
+      run_program({"setpriv", "--reuid=1", "--regid=1", "--clear-groups", KELOTLSCTL, "render",
+                   "--preview", "/usr/kelo/web/tls.mustache", "--level", "old"});
+  EXPECT_EQ(own.status, 0) << own.err;
+  EXPECT_EQ(own.out, "a part\nold\n");
+}
+
+TEST_F(KelotlsctlTrust, IsMissingInARegistrationThatCannotJoin) {
+  ASSERT_EQ(::chmod("/usr/kelo/web/deeper.mustache", 0666), 0);
+  ASSERT_EQ(::chmod("/usr/kelo/web/bin", 0777), 0);
+  const Outcome outcome = run({"validate", "/tmp/web.json"});
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_EQ(outcome.out,
+            std::string("$.services[0].mustache-path: /usr/kelo/web/deeper.mustache: ") +
+                kForOthers + "\n$.services[0].reloader-path: /usr/kelo/web/bin: " + kForOthers +
+                "\n");
+  EXPECT_EQ(run({"join", "/tmp/web.json"}).status, 1);
+  EXPECT_EQ(run({"validate", "/tmp/web.json", "--trust-anyway"}).status, 0);
 }
 
 TEST_F(KelotlsctlTrust, OfARegistrationsFilesIsThatOfWhoeverJoins) {

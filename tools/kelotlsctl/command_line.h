@@ -37,6 +37,8 @@ struct Arguments {
   std::string deadline;
   std::string preview;
   std::string file;  ///< "-" for the standard input
+
+  Confidence confidence() const { return {command, trust_anyway, dry_run}; }
 };
 
 /// One argument of a command: a flag, an option ("--from") or a positional ("SERVICE").
@@ -60,7 +62,8 @@ struct CommandRow {
   const char* example;  ///< a whole command line, without quotes
   CommandFunction* run;
   PrintFunction* print;
-  /// What has to be root's alone before it runs, called like this.
+  /// What has to be root's alone before it runs, called like this. What it trusts for the services
+  /// that it acts on it looks at itself, once it knows them.
   Places (*trusted)(const Arguments& arguments);
 };
 
@@ -80,7 +83,7 @@ PrintFunction print_set, print_default, print_joined, print_left, print_regenera
     print_dh_files;
 
 /// What "render --preview" does.
-Report preview_templates(const Arguments& arguments);
+Report preview_templates(Console& console, const Arguments& arguments);
 
 /// Every command, in the order of the help.
 const std::vector<CommandRow>& commands();

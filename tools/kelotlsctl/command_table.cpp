@@ -18,17 +18,13 @@ Places always(const Arguments&) {
   return places;
 }
 
-Places of_set(const Arguments& arguments) {
-  return arguments.apply ? kAllPlaces : kFrameworkPlaces;
-}
-
-/// A preview reads no more than its template.
+/// A preview of a file has nothing to do with the framework.
 Places of_render(const Arguments& arguments) {
-  return arguments.preview.empty() ? kRenderingPlaces : kNoPlaces;
+  return arguments.preview.empty() ? kFrameworkPlaces : kNoPlaces;
 }
 
 Places of_default(const Arguments& arguments) {
-  return arguments.level.empty() ? kNoPlaces : of_set(arguments);
+  return arguments.level.empty() ? kNoPlaces : kFrameworkPlaces;
 }
 
 }  // namespace
@@ -83,7 +79,7 @@ const std::vector<CommandRow>& commands() {
       {"--all", "All services", &Arguments::all},
       {"--apply", "Render, reload and probe; undo what fails", &Arguments::apply}, kTimeout},
      "0, 1, 2, 3, 4, 5, 10", "kelotlsctl set nginx modern --apply",
-     set_level, print_set, of_set},
+     set_level, print_set, always<kFrameworkPlaces>},
     {"default", "Show or set the default level",
      {kDryRun,
       {"LEVEL", "modern, intermediate, old, or 1 to 3", nullptr, &Arguments::level},
@@ -114,10 +110,10 @@ const std::vector<CommandRow>& commands() {
      render_templates, print_rendered, of_render},
     {"reload", "Run reloaders", {kDryRun, kServices, kTimeout},
      "0, 1, 2, 4, 5, 10", "kelotlsctl reload nginx --reload-timeout 30",
-     reload, print_reloaded, always<kReloadingPlaces>},
+     reload, print_reloaded, always<kFrameworkPlaces>},
     {"apply", "Render, reload and probe", {kDryRun, kServices, kTimeout},
      "0, 1, 2, 3, 4, 5, 10", "kelotlsctl apply nginx",
-     apply_levels, print_applied, always<kAllPlaces>},
+     apply_levels, print_applied, always<kFrameworkPlaces>},
 
     {"backup", "Save all levels",
      {kDryRun, {"FILE", "A new file; a dated one in this folder unless named", nullptr, &Arguments::file}},

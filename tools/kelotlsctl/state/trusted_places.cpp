@@ -4,13 +4,15 @@
 #include <kelotls/tls_profile_level.h>
 #include <syslog.h>
 
+#include <algorithm>
+#include <iterator>
 #include <set>
 
 #include "files.h"
 #include "json_document.h"
 #include "paths.h"
 #include "profile.h"
-#include "state/store.h"
+#include "state/application.h"
 
 namespace kelotlsctl {
 
@@ -66,10 +68,10 @@ void walk_template(const std::string& path, std::set<std::string>& walked, Trust
   }
 }
 
-void walk_descriptors(bool with_templates, TrustWalk& walk) {
+void walk_descriptors(const Texts& descriptors, bool with_templates, TrustWalk& walk) {
   std::set<std::string> walked;
   kelotls::JsonReader reader;
-  for (const std::string& path : entries_of(kelotls::kServicesDir)) {
+  for (const std::string& path : descriptors) {
     walk.add(path);
     Json::Value descriptor;
     if (with_templates && reader.read(path, descriptor)) {
@@ -89,34 +91,70 @@ void walk_dh_files(TrustWalk& walk) {
   }
 }
 
-std::string fault_text(const Distrust& fault) {
-  return printable(fault.component) + ": " + fault.reason;
-}
-
-void log_blind_trust(const std::string& command, const std::string& text) {
-  ::syslog(LOG_AUTHPRIV | LOG_WARNING, "kelotlsctl %s: %s", command.c_str(), text.c_str());
-}
-
-}  // namespace
-
-TrustWalk walk_places(unsigned int kinds) {
+TrustWalk walk_kinds(unsigned int kinds, const Texts& descriptors, const Texts& reloaders) {
   TrustWalk walk;
   if ((kinds & kFrameworkPlaces) != 0) {
     walk.add(Texts(std::begin(kDirectories), std::end(kDirectories)));
     walk.add(std::string(kelotls::kDataStorePath));
   }
   if ((kinds & kDescriptorPlaces) != 0) {
-    walk_descriptors((kinds & kTemplatePlaces) != 0, walk);
+    walk_descriptors(descriptors, (kinds & kTemplatePlaces) != 0, walk);
   }
   if ((kinds & kDhPlaces) != 0) {
     walk_dh_files(walk);
   }
   if ((kinds & kReloaderPlaces) != 0) {
-    for (const char* const directory :
-         {kelotls::kSystemReloaderDir, kelotls::kPackageReloaderDir}) {
-      walk.add(std::string(directory));
-      walk.add(entries_of(directory));
-    }
+    walk.add(reloaders);
+  }
+  return walk;
+}
+
+/// A command may walk more than once, and what it goes on in spite of is said once.
+bool is_news(const Distrust& fault) {
+  static std::set<std::string> told;
+  return told.insert(fault.component).second;
+}
+
+std::string fault_text(const Distrust& fault) {
+  return printable(fault.component) + ": " + fault.reason;
+}
+
+void log_blind_trust(const Confidence& confidence, const std::string& text) {
+  if (!confidence.is_dry_run) {
+    ::syslog(LOG_AUTHPRIV | LOG_WARNING, "kelotlsctl %s: %s", confidence.command.c_str(),
+             text.c_str());
+  }
+}
+
+}  // namespace
+
+TrustWalk walk_places(unsigned int kinds) {
+  Texts reloaders;
+  for (const char* const directory : {kelotls::kSystemReloaderDir, kelotls::kPackageReloaderDir}) {
+    const Texts entries = entries_of(directory);
+    reloaders.emplace_back(directory);
+    reloaders.insert(reloaders.end(), entries.begin(), entries.end());
+  }
+  return walk_kinds(kinds, entries_of(kelotls::kServicesDir), reloaders);
+}
+
+TrustWalk walk_places(unsigned int kinds, const Selection& selection) {
+  Texts descriptors;
+  std::transform(selection.names.begin(), selection.names.end(), std::back_inserter(descriptors),
+                 kelotls::descriptor_path);
+  Texts reloaders;
+  const Json::Value listed = list_reloaders(selection);
+  for (const Json::Value& reloader : listed["reloaders"]) {
+    reloaders.push_back(reloader["path"].asString());
+  }
+  return walk_kinds(kinds, descriptors, reloaders);
+}
+
+TrustWalk walk_templates(const Texts& paths) {
+  TrustWalk walk;
+  std::set<std::string> walked;
+  for (const std::string& path : paths) {
+    walk_template(path, walked, walk);
   }
   return walk;
 }
@@ -144,11 +182,9 @@ void require_trust(Console& console, const TrustWalk& walk, const Confidence& co
   for (const Distrust& fault : walk.faults()) {
     const std::string text = "trusted anyway: " + fault_text(fault);
     list += (list.empty() ? "" : "\n  ") + fault_text(fault);
-    if (confidence.is_blind) {
+    if (confidence.is_blind && is_news(fault)) {
       console.warn(text);
-    }
-    if (confidence.is_blind && !confidence.is_dry_run) {
-      log_blind_trust(confidence.command, text);
+      log_blind_trust(confidence, text);
     }
   }
   if (!confidence.is_blind) {

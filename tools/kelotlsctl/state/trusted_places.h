@@ -6,6 +6,7 @@
 
 #include "output/console.h"
 #include "registration.h"
+#include "state/store.h"
 #include "state/trust.h"
 
 namespace kelotlsctl {
@@ -20,12 +21,17 @@ enum Places : unsigned int {
   kDhPlaces = 16,
   kDescribedPlaces = kFrameworkPlaces | kDescriptorPlaces,
   kRenderingPlaces = kDescribedPlaces | kTemplatePlaces,
-  kReloadingPlaces = kFrameworkPlaces | kReloaderPlaces,
   kAllPlaces = kRenderingPlaces | kReloaderPlaces | kDhPlaces,
 };
 
-/// Walks all places of these kinds.
+/// Walks all places of these kinds, whichever services they are for.
 TrustWalk walk_places(unsigned int kinds);
+
+/// The same of what is read, rendered and run for these services alone.
+TrustWalk walk_places(unsigned int kinds, const Selection& selection);
+
+/// Walks templates, and the partials that they name.
+TrustWalk walk_templates(const std::vector<std::string>& paths);
 
 /// Walks what joining overwrites and links, and what it has read and run later.
 TrustWalk walk_registration(const std::vector<kelotls::ServiceDesc>& services);
@@ -38,7 +44,7 @@ struct Confidence {
 };
 
 /// A Failure that names every fault of the walk; or, where confidence is blind, a warning and a
-/// line of the system log for each.
+/// line of the system log for each that was not met in a walk before.
 void require_trust(Console& console, const TrustWalk& walk, const Confidence& confidence);
 
 }  // namespace kelotlsctl

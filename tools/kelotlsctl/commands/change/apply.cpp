@@ -32,6 +32,7 @@ Report apply_levels(Console& console, const Arguments& arguments) {
   const Store store = load_store();
   const Selection selection = select_services(store, arguments.services);
   const ReloadOptions options = reload_options(arguments.reload_timeout);
+  require_trust(console, walk_places(kAllPlaces, selection), arguments.confidence());
   Report report;
   if (arguments.dry_run) {
     report = foresee_application(store, selection, false);

@@ -68,6 +68,9 @@ Report default_level(Console& console, const Arguments& arguments) {
   }
   const Lock lock(console, arguments.command, !arguments.dry_run);
   const LevelChange plan = make_plan(load_store(), level);
+  if (arguments.apply) {
+    require_trust(console, walk_places(kAllPlaces, plan.selection), arguments.confidence());
+  }
   if (!arguments.dry_run && (arguments.apply || plan.before.default_level() != level)) {
     begin_record(arguments.command, arguments.reason, plan.record());
   }

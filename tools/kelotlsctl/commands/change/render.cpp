@@ -20,7 +20,7 @@ void print_differences(Console& console, const Json::Value& document) {
 
 Report render_templates(Console& console, const Arguments& arguments) {
   if (!arguments.preview.empty()) {
-    return preview_templates(arguments);
+    return preview_templates(console, arguments);
   }
   if (!arguments.level.empty()) {
     throw Failure(kUsage, "--level goes with --preview: services have their own levels");
@@ -29,6 +29,7 @@ Report render_templates(Console& console, const Arguments& arguments) {
   const Lock lock(console, arguments.command, writes);
   const Store store = load_store();
   const Selection selection = select_services(store, arguments.services);
+  require_trust(console, walk_places(kRenderingPlaces, selection), arguments.confidence());
   if (writes) {
     begin_record(arguments.command, arguments.reason, changes_of(selection.names));
   }

@@ -113,6 +113,9 @@ Report set_level(Console& console, const Arguments& arguments) {
   const ReloadOptions options = reload_options(arguments.reload_timeout);
   const Lock lock(console, arguments.command, !arguments.dry_run);
   const LevelChange plan = make_plan(request);
+  if (arguments.apply) {
+    require_trust(console, walk_places(kAllPlaces, plan.selection), arguments.confidence());
+  }
   if (!arguments.dry_run && (arguments.apply || writes_anything(plan))) {
     begin_record(arguments.command, arguments.reason, plan.record());
   }

@@ -296,8 +296,7 @@ void check_reloaders_of(const Selection& selection, Findings& findings) {
 
 /// A place that is itself at fault is named as the framework spells it. A reloader that others may
 /// change was found where it is looked at as a program.
-void check_trust(Places places, Findings& findings) {
-  const TrustWalk walk = walk_places(places);
+void check_trust(const TrustWalk& walk, Findings& findings) {
   for (const Distrust& fault : walk.faults()) {
     const bool is_the_place =
         fault.place == fault.component || fault.place == fault.component + "/";
@@ -392,7 +391,7 @@ void check_surroundings(const std::optional<Store>& store, Findings& findings) {
   for (const char* directory : kDirectories) {
     check_directory(directory, findings);
   }
-  check_trust(kAllPlaces, findings);
+  check_trust(walk_places(kAllPlaces), findings);
   check_reloaders(store, findings);
   for (const int level :
        {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
@@ -449,11 +448,12 @@ Report check_framework(Console&, const Arguments& arguments) {
   Findings findings;
   const std::optional<Store> store = check_store(findings);
   check_store_file(findings);
+  const Selection selection = store ? select_services(*store, arguments.services) : Selection();
   if (!arguments.services.empty()) {
-    check_trust(kFrameworkPlaces, findings);
+    check_trust(walk_places(store ? kAllPlaces : kFrameworkPlaces, selection), findings);
   }
   if (store) {
-    check_selected(*store, select_services(*store, arguments.services), findings);
+    check_selected(*store, selection, findings);
   }
   if (arguments.services.empty()) {
     check_surroundings(store, findings);

@@ -1,5 +1,7 @@
 // kelotlsctl render --preview: what templates give at each level, whether their services have
 // joined or not.
+#include <unistd.h>
+
 #include <algorithm>
 #include <optional>
 
@@ -25,47 +27,37 @@ bool has_joined(const std::string& name) {
   return store && store->has(name);
 }
 
-/// Empty for a service without a template.
-std::string template_of(const std::string& service) {
+/// A template, and the service that it is for; without a name where that is not known.
+struct Source {
+  std::string service;
+  std::string template_path;
+};
+
+using Sources = std::vector<Source>;
+
+Sources source_of_service(const std::string& service) {
   const std::string path = kelotls::descriptor_path(service);
   Json::Value descriptor;
   std::string fault;
   if (!read_document(path, descriptor, fault)) {
     throw Failure(kFailed, "descriptor " + printable(path) + ": " + printable(fault));
   }
-  return kelotls::text_member(descriptor, "mustache-path");
-}
-
-Json::Value preview_of(const std::string& service, const std::string& template_path,
-                       const std::vector<int>& levels) {
-  Json::Value preview = preview_json(template_path, levels);
-  preview["service"] = service;
-  return preview;
-}
-
-Json::Value one_of(const Json::Value& preview) {
-  Json::Value previews = list_of({});
-  previews.append(preview);
-  return previews;
-}
-
-Json::Value preview_service(const std::string& service, const std::vector<int>& levels) {
-  const std::string template_path = template_of(service);
+  const std::string template_path = kelotls::text_member(descriptor, "mustache-path");
   if (template_path.empty()) {
     throw Failure(kFailed, "the service \"" + printable(service) + "\" has no template");
   }
-  return one_of(preview_of(service, template_path, levels));
+  return {{service, template_path}};
 }
 
-Json::Value preview_registration(const Json::Value& registration, const std::vector<int>& levels) {
-  Json::Value previews = list_of({});
+Sources sources_of_registration(const Json::Value& registration) {
+  Sources sources;
   for (const Json::Value& service : registration["services"]) {
     const std::string template_path = kelotls::text_member(service, "mustache-path");
     if (!template_path.empty()) {
-      previews.append(preview_of(service["service"].asString(), template_path, levels));
+      sources.push_back({service["service"].asString(), template_path});
     }
   }
-  return previews;
+  return sources;
 }
 
 /// A registration may be called anything, and a template may look like JSON.
@@ -82,24 +74,38 @@ bool is_registration_file(const std::string& file) {
          kelotls::find_member(document, "services") != nullptr;
 }
 
-Json::Value preview_file(const std::string& file, const std::vector<int>& levels) {
-  if (is_registration_file(file)) {
-    return preview_registration(require_registration(file, kelotls::Purpose::kJoin).document,
-                                levels);
-  }
-  return one_of(preview_json(file, levels));
-}
-
 /// A name without a "/" is a service's where one has joined under it.
-Json::Value preview(const std::string& subject, const std::vector<int>& levels) {
+Sources sources_of(const std::string& subject) {
   const bool has_directory = subject.find('/') != std::string::npos;
   if (!has_directory && has_joined(subject)) {
-    return preview_service(subject, levels);
+    return source_of_service(subject);
   }
   if (!has_directory && subject != "-" && !kelotls::exists_at(subject)) {
     require_service(load_store(), subject);
   }
-  return preview_file(subject, levels);
+  if (is_registration_file(subject)) {
+    return sources_of_registration(require_registration(subject, kelotls::Purpose::kJoin).document);
+  }
+  return {{"", subject}};
+}
+
+/// Others see what root may read. Who is not root has nothing to lose by templates of his own.
+void require_trust_in(const Sources& sources, Console& console, const Arguments& arguments) {
+  std::vector<std::string> paths;
+  for (const Source& source : sources) {
+    paths.push_back(source.template_path);
+  }
+  if (::geteuid() == 0) {
+    require_trust(console, walk_templates(paths), arguments.confidence());
+  }
+}
+
+Json::Value preview_of(const Source& source, const std::vector<int>& levels) {
+  Json::Value preview = preview_json(source.template_path, levels);
+  if (!source.service.empty()) {
+    preview["service"] = source.service;
+  }
+  return preview;
 }
 
 std::vector<int> levels_of(const std::string& text) {
@@ -136,7 +142,7 @@ void print_previews(Console& console, const Json::Value& document) {
         report.heading(heading_of(preview, given) + ":");
       }
       is_first = false;
-      const std::string text = given["text"].asString();
+      const std::string text = printable_lines(given["text"].asString());
       console.data() << text << (is_alone || ends_with(text, "\n") ? "" : "\n");
     }
   }
@@ -144,13 +150,16 @@ void print_previews(Console& console, const Json::Value& document) {
 
 }  // namespace
 
-Report preview_templates(const Arguments& arguments) {
+Report preview_templates(Console& console, const Arguments& arguments) {
   if (arguments.check) {
     throw Failure(kUsage, "--preview and --check exclude each other");
   }
+  const std::vector<int> levels = levels_of(arguments.level);
+  const Sources sources = sources_of(arguments.preview);
+  require_trust_in(sources, console, arguments);
   Report report;
-  report.document["previews"] = preview(arguments.preview, levels_of(arguments.level));
-  const Json::Value& previews = report.document["previews"];
+  const Json::Value& previews = report.document["previews"] =
+      list_of(sources, [&](const Source& source) { return preview_of(source, levels); });
   const bool has_fault =
       std::any_of(previews.begin(), previews.end(),
                   [](const Json::Value& preview) { return any_fault(preview["levels"]); });
