@@ -166,6 +166,30 @@ TEST_F(HostileInput, NothingPrintedHoldsWhatNobodyCanSee) {
   EXPECT_TRUE(contains(run({"list"}).out, kPrinted));
 }
 
+TEST_F(HostileInput, NoUsageErrorRepeatsWhatNobodyCanSee) {
+  const std::string schema = std::string(KELOTLS_SCHEMAS) + "/output/error.schema.json";
+  const std::string hostile = kName + "\x1b[2J\n";
+  for (const Arguments& command :
+       {Arguments{hostile}, Arguments{"--" + hostile}, Arguments{"get", "web", hostile},
+        Arguments{"list", "--" + hostile}, Arguments{"list", "-" + hostile},
+        Arguments{"set", "--apply=" + hostile, "web", "old"}, Arguments{"--help", hostile},
+        Arguments{"list", "--level", hostile}, Arguments{"list", "--state", hostile},
+        Arguments{"reload", "--reload-timeout", hostile}, Arguments{"default", hostile},
+        Arguments{"probe", "web", "--connect", hostile}, Arguments{"init", "--default", hostile}}) {
+    const Outcome outcome = run(command);
+    EXPECT_EQ(outcome.status, 2) << outcome.err;
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_TRUE(is_plain(outcome.err)) << outcome.err;
+    Arguments as_json = command;
+    as_json.insert(as_json.begin(), "--json");
+    const std::string text = run(as_json).out;
+    EXPECT_TRUE(is_plain(text)) << text;
+    EXPECT_EQ(faults_against(schema, json(text)), "") << text;
+  }
+  EXPECT_TRUE(contains(run({"get", "web", hostile}).err,
+                       std::string("not expected: ") + kPrinted + "\\x1b[2J\\x0a\n"));
+}
+
 TEST_F(HostileInput, JsonIsUtf8AndKeepsTheName) {
   join_by_the_library();
   for (const Arguments& command : {Arguments{"list"}, Arguments{"show", kName},

@@ -109,7 +109,7 @@ std::string command_fault(const char* word) {
   if (word == nullptr || std::find(names.begin(), names.end(), word) != names.end()) {
     return {};
   }
-  return "The following argument was not expected: " + printable(std::string(word)) +
+  return std::string("The following argument was not expected: ") + word +
          did_you_mean(word, names);
 }
 
@@ -195,11 +195,14 @@ void occupy_standard_descriptors() {
 /// What the library makes has the mode that the umask leaves; nobody else shall write it.
 void keep_files_from_others() { ::umask(::umask(077) | 022); }
 
-/// What was wrong with the command line has been said; under --json it is a document too.
+/// Says what is wrong with the command line; under --json as a document too. Before the parser is
+/// through there is no console.
 int refuse_usage(const std::string& fault, bool wants_json) {
+  constexpr char kAdvice[] = "Run with --help for more information.";
+  std::cerr << printable(fault) << '\n' << kAdvice << '\n';
   if (wants_json) {
     Console console(true, false);
-    console.document(Failure(kUsage, fault, "Run with --help for more information."));
+    console.document(Failure(kUsage, fault, kAdvice));
     console.flush();
   }
   return kUsage;
@@ -214,17 +217,14 @@ int run_program(int argc, char** argv) {
   const bool wants_json = asks_for_json(argc, argv);
   const std::string fault = command_fault(command_word(argc, argv));
   if (!fault.empty()) {
-    std::cerr << fault << "\nRun with --help for more information.\n";
     return refuse_usage(fault, wants_json);
   }
   Parser parser;
   try {
     parser.app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (parser.app.exit(error) == 0) {
-      return kDone;
-    }
-    return refuse_usage(error.what(), wants_json);
+    const bool is_answered = error.get_exit_code() == 0;  // help, or the version
+    return is_answered ? parser.app.exit(error) : refuse_usage(error.what(), wants_json);
   }
   Console console(parser.is_json, parser.is_quiet);
   // Many failures are a line of the system log: the operator sees each as well.
