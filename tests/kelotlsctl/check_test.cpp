@@ -267,7 +267,7 @@ INSTANTIATE_TEST_SUITE_P(
               },
               "warning", descriptor_path("web"), "the display name is not the data store's"},
         Fault{"DirectoryAmongDescriptors", [] { make_directories(std::string(kServices) + "old"); },
-              "warning", std::string(kServices) + "old", "is a folder"},
+              "warning", std::string(kServices) + "old", "is a directory"},
         Fault{"TemplateMissing", [] { remove_all(kTemplate); }, "error", kTemplate, "is missing"},
         Fault{"TemplateBroken", [] { write_file(kTemplate, "{{#a}}"); }, "error", kTemplate,
               "cannot be rendered"},

@@ -257,7 +257,7 @@ TEST_F(KelotlsctlRecovery, RecoversFromABrokenDataStore) {
   EXPECT_EQ(read_json(kDataStore)["default-level"], 1);
   ASSERT_NE(quarantined_file(), "");
   EXPECT_EQ(read_file(quarantined_file()), "{\"default-level\"");
-  EXPECT_EQ(outcome.out, "broken data store: put aside as " + quarantined_file() +
+  EXPECT_EQ(outcome.out, "broken data store: quarantined as " + quarantined_file() +
                              "\ndata store: written with the default level modern\n"
                              "ssh: taken from its descriptor\n"
                              "web: taken from its descriptor\n"
@@ -270,7 +270,7 @@ TEST_F(KelotlsctlRecovery, RecoversAMissingDataStoreAtTheLevelAskedFor) {
   remove_all(kDataStore);
   const JsonOutcome outcome = run_json("recover", {"--default", "old", "--from", kBackup});
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_TRUE(outcome.document["put-aside"].isNull());
+  EXPECT_TRUE(outcome.document["quarantined"].isNull());
   EXPECT_EQ(outcome.document["restored"][0]["level"]["name"], "old");
   EXPECT_EQ(read_json(kDataStore)["default-level"], 3);
   EXPECT_EQ(quarantined_file(), "");

@@ -123,8 +123,8 @@ constexpr const char* kDirectories[] = {kelotls::kFrameworkDir, kelotls::kServic
                                         kelotls::kConfigDir, kelotls::kSystemReloaderDir,
                                         kelotls::kPackageReloaderDir};
 
-/// Makes those that are missing, readable for all, and folders above them: all that it has made. In
-/// a dry run nothing is made, and folders above them are not looked at.
+/// Makes those that are missing, readable for all, and directories above them: all that it has
+/// made. In a dry run nothing is made, and directories above them are not looked at.
 std::vector<std::string> make_missing_directories(bool is_dry_run);
 
 /// "2027-01-31T23:59:59Z"

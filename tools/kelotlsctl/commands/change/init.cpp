@@ -47,7 +47,7 @@ Report initialise(Console& console, const Arguments& arguments) {
                    object({{"written", !arguments.dry_run},
                            {"data-store", path},
                            {"default-level", level_json(level)},
-                           {"folders", list_of(made)},
+                           {"directories", list_of(made)},
                            {"services", first.document["added"]},
                            {"unreadable", unreadable}}),
                    warnings_of_unreadable(unreadable)};
@@ -61,7 +61,7 @@ Report initialise(Console& console, const Arguments& arguments) {
 
 void print_initialised(Console& console, const Json::Value& document) {
   const char* const verb = document["written"].asBool() ? ": made" : ": would be made";
-  console.print_each(document["folders"], verb);
+  console.print_each(document["directories"], verb);
   console.data() << document["data-store"].asString() << verb << " with the default level "
                  << level_text(document["default-level"]) << '\n';
   console.print_each(document["services"], document["written"].asBool()

@@ -67,9 +67,9 @@ void complete(Plan& plan) {
     return object({{"service", change["service"]}, {"level", change["to"]}});
   };
   plan.document =
-      object({{"put-aside", kelotls::exists_at(kDataStorePath)
-                                ? dated_name(std::string(kDataStorePath) + ".broken-", "")
-                                : Json::Value()},
+      object({{"quarantined", kelotls::exists_at(kDataStorePath)
+                                  ? dated_name(std::string(kDataStorePath) + ".broken-", "")
+                                  : Json::Value()},
               {"default-level", level_json(plan.store.default_level())},
               {"services", regeneration.document["added"]},
               {"unreadable", regeneration.document["unreadable"]},
@@ -98,8 +98,8 @@ std::string quarantine(const std::string& dated) {
 }
 
 void execute(Plan& plan) {
-  if (!plan.document["put-aside"].isNull()) {
-    plan.document["put-aside"] = quarantine(plan.document["put-aside"].asString());
+  if (!plan.document["quarantined"].isNull()) {
+    plan.document["quarantined"] = quarantine(plan.document["quarantined"].asString());
   }
   if (plan.saved) {
     const int default_level = plan.store.default_level();
@@ -137,9 +137,9 @@ Report recover(Console& console, const Arguments& arguments) {
 
 void print_recovered(Console& console, const Json::Value& document) {
   const char* const would = document["written"].asBool() ? "" : "would be ";
-  if (!document["put-aside"].isNull()) {
-    console.data() << "broken data store: " << would << "put aside as "
-                   << document["put-aside"].asString() << '\n';
+  if (!document["quarantined"].isNull()) {
+    console.data() << "broken data store: " << would << "quarantined as "
+                   << document["quarantined"].asString() << '\n';
   }
   console.data() << "data store: " << would << "written with the default level "
                  << level_text(document["default-level"]) << '\n';
