@@ -1,5 +1,6 @@
 // What kelotlsctl writes where: data, messages, colour, log lines; usage; pipes that close early.
 #include <iterator>
+#include <regex>
 #include <sstream>
 
 #include "kelotlsctl.h"
@@ -280,8 +281,8 @@ TEST_F(KelotlsctlConsole, NeverColoursWithNoColor) {
   remove_all(kTemplate);
   for (const Arguments& command : {Arguments{"list"}, Arguments{"check"}, Arguments{"levels"},
                                    Arguments{"explain", "old"}, Arguments{"show", "nix"}}) {
-    EXPECT_EQ(run_on_terminal(command, {"NO_COLOR=1"}).out.find(kEscape), std::string::npos)
-        << command[0];
+    const std::string shown = run_on_terminal(command, {"NO_COLOR=1"}).out;
+    EXPECT_FALSE(std::regex_search(shown, std::regex("\033\\[[0-9;]*m"))) << command[0];
   }
 }
 
@@ -294,6 +295,53 @@ TEST_F(KelotlsctlConsole, DrawsABarOnATerminalOnlyAndTakesItAway) {
   EXPECT_EQ(run({"apply"}).err, "");
   EXPECT_EQ(run_on_terminal({"apply", "--quiet"}, {"NO_COLOR=1"}).out.find("probing"),
             std::string::npos);
+}
+
+TEST_F(KelotlsctlConsole, CountsTheServicesThatItGoesThrough) {
+  std::string services;
+  for (int index = 0; index < 12; ++index) {
+    const std::string number = std::to_string(index);
+    services += (services.empty() ? "" : ",") + std::string(R"({"service": "service)") + number +
+                R"(", "display-name": "", "mustache-path": ")" + kTemplate +
+                R"(", "reloader-path": "/usr/bin/true"})";
+  }
+  write_file(kTemplate, "{{#mozilla_old}}old{{/mozilla_old}}\n");
+  write_file("/tmp/twelve.json", R"({"services": [)" + services + "]}");
+  const auto shown = [](const Arguments& command, const Arguments& variables = {}) {
+    return run_on_terminal(command, variables).out;
+  };
+  for (const char* const verb : {"looking who may change ", "judging "}) {
+    EXPECT_TRUE(contains(shown({"join", "/tmp/twelve.json"}), std::string("\r\033[K") + verb));
+    EXPECT_TRUE(contains(shown({"join", "/tmp/twelve.json"}), "] 11/12\r"));
+  }
+  const std::string applied = shown({"apply"});
+  for (const char* const verb : {"looking who may change ", "rendering ", "reloading "}) {
+    EXPECT_TRUE(contains(applied, std::string("\r\033[K") + verb)) << verb;
+  }
+  EXPECT_TRUE(contains(applied, "rendering service9 [###########################...] 11/12\r"));
+  EXPECT_TRUE(contains(shown({"render"}), "rendering service9 "));
+  EXPECT_TRUE(
+      contains(shown({"set", "--all", "old", "--apply", "--dry-run"}), "rendering service9 "));
+  EXPECT_TRUE(contains(shown({"check"}), "checking service9 "));
+  EXPECT_TRUE(contains(shown({"validate", "/tmp/twelve.json"}), "judging /tmp/web.mustache "));
+  EXPECT_EQ(run({"check"}).err.find("checking"), std::string::npos);
+}
+
+TEST_F(KelotlsctlConsole, KeepsABarToOneLine) {
+  join_both();
+  const std::string name(200, 'n');
+  ASSERT_EQ(run({"join", "-"}, R"({"services": [{"service": ")" + name +
+                                   R"(", "display-name": "", "mustache-path": "/tmp/web.mustache"},
+                                    {"service": "o", "display-name": ""}]})")
+                .status,
+            0);
+  const std::string shown = run_on_terminal({"render"}, {}, 60).out;
+  EXPECT_TRUE(contains(shown, "\r\033[Krendering nnnnnnnnnnn… [.......")) << shown;
+  for (std::size_t at = shown.find("\r\033[Krendering"); at != std::string::npos;) {
+    const std::size_t next = shown.find('\r', at + 1);
+    EXPECT_LE(next - at, 65u);  // 59 columns, six bytes that take none
+    at = shown.find("\r\033[Krendering", next);
+  }
 }
 
 TEST_F(KelotlsctlConsole, FinishesItsWorkWhenNobodyReads) {

@@ -130,7 +130,7 @@ void print(Console& console, const CommandRow& row, const Report& report) {
 int run(Console& console, const CommandRow& row, const Arguments& arguments) {
   try {
     if (row.trusted != nullptr) {
-      require_trust(console, walk_places(row.trusted(arguments)), arguments.confidence());
+      require_trust(console, walk_places(console, row.trusted(arguments)), arguments.confidence());
     }
     const Report report = row.run(console, arguments);
     print(console, row, report);

@@ -116,7 +116,7 @@ const std::vector<CommandRow>& commands() {
      apply_levels, print_applied, always<kFrameworkPlaces>},
 
     {"backup", "Save all levels",
-     {kDryRun, {"FILE", "A new file; a dated one in this folder unless named", nullptr, &Arguments::file}},
+     {kDryRun, {"FILE", "A new file; a dated one in this directory unless named", nullptr, &Arguments::file}},
      "0, 1, 4", "kelotlsctl backup levels.json",
      backup, print_backup, always<kFrameworkPlaces>},
     {"restore", "Take levels from a backup",

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "json_document.h"
+#include "output/text.h"
 
 namespace kelotlsctl {
 
@@ -130,14 +131,16 @@ void Console::progress(const std::string& what, std::size_t done, std::size_t al
   if (quiet_ || all == 0 || ::isatty(STDERR_FILENO) == 0) {
     return;
   }
-  const std::size_t filled = done >= all ? kBarWidth : kBarWidth * done / all;
-  std::string bar = "\r\033[K";
-  if (done < all) {
-    bar += what + " [" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] " +
-           std::to_string(done) + "/" + std::to_string(all);
-  }
+  std::string line = "\r\033[K";
   bar_is_drawn_ = done < all;
-  static_cast<void>(kelotls::write_all(STDERR_FILENO, bar));
+  if (bar_is_drawn_) {
+    const std::size_t filled = kBarWidth * done / all;
+    const std::string bar = " [" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') +
+                            "] " + std::to_string(done) + "/" + std::to_string(all);
+    const std::size_t columns = width_of(STDERR_FILENO);
+    line += (columns == 0 ? what : cut(what, columns - std::min(columns, bar.size() + 1))) + bar;
+  }
+  static_cast<void>(kelotls::write_all(STDERR_FILENO, line));
 }
 
 }  // namespace kelotlsctl

@@ -116,6 +116,27 @@ class Console {
   std::ostringstream data_;
 };
 
+/// The bar of a loop, which vanishes with it.
+class ProgressBar {
+ public:
+  ProgressBar(Console& console, std::string what, std::size_t all)
+      : console_(console), what_(std::move(what)), all_(all) {}
+  ~ProgressBar() { console_.progress(what_, all_, all_); }
+  ProgressBar(const ProgressBar&) = delete;
+  ProgressBar& operator=(const ProgressBar&) = delete;
+
+  /// The next turn is about this.
+  void next(const std::string& name) {
+    console_.progress(what_ + " " + printable(name), done_++, all_);
+  }
+
+ private:
+  Console& console_;
+  const std::string what_;
+  const std::size_t all_;
+  std::size_t done_ = 0;
+};
+
 /// Writes a document as text; console.data() takes it.
 using PrintFunction = void(Console& console, const Json::Value& document);
 

@@ -70,14 +70,6 @@ std::string front_of(const std::string& text, std::size_t columns) {
   return text.substr(0, at);
 }
 
-/// Ends in dots where something is left out.
-std::string cut(const std::string& text, std::size_t columns) {
-  const std::size_t dots = display_width(ellipsis());
-  return display_width(text) <= columns ? text
-         : columns < dots               ? std::string()
-                                        : front_of(text, columns - dots) + ellipsis();
-}
-
 /// The lines with their ends, so that a last line without one differs from the same with one.
 Lines lines_of(const std::string& text) {
   Lines lines;
@@ -146,6 +138,13 @@ bool is_near_change(const Edits& edits, std::size_t at) {
 }
 
 }  // namespace
+
+std::string cut(const std::string& text, std::size_t columns) {
+  const std::size_t dots = display_width(ellipsis());
+  return display_width(text) <= columns ? text
+         : columns < dots               ? std::string()
+                                        : front_of(text, columns - dots) + ellipsis();
+}
 
 void Table::add(const std::vector<std::string>& cells, const std::vector<const char*>& tones) {
   Row& row = rows_.emplace_back();

@@ -9,6 +9,9 @@
 
 namespace kelotlsctl {
 
+/// As much of the text as so many columns hold; ends in dots where something is left out.
+std::string cut(const std::string& text, std::size_t columns);
+
 /// A table with columns as wide as their widest cell.
 class Table {
  public:

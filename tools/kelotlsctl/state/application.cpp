@@ -197,11 +197,13 @@ const char* cell_of(const Json::Value* element, const char* done) {
 
 }  // namespace
 
-Json::Value render_templates_of(const Store& store, const Selection& selection,
+Json::Value render_templates_of(Console& console, const Store& store, const Selection& selection,
                                 kelotls::Rendering rendering, bool with_diff) {
   kelotls::JsonReader reader;
   Json::Value list = list_of({});
+  ProgressBar progress(console, "rendering", selection.names.size());
   for (const std::string& service : selection.names) {
+    progress.next(service);
     const Rendered rendered = render(store, service, reader, rendering);
     if (rendered.outcome != Outcome::kNoTemplate) {
       list.append(rendered_json(service, rendered, with_diff));
@@ -329,7 +331,7 @@ kelotls::ContextOwner service_context(const Store& store, const std::string& ser
 Report apply_to(Console& console, const Store& store, const Selection& selection,
                 const ReloadOptions& options) {
   const Json::Value renderings =
-      render_templates_of(store, selection, kelotls::Rendering::kInForce, false);
+      render_templates_of(console, store, selection, kelotls::Rendering::kInForce, false);
   const Json::Value reloading = run_reloaders(console, store, selection, options);
 
   Report report;
@@ -346,9 +348,10 @@ Report apply_to(Console& console, const Store& store, const Selection& selection
   return report;
 }
 
-Report foresee_application(const Store& store, const Selection& selection, bool with_diff) {
+Report foresee_application(Console& console, const Store& store, const Selection& selection,
+                           bool with_diff) {
   const Json::Value renderings =
-      render_templates_of(store, selection, kelotls::Rendering::kPreview, with_diff);
+      render_templates_of(console, store, selection, kelotls::Rendering::kPreview, with_diff);
   const Json::Value reloading = list_reloaders(selection);
   return {any_fault(renderings) || reloading.isMember("fault") ? kFailed : kDone,
           application_json(renderings, reloading)};
@@ -375,7 +378,7 @@ void print_foreseen(Console& console, const Json::Value& document) {
   warn_of_reloading(console, document["reload-fault"]);
   print_renderings(console, document["rendered"], false);
   for (const Json::Value& rendered : document["rendered"]) {
-    console.data() << rendered["diff"].asString();
+    console.data() << printable_lines(rendered["diff"].asString());
   }
   print_reloaders(console, document["reloaders"], document["reload-fault"], false);
 }

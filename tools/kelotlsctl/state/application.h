@@ -16,7 +16,7 @@ namespace kelotlsctl {
 
 /// Renders, or previews, the templates: [{"service", "path", "change": "none", "new", "changed" or
 /// "failed", "fault", "diff": where asked for}], one for each service with a template or a fault.
-Json::Value render_templates_of(const Store& store, const Selection& selection,
+Json::Value render_templates_of(Console& console, const Store& store, const Selection& selection,
                                 kelotls::Rendering rendering, bool with_diff);
 
 /// Whether an element of a report has a "fault".
@@ -68,7 +68,8 @@ Report apply_to(Console& console, const Store& store, const Selection& selection
                 const ReloadOptions& options);
 
 /// What apply_to would do; the code is that of what is bound to fail.
-Report foresee_application(const Store& store, const Selection& selection, bool with_diff);
+Report foresee_application(Console& console, const Store& store, const Selection& selection,
+                           bool with_diff);
 
 /// A line for each service that was probed.
 void print_application(Console& console, const Json::Value& document);

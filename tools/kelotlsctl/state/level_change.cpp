@@ -105,8 +105,8 @@ Report bring_into_force(Console& console, const LevelChange& change, const Reloa
   return report;
 }
 
-Report foresee(const LevelChange& change) {
-  Report report = foresee_application(change.after, change.selection, true);
+Report foresee(Console& console, const LevelChange& change) {
+  Report report = foresee_application(console, change.after, change.selection, true);
   report.document["undone"] = list_of({});
   return report;
 }

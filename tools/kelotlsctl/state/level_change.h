@@ -25,6 +25,6 @@ struct LevelChange {
 Report bring_into_force(Console& console, const LevelChange& change, const ReloadOptions& options);
 
 /// What it would do; nothing is written.
-Report foresee(const LevelChange& change);
+Report foresee(Console& console, const LevelChange& change);
 
 }  // namespace kelotlsctl

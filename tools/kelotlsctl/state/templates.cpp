@@ -179,13 +179,15 @@ std::string rendering_fault(const std::string& template_path, int level) {
          (reason.empty() ? "" : ": " + reason);
 }
 
-TemplateVerdicts judge_templates(const Json::Value& registration) {
+TemplateVerdicts judge_templates(Console& console, const Json::Value& registration) {
   TemplateVerdicts verdicts;
   std::map<std::string, Verdict> judged;  // services may share one
   const Json::Value* const services = kelotls::find_member(registration, "services");
   const Json::ArrayIndex count = services != nullptr && services->isArray() ? services->size() : 0;
+  ProgressBar progress(console, "judging", count);
   for (Json::ArrayIndex index = 0; index < count; ++index) {
     const std::string path = kelotls::text_member((*services)[index], "mustache-path");
+    progress.next(path);
     if (!is_file(path)) {
       continue;
     }

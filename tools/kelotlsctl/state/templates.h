@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "output/console.h"
 #include "registration.h"
 
 namespace kelotlsctl {
@@ -28,7 +29,7 @@ struct TemplateVerdicts {
 };
 
 /// Of the templates that are files.
-TemplateVerdicts judge_templates(const Json::Value& registration);
+TemplateVerdicts judge_templates(Console& console, const Json::Value& registration);
 
 /// {"template", "levels": [{"level", "text" or "fault"}]}
 Json::Value preview_json(const std::string& template_path, const std::vector<int>& levels);

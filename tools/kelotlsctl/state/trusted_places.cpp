@@ -20,6 +20,8 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
+constexpr char kWalking[] = "looking who may change";
+
 /// The paths of what is in a directory; none where it cannot be listed.
 Texts entries_of(const std::string& directory) {
   Texts names;
@@ -68,10 +70,13 @@ void walk_template(const std::string& path, std::set<std::string>& walked, Trust
   }
 }
 
-void walk_descriptors(const Texts& descriptors, bool with_templates, TrustWalk& walk) {
+void walk_descriptors(Console& console, const Texts& descriptors, bool with_templates,
+                      TrustWalk& walk) {
+  ProgressBar progress(console, kWalking, descriptors.size());
   std::set<std::string> walked;
   kelotls::JsonReader reader;
   for (const std::string& path : descriptors) {
+    progress.next(path);
     walk.add(path);
     Json::Value descriptor;
     if (with_templates && reader.read(path, descriptor)) {
@@ -91,20 +96,25 @@ void walk_dh_files(TrustWalk& walk) {
   }
 }
 
-TrustWalk walk_kinds(unsigned int kinds, const Texts& descriptors, const Texts& reloaders) {
+TrustWalk walk_kinds(Console& console, unsigned int kinds, const Texts& descriptors,
+                     const Texts& reloaders) {
   TrustWalk walk;
   if ((kinds & kFrameworkPlaces) != 0) {
     walk.add(Texts(std::begin(kDirectories), std::end(kDirectories)));
     walk.add(std::string(kelotls::kDataStorePath));
   }
   if ((kinds & kDescriptorPlaces) != 0) {
-    walk_descriptors(descriptors, (kinds & kTemplatePlaces) != 0, walk);
+    walk_descriptors(console, descriptors, (kinds & kTemplatePlaces) != 0, walk);
   }
   if ((kinds & kDhPlaces) != 0) {
     walk_dh_files(walk);
   }
   if ((kinds & kReloaderPlaces) != 0) {
-    walk.add(reloaders);
+    ProgressBar progress(console, kWalking, reloaders.size());
+    for (const std::string& reloader : reloaders) {
+      progress.next(reloader);
+      walk.add(reloader);
+    }
   }
   return walk;
 }
@@ -128,17 +138,17 @@ void log_blind_trust(const Confidence& confidence, const std::string& text) {
 
 }  // namespace
 
-TrustWalk walk_places(unsigned int kinds) {
+TrustWalk walk_places(Console& console, unsigned int kinds) {
   Texts reloaders;
   for (const char* const directory : {kelotls::kSystemReloaderDir, kelotls::kPackageReloaderDir}) {
     const Texts entries = entries_of(directory);
     reloaders.emplace_back(directory);
     reloaders.insert(reloaders.end(), entries.begin(), entries.end());
   }
-  return walk_kinds(kinds, entries_of(kelotls::kServicesDir), reloaders);
+  return walk_kinds(console, kinds, entries_of(kelotls::kServicesDir), reloaders);
 }
 
-TrustWalk walk_places(unsigned int kinds, const Selection& selection) {
+TrustWalk walk_places(Console& console, unsigned int kinds, const Selection& selection) {
   Texts descriptors;
   std::transform(selection.names.begin(), selection.names.end(), std::back_inserter(descriptors),
                  kelotls::descriptor_path);
@@ -147,7 +157,7 @@ TrustWalk walk_places(unsigned int kinds, const Selection& selection) {
   for (const Json::Value& reloader : listed["reloaders"]) {
     reloaders.push_back(reloader["path"].asString());
   }
-  return walk_kinds(kinds, descriptors, reloaders);
+  return walk_kinds(console, kinds, descriptors, reloaders);
 }
 
 TrustWalk walk_templates(const Texts& paths) {
@@ -159,10 +169,12 @@ TrustWalk walk_templates(const Texts& paths) {
   return walk;
 }
 
-TrustWalk walk_registration(const std::vector<kelotls::ServiceDesc>& services) {
+TrustWalk walk_registration(Console& console, const std::vector<kelotls::ServiceDesc>& services) {
   TrustWalk walk;
   std::set<std::string> walked;
+  ProgressBar progress(console, kWalking, services.size());
   for (const kelotls::ServiceDesc& service : services) {
+    progress.next(service.get_service_name());
     walk.add(kelotls::descriptor_path(service.get_service_name()));
     if (service.has_mustache()) {
       walk_template(service.get_mustahce_path(), walked, walk);

@@ -24,17 +24,17 @@ enum Places : unsigned int {
   kAllPlaces = kRenderingPlaces | kReloaderPlaces | kDhPlaces,
 };
 
-/// Walks all places of these kinds, whichever services they are for.
-TrustWalk walk_places(unsigned int kinds);
+/// Walks all places of these kinds, whichever services they are for. Shows how far it has come.
+TrustWalk walk_places(Console& console, unsigned int kinds);
 
 /// The same of what is read, rendered and run for these services alone.
-TrustWalk walk_places(unsigned int kinds, const Selection& selection);
+TrustWalk walk_places(Console& console, unsigned int kinds, const Selection& selection);
 
 /// Walks templates, and the partials that they name.
 TrustWalk walk_templates(const std::vector<std::string>& paths);
 
 /// Walks what joining overwrites and links, and what it has read and run later.
-TrustWalk walk_registration(const std::vector<kelotls::ServiceDesc>& services);
+TrustWalk walk_registration(Console& console, const std::vector<kelotls::ServiceDesc>& services);
 
 /// How a command takes what the walk has found.
 struct Confidence {

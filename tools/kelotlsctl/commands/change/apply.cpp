@@ -32,10 +32,10 @@ Report apply_levels(Console& console, const Arguments& arguments) {
   const Store store = load_store();
   const Selection selection = select_services(store, arguments.services);
   const ReloadOptions options = reload_options(arguments.reload_timeout);
-  require_trust(console, walk_places(kAllPlaces, selection), arguments.confidence());
+  require_trust(console, walk_places(console, kAllPlaces, selection), arguments.confidence());
   Report report;
   if (arguments.dry_run) {
-    report = foresee_application(store, selection, false);
+    report = foresee_application(console, store, selection, false);
   } else {
     begin_record(arguments.command, arguments.reason, changes_of(selection.names));
     report = apply_to(console, store, selection, options);

@@ -33,7 +33,7 @@ Json::Value plan_json(const LevelChange& plan, bool is_written) {
 Report set_and_apply(Console& console, const LevelChange& plan, const Arguments& arguments) {
   const ReloadOptions options = reload_options(arguments.reload_timeout);
   const Report application =
-      arguments.dry_run ? foresee(plan) : bring_into_force(console, plan, options);
+      arguments.dry_run ? foresee(console, plan) : bring_into_force(console, plan, options);
   Json::Value document = plan_json(plan, !arguments.dry_run);
   document["apply"] = application.document;
   if (!arguments.dry_run) {
@@ -69,7 +69,8 @@ Report default_level(Console& console, const Arguments& arguments) {
   const Lock lock(console, arguments.command, !arguments.dry_run);
   const LevelChange plan = make_plan(load_store(), level);
   if (arguments.apply) {
-    require_trust(console, walk_places(kAllPlaces, plan.selection), arguments.confidence());
+    require_trust(console, walk_places(console, kAllPlaces, plan.selection),
+                  arguments.confidence());
   }
   if (!arguments.dry_run && (arguments.apply || plan.before.default_level() != level)) {
     begin_record(arguments.command, arguments.reason, plan.record());

@@ -194,9 +194,9 @@ void warn_of(Console& console, const kelotls::Faults& faults) {
 
 Report join_services(Console& console, const Arguments& arguments) {
   const Registration registration = require_registration(arguments.file, kelotls::Purpose::kJoin);
-  require_trust(console, walk_registration(kelotls::services_of(registration.document)),
+  require_trust(console, walk_registration(console, kelotls::services_of(registration.document)),
                 arguments.confidence());
-  const TemplateVerdicts templates = judge_templates(registration.document);
+  const TemplateVerdicts templates = judge_templates(console, registration.document);
   const Lock lock(console, arguments.command, !arguments.dry_run);
   Store store = load_store();
   warn_of(console, file_warnings(registration.document));

@@ -11,7 +11,7 @@ Report reload(Console& console, const Arguments& arguments) {
   const Store store = load_store();
   const Selection selection = select_services(store, arguments.services);
   const ReloadOptions options = reload_options(arguments.reload_timeout);
-  require_trust(console, walk_places(kReloaderPlaces, selection), arguments.confidence());
+  require_trust(console, walk_places(console, kReloaderPlaces, selection), arguments.confidence());
   if (!arguments.dry_run) {
     begin_record(arguments.command, arguments.reason, changes_of(selection.names));
   }

@@ -29,13 +29,13 @@ Report render_templates(Console& console, const Arguments& arguments) {
   const Lock lock(console, arguments.command, writes);
   const Store store = load_store();
   const Selection selection = select_services(store, arguments.services);
-  require_trust(console, walk_places(kRenderingPlaces, selection), arguments.confidence());
+  require_trust(console, walk_places(console, kRenderingPlaces, selection), arguments.confidence());
   if (writes) {
     begin_record(arguments.command, arguments.reason, changes_of(selection.names));
   }
   const Json::Value renderings = render_templates_of(
-      store, selection, writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview,
-      arguments.check);
+      console, store, selection,
+      writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview, arguments.check);
   warn_of_faults(console, renderings, "service", ": ");
   const bool any_change =
       std::any_of(renderings.begin(), renderings.end(),

@@ -114,7 +114,8 @@ Report set_level(Console& console, const Arguments& arguments) {
   const Lock lock(console, arguments.command, !arguments.dry_run);
   const LevelChange plan = make_plan(request);
   if (arguments.apply) {
-    require_trust(console, walk_places(kAllPlaces, plan.selection), arguments.confidence());
+    require_trust(console, walk_places(console, kAllPlaces, plan.selection),
+                  arguments.confidence());
   }
   if (!arguments.dry_run && (arguments.apply || writes_anything(plan))) {
     begin_record(arguments.command, arguments.reason, plan.record());
@@ -122,7 +123,8 @@ Report set_level(Console& console, const Arguments& arguments) {
   if (!arguments.apply) {
     return set_only(plan, arguments.dry_run);
   }
-  Report report = arguments.dry_run ? foresee(plan) : bring_into_force(console, plan, options);
+  Report report =
+      arguments.dry_run ? foresee(console, plan) : bring_into_force(console, plan, options);
   Json::Value services = plan_json(plan, !arguments.dry_run);
   tell_undone(services, report.document["undone"]);
   report.document.removeMember("undone");

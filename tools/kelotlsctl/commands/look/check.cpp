@@ -70,14 +70,14 @@ bool is_known(const Store& store, const std::string& service) {
   return store.has(service) || exists_at(kelotls::descriptor_path(service));
 }
 
-/// Whether it is a folder, where none should be.
-bool check_folder(const std::string& path, Findings& findings) {
+/// Whether it is a directory, where none should be.
+bool refuse_directory(const std::string& path, Findings& findings) {
   struct stat status = {};
-  const bool is_folder = ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-  if (is_folder) {
-    findings.add(kWarning, path, "is a folder", "remove it");
+  const bool is_directory = ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  if (is_directory) {
+    findings.add(kWarning, path, "is a directory", "remove it");
   }
-  return is_folder;
+  return is_directory;
 }
 
 // The data store
@@ -136,7 +136,7 @@ void check_entries(const Store& store, const Selection& selection, Findings& fin
 /// Whether there is a file that is a descriptor, and which service it describes.
 void check_descriptor_file(const std::string& path, const Store& store,
                            std::set<std::string>& described, Findings& findings) {
-  if (!exists_at(path) || check_folder(path, findings)) {
+  if (!exists_at(path) || refuse_directory(path, findings)) {
     return;
   }
   const ServiceDescriptor descriptor = read_service_descriptor(path);
@@ -249,9 +249,12 @@ void check_link(const ServiceStatus& status, Findings& findings) {
   }
 }
 
-void check_services(const Store& store, const Selection& selection, Findings& findings) {
+void check_services(Console& console, const Store& store, const Selection& selection,
+                    Findings& findings) {
   ServiceInspector inspector(store);
+  ProgressBar progress(console, "checking", selection.names.size());
   for (const std::string& service : selection.names) {
+    progress.next(service);
     if (!kelotls::name_fault(service, false).empty()) {
       continue;  // check_entries has said so; its files may lie anywhere
     }
@@ -271,7 +274,7 @@ void check_reloaders(const std::optional<Store>& store, Findings& findings) {
   for (const std::string directory : {kelotls::kSystemReloaderDir, kPackageReloaderDir}) {
     for (const std::string& name : names_in(directory)) {
       const std::string path = directory + name;
-      if (check_folder(path, findings)) {
+      if (refuse_directory(path, findings)) {
         continue;
       }
       check_program(path, findings);
@@ -286,7 +289,7 @@ void check_reloaders(const std::optional<Store>& store, Findings& findings) {
 void check_reloaders_of(const Selection& selection, Findings& findings) {
   for (const std::string& service : selection.names) {
     const std::string path = kelotls::link_path(service);
-    if (exists_at(path) && !check_folder(path, findings)) {
+    if (exists_at(path) && !refuse_directory(path, findings)) {
       check_program(path, findings);
     }
   }
@@ -311,11 +314,11 @@ void check_directory(const std::string& path, Findings& findings) {
   struct stat status = {};
   if (::stat(path.c_str(), &status) != 0) {
     findings.add(kError, path, std::strerror(errno),
-                 errno == ENOENT ? "mkdir -p -m 0755 " + path : "put the folder right");
+                 errno == ENOENT ? "mkdir -p -m 0755 " + path : "put the directory right");
     return;
   }
   if (!S_ISDIR(status.st_mode)) {
-    findings.add(kError, path, "is no folder", "put a folder in its place");
+    findings.add(kError, path, "is no directory", "put a directory in its place");
     return;
   }
   if ((status.st_mode & 0555) != 0555) {
@@ -387,11 +390,11 @@ void check_leftovers(const std::optional<Store>& store, Findings& findings) {
 }
 
 /// All that lies outside of single services.
-void check_surroundings(const std::optional<Store>& store, Findings& findings) {
+void check_surroundings(Console& console, const std::optional<Store>& store, Findings& findings) {
   for (const char* directory : kDirectories) {
     check_directory(directory, findings);
   }
-  check_trust(walk_places(kAllPlaces), findings);
+  check_trust(walk_places(console, kAllPlaces), findings);
   check_reloaders(store, findings);
   for (const int level :
        {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
@@ -402,10 +405,11 @@ void check_surroundings(const std::optional<Store>& store, Findings& findings) {
   check_leftovers(store, findings);
 }
 
-void check_selected(const Store& store, const Selection& selection, Findings& findings) {
+void check_selected(Console& console, const Store& store, const Selection& selection,
+                    Findings& findings) {
   check_entries(store, selection, findings);
   check_descriptors(store, selection, findings);
-  check_services(store, selection, findings);
+  check_services(console, store, selection, findings);
   if (!selection.is_all) {
     check_reloaders_of(selection, findings);
     check_temporaries(kConfigDir, selection, findings);
@@ -444,19 +448,19 @@ void print_all_findings(Console& console, const Json::Value& document) {
 
 }  // namespace
 
-Report check_framework(Console&, const Arguments& arguments) {
+Report check_framework(Console& console, const Arguments& arguments) {
   Findings findings;
   const std::optional<Store> store = check_store(findings);
   check_store_file(findings);
   const Selection selection = store ? select_services(*store, arguments.services) : Selection();
   if (!arguments.services.empty()) {
-    check_trust(walk_places(store ? kAllPlaces : kFrameworkPlaces, selection), findings);
+    check_trust(walk_places(console, store ? kAllPlaces : kFrameworkPlaces, selection), findings);
   }
   if (store) {
-    check_selected(*store, selection, findings);
+    check_selected(console, *store, selection, findings);
   }
   if (arguments.services.empty()) {
-    check_surroundings(store, findings);
+    check_surroundings(console, store, findings);
   }
 
   const bool is_healthy =

@@ -67,7 +67,7 @@ Report validate_registration(Console& console, const Arguments& arguments) {
   const kelotls::Faults distrust =
       arguments.trust_anyway ? kelotls::Faults() : trust_faults(registration.document);
   const TemplateVerdicts templates =
-      distrust.empty() ? judge_templates(registration.document) : TemplateVerdicts();
+      distrust.empty() ? judge_templates(console, registration.document) : TemplateVerdicts();
   const kelotls::Faults faults = joined({registration.faults, distrust, templates.faults});
   const kelotls::Faults warnings =
       joined({file_warnings(registration.document), misspelt_members(registration.document),
