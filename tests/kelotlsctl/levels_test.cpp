@@ -218,6 +218,32 @@ TEST_F(KelotlsctlLevels, TakesBackTheServiceThatFailedAndNoOther) {
   EXPECT_EQ(record[record.size() - 1]["services"][0]["result"], "undone");
 }
 
+TEST_F(KelotlsctlLevels, TakesBackTheServiceThatIsNotRenderedAndNoOther) {
+  join_both();
+  join_mail();
+  write_file("/tmp/other.mustache", "{{#mozilla_old}}{{>broken}}{{/mozilla_old}}");
+  write_file("/tmp/broken.mustache", "{{");
+  ASSERT_EQ(run({"join", "-"}, R"({"services": [{"service": "other", "display-name": "",
+                                   "mustache-path": "/tmp/other.mustache"}]})")
+                .status,
+            0);
+  ASSERT_EQ(run({"apply"}).status, 0);
+
+  const Outcome outcome = run({"set", "--all", "old", "--apply"});
+
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(contains(outcome.out,
+                       "mail     old    rendered  reloaded  library only\n"
+                       "other    old    FAILED    -         library only\n"));
+  EXPECT_EQ(stored_level("other"), 0);
+  EXPECT_EQ(read_file(rendered_path("other")), "");
+  for (const char* const service : {"web", "mail", "ssh"}) {
+    EXPECT_EQ(stored_level(service), 3) << service;
+  }
+  EXPECT_EQ(read_file(rendered_path("web")), "level old\n");
+  EXPECT_TRUE(contains(outcome.err, "other is back at default, rendered and reloaded"));
+}
+
 TEST_F(KelotlsctlLevels, RunsNoFurtherReloaderOnceItIsInterrupted) {
   join_both();
   join_mail();
