@@ -92,10 +92,13 @@ TEST_F(KelotlsctlHistory, ShowsWhatConcernsOneService) {
   join_both();
   ASSERT_EQ(run({"set", "web", "old"}).status, 0);
   ASSERT_EQ(run({"set", "ssh", "modern"}).status, 0);
+  ASSERT_EQ(run({"set", "ssh", "web", "intermediate"}).status, 0);
   const Lines shown = summaries({"ssh"});
-  EXPECT_EQ(shown.back(), "set: ssh default modern: done");
+  EXPECT_EQ(shown.back(), "set: ssh modern intermediate: done");
+  EXPECT_EQ(shown[shown.size() - 2], "set: ssh default modern: done");
   for (const std::string& line : shown) {
     EXPECT_TRUE(contains(line, "ssh"));
+    EXPECT_FALSE(contains(line, "web"));
   }
 }
 
@@ -107,6 +110,8 @@ TEST_F(KelotlsctlHistory, SaysWhoFromWhereAndWhy) {
   EXPECT_EQ(record["reason"], "an old printer");
   EXPECT_EQ(record["who"]["user"], "root");
   EXPECT_EQ(record["who"]["sudo"], "ann");
+  const std::string person = record["who"].get("login", "ann").asString();
+  EXPECT_TRUE(contains(run({"history"}).out, "root (" + person + ")"));
   EXPECT_EQ(record["code"], 0);
   EXPECT_TRUE(record["terminal"].isNull());
   ASSERT_EQ(run_on_terminal({"--reason", "x", "set", "web", "modern"}).status, 0);
@@ -138,6 +143,34 @@ TEST_F(KelotlsctlHistory, RecordsThatAChangeWasUndone) {
   write_file(kReloaderStatus, "1");
   ASSERT_EQ(run({"set", "web", "old", "--apply"}).status, 5);
   EXPECT_EQ(summaries().back(), "set: web default old: undone");
+}
+
+TEST_F(KelotlsctlHistory, SaysWhatCameOfEachService) {
+  join_both();
+  write_program("/tmp/reload-other", "#!/bin/sh\n");
+  write_file("/tmp/other.mustache", "other\n");
+  ASSERT_EQ(run({"join", "-"}, R"({"services": [{"service": "other", "display-name": "",
+                  "mustache-path": "/tmp/other.mustache", "reloader-path": "/tmp/reload-other"}]})")
+                .status,
+            0);
+  const auto last_of = [](const std::string& service) {
+    const std::string text = run({"history", service}).out;
+    return text.substr(text.rfind('\n', text.size() - 2) + 1);
+  };
+  write_file(kReloaderStatus, "1");
+  for (const char* const command : {"reload", "apply"}) {
+    ASSERT_EQ(run({command}).status, 5);
+    EXPECT_TRUE(contains(last_of("web"), "failed")) << command;
+    EXPECT_TRUE(contains(last_of("other"), "done")) << command;
+  }
+  remove_all(kTemplate);
+  ASSERT_EQ(run({"render"}).status, 1);
+  EXPECT_TRUE(contains(last_of("web"), "failed"));
+  EXPECT_TRUE(contains(last_of("other"), "done"));
+  write_program("/tmp/reload-other", "#!/bin/sh\nkill -TERM $PPID\n");  // runs before web's
+  ASSERT_EQ(run({"reload"}).status, 143);
+  EXPECT_TRUE(contains(last_of("web"), "interrupted"));
+  EXPECT_TRUE(contains(last_of("other"), "done"));
 }
 
 TEST_F(KelotlsctlHistory, IsOnTheDiskBeforeTheFirstEffect) {

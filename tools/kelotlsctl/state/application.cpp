@@ -117,6 +117,19 @@ void stamp_services(const Store& store, const Selection& selection, const Json::
   stamp.save();
 }
 
+/// [{"service", "result"}], as far as reloaders tell.
+Json::Value results_of(const Selection& selection, const Json::Value& reloaders) {
+  const ReloadOutcomes outcomes(reloaders);
+  return list_of(selection.names, [&](const std::string& service) {
+    const Json::Value* const outcome = outcomes.of(service);
+    return object({{"service", service},
+                   {"result", outcome == nullptr             ? "in-force"
+                              : outcome->isMember("fault")   ? "failed"
+                              : outcome->isMember("not-run") ? "not-run"
+                                                             : "in-force"}});
+  });
+}
+
 /// Why the service's context does not do what its level asks for; empty where it does.
 std::string probe_fault(Console& console, const std::string& service, int level) {
   std::string fault = dh_pipe_fault(level);
@@ -293,8 +306,25 @@ Json::Value run_reloaders(Console& console, const Store& store, const Selection&
   if (!reloaders.empty() && reloaders[reloaders.size() - 1].isMember("not-run")) {
     set_result("interrupted");
   }
+  record_results(results_of(selection, reloaders));
   stamp_services(store, selection, reloaders);
   return reloading;
+}
+
+void record_results(const Json::Value& services) {
+  Json::Value exceptions = list_of({});
+  bool any_left_out = false;
+  for (const Json::Value& service : services) {
+    const bool is_left_out = service["result"] == "not-run";
+    any_left_out = any_left_out || is_left_out;
+    if (is_left_out || service["result"] == "failed") {
+      exceptions.append(object(
+          {{"service", service["service"]}, {"result", is_left_out ? "interrupted" : "failed"}}));
+    }
+  }
+  if (!exceptions.empty()) {
+    set_result(any_left_out ? "interrupted" : "failed", exceptions);
+  }
 }
 
 void warn_of_reloading(Console& console, const Json::Value& fault) {

@@ -50,6 +50,10 @@ ReloadOptions reload_options(const std::string& seconds);
 Json::Value run_reloaders(Console& console, const Store& store, const Selection& selection,
                           const ReloadOptions& options);
 
+/// Has the history say of which services a change did not come out as of the others: of those whose
+/// "result" is "failed" or "not-run".
+void record_results(const Json::Value& services);
+
 /// Of the one fault for which none has run; null without it.
 void warn_of_reloading(Console& console, const Json::Value& fault);
 

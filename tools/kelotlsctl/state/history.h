@@ -29,8 +29,8 @@ Json::Value level_change(const std::string& service, const std::string& from,
 void begin_record(const std::string& command, const std::string& reason,
                   const Json::Value& changes);
 
-/// What came of the change: "done", "failed", "undone", "interrupted"; of single services where it
-/// differs among them: [{"service", "result"}].
+/// What came of the change: "done", "failed", "undone", "interrupted"; where it differs among
+/// services, of those for which it is not "done": [{"service", "result"}].
 void set_result(const std::string& result, const Json::Value& services = Json::Value());
 
 /// Ends the record, if one was begun, with the result that was set; else with "done" where the

@@ -6,27 +6,6 @@
 
 namespace kelotlsctl {
 
-namespace {
-
-/// Where a change did not come out the same for all services, the history says for which.
-void record_results(const Report& report) {
-  Json::Value services = list_of({});
-  bool any_left_out = false;
-  for (const Json::Value& probed : report.document["probed"]) {
-    if (probed["result"] != "in-force") {
-      const bool is_left_out = probed["result"] == "not-run";
-      any_left_out = any_left_out || is_left_out;
-      services.append(object(
-          {{"service", probed["service"]}, {"result", is_left_out ? "interrupted" : "failed"}}));
-    }
-  }
-  if (!services.empty()) {
-    set_result(any_left_out ? "interrupted" : "failed", services);
-  }
-}
-
-}  // namespace
-
 Report apply_levels(Console& console, const Arguments& arguments) {
   const Lock lock(console, arguments.command, !arguments.dry_run);
   const Store store = load_store();
@@ -39,7 +18,7 @@ Report apply_levels(Console& console, const Arguments& arguments) {
   } else {
     begin_record(arguments.command, arguments.reason, changes_of(selection.names));
     report = apply_to(console, store, selection, options);
-    record_results(report);
+    record_results(report.document["probed"]);
   }
   report.document["applied"] = !arguments.dry_run;
   return report;

@@ -10,6 +10,13 @@ namespace kelotlsctl {
 
 namespace {
 
+Json::Value results_of(const Json::Value& renderings) {
+  return list_of(renderings, [](const Json::Value& rendered) {
+    return object({{"service", rendered["service"]},
+                   {"result", rendered.isMember("fault") ? "failed" : "in-force"}});
+  });
+}
+
 void print_differences(Console& console, const Json::Value& document) {
   for (const Json::Value& rendered : document["services"]) {
     console.data() << printable_lines(rendered["diff"].asString());
@@ -36,6 +43,9 @@ Report render_templates(Console& console, const Arguments& arguments) {
   const Json::Value renderings = render_templates_of(
       console, store, selection,
       writes ? kelotls::Rendering::kInForce : kelotls::Rendering::kPreview, arguments.check);
+  if (writes) {
+    record_results(results_of(renderings));
+  }
   warn_of_faults(console, renderings, "service", ": ");
   const bool any_change =
       std::any_of(renderings.begin(), renderings.end(),

@@ -9,29 +9,36 @@ namespace kelotlsctl {
 
 namespace {
 
-bool concerns(const Json::Value& record, const std::string& service) {
+/// Leaves of the record what is about the service. Whether that is anything.
+bool keep_what_concerns(Json::Value& record, const std::string& service) {
+  Json::Value changes = list_of({});
   for (const Json::Value& change : record["changes"]) {
     if (change["service"].asString() == service) {
-      return true;
+      changes.append(change);
     }
   }
-  return service.empty();
+  record["changes"] = changes;
+  return !changes.empty();
 }
 
-/// What came of one service, where that differs among them; else of the whole change.
+/// What came of one service. Where that differs among them, the record names those for which it is
+/// not "done".
 std::string result_of(const Json::Value& record, const std::string& service) {
   for (const Json::Value& outcome : record["services"]) {
     if (outcome["service"].asString() == service) {
       return outcome["result"].asString();
     }
   }
-  return record["result"].asString();
+  return record["services"].empty() ? record["result"].asString() : "done";
 }
 
 void add_rows(Table& table, const Json::Value& record) {
   std::string who = record["who"]["user"].asString();
-  if (record["who"].isMember("login")) {
-    who += " (" + record["who"]["login"].asString() + ")";
+  for (const char* const key : {"login", "sudo"}) {  // the first is the surer one
+    if (record["who"].isMember(key)) {
+      who += " (" + record["who"][key].asString() + ")";
+      break;
+    }
   }
   const auto add = [&](const std::string& service, const std::string& levels) {
     table.add({record["time"].asString(), who, record["command"].asString(), service, levels,
@@ -53,8 +60,9 @@ void add_rows(Table& table, const Json::Value& record) {
 Report show_history(Console& console, const Arguments& arguments) {
   Report report;
   report.document["changes"] = list_of({});
-  for (const Json::Value& record : read_history(report.warnings)) {
-    if (concerns(record, arguments.service)) {
+  Json::Value records = read_history(report.warnings);
+  for (Json::Value& record : records) {
+    if (arguments.service.empty() || keep_what_concerns(record, arguments.service)) {
       report.document["changes"].append(record);
     }
   }
