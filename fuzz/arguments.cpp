@@ -126,7 +126,7 @@ bool is_straight(const std::vector<std::string>& arguments) {
 bool may_write(const std::vector<std::string>& arguments, int code) {
   static const std::vector<std::string> kWriters = {
       "set",   "default", "join",    "leave", "regen",   "render", "reload",
-      "apply", "backup",  "restore", "init",  "recover", "dh"};
+      "apply", "backup",  "restore", "init",  "recover", "dh",     "address"};
   return code != kelotlsctl::kUsage &&
          std::any_of(arguments.begin(), arguments.end(),
                      [](const std::string& argument) { return contains(kWriters, argument); }) &&

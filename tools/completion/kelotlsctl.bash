@@ -3,13 +3,14 @@
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
   local commands='list status show get set default levels explain probe check history validate join leave
-    regen render reload apply backup restore init recover dh'
+    address regen render reload apply backup restore init recover dh'
   local levels='modern intermediate old default'
   local command='' position=0 index word
   for ((index = 1; index < COMP_CWORD; index++)); do
     word=${COMP_WORDS[index]}
     case $word in
-      --default | --from | --connect | --preview | --level | --state | --reason | --reload-timeout) ((index++)) ;;
+      --default | --from | --connect | --preview | --level | --state | --reason | --reload-timeout | \
+        --starttls | --servername) ((index++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=$word; else ((position++)); fi ;;
     esac
@@ -25,7 +26,8 @@ _kelotlsctl() {
     --state)
       words='in-force pending-render pending-reload next-context cannot-render unusable-level needs-root'
       ;;
-    --connect | --reason | --reload-timeout) return ;;
+    --starttls) words='smtp imap pop3 ftp ldap postgres mysql sieve xmpp nntp' ;;
+    --connect | --reason | --reload-timeout | --servername) return ;;
     *)
       case $command in
         '') words="$commands --json --quiet --reason --trust-anyway --version --help" ;;
@@ -35,7 +37,7 @@ _kelotlsctl() {
   esac
   if [[ -z $words && $current != -* ]]; then
     case $command:$position in
-      show:0 | get:0 | set:0 | probe:0 | history:0) _kelotlsctl_services "$current"; return ;;
+      show:0 | get:0 | set:0 | probe:0 | history:0 | address:0) _kelotlsctl_services "$current"; return ;;
       set:*) _kelotlsctl_services "$current"; words=$levels ;;
       render:* | reload:* | apply:* | check:*) _kelotlsctl_services "$current"; return ;;
       explain:0) _kelotlsctl_services "$current"; words=$levels ;;
@@ -60,6 +62,7 @@ _kelotlsctl_options() {
     leave | regen | backup | restore) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
+    address) options+=' --dry-run --starttls --servername --remove' ;;
     dh) options+=' --dry-run --force' ;;
     init) options+=' --dry-run --default' ;;
     recover) options+=' --dry-run --default --from' ;;

@@ -16,6 +16,8 @@ namespace kelotlsctl {
 
 namespace {
 
+constexpr char kProbe[] = "probe";
+
 /// What is likely to fail once a service has joined; empty for a file that is in order.
 std::string file_warning(const std::string& file, bool is_reloader) {
   struct stat status = {};
@@ -49,6 +51,17 @@ void append_text_faults(const Json::Value& services, kelotls::Faults& faults) {
       if (kelotls::has_nul(kelotls::text_member(services[index], key))) {
         faults.push_back({path + "." + key, "holds a NUL character"});
       }
+    }
+  }
+}
+
+/// The library ignores the member: it is the command that asks running servers.
+void append_probe_faults(const Json::Value& services, kelotls::Faults& faults) {
+  for (Json::ArrayIndex index = 0; index < services.size(); ++index) {
+    const Json::Value* const probe = kelotls::find_member(services[index], kProbe);
+    if (probe != nullptr) {
+      append_address_faults(*probe, kelotls::path_of_element("$.services", index) + ".probe",
+                            faults);
     }
   }
 }
@@ -91,6 +104,16 @@ std::vector<std::string> Registration::names() const {
   return names;
 }
 
+std::map<std::string, Address> Registration::addresses() const {
+  std::map<std::string, Address> addresses;
+  for (const Json::Value& service : document["services"]) {
+    if (const Json::Value* const probe = kelotls::find_member(service, kProbe)) {
+      addresses[service["service"].asString()] = address_of(*probe);
+    }
+  }
+  return addresses;
+}
+
 Registration read_registration(const std::string& file, kelotls::Purpose purpose) {
   Registration registration;
   registration.source = file == "-" ? "the standard input" : file;
@@ -108,6 +131,7 @@ Registration read_registration(const std::string& file, kelotls::Purpose purpose
   const Json::Value* const services = kelotls::find_member(registration.document, "services");
   if (purpose == kelotls::Purpose::kJoin && services != nullptr && services->isArray()) {
     append_text_faults(*services, registration.faults);
+    append_probe_faults(*services, registration.faults);
   }
   return registration;
 }

@@ -3,10 +3,12 @@
 
 #include <json/value.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
 #include "registration.h"
+#include "state/address.h"
 #include "state/store.h"
 
 namespace kelotlsctl {
@@ -17,6 +19,9 @@ struct Registration {
   kelotls::Faults faults;  ///< it is refused
 
   std::vector<std::string> names() const;
+
+  /// The addresses that it brings, by service, of one that can be used.
+  std::map<std::string, Address> addresses() const;
 };
 
 /// Reads the file, or the standard input for "-", and looks for every fault. A Failure when it

@@ -10,6 +10,7 @@
 #include "files.h"
 #include "framework_config.h"
 #include "paths.h"
+#include "state/addresses.h"
 #include "state/application.h"
 #include "state/documents.h"
 #include "state/history.h"
@@ -105,16 +106,20 @@ Json::Value replaced_json(const std::vector<FileChange>& changes) {
 /// Who joins, as it is reported.
 Json::Value plan_json(const Registration& registration, const Store& store) {
   const auto services = kelotls::services_of(registration.document);
+  const std::map<std::string, Address> addresses = registration.addresses();
   return list_of(services, [&](const kelotls::ServiceDesc& service) {
     const std::string name = service.get_service_name();
     const bool has_link = kelotls::needs_reloader_link(service);
     const std::vector<FileChange> changes = file_changes(service);
-    return object({{"service", name},
-                   {"new", !store.has(name)},
-                   {"descriptor", kelotls::descriptor_path(name)},
-                   {"reloader-link", has_link ? kelotls::link_path(name) : Json::Value()},
-                   {"dropped", dropped_json(changes)},
-                   {"replaced", replaced_json(changes)}});
+    const auto address = addresses.find(name);
+    return object(
+        {{"service", name},
+         {"new", !store.has(name)},
+         {"descriptor", kelotls::descriptor_path(name)},
+         {"reloader-link", has_link ? kelotls::link_path(name) : Json::Value()},
+         {"probe", address != addresses.end() ? address_json(address->second) : Json::Value()},
+         {"dropped", dropped_json(changes)},
+         {"replaced", replaced_json(changes)}});
   });
 }
 
@@ -164,6 +169,16 @@ void require_room(const Registration& registration, Store store) {
   require_readable_back(store);
 }
 
+/// What the registration brings takes the place of what is kept; what it does not bring stays.
+void keep_addresses(Addresses kept, const std::map<std::string, Address>& addresses) {
+  for (const auto& [service, address] : addresses) {
+    kept.set(service, address);
+  }
+  if (!addresses.empty()) {
+    kept.save();
+  }
+}
+
 void execute(const Registration& registration, Store& store) {
   const std::vector<std::string> services = registration.names();
   const std::vector<FormerFiles> former(services.begin(), services.end());
@@ -199,6 +214,8 @@ Report join_services(Console& console, const Arguments& arguments) {
   const TemplateVerdicts templates = judge_templates(console, registration.document);
   const Lock lock(console, arguments.command, !arguments.dry_run);
   Store store = load_store();
+  const std::map<std::string, Address> addresses = registration.addresses();
+  const Addresses kept = addresses.empty() ? Addresses() : Addresses::load();
   warn_of(console, file_warnings(registration.document));
   warn_of(console, misspelt_members(registration.document));
   warn_of(console, templates.faults);
@@ -212,6 +229,7 @@ Report join_services(Console& console, const Arguments& arguments) {
   if (!arguments.dry_run) {
     begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
     execute(registration, store);
+    keep_addresses(kept, addresses);
     remove_stale(report.document["services"]);
     if (any_pending(load_store(), registration.names())) {
       report.notes.emplace_back("Not in force yet: kelotlsctl apply");
@@ -254,7 +272,11 @@ void print_joined(Console& console, const Json::Value& document) {
     console.data() << printable(service["service"])
                    << (document["written"].asBool() ? ": joined" : ": would join")
                    << (service["new"].asBool() ? "" : " again, keeping its level")
-                   << (service["reloader-link"].isNull() ? "" : ", reloader linked") << '\n';
+                   << (service["reloader-link"].isNull() ? "" : ", reloader linked")
+                   << (service["probe"].isNull()
+                           ? ""
+                           : ", address " + printable(service["probe"]["address"]) + " kept")
+                   << '\n';
     print_changes(console, service, document["written"].asBool());
   }
 }

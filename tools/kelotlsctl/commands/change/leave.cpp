@@ -2,9 +2,12 @@
 #include <kelotls/api_provider.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "command_line.h"
 #include "files.h"
 #include "paths.h"
+#include "state/addresses.h"
 #include "state/documents.h"
 #include "state/history.h"
 #include "state/lock.h"
@@ -87,6 +90,21 @@ void require_left(const Json::Value& services) {
   }
 }
 
+/// A file of addresses that cannot be used keeps no service from leaving.
+void drop_addresses(Console& console, const std::vector<std::string>& services) {
+  try {
+    Addresses addresses = Addresses::load();
+    const auto kept =
+        std::count_if(services.begin(), services.end(),
+                      [&](const std::string& service) { return addresses.remove(service); });
+    if (kept != 0) {
+      addresses.save();
+    }
+  } catch (const Failure& failure) {
+    console.warn(failure.what());
+  }
+}
+
 void execute(const Registration& registration, const Json::Value& services) {
   if (kelotls::APIProvider().leave_framework(registration_to_leave(registration)) != 0) {
     throw Failure(kFailed, "the services have not left", "The log lines say why.");
@@ -119,6 +137,7 @@ Report leave_services(Console& console, const Arguments& arguments) {
   if (!arguments.dry_run) {
     begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
     execute(registration, services);
+    drop_addresses(console, registration.names());
   }
   return {kDone, object({{"written", !arguments.dry_run}, {"services", services}}),
           warnings_of_mentions(services, !arguments.dry_run)};

@@ -1,0 +1,87 @@
+// Owns the file of addresses.
+#include "state/addresses.h"
+
+#include <sys/types.h>
+
+#include <cerrno>
+
+#include "files.h"
+#include "json_document.h"
+#include "output/console.h"
+#include "state/documents.h"
+
+namespace kelotlsctl {
+
+namespace {
+
+constexpr mode_t kMode = 0600;  // where a server listens is nobody else's business
+
+constexpr kelotls::MemberRule kMembers[] = {{"services", Json::objectValue, true, false}, {}};
+
+kelotls::Faults faults_of(const Json::Value& document) {
+  kelotls::Faults faults;
+  kelotls::append_faults(document, kMembers, "$", faults);
+  if (!faults.empty()) {
+    return faults;
+  }
+  for (const std::string& name : document.getMemberNames()) {
+    if (name != kMembers[0].key) {
+      faults.push_back({kelotls::path_of_member("$", name), "no such member"});
+    }
+  }
+  const Json::Value& services = document["services"];
+  for (const std::string& service : services.getMemberNames()) {
+    append_address_faults(services[service], kelotls::path_of_member("$.services", service),
+                          faults);
+  }
+  return faults;
+}
+
+[[noreturn]] void refuse(const std::string& fault) {
+  throw Failure(kFailed, std::string(Addresses::kPath) + " cannot be used: " + fault,
+                "Nothing was changed. Mend the file, or remove it and keep the addresses anew.");
+}
+
+}  // namespace
+
+Addresses Addresses::load() {
+  Addresses addresses;
+  Json::Value document;
+  kelotls::JsonReader reader(kelotls::DuplicateKeys::kRefused);
+  errno = 0;
+  if (!reader.read(kPath, document)) {
+    if (errno == ENOENT) {
+      return addresses;
+    }
+    if (errno != 0) {
+      throw system_failure(kPath);
+    }
+    refuse(reader.fault());
+  }
+  const kelotls::Faults faults = faults_of(document);
+  if (!faults.empty()) {
+    refuse(fault_text(faults[0]));
+  }
+  const Json::Value& services = document["services"];
+  for (const std::string& service : services.getMemberNames()) {
+    addresses.set(service, address_of(services[service]));
+  }
+  return addresses;
+}
+
+const Address* Addresses::find(const std::string& service) const {
+  const auto found = by_service_.find(service);
+  return found != by_service_.end() ? &found->second : nullptr;
+}
+
+void Addresses::save() const {
+  Json::Value services(Json::objectValue);
+  for (const auto& [service, address] : by_service_) {
+    services[service] = address_json(address);
+  }
+  if (!kelotls::replace_entry(kPath, kelotls::json_text(object({{"services", services}})), kMode)) {
+    throw system_failure(kPath);
+  }
+}
+
+}  // namespace kelotlsctl
