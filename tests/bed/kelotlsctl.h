@@ -63,6 +63,7 @@ constexpr char kReloaderStatus[] = "/tmp/status";
 constexpr char kReloaderRuns[] = "/tmp/runs";
 constexpr char kLock[] = "/usr/kelo/etc/security-profile/tls-profile/lock";
 constexpr char kHistory[] = "/usr/kelo/etc/security-profile/tls-profile/history.jsonl";
+constexpr char kAddresses[] = "/usr/kelo/etc/security-profile/tls-profile/addresses.json";
 constexpr char kStamp[] = "/usr/kelo/etc/security-profile/tls-profile/reloaded.json";
 
 std::string web_registration();

@@ -36,6 +36,9 @@ TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
   EXPECT_EQ(complete("kelotlsctl default ''"), "modern intermediate old default\n");
   EXPECT_EQ(complete("kelotlsctl recover --default o"), "old\n");
   EXPECT_EQ(complete("kelotlsctl explain w"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl address w"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl address web localhost:25 --starttls s"), "smtp sieve\n");
+  EXPECT_EQ(complete("kelotlsctl address --servername a w"), "web\n");
   EXPECT_EQ(complete("kelotlsctl render --preview we"), "web\n");
   EXPECT_EQ(complete("kelotlsctl render --preview web --level ''"), "modern intermediate old\n");
   EXPECT_EQ(complete("kelotlsctl get web ''"), "\n");
@@ -87,7 +90,7 @@ TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
     EXPECT_EQ(bash.count(name), 1u) << name;
     EXPECT_TRUE(contains(zsh, "\n    '" + name + ":"));
   }
-  EXPECT_EQ(commands, 23u);
+  EXPECT_EQ(commands, 24u);
   EXPECT_EQ(bash.size(), commands + 6) << "the options before a command are six";
 }
 

@@ -103,7 +103,7 @@ TEST_F(KelotlsctlConsole, GivesAnExampleOfEachCommandThatParses) {
     EXPECT_EQ(run(example).err.find("Run with --help"), std::string::npos) << name;
     EXPECT_NE(run(example).status, 2) << name;
   }
-  EXPECT_EQ(commands, 23u);
+  EXPECT_EQ(commands, 24u);
 }
 
 TEST_F(KelotlsctlConsole, RefusesWhatIsNoHostAndPort) {
@@ -151,9 +151,9 @@ TEST_F(KelotlsctlConsole, ShowsHelpAndVersion) {
   const Outcome help = run({"--help"});
   EXPECT_EQ(help.status, 0);
   for (const char* command :
-       {"list",   "show",  "get",      "set",     "default", "levels",  "explain",
-        "probe",  "check", "validate", "join",    "leave",   "regen",   "render",
-        "reload", "apply", "backup",   "restore", "init",    "recover", "dh"}) {
+       {"list",   "show",     "get",  "set",     "default", "levels", "explain", "probe",
+        "check",  "validate", "join", "leave",   "regen",   "render", "reload",  "apply",
+        "backup", "restore",  "init", "recover", "dh",      "address"}) {
     EXPECT_TRUE(contains(help.out, std::string("\n  ") + command + " ")) << command;
     EXPECT_EQ(run({command, "--help"}).status, 0) << command;
   }

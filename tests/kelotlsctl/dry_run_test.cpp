@@ -85,6 +85,9 @@ INSTANTIATE_TEST_SUITE_P(
         DryRun{"Recover",
                {"recover", "--from", "/tmp/levels.json"},
                "web: old would be taken from the backup\n"},
+        DryRun{"Address",
+               {"address", "web", "localhost:443"},
+               "web: none would become localhost:443\n"},
         DryRun{"Dh",
                {"dh"},
                "dh2048.pem: stays as it is\n"

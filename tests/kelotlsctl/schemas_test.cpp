@@ -49,6 +49,12 @@ const Document kRegistrations[] = {
     {R"({"services": [{"service": "a", "display-name": "A", "reloader-path": "/r"}]})", true},
     {R"({"services": [{"service": "a", "display-name": "A", "extra": [1]}], "more": {}})", true},
     {R"({"services": [{"service": "a", "display-name": "A", "system-service": 7}]})", true},
+    {R"({"services": [{"service": "a", "display-name": "A", "probe": "[::1]:443"}]})", true},
+    {R"({"services": [{"service": "a", "display-name": "A", "probe": {"address": "a:25", "starttls": "smtp", "server-name": "a"}}]})", true},
+    {R"({"services": [{"service": "a", "display-name": "A", "probe": 443}]})", false, Library::kTakesMore},
+    {R"({"services": [{"service": "a", "display-name": "A", "probe": "a"}]})", false, Library::kTakesMore},
+    {R"({"services": [{"service": "a", "display-name": "A", "probe": {"address": "a:25", "port": 25}}]})", false, Library::kTakesMore},
+    {R"({"services": [{"service": "a", "display-name": "A", "probe": {"address": "a:25", "starttls": "gopher"}}]})", false, Library::kTakesMore},
     {R"({"services": [], "system-service": true})", true},
     {R"({"services": [], "system-service": false})", true},
     {R"({"services": [{"service": "ä", "display-name": "漢"}]})", true},
@@ -242,7 +248,7 @@ TEST_F(KelotlsctlSchemas, SayWhatTheyAreAboutAndWhatEachKeyMeans) {
 
 TEST_F(KelotlsctlSchemas, RefuseWhatACommandDoesNotGive) {
   const Json::Value wrong = json(R"({"unexpected": 1})");
-  EXPECT_EQ(names_in(std::string(KELOTLS_SCHEMAS) + "/output").size(), 24u);
+  EXPECT_EQ(names_in(std::string(KELOTLS_SCHEMAS) + "/output").size(), 25u);
   for (const std::string& name : names_in(std::string(KELOTLS_SCHEMAS) + "/output")) {
     EXPECT_NE(faults_against(std::string(KELOTLS_SCHEMAS) + "/output/" + name, wrong), "") << name;
   }

@@ -56,7 +56,8 @@ const std::vector<Arguments>& changes() {
                                                   {"restore", "/tmp/levels.json"},
                                                   {"init"},
                                                   {"recover"},
-                                                  {"dh", "--force"}};
+                                                  {"dh", "--force"},
+                                                  {"address", "web", "localhost:443"}};
   return commands;
 }
 
@@ -154,8 +155,8 @@ TEST_F(KelotlsctlTrust, ReadsWhateverIsThere) {
 
 // What is trusted by whom
 
-const Lines kAll = {"set",    "--apply", "default", "join",    "leave", "regen",  "render",
-                    "reload", "apply",   "backup",  "restore", "init",  "recover"};
+const Lines kAll = {"set",    "--apply", "default", "join",    "leave", "regen",   "render",
+                    "reload", "apply",   "backup",  "restore", "init",  "recover", "address"};
 const Lines kRendering = {"--apply", "render", "apply"};
 const Lines kReloading = {"--apply", "reload", "apply"};
 

@@ -19,12 +19,14 @@ struct Arguments {
   bool apply = false;
   bool all = false;
   bool replace = false;
+  bool context = false;
   bool terse = false;
   std::string command;  ///< its name
   std::string reason;   ///< why the operator makes the change
   std::string reload_timeout;
   bool force = false;
   bool trust_anyway = false;
+  bool remove = false;
   std::string service;
   std::vector<std::string> services;  ///< names and patterns
   std::string level;
@@ -77,10 +79,11 @@ PrintFunction print_services, print_status, print_service, print_level_of_servic
 
 // change/: what writes, renders or runs
 CommandFunction set_level, default_level, join_services, leave_services, regenerate,
-    render_templates, reload, apply_levels, backup, restore, initialise, recover, make_dh_files;
+    render_templates, reload, apply_levels, backup, restore, initialise, recover, make_dh_files,
+    keep_address;
 PrintFunction print_set, print_default, print_joined, print_left, print_regenerated, print_rendered,
     print_reloaded, print_applied, print_backup, print_restored, print_initialised, print_recovered,
-    print_dh_files;
+    print_dh_files, print_address;
 
 /// What "render --preview" does.
 Report preview_templates(Console& console, const Arguments& arguments);

@@ -23,6 +23,11 @@ Places of_render(const Arguments& arguments) {
   return arguments.preview.empty() ? kFrameworkPlaces : kNoPlaces;
 }
 
+/// Without a new address it only shows.
+Places of_address(const Arguments& arguments) {
+  return arguments.address.empty() && !arguments.remove ? kNoPlaces : kFrameworkPlaces;
+}
+
 Places of_default(const Arguments& arguments) {
   return arguments.level.empty() ? kNoPlaces : kFrameworkPlaces;
 }
@@ -55,13 +60,14 @@ const std::vector<CommandRow>& commands() {
      {{"LEVEL|SERVICE", "A level, or a service and its level", nullptr, &Arguments::subject, true, true}},
      "0, 1, 3, 4, 10", "kelotlsctl explain modern",
      explain, print_explained, nullptr},
-    {"probe", "Shake hands with a service and compare",
+    {"probe", "Find out what a service's server offers, and compare",
      {kService,
       {"--connect", "HOST:PORT or unix:PATH of a running server", nullptr, &Arguments::address},
       {"--starttls", "The protocol that is spoken before TLS", nullptr, &Arguments::starttls},
       {"--servername", "The name to ask for; else the host", nullptr, &Arguments::server_name},
       {"--timeout", "Seconds for one hello; else 10", nullptr, &Arguments::timeout},
-      {"--deadline", "Seconds for everything; else 300", nullptr, &Arguments::deadline}},
+      {"--deadline", "Seconds for everything; else 300", nullptr, &Arguments::deadline},
+      {"--context", "Ask the library's context, not the server whose address is kept", &Arguments::context}},
      "0, 1, 2, 3, 4, 6, 10", "kelotlsctl probe nginx --connect localhost:443",
      probe_service, print_probed, nullptr},
     {"check", "Look for whatever is wrong",
@@ -97,6 +103,14 @@ const std::vector<CommandRow>& commands() {
     {"leave", "Make services leave", {kDryRun, kFile},
      "0, 1, 4, 10", "kelotlsctl leave registration.json",
      leave_services, print_left, always<kFrameworkPlaces>},
+    {"address", "Show or keep the address at which a running server is asked",
+     {kDryRun, kService,
+      {"ADDRESS", "HOST:PORT, [IPV6]:PORT or unix:PATH; without one, the address is shown", nullptr, &Arguments::address},
+      {"--starttls", "What is spoken before TLS: smtp, imap, pop3, ftp, ldap, postgres, mysql, sieve, xmpp, nntp", nullptr, &Arguments::starttls},
+      {"--servername", "The name to ask for", nullptr, &Arguments::server_name},
+      {"--remove", "Keep no address any more", &Arguments::remove}},
+     "0, 1, 2, 4, 10", "kelotlsctl address mail localhost:25 --starttls smtp",
+     keep_address, print_address, of_address},
 
     {"regen", "Bring the data store in line with the descriptors", {kDryRun},
      "0, 1, 4", "kelotlsctl regen --dry-run",

@@ -307,7 +307,7 @@ void print_differences(ReportText& text, const Json::Value& differences) {
   }
 }
 
-void print_offer(ReportText& text, const Json::Value& offer, const Json::Value& oldest_clients) {
+void print_offer(ReportText& text, const Json::Value& offer, const Json::Value& clients) {
   const Json::Value& bits = offer["dh-bits"];
   const std::string file = offer.isMember("dh-file") ? ", " + offer["dh-file"].asString() : "";
   print_list(text, "protocols", offer["protocols"]);
@@ -315,7 +315,9 @@ void print_offer(ReportText& text, const Json::Value& offer, const Json::Value& 
   print_list(text, "older suites", offer["cipher-suites"]);
   print_list(text, "groups", offer["groups"]);
   text.field("DH parameters", words_of(bits.isNull() ? "none" : bits.asString() + " bits" + file));
-  print_list(text, "oldest clients", oldest_clients);
+  print_list(text, "oldest clients", clients["oldest-clients"]);
+  text.field("", words_of("as version " + clients["guideline"].asString() +
+                          " of the guideline names them"));
 }
 
 std::string level_title(const Json::Value& value) {
@@ -422,7 +424,7 @@ void print_facts(ReportText& text, const Json::Value& report) {
 void print_level(std::ostream& out, const Json::Value& description, bool colour) {
   ReportText text(out, colour);
   text.heading(level_title(description));
-  print_offer(text, description, description["oldest-clients"]);
+  print_offer(text, description, description);
 }
 
 void print_explanation(std::ostream& out, const Json::Value& explanation, bool colour) {
@@ -430,7 +432,7 @@ void print_explanation(std::ostream& out, const Json::Value& explanation, bool c
   text.heading(level_title(explanation) + ", on this machine");
   text.field("OpenSSL", words_of(explanation["openssl"].asString() + ", security level " +
                                  explanation["security-level"].asString()));
-  print_offer(text, explanation["offers"], explanation["oldest-clients"]);
+  print_offer(text, explanation["offers"], explanation);
   if (!explanation["lost-clients"].empty()) {
     print_list(text, "lost clients", explanation["lost-clients"]);
   }

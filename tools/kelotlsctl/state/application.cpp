@@ -18,6 +18,7 @@
 #include "reloaders.h"
 #include "state/history.h"
 #include "state/interruption.h"
+#include "state/running_server.h"
 
 namespace kelotlsctl {
 
@@ -148,10 +149,33 @@ std::string probe_fault(Console& console, const std::string& service, int level)
   return first_own_difference(report, false);
 }
 
-/// [{"service", "stored-level", "effective-level", "asked", "agrees", "fault"}]
+/// What the service's running server, if its address is kept, shows once it was told to reload.
+void ask_server(Console& console, const Addresses& addresses, int level, Json::Value& probed) {
+  constexpr std::chrono::seconds kGrace(5);
+  const std::string service = probed["service"].asString();
+  const Json::Value seen = ask_reloaded_server(addresses, service, level, kGrace);
+  if (seen.isNull()) {
+    return;
+  }
+  probed["asked"] = "server";
+  probed["address"] = seen["address"];
+  probed["verdict"] = seen["verdict"];
+  if (seen["verdict"] != "agrees") {
+    const std::string text = "its server at " + seen["address"].asString() + ": " +
+                             wire_text(seen["verdict"].asString()) + ": " + seen["text"].asString();
+    probed["agrees"] = false;
+    probed[seen["verdict"] == "cannot-tell" ? "not-seen" : "fault"] = text;
+    console.warn(printable(service) + ": " + printable(text));
+  }
+}
+
+/// [{"service", "stored-level", "effective-level", "asked": "library" or "server", "agrees",
+/// "fault"}]; of a server "address", "verdict", and "not-seen": why it cannot be told.
 Json::Value probe_services(Console& console, const Store& store,
                            const std::vector<std::string>& services) {
+  const Addresses addresses = Addresses::load();
   std::map<int, std::string> faults;
+  std::size_t done = 0;
   return list_of(services, [&](const std::string& service) {
     const int level = store.effective_level(service);
     if (faults.count(level) == 0) {
@@ -164,7 +188,10 @@ Json::Value probe_services(Console& console, const Store& store,
     if (!fault.empty()) {
       probed["fault"] = fault;
       console.warn(printable(service) + ": probe: " + printable(fault));
+    } else {
+      ask_server(console, addresses, level, probed);
     }
+    console.progress("probing " + printable(service), ++done, services.size());
     return probed;
   });
 }
@@ -186,7 +213,10 @@ void tell_results(Json::Value& document) {
                             probed.isMember("fault") ||
                             (reloader != nullptr && reloader->isMember("fault"));
     const bool is_left_out = reloader != nullptr && reloader->isMember("not-run");
-    probed["result"] = has_failed ? "failed" : is_left_out ? "not-run" : "in-force";
+    probed["result"] = has_failed                    ? "failed"
+                       : is_left_out                 ? "not-run"
+                       : probed.isMember("not-seen") ? "not-seen"
+                                                     : "in-force";
   }
 }
 
@@ -199,6 +229,11 @@ Json::Value application_json(const Json::Value& renderings, const Json::Value& r
   return document;
 }
 
+bool any_not_seen(const Json::Value& probed) {
+  return std::any_of(probed.begin(), probed.end(),
+                     [](const Json::Value& element) { return element.isMember("not-seen"); });
+}
+
 /// How a step ended for a service; "-" where there was nothing to do.
 const char* cell_of(const Json::Value* element, const char* done) {
   return element == nullptr               ? "-"
@@ -206,6 +241,12 @@ const char* cell_of(const Json::Value* element, const char* done) {
          : element->isMember("not-run")   ? "not run"
          : (*element)["change"] == "none" ? "unchanged"
                                           : done;
+}
+
+/// Of the column that tells what was asked.
+std::string probe_cell(const Json::Value& probed) {
+  return probed["asked"] == "server" ? wire_text(probed["verdict"].asString())
+                                     : cell_of(&probed, "library only");
 }
 
 }  // namespace
@@ -374,6 +415,7 @@ Report apply_to(Console& console, const Store& store, const Selection& selection
   report.code = any_fault(renderings) || reloading.isMember("fault") ? kFailed
                 : any_fault(reloading["reloaders"])                  ? kReloaderFailed
                 : any_fault(report.document["probed"])               ? kNotSo
+                : any_not_seen(report.document["probed"])            ? kCannotTell
                                                                      : kDone;
   return report;
 }
@@ -398,7 +440,7 @@ void print_application(Console& console, const Json::Value& document) {
     const std::string service = probed["service"].asString();
     table.add({service, describe_levels(probed["stored-level"], probed["effective-level"]),
                cell_of(rendered[service], "rendered"),
-               cell_of(outcomes.of(service, true), "reloaded"), cell_of(&probed, "library only")});
+               cell_of(outcomes.of(service, true), "reloaded"), probe_cell(probed)});
   }
   table.print(console.data(), console.colour());
 }

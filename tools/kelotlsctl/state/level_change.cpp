@@ -12,7 +12,8 @@ namespace {
 Json::Value unsuccessful(const Json::Value& probed) {
   Json::Value services = list_of({});
   for (const Json::Value& element : probed) {
-    if (element["result"] != "in-force") {
+    // What could not be told is no failure.
+    if (element["result"] != "in-force" && element["result"] != "not-seen") {
       services.append(element["service"]);
     }
   }

@@ -1,5 +1,6 @@
 // Owns whether a service's level has reached the service.
 #include "state/service_state.h"
+#include "state/running_server.h"
 
 #include <openssl/evp.h>
 #include <unistd.h>
@@ -28,7 +29,7 @@ struct StateWords {
 };
 
 // clang-format off
-constexpr std::array<StateWords, 7> kStateWords = {{
+constexpr std::array<StateWords, 10> kStateWords = {{
     {"in force",                       "in-force",       kGood},
     {"pending render",                 "pending-render", kCare},
     {"pending reload",                 "pending-reload", kCare},
@@ -36,6 +37,9 @@ constexpr std::array<StateWords, 7> kStateWords = {{
     {"cannot be rendered",             "cannot-render",  kBad},
     {"unusable level",                 "unusable-level", kBad},
     {"not known: needs root",          "needs-root",     kCare},
+    {"differs on the wire",            "differs",        kBad},
+    {"not known: server does not say", "cannot-tell",    kCare},
+    {"no answer from its server",      "no-answer",      kBad},
 }};
 // clang-format on
 
@@ -188,6 +192,9 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
                           State::kInForce,
                           store_.levels_json(service)};
   status.state = state_of(status);
+  if (addresses_) {
+    ask_server(status);
+  }
   status.document["display-name"] = kelotls::text_member(entry, "display-name");
   status.document["state"] = kStateWords[static_cast<std::size_t>(status.state)].key;
   if (!status.rendered.fault.empty()) {
@@ -197,6 +204,24 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
     status.document["in-force-since"] = stamp_.since(service);
   }
   return status;
+}
+
+void ServiceInspector::ask_server(ServiceStatus& status) const {
+  const bool is_set = status.state == State::kInForce || status.state == State::kNextContext;
+  const Json::Value seen =
+      is_set ? ask_running_server(*addresses_, status.name, store_.effective_level(status.name),
+                                  kShortPatience)
+             : Json::Value();
+  status.document["asked"] = seen.isNull() ? "files" : "server";
+  if (seen.isNull()) {
+    return;
+  }
+  const Json::Value& verdict = seen["verdict"];
+  status.document["server"] = seen;
+  status.state = verdict == "agrees"        ? State::kInForce
+                 : verdict == "differs"     ? State::kDiffers
+                 : verdict == "cannot-tell" ? State::kCannotTell
+                                            : State::kNoAnswer;
 }
 
 State ServiceInspector::state_of(const ServiceStatus& status) const {

@@ -3,9 +3,11 @@
 
 #include <json/value.h>
 
+#include <optional>
 #include <string>
 
 #include "rendering.h"
+#include "state/addresses.h"
 #include "state/store.h"
 
 namespace kelotlsctl {
@@ -80,6 +82,9 @@ enum class State {
   kCannotRender,
   kUnusableLevel,  ///< negative: the service gets no context at all
   kNeedsRoot,      ///< this user may not read what tells
+  kDiffers,        ///< its running server was asked, and does not do what the level asks for
+  kCannotTell,     ///< its running server was asked, and did not say enough
+  kNoAnswer,       ///< nothing answers at its address
 };
 
 struct ServiceStatus {
@@ -96,13 +101,20 @@ class ServiceInspector {
  public:
   explicit ServiceInspector(const Store& store) : store_(store), stamp_(Stamp::load()) {}
 
+  /// From now on, a level that is in force by the service's files has to be seen at its running
+  /// server too, where an address is kept. The document then tells what was "asked".
+  void ask_servers() { addresses_ = Addresses::load(); }
+
   ServiceStatus inspect(const std::string& service);
 
  private:
   State state_of(const ServiceStatus& status) const;
 
+  void ask_server(ServiceStatus& status) const;
+
   const Store& store_;
   Stamp stamp_;
+  std::optional<Addresses> addresses_;
   kelotls::JsonReader reader_;
 };
 

@@ -26,7 +26,8 @@ void append_misspelt(const Json::Value& value, const std::string& path,
 
 kelotls::Faults misspelt_members(const Json::Value& registration) {
   kelotls::Faults faults;
-  const std::vector<std::string> known = kelotls::service_members();
+  std::vector<std::string> known = kelotls::service_members();
+  known.emplace_back("probe");  // the command's own
   const Json::Value* const services = kelotls::find_member(registration, "services");
   const Json::ArrayIndex count = services != nullptr && services->isArray() ? services->size() : 0;
   for (Json::ArrayIndex index = 0; index < count; ++index) {

@@ -208,6 +208,20 @@ void check_rendering(const ServiceStatus& status, Findings& findings) {
   }
 }
 
+/// What the running server shows of a level that is in force by the service's files.
+void check_server(const ServiceStatus& status, Findings& findings) {
+  const Json::Value& server = status.document["server"];
+  const std::string text = status.name + ": " + server["text"].asString();
+  const std::string address = server["address"].asString();
+  if (status.state == State::kDiffers) {
+    findings.add(kError, address, text, "kelotlsctl apply; kelotlsctl probe shows everything");
+  } else if (status.state == State::kNoAnswer) {
+    findings.add(kWarning, address, text, "start the server, or kelotlsctl address");
+  } else if (status.state == State::kCannotTell) {
+    findings.add(kWarning, address, text, "kelotlsctl probe, with a longer --timeout");
+  }
+}
+
 void check_program(const std::string& path, Findings& findings) {
   struct stat status = {};
   if (::stat(path.c_str(), &status) != 0) {
@@ -252,6 +266,7 @@ void check_link(const ServiceStatus& status, Findings& findings) {
 void check_services(Console& console, const Store& store, const Selection& selection,
                     Findings& findings) {
   ServiceInspector inspector(store);
+  inspector.ask_servers();
   ProgressBar progress(console, "checking", selection.names.size());
   for (const std::string& service : selection.names) {
     progress.next(service);
@@ -261,6 +276,7 @@ void check_services(Console& console, const Store& store, const Selection& selec
     const ServiceStatus status = inspector.inspect(service);
     check_descriptor(status, findings);
     check_rendering(status, findings);
+    check_server(status, findings);
     check_link(status, findings);
   }
 }

@@ -6,7 +6,9 @@
 #include "command_line.h"
 #include "levels/report.h"
 #include "output/suggestion.h"
+#include "paths.h"
 #include "state/application.h"
+#include "state/service_state.h"
 
 namespace kelotlsctl {
 
@@ -44,7 +46,15 @@ Report explain(Console&, const Arguments& arguments) {
   const Store store = load_store();
   require_level_or_service(store, arguments.subject);
   const kelotls::ContextOwner context = service_context(store, arguments.subject);
-  return report_of(explain_context(context.get(), store.effective_level(arguments.subject)));
+  Report report =
+      report_of(explain_context(context.get(), store.effective_level(arguments.subject)));
+  const std::string path = kelotls::descriptor_path(arguments.subject);
+  if (!read_service_descriptor(path).template_path().empty()) {
+    report.notes.emplace_back(
+        "This is about OpenSSL. The service takes its settings from a template: its server may be "
+        "another, which kelotlsctl probe asks.");
+  }
+  return report;
 }
 
 void print_explained(Console& console, const Json::Value& document) {

@@ -68,6 +68,7 @@ void require_state(const std::string& state) {
 Json::Value inspect_services(const Store& store, const std::vector<std::string>& names,
                              const std::string& state) {
   ServiceInspector inspector(store);
+  inspector.ask_servers();
   Json::Value services(Json::arrayValue);
   for (const std::string& service : names) {
     const Json::Value document = inspector.inspect(service).document;
@@ -76,6 +77,18 @@ Json::Value inspect_services(const Store& store, const std::vector<std::string>&
     }
   }
   return services;
+}
+
+/// What keeps "in force" from meaning more than it does. Empty where every server was asked.
+std::string unasked_note(const Json::Value& services) {
+  const auto count =
+      std::count_if(services.begin(), services.end(), [](const Json::Value& service) {
+        return service["asked"] == "files" &&
+               (service["state"] == "in-force" || service["state"] == "next-context");
+      });
+  return count == 0 ? ""
+                    : "In force by their files; no running server was asked of " +
+                          std::to_string(count) + ": kelotlsctl address gives one.";
 }
 
 std::vector<std::string> names_of(const Json::Value& services) {
@@ -103,6 +116,10 @@ Report list_services(Console& console, const Arguments& arguments) {
   report.document =
       object({{"default-level", level_json(store.default_level())}, {"services", services}});
   report.print = arguments.terse ? print_terse : print_services;
+  const std::string unasked = unasked_note(services);
+  if (!unasked.empty() && !console.json() && !arguments.terse) {
+    report.notes.push_back(unasked);
+  }
   if (services.empty() && !console.json() && !arguments.terse) {
     report.notes.emplace_back(!store.names().empty() ? "No service that has joined is so."
                               : has_descriptors()

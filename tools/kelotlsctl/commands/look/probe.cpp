@@ -2,27 +2,24 @@
 // its level.
 #include "command_line.h"
 #include "levels/report.h"
+#include "state/addresses.h"
 #include "state/application.h"
 
 namespace kelotlsctl {
 
 namespace {
 
-/// "HOST:PORT", "[IPv6 ADDRESS]:PORT" → host and port.
-void split_host_and_port(const std::string& text, Address& target) {
-  const std::size_t colon = text.rfind(':');
-  const bool has_both = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
-  std::string host = has_both ? text.substr(0, colon) : std::string();
-  const bool is_bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
-  if (is_bracketed) {
-    host = host.substr(1, host.size() - 2);
+/// What the command line says, or what is kept; none for the library's context.
+Address address_of(const Arguments& arguments) {
+  if (!arguments.address.empty()) {
+    return parse_address(arguments.address, arguments.starttls, arguments.server_name);
   }
-  if (!has_both || (!is_bracketed && host.find(':') != std::string::npos)) {
-    throw Failure(kUsage, "\"" + printable(text) + "\" is not HOST:PORT",
-                  "An IPv6 address stands in brackets: [::1]:443");
+  if (!arguments.starttls.empty() || !arguments.server_name.empty()) {
+    throw Failure(kUsage, "--starttls and --servername need --connect");
   }
-  target.host = host;
-  target.port = text.substr(colon + 1);
+  const Addresses addresses = arguments.context ? Addresses() : Addresses::load();
+  const Address* const kept = addresses.find(arguments.service);
+  return kept != nullptr ? *kept : Address();
 }
 
 Patience patience_of(const Arguments& arguments) {
@@ -46,11 +43,7 @@ ExitCode code_of(const Json::Value& document) {
 
 Report probe_service(Console& console, const Arguments& arguments) {
   ProbeTarget target;
-  if (!arguments.address.empty()) {
-    split_host_and_port(arguments.address, target.address);
-    target.address.starttls = arguments.starttls;
-    target.address.server_name = arguments.server_name;
-  }
+  target.address = address_of(arguments);
   target.patience = patience_of(arguments);
   const Store store = load_store();
   require_service(store, arguments.service);

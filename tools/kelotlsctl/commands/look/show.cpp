@@ -43,7 +43,9 @@ std::string path_text(const Json::Value& file) {
 Report show_service(Console&, const Arguments& arguments) {
   const Store store = load_store();
   require_service(store, arguments.service);
-  const ServiceStatus status = ServiceInspector(store).inspect(arguments.service);
+  ServiceInspector inspector(store);
+  inspector.ask_servers();
+  const ServiceStatus status = inspector.inspect(arguments.service);
   const ServiceDescriptor& descriptor = status.descriptor;
   const bool has_template = !descriptor.template_path().empty();
   Json::Value details = status.document;
@@ -73,6 +75,13 @@ void print_service(Console& console, const Json::Value& details) {
   print_line(console, "level",
              describe_levels(details["stored-level"], details["effective-level"]));
   print_line(console, "state", state_text(details["state"].asString()));
+  print_line(
+      console, "asked",
+      !details.isMember("server")
+          ? "its files; no running server"
+          : "its server at " + details["server"]["address"].asString() +
+                (details["server"].isMember("text") ? ": " + details["server"]["text"].asString()
+                                                    : ""));
   if (details.isMember("in-force-since")) {
     print_line(console, "since", details["in-force-since"].asString());
   }

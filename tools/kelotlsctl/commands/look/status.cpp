@@ -23,7 +23,8 @@ bool is_pending(State state) {
 }
 
 bool is_at_fault(State state) {
-  return state == State::kCannotRender || state == State::kUnusableLevel;
+  return state == State::kCannotRender || state == State::kUnusableLevel ||
+         state == State::kDiffers || state == State::kNoAnswer;
 }
 
 template <typename Keys>
@@ -160,6 +161,7 @@ Report show_status(Console&, const Arguments&) {
                             {"pending", list_of({})},
                             {"at-fault", list_of({})}});
   ServiceInspector inspector(store);
+  inspector.ask_servers();
   for (const std::string& service : in_natural_order(store.names())) {
     const ServiceStatus status = inspector.inspect(service);
     count(report.document["levels"], status.document["effective-level"]["name"]);

@@ -1,0 +1,139 @@
+// What the command says of a service whose running server it can ask: nginx with the settings of
+// our own example, at an address that is kept.
+#include <memory>
+
+#include "kelotlsctl.h"
+#include "process.h"
+
+namespace kelotls::test {
+namespace {
+
+constexpr char kNginx[] = "/usr/sbin/nginx";
+constexpr char kConfiguration[] = "/usr/kelo/nginx.conf";
+constexpr char kPidFile[] = "/usr/kelo/nginx.pid";
+
+/// "nginx" at level intermediate, in force, and its address kept.
+class KelotlsctlRunningServer : public Kelotlsctl {
+ protected:
+  void SetUp() override {
+    Kelotlsctl::SetUp();
+    ASSERT_TRUE(exists(kNginx)) << "these tests need nginx";
+    write_file("/usr/kelo/certificate.pem", read_file(KELOTLS_CERTIFICATES "/rsa.pem"));
+    write_program("/usr/kelo/reload", std::string("#!/bin/sh\ntest ! -s ") + kPidFile + " || " +
+                                          kNginx + " -c " + kConfiguration + " -s reload\n");
+    write_file("/usr/kelo/nginx.mustache",
+               read_file(KELOTLS_EXAMPLES "/nginx/nginx.conf.mustache"));
+    const Outcome joined = run({"join", "-"}, R"({"services": [{"service": "nginx",
+        "display-name": "Web", "mustache-path": "/usr/kelo/nginx.mustache",
+        "reloader-path": "/usr/kelo/reload", "probe": "127.0.0.1:443"}]})");
+    ASSERT_EQ(joined.status, 0) << joined.err;
+    include(rendered_path("nginx"));
+    ASSERT_EQ(run({"render"}).status, 0);
+    start();
+  }
+
+  /// The settings of TLS that the server reads.
+  static void include(const std::string& path) {
+    write_file(kConfiguration,
+               std::string("pid ") + kPidFile + "; error_log /usr/kelo/nginx.log; events {} http {" +
+                   " access_log off; client_body_temp_path /tmp/a; proxy_temp_path /tmp/b;" +
+                   " fastcgi_temp_path /tmp/c; uwsgi_temp_path /tmp/d; scgi_temp_path /tmp/e;" +
+                   " server { listen 127.0.0.1:443 ssl; ssl_certificate /usr/kelo/certificate.pem;" +
+                   " ssl_certificate_key /usr/kelo/certificate.pem; include " + path +
+                   "; return 200 well; } }\n");
+  }
+
+  void start() {
+    server_ = std::make_unique<Process>(
+        Arguments{kNginx, "-c", kConfiguration, "-g", "user root; daemon off;"}, "/tmp/nginx.out");
+    ASSERT_TRUE(eventually([] { return exists(kPidFile) && run({"probe", "nginx"}).status == 0; }));
+  }
+
+  std::unique_ptr<Process> server_;
+};
+
+TEST_F(KelotlsctlRunningServer, IsInForceOnceItWasSeenOnTheWire) {
+  const Outcome applied = run({"apply"});
+
+  EXPECT_EQ(applied.status, 0) << applied.err;
+  EXPECT_TRUE(contains(applied.out, "unchanged  reloaded  as asked\n"));
+  const JsonOutcome listed = run_json("list");
+  const Json::Value& service = listed.document["services"][0];
+  EXPECT_EQ(service["state"], "in-force");
+  EXPECT_EQ(service["asked"], "server");
+  EXPECT_EQ(service["server"]["verdict"], "agrees");
+  EXPECT_TRUE(contains(run({"show", "nginx"}).out, "asked         its server at 127.0.0.1:443\n"));
+  EXPECT_EQ(run({"check", "nginx"}).out.find("127.0.0.1"), std::string::npos);
+}
+
+TEST_F(KelotlsctlRunningServer, TakesItsNewLevelBeforeApplyIsOver) {
+  for (const std::string level : {"modern", "intermediate", "modern"}) {
+    const Outcome outcome = run({"set", "nginx", level, "--apply"});
+
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_TRUE(contains(outcome.out, "rendered  reloaded  as asked\n"));
+    EXPECT_EQ(run_program({"openssl", "s_client", "-connect", "127.0.0.1:443", "-tls1_2"}).status,
+              level == "modern" ? 1 : 0);
+  }
+}
+
+TEST_F(KelotlsctlRunningServer, ThatDoesNotReadItsRenderedFileIsFoundOutAndUndone) {
+  write_file("/usr/kelo/other.conf", read_file(rendered_path("nginx")));
+  include("/usr/kelo/other.conf");
+
+  const Outcome outcome = run({"set", "nginx", "modern", "--apply"});
+
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_TRUE(contains(outcome.out, "rendered  reloaded  DIFFERS\n"));
+  EXPECT_TRUE(contains(outcome.err, "its server at 127.0.0.1:443: DIFFERS: TLS 1.2"));
+  EXPECT_TRUE(contains(outcome.err, "nginx is back at default, rendered and reloaded"));
+  EXPECT_EQ(stored_level("nginx"), 0);
+}
+
+TEST_F(KelotlsctlRunningServer, ThatDiffersIsShownByListAndCheck) {
+  ASSERT_EQ(run({"apply"}).status, 0);
+  write_file("/usr/kelo/other.conf", "ssl_protocols TLSv1.2 TLSv1.3;\n");
+  include("/usr/kelo/other.conf");
+  ASSERT_EQ(run_program({"/usr/kelo/reload"}).status, 0);
+
+  EXPECT_TRUE(eventually([] {
+    return run_json("list").document["services"][0]["state"] == "differs";
+  }));
+  const Outcome listed = run({"list"});
+  EXPECT_TRUE(contains(listed.out, "differs on the wire"));
+  const Outcome checked = run({"check", "nginx"});
+  EXPECT_EQ(checked.status, 3);
+  EXPECT_TRUE(contains(checked.out, "127.0.0.1:443"));
+  EXPECT_TRUE(contains(checked.out, "2048-bit DH: The server does not accept it"));
+}
+
+TEST_F(KelotlsctlRunningServer, ThatIsDownIsNeitherInForceNorInAgreement) {
+  ASSERT_EQ(run({"apply"}).status, 0);
+  ASSERT_EQ(server_->end(), 0);
+
+  EXPECT_EQ(run_json("list").document["services"][0]["state"], "no-answer");
+  const Outcome outcome = run({"apply"});
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_TRUE(contains(outcome.out, "no answer\n"));
+  EXPECT_TRUE(contains(outcome.err, "Nothing answers at 127.0.0.1 port 443"));
+  EXPECT_TRUE(contains(run({"check", "nginx"}).out, "start the server, or kelotlsctl address"));
+}
+
+TEST_F(KelotlsctlRunningServer, IsNotAskedWhereItsAddressIsNotKept) {
+  ASSERT_EQ(run({"address", "nginx", "--remove"}).status, 0);
+
+  const Outcome applied = run({"apply"});
+
+  EXPECT_TRUE(contains(applied.out, "library only\n"));
+  EXPECT_EQ(run_json("list").document["services"][0]["asked"], "files");
+  EXPECT_TRUE(contains(run({"list"}).err, "no running server was asked of 1"));
+  EXPECT_TRUE(contains(run({"probe", "nginx"}).out, "its context, tried in memory"));
+}
+
+TEST_F(KelotlsctlRunningServer, IsLeftAloneWhenTheContextIsAskedFor) {
+  EXPECT_TRUE(contains(run({"probe", "nginx"}).out, "the server at 127.0.0.1 port 443"));
+  EXPECT_TRUE(contains(run({"probe", "nginx", "--context"}).out, "its context, tried in memory"));
+}
+
+}  // namespace
+}  // namespace kelotls::test
