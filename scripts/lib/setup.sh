@@ -81,3 +81,11 @@ ruby-mustache: another one
 EOF
   stop_new_service nginx-light
 }
+
+# The machine's own mirror, which serves the suites of all generations.
+mirror() {
+  # shellcheck disable=SC2016 # apt-get replaces these itself
+  apt-get indextargets --format '$(CODENAME) $(COMPONENT) $(REPO_URI)' 'Created-By: Packages' |
+    awk -v suite="$(. /etc/os-release && echo "$VERSION_CODENAME")" \
+      '$1 == suite && $2 == "main" { print $3; exit }'
+}
