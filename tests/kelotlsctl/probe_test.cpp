@@ -1,5 +1,4 @@
-// What kelotlsctl finds by shaking hands: with contexts in memory, and with servers on loopback.
-#include <arpa/inet.h>
+// What kelotlsctl finds by hellos: to contexts in memory, and to servers on loopback.
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
@@ -11,7 +10,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <regex>
@@ -20,10 +18,15 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "kelotls/api_provider.h"
-#include "private_tree.h"
 #include "levels/report.h"
+#include "levels/survey.h"
+#include "loopback_server.h"
+#include "peers/connection.h"
+#include "peers/context_server.h"
+#include "private_tree.h"
 
 namespace kelotls::test {
 namespace {
@@ -63,22 +66,53 @@ Lines differences(const Json::Value& report) {
   return lines;
 }
 
-Lines not_testable(const Json::Value& report) {
+Lines not_known(const Json::Value& report) {
   Lines lines;
-  for (const Json::Value& entry : report["not-testable"]) {
+  for (const Json::Value& entry : report["not-known"]) {
     lines.push_back(entry["what"].asString() + ": " + entry["text"].asString());
   }
   return lines;
 }
 
-Json::Value handshake(const Json::Value& report, const std::string& version,
-                      const std::string& suite) {
-  for (const Json::Value& entry : report["handshakes"]) {
-    if (entry["tries"] == "suite" && entry["version"] == version && entry["suite"] == suite) {
-      return entry;
+/// "answer, requested" of what was tried; list and member: "suites" and "suite", "groups" and
+/// "group". Empty where the report does not tell it.
+std::string trial(const Json::Value& report, const char* list, const char* member,
+                  const std::string& version, const std::string& name) {
+  for (const Json::Value& entry : report[list]) {
+    if (entry["version"] == version && entry[member] == name) {
+      return entry["answer"].asString() + ", " + entry["requested"].asString();
     }
   }
-  return Json::Value();
+  return "";
+}
+
+std::string suite(const Json::Value& report, const std::string& version, const std::string& name) {
+  return trial(report, "suites", "suite", version, name);
+}
+
+std::string group(const Json::Value& report, const std::string& version, const std::string& name) {
+  return trial(report, "groups", "group", version, name);
+}
+
+kelotlsctl::Survey survey_context(SSL_CTX* context) {
+  kelotlsctl::Asker asker(
+      [&](const kelotlsctl::Hello& hello, kelotlsctl::Clock::time_point) {
+        return kelotlsctl::ask_context(context, hello);
+      },
+      kelotlsctl::Patience());
+  return kelotlsctl::survey(asker, nullptr, nullptr);
+}
+
+/// The numbers that were tried in the version, ascending.
+kelotlsctl::Numbers tried_in(const std::vector<kelotlsctl::Trial>& trials, std::uint16_t version) {
+  kelotlsctl::Numbers numbers;
+  for (const kelotlsctl::Trial& trial : trials) {
+    if (trial.version == version) {
+      numbers.push_back(trial.number);
+    }
+  }
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
 }
 
 class Probe : public PrivateTree {
@@ -103,65 +137,54 @@ TEST_F(Probe, AgreesWithWhatTheLibraryMakesOfEachLevel) {
   EXPECT_FALSE(probe_context(acquire(3).get(), 3)["agrees"].asBool());
 }
 
-TEST_F(Probe, TriesEverySuiteThatAClientCanOfferWithEachVersion) {
-  const std::pair<int, const char*> versions[] = {{TLS1_VERSION, "TLS 1.0"},
-                                                  {TLS1_1_VERSION, "TLS 1.1"},
-                                                  {TLS1_2_VERSION, "TLS 1.2"},
-                                                  {TLS1_3_VERSION, "TLS 1.3"}};
-  std::set<std::string> expected;
-  const Context client(SSL_CTX_new(TLS_client_method()));
-  SSL_CTX_set_cipher_list(client.get(), "ALL:COMPLEMENTOFALL:@SECLEVEL=0");
-  SSL_CTX_set_ciphersuites(client.get(),
-                           "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:"
-                           "TLS_CHACHA20_POLY1305_SHA256:TLS_AES_128_CCM_SHA256:"
-                           "TLS_AES_128_CCM_8_SHA256");
-  for (const auto& [number, name] : versions) {
-    SSL* const connection = SSL_new(client.get());
-    SSL_set_min_proto_version(connection, number);
-    SSL_set_max_proto_version(connection, number);
-    STACK_OF(SSL_CIPHER)* const suites = SSL_get1_supported_ciphers(connection);
-    for (int index = 0; index < sk_SSL_CIPHER_num(suites); ++index) {
-      const SSL_CIPHER* const suite = sk_SSL_CIPHER_value(suites, index);
-      if (SSL_CIPHER_get_auth_nid(suite) != NID_auth_dss) {  // no DSA key is made for a trial
-        expected.insert(std::string(name) + " " + SSL_CIPHER_get_name(suite));
-      }
-    }
-    sk_SSL_CIPHER_free(suites);
-    SSL_free(connection);
-  }
+TEST_F(Probe, TriesEverySuiteWithEachVersionThatIsServed) {
+  const kelotlsctl::Survey found = survey_context(acquire(3).get());
 
-  const Json::Value report = probe_context(acquire(2).get(), 2);
-
-  std::set<std::string> tried;
-  Lines groups;
-  for (const Json::Value& entry : report["handshakes"]) {
-    if (entry["tries"] == "group") {
-      groups.push_back(entry["group"].asString());
-    } else {
-      tried.insert(entry["version"].asString() + " " + entry["suite"].asString());
+  for (const std::uint16_t version : kelotlsctl::kVersions) {
+    const kelotlsctl::Numbers tried = tried_in(found.suites, version);
+    const bool is_served = version >= kelotlsctl::kTls10;
+    EXPECT_EQ(serves(found, version), is_served) << version;
+    if (is_served) {
+      EXPECT_EQ(tried, kelotlsctl::suites_of_version(version)) << version;
     }
   }
-  EXPECT_EQ(tried, expected);
-  EXPECT_GT(tried.size(), 100U);  // so the expectation is not empty either
-  EXPECT_EQ(groups, (Lines{"prime256v1", "secp384r1", "secp521r1", "X25519", "X448"}));
 }
 
-TEST_F(Probe, TellsEachHandshakesKeyExchange) {
+TEST_F(Probe, TriesEveryGroupWithTls13AndWithOneVersionBefore) {
+  const kelotlsctl::Survey found = survey_context(acquire(3).get());
+
+  for (const std::uint16_t version : kelotlsctl::kVersions) {
+    const kelotlsctl::Numbers tried = tried_in(found.groups, version);
+    EXPECT_EQ(tried, version >= kelotlsctl::kTls12 ? kelotlsctl::groups_of_version(version)
+                                                   : kelotlsctl::Numbers())
+        << version;
+  }
+}
+
+TEST_F(Probe, TellsEachVersionSuiteAndGroupAndWhetherTheLevelAsksForIt) {
   const Json::Value report = probe_context(acquire(3).get(), 3);
 
-  const Json::Value elliptic = handshake(report, "TLS 1.2", "ECDHE-RSA-AES128-GCM-SHA256");
-  EXPECT_EQ(elliptic["group"], "prime256v1");
-  EXPECT_TRUE(elliptic["dh-bits"].isNull());
-  const Json::Value finite = handshake(report, "TLS 1.2", "DHE-RSA-AES128-GCM-SHA256");
-  EXPECT_TRUE(finite["group"].isNull());
-  EXPECT_EQ(finite["dh-bits"], 1024);
-  const Json::Value rsa = handshake(report, "TLS 1.0", "AES128-SHA");
-  EXPECT_TRUE(rsa["group"].isNull());
-  EXPECT_TRUE(rsa["dh-bits"].isNull());
-  EXPECT_TRUE(rsa["accepted"].asBool());
-  const Json::Value unwanted = handshake(report, "TLS 1.2", "AES128-CCM");
-  EXPECT_FALSE(unwanted["accepted"].asBool());
-  EXPECT_FALSE(unwanted["intended"].asBool());
+  EXPECT_EQ(suite(report, "TLS 1.2", "ECDHE-RSA-AES128-GCM-SHA256"), "accepted, yes");
+  EXPECT_EQ(suite(report, "TLS 1.0", "ECDHE-RSA-AES128-GCM-SHA256"), "");
+  EXPECT_EQ(suite(report, "TLS 1.0", "AES128-SHA"), "accepted, yes");
+  EXPECT_EQ(suite(report, "TLS 1.2", "DES-CBC3-SHA"), "refused, yes");
+  EXPECT_EQ(suite(report, "TLS 1.2", "AES128-CCM"), "");  // neither asked for nor accepted
+  EXPECT_EQ(group(report, "TLS 1.2", "prime256v1"), "accepted, yes");
+  EXPECT_EQ(group(report, "TLS 1.3", "prime256v1"), "accepted, yes");
+  EXPECT_EQ(group(report, "TLS 1.3", "X25519"), "");
+  EXPECT_EQ(report["dh-bits"], 1024);
+  Lines versions;
+  for (const Json::Value& entry : report["versions"]) {
+    versions.push_back(entry["version"].asString() + ": " + entry["answer"].asString() + ", " +
+                       entry["requested"].asString());
+  }
+  EXPECT_EQ(versions,
+            (Lines{"SSL 2: refused, no", "SSL 3: refused, no", "TLS 1.0: accepted, yes",
+                   "TLS 1.1: accepted, yes", "TLS 1.2: accepted, yes", "TLS 1.3: accepted, yes"}));
+}
+
+TEST_F(Probe, SaysThatNoVersionDoesDheWhereNoneDoes) {
+  EXPECT_TRUE(probe_context(acquire(1).get(), 1)["dh-bits"].isNull());
 }
 
 TEST_F(Probe, FindsASuiteTooMany) {
@@ -172,8 +195,7 @@ TEST_F(Probe, FindsASuiteTooMany) {
 
   EXPECT_EQ(differences(report), Lines{"AES128-SHA: extra, other"});
   EXPECT_FALSE(report["agrees"].asBool());
-  EXPECT_FALSE(handshake(report, "TLS 1.2", "AES128-SHA")["intended"].asBool());
-  EXPECT_TRUE(handshake(report, "TLS 1.2", "AES128-SHA")["accepted"].asBool());
+  EXPECT_EQ(suite(report, "TLS 1.2", "AES128-SHA"), "accepted, no");
 }
 
 TEST_F(Probe, FindsASuiteThatNeedsNoCertificate) {
@@ -253,14 +275,13 @@ TEST_F(Probe, ReportsItsProgressToTheEnd) {
   const Context context = acquire(2);
   target.context = context.get();
 
-  const Json::Value report = kelotlsctl::probe(target, 2, [&](std::size_t done, std::size_t all) {
+  kelotlsctl::probe(target, 2, [&](std::size_t done, std::size_t all) {
     steps.push_back(done);
     last_all = all;
   });
 
-  EXPECT_EQ(steps.size(), report["handshakes"].size());
-  EXPECT_EQ(steps.size(), last_all);
-  EXPECT_EQ(steps.front(), 1U);
+  ASSERT_GT(steps.size(), 1U);
+  EXPECT_GT(steps.front(), 0U);
   EXPECT_EQ(steps.back(), last_all);
   EXPECT_TRUE(std::is_sorted(steps.begin(), steps.end()));
 }
@@ -281,88 +302,12 @@ TEST_F(Probe, LeavesTheContextAsItWas) {
   EXPECT_EQ(SSL_CTX_get0_certificate(context.get()), nullptr);
   EXPECT_EQ(SSL_CTX_sess_number(context.get()), 0);
   EXPECT_EQ(sessions, 0);
-  EXPECT_GT(SSL_CTX_sess_accept_good(context.get()), 0);  // so it has shaken hands
+  EXPECT_GT(SSL_CTX_sess_accept(context.get()), 0);  // so it was asked
   EXPECT_EQ(ERR_peek_error(), 0UL);
   EXPECT_EQ(probe_context(context.get(), 3), first);
 }
 
 // Running servers
-
-/// A listener on a loopback address, with a thread that does the given with each connection.
-class Server {
- public:
-  using Serve = std::function<void(int descriptor)>;
-
-  Server(int family, Serve serve) : serve_(std::move(serve)) {
-    listener_ = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_storage address = {};
-    address.ss_family = static_cast<sa_family_t>(family);
-    socklen_t length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    auto* const v4 = reinterpret_cast<sockaddr_in*>(&address);
-    auto* const v6 = reinterpret_cast<sockaddr_in6*>(&address);
-    if (family == AF_INET6) {
-      v6->sin6_addr = in6addr_loopback;
-    } else {
-      v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    }
-    if (::bind(listener_, generic, length) != 0 || ::listen(listener_, 64) != 0 ||
-        ::getsockname(listener_, generic, &length) != 0) {
-      throw std::runtime_error(std::string("no listener: ") + std::strerror(errno));
-    }
-    port_ = std::to_string(ntohs(family == AF_INET6 ? v6->sin6_port : v4->sin_port));
-    thread_ = std::thread([this] { run(); });
-  }
-
-  ~Server() { stop(); }
-
-  void stop() {
-    stopping_ = true;
-    if (thread_.joinable()) {
-      thread_.join();
-      ::close(listener_);
-    }
-  }
-
-  const std::string& port() const { return port_; }
-
- private:
-  void run() {
-    while (!stopping_) {
-      pollfd entry = {listener_, POLLIN, 0};
-      if (::poll(&entry, 1, 10) == 1) {
-        const int connection = ::accept(listener_, nullptr, nullptr);
-        serve_(connection);
-        ::close(connection);
-      }
-    }
-  }
-
-  Serve serve_;
-  int listener_;
-  std::string port_;
-  std::atomic<bool> stopping_{false};
-  std::thread thread_;
-};
-
-/// Shakes hands and reads until the client closes.
-Server::Serve serve_tls(SSL_CTX* context) {
-  return [context](int descriptor) {
-    SSL* const connection = SSL_new(context);
-    SSL_set_fd(connection, descriptor);
-    char byte;
-    if (SSL_accept(connection) == 1) {
-      SSL_read(connection, &byte, 1);
-    }
-    SSL_free(connection);
-  };
-}
-
-void use_certificate(SSL_CTX* context, const std::string& kind) {
-  const std::string path = std::string(KELOTLS_CERTIFICATES) + "/" + kind + ".pem";
-  ASSERT_EQ(SSL_CTX_use_certificate_chain_file(context, path.c_str()), 1);
-  ASSERT_EQ(SSL_CTX_use_PrivateKey_file(context, path.c_str(), SSL_FILETYPE_PEM), 1);
-}
 
 class ProbeServer : public Probe {
  protected:
@@ -371,13 +316,13 @@ class ProbeServer : public Probe {
     std::signal(SIGPIPE, SIG_IGN);  // the servers of the tests write to closed connections
   }
 
-  static Json::Value probe_server(const Server& server, int level,
+  static Json::Value probe_server(const LoopbackServer& server, int level,
                                   const std::string& host = "127.0.0.1",
                                   SSL_CTX* context = nullptr) {
     ProbeTarget target;
     target.context = context;
-    target.host = host;
-    target.port = server.port();
+    target.address.host = host;
+    target.address.port = server.port();
     return kelotlsctl::probe(target, level, nullptr);
   }
 
@@ -392,37 +337,45 @@ class ProbeServer : public Probe {
   }
 };
 
+/// The kinds of certificate that the report tells.
+Lines kinds(const Json::Value& report) {
+  Lines kinds;
+  for (const Json::Value& certificate : report["certificates"]) {
+    kinds.push_back(certificate["kind"].asString());
+  }
+  std::sort(kinds.begin(), kinds.end());
+  return kinds;
+}
+
 TEST_F(ProbeServer, AgreesWithEachLevelGivenBothKindsOfCertificate) {
   for (const int level : {1, 2, 3}) {
     const Context context = acquire(level);
     use_certificate(context.get(), "rsa");
     use_certificate(context.get(), "ecdsa");
-    const Server server(AF_INET, serve_tls(context.get()));
+    const LoopbackServer server(AF_INET, serve_tls(context.get()));
 
-    const Json::Value report = probe_server(server, level);
+    const Json::Value report = probe_server(server, level, "127.0.0.1", acquire(level).get());
 
-    EXPECT_EQ(differences(report), Lines{});
-    EXPECT_TRUE(report["agrees"].asBool());
-    EXPECT_EQ(report["certificates"][0], "RSA");
-    EXPECT_EQ(report["certificates"][1], "ECDSA");
+    EXPECT_EQ(differences(report),
+              level == 3 ? Lines{"DES-CBC3-SHA: missing, suite-unavailable"} : Lines{});
+    EXPECT_EQ(report["verdict"], level == 3 ? "differs" : "agrees");
+    EXPECT_EQ(report["agrees"].asBool(), level != 3);
+    EXPECT_EQ(kinds(report), (Lines{"ECDSA", "RSA"}));
     EXPECT_EQ(report["target"], "127.0.0.1 port " + server.port());
-    EXPECT_EQ(
-        not_testable(report),
-        level == 3 ? Lines{"DES-CBC3-SHA: This machine's OpenSSL does not have it."} : Lines{});
+    EXPECT_EQ(not_known(report), Lines{});
   }
 }
 
-TEST_F(ProbeServer, FindsTheSameHandshakesAsInMemory) {
+TEST_F(ProbeServer, FindsTheSameAsInMemory) {
   const Context context = acquire(3);
   use_certificate(context.get(), "rsa");
   use_certificate(context.get(), "ecdsa");
-  const Server server(AF_INET, serve_tls(context.get()));
-  const auto accepted = [](const Json::Value& report) {
-    std::set<std::string> lines;
-    for (const Json::Value& entry : report["handshakes"]) {
-      if (entry["tries"] == "suite" && entry["accepted"].asBool()) {
-        lines.insert(entry["version"].asString() + " " + entry["suite"].asString());
-      }
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
+  const auto trials = [](const Json::Value& report, const char* list) {
+    std::multiset<std::string> lines;
+    for (const Json::Value& entry : report[list]) {
+      lines.insert(entry["version"].asString() + " " + entry["suite"].asString() +
+                   entry["group"].asString() + " " + entry["answer"].asString());
     }
     return lines;
   };
@@ -430,40 +383,58 @@ TEST_F(ProbeServer, FindsTheSameHandshakesAsInMemory) {
   const Json::Value report = probe_server(server, 3);
   const Json::Value in_memory = probe_context(acquire(3).get(), 3);
 
-  EXPECT_EQ(accepted(report), accepted(in_memory));
-  EXPECT_GT(accepted(report).size(), 30U);
-  EXPECT_EQ(report["handshakes"].size(), in_memory["handshakes"].size());
+  for (const char* const list : {"versions", "suites", "groups"}) {
+    EXPECT_EQ(trials(report, list), trials(in_memory, list));
+  }
+  EXPECT_GT(trials(report, "suites").size(), 30U);
+  EXPECT_EQ(report["dh-bits"], in_memory["dh-bits"]);
 }
 
-TEST_F(ProbeServer, NotesWhatTheServersCertificateCannotShow) {
+TEST_F(ProbeServer, AsksForNoSuiteThatNeedsAnotherCertificate) {
   const Context context = acquire(2);
   use_certificate(context.get(), "rsa");
-  const Server server(AF_INET, serve_tls(context.get()));
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
 
   const Json::Value report = probe_server(server, 2);
 
   EXPECT_EQ(differences(report), Lines{});
-  EXPECT_EQ(report["certificates"].size(), 1U);
-  Lines untested = not_testable(report);
-  std::sort(untested.begin(), untested.end());
-  const std::string reason = ": It needs an ECDSA certificate, which the server did not show.";
-  EXPECT_EQ(untested, (Lines{"ECDHE-ECDSA-AES128-GCM-SHA256" + reason,
-                             "ECDHE-ECDSA-AES256-GCM-SHA384" + reason,
-                             "ECDHE-ECDSA-CHACHA20-POLY1305" + reason}));
+  EXPECT_EQ(report["verdict"], "agrees");
+  EXPECT_EQ(kinds(report), Lines{"RSA"});
+  EXPECT_EQ(not_known(report), Lines{});
+  EXPECT_EQ(suite(report, "TLS 1.2", "ECDHE-ECDSA-AES128-GCM-SHA256"), "");
 }
 
-TEST_F(ProbeServer, NotesWhatAnEcdsaCertificateAloneCannotShow) {
+TEST_F(ProbeServer, FindsEachGroupOfAServerWithAnEcdsaCertificateAlone) {
   const Context context = acquire(2);
   use_certificate(context.get(), "ecdsa");
   SSL_CTX_set_options(context.get(), SSL_OP_NO_TLSv1_3);
-  const Server server(AF_INET, serve_tls(context.get()));
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
 
   const Json::Value report = probe_server(server, 2);
 
   EXPECT_EQ(differences(report), Lines{"TLS 1.3: missing, other"});
-  const Lines untested = not_testable(report);
-  EXPECT_EQ(untested.size(), 8U);  // 3 ECDHE-RSA, 2 DHE-RSA, 3 groups
-  EXPECT_EQ(untested.back(), "secp521r1: To try it takes TLS 1.3, or an RSA certificate.");
+  EXPECT_EQ(not_known(report), Lines{});
+  for (const char* const name : {"prime256v1", "secp384r1", "secp521r1"}) {
+    EXPECT_EQ(group(report, "TLS 1.2", name), "accepted, yes") << name;
+  }
+}
+
+TEST_F(ProbeServer, DoesNotKnowTheGroupsBehindTheCurveOfAnEcdsaCertificate) {
+  const Context context = acquire(2);
+  use_certificate(context.get(), "ecdsa");
+  SSL_CTX_set_options(context.get(), SSL_OP_NO_TLSv1_3 | SSL_OP_CIPHER_SERVER_PREFERENCE);
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
+
+  const Json::Value report = probe_server(server, 2);
+
+  EXPECT_EQ(report["verdict"], "differs");  // for want of TLS 1.3
+  EXPECT_EQ(group(report, "TLS 1.2", "prime256v1"), "accepted, yes");
+  EXPECT_EQ(group(report, "TLS 1.2", "secp521r1"), "not-known, yes");
+  EXPECT_EQ(group(report, "TLS 1.2", "X25519"), "not-known, no");
+  const Lines lines = not_known(report);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       "secp521r1: hidden behind the curve of the server's certificate"),
+            1);
 }
 
 TEST_F(ProbeServer, FindsASuiteTooManyAndAVersionTooMany) {
@@ -471,7 +442,7 @@ TEST_F(ProbeServer, FindsASuiteTooManyAndAVersionTooMany) {
   use_certificate(context.get(), "rsa");
   SSL_CTX_set_cipher_list(context.get(), (std::string(kIntermediateList) + ":AES128-SHA").c_str());
   SSL_CTX_clear_options(context.get(), SSL_OP_NO_TLSv1);
-  const Server server(AF_INET, serve_tls(context.get()));
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
 
   EXPECT_EQ(differences(probe_server(server, 2)),
             (Lines{"TLS 1.0: extra, other", "AES128-SHA: extra, other"}));
@@ -481,7 +452,7 @@ TEST_F(ProbeServer, NamesTheCauseThatAContextMadeHereShares) {
   const Context context = acquire(2);
   use_certificate(context.get(), "rsa");
   SSL_CTX_set_options(context.get(), SSL_OP_NO_TLSv1_3);
-  const Server server(AF_INET, serve_tls(context.get()));
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
   const Context here = acquire(2);
   SSL_CTX_set_max_proto_version(here.get(), TLS1_2_VERSION);
 
@@ -501,7 +472,7 @@ TEST_F(ProbeServer, ReportsAServerThatHasNoDhParameters) {
   remove_all(kDh2048Path);
   const Context context = acquire(2);
   use_certificate(context.get(), "rsa");
-  const Server server(AF_INET, serve_tls(context.get()));
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
 
   EXPECT_EQ(differences(probe_server(server, 2)), Lines{"2048-bit DH: missing, other"});
 }
@@ -510,7 +481,7 @@ TEST_F(ProbeServer, MissesNoDhParametersWhereTheirVersionsAreMissing) {
   const Context context = acquire(2);
   use_certificate(context.get(), "rsa");
   SSL_CTX_set_options(context.get(), SSL_OP_NO_TLSv1_2);
-  const Server server(AF_INET, serve_tls(context.get()));
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
 
   EXPECT_EQ(differences(probe_server(server, 2)), Lines{"TLS 1.2: missing, other"});
 }
@@ -527,7 +498,7 @@ TEST_F(ProbeServer, SendsAHostNameAsSniButNoAddress) {
         names.insert(name != nullptr ? name : "none");
         return SSL_TLSEXT_ERR_OK;
       });
-  Server server(AF_INET, serve_tls(context.get()));
+  LoopbackServer server(AF_INET, serve_tls(context.get()));
 
   probe_server(server, 1, "localhost");
   EXPECT_EQ(std::exchange(names, {}), std::set<std::string>{"localhost"});
@@ -540,111 +511,133 @@ TEST_F(ProbeServer, SendsAHostNameAsSniButNoAddress) {
 TEST_F(ProbeServer, SpeaksIpv6) {
   const Context context = acquire(1);
   use_certificate(context.get(), "ecdsa");
-  const Server server(AF_INET6, serve_tls(context.get()));
+  const LoopbackServer server(AF_INET6, serve_tls(context.get()));
 
   EXPECT_EQ(differences(probe_server(server, 1, "::1")), Lines{});
 }
 
 TEST_F(ProbeServer, SaysThatNothingListens) {
-  Server server(AF_INET, [](int) {});
+  LoopbackServer server(AF_INET, [](int) {});
   ProbeTarget target;
-  target.host = "127.0.0.1";
-  target.port = server.port();
+  target.address.host = "127.0.0.1";
+  target.address.port = server.port();
   server.stop();
 
   EXPECT_EQ(failure(target),
-            "Nothing answers at 127.0.0.1 port " + target.port + ": Connection refused");
+            "Nothing answers at 127.0.0.1 port " + target.address.port + ": Connection refused");
 }
 
 TEST_F(ProbeServer, SaysThatAPortDoesNotExist) {
   ProbeTarget target;
-  target.host = "127.0.0.1";
-  target.port = "no-such-service";
+  target.address.host = "127.0.0.1";
+  target.address.port = "no-such-service";
 
   EXPECT_EQ(failure(target).find("127.0.0.1 port no-such-service cannot be looked up: "), 0U);
 }
 
+/// An asker with little patience for the server.
+ProbeTarget impatient(const LoopbackServer& server) {
+  ProbeTarget target;
+  target.address.host = "127.0.0.1";
+  target.address.port = server.port();
+  target.patience.timeout = std::chrono::seconds(1);
+  target.patience.deadline = std::chrono::seconds(4);
+  return target;
+}
+
+/// The reasons for which the level's versions are not known.
+std::set<std::string> reasons_of_versions(const Json::Value& report) {
+  std::set<std::string> reasons;
+  for (const Json::Value& version : report["versions"]) {
+    EXPECT_EQ(version["answer"], "not-known") << version["version"].asString();
+    reasons.insert(version["reason"].asString());
+  }
+  return reasons;
+}
+
+constexpr char kNotTried[] = "not tried: the server has answered nothing";
+
 TEST_F(ProbeServer, SaysThatWhatAnswersSpeaksNoTls) {
-  const Server server(AF_INET, [](int descriptor) {
-    char hello[1024];
+  const LoopbackServer server(AF_INET, [](int descriptor) {
+    char hello[4096];
     (void)!::read(descriptor, hello, sizeof hello);
     (void)!::write(descriptor, "220 mail.example ESMTP\r\n", 24);
   });
-  ProbeTarget target;
-  target.host = "127.0.0.1";
-  target.port = server.port();
 
-  EXPECT_EQ(failure(target), "No TLS handshake succeeds with 127.0.0.1 port " + server.port() +
-                                 ": wrong version number");
+  const Json::Value report = kelotlsctl::probe(impatient(server), 2, nullptr);
+
+  EXPECT_EQ(report["verdict"], "cannot-tell");
+  EXPECT_FALSE(report["agrees"].asBool());
+  EXPECT_EQ(reasons_of_versions(report),
+            (std::set<std::string>{"what answers does not speak TLS", kNotTried}));
+}
+
+TEST_F(ProbeServer, RaisesNoSignalTowardsAServerThatIsGone) {
+  std::signal(SIGPIPE, SIG_DFL);
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  const kelotlsctl::Connection connection(ends[0],
+                                          kelotlsctl::Clock::now() + std::chrono::seconds(10));
+  ::close(ends[1]);
+
+  EXPECT_EQ(connection.send("hello"), kelotlsctl::kReset);
 }
 
 TEST_F(ProbeServer, SurvivesAServerThatIsGoneBeforeTheAnswerToIt) {
   std::signal(SIGPIPE, SIG_DFL);
-  const Server server(AF_INET, [](int descriptor) {
-    // A server hello that the client must refuse with an alert, the end of the stream, and, for
-    // the client's unread hello, a reset. To send the alert then raises SIGPIPE.
-    constexpr char kEmptyServerHello[] = {0x16, 3, 3, 0, 4, 2, 0, 0, 0};
+  const LoopbackServer server(AF_INET, [](int descriptor) {
+    // The end of the stream, and, for the client's unread hello, a reset.
     pollfd hello = {descriptor, POLLIN, 0};
     (void)!::poll(&hello, 1, 1000);
-    (void)!::send(descriptor, kEmptyServerHello, sizeof kEmptyServerHello, MSG_MORE);
     ::shutdown(descriptor, SHUT_WR);
   });
-  ProbeTarget target;
-  target.host = "127.0.0.1";
-  target.port = server.port();
 
-  // The reset does not come in time for every attempt.
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    EXPECT_EQ(failure(target).find("No TLS handshake succeeds with 127.0.0.1 port "), 0U);
-  }
+  const Json::Value report = kelotlsctl::probe(impatient(server), 2, nullptr);
+
+  EXPECT_EQ(report["verdict"], "cannot-tell");
+  std::set<std::string> reasons = reasons_of_versions(report);
+  EXPECT_EQ(reasons.erase(kNotTried), 1U);
+  ASSERT_EQ(reasons.size(), 1U);
+  EXPECT_TRUE(*reasons.begin() == kelotlsctl::kClosed || *reasons.begin() == kelotlsctl::kReset)
+      << *reasons.begin();
 }
 
-TEST_F(ProbeServer, WaitsTwoSecondsForASilentServer) {
+TEST_F(ProbeServer, WaitsForASilentServerAsLongAsItIsTold) {
   std::atomic<bool> is_over{false};
-  const Server server(AF_INET, [&](int) {
+  const LoopbackServer server(AF_INET, [&](int) {
     while (!is_over) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   });
-  ProbeTarget target;
-  target.host = "127.0.0.1";
-  target.port = server.port();
+  const ProbeTarget target = impatient(server);
   const auto start = std::chrono::steady_clock::now();
 
-  const std::string text = failure(target);
+  const Json::Value report = kelotlsctl::probe(target, 2, nullptr);
 
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
   is_over = true;
-  EXPECT_EQ(text, "No TLS handshake succeeds with 127.0.0.1 port " + server.port() +
-                      ": Connection timed out");
-  EXPECT_GE(elapsed.count(), 2.0);
-  EXPECT_LT(elapsed.count(), 4.0);
+  EXPECT_EQ(report["verdict"], "cannot-tell");
+  EXPECT_EQ(reasons_of_versions(report), (std::set<std::string>{kelotlsctl::kTimedOut, kNotTried}));
+  EXPECT_EQ(report["notes"][0], "A hello was not answered within 1 s; --timeout gives it longer.");
+  EXPECT_GE(elapsed.count(), 1.0);
+  EXPECT_LT(elapsed.count(), 5.0);
 }
 
-TEST_F(ProbeServer, SaysThatTheServerWentAway) {
+TEST_F(ProbeServer, KeepsWhatItHasSeenOfAServerThatWentAway) {
   const Context context = acquire(2);
   use_certificate(context.get(), "rsa");
-  const Server::Serve serve = serve_tls(context.get());
-  Server* running = nullptr;
-  std::atomic<int> connections{0};
-  Server server(AF_INET, [&](int descriptor) {
-    serve(descriptor);
-    ++connections;
-  });
-  running = &server;
-  ProbeTarget target;
-  target.host = "127.0.0.1";
-  target.port = server.port();
+  LoopbackServer server(AF_INET, serve_tls(context.get()));
+  ProbeTarget target = impatient(server);
+  target.patience.deadline = std::chrono::seconds(6);
 
-  std::string text;
-  try {
-    kelotlsctl::probe(target, 2, [&](std::size_t, std::size_t) { running->stop(); });
-  } catch (const std::runtime_error& error) {
-    text = error.what();
-  }
+  const Json::Value report =
+      kelotlsctl::probe(target, 2, [&](std::size_t, std::size_t) { server.stop(); });
 
-  EXPECT_EQ(text, "Nothing answers at 127.0.0.1 port " + target.port + ": Connection refused");
-  EXPECT_GT(connections, 0);
+  EXPECT_EQ(report["verdict"], "cannot-tell");
+  EXPECT_EQ(suite(report, "TLS 1.2", "ECDHE-RSA-AES128-GCM-SHA256"), "accepted, yes");
+  const Lines lines = not_known(report);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "TLS 1.3: Connection refused"), 1);
+  EXPECT_EQ(report["notes"][0], "Not everything was tried within 6 s; --deadline gives it longer.");
 }
 
 // Text
@@ -659,16 +652,21 @@ TEST_F(Probe, PrintsATableOfSuitesAndVersions) {
   EXPECT_EQ(out.str(),
             "Level 1, modern: its context, tried in memory\n"
             "\n"
-            "  suite                             TLS 1.0  TLS 1.1  TLS 1.2  TLS 1.3\n"
-            "  TLS_AES_128_GCM_SHA256                                       NO\n"
-            "  TLS_AES_256_GCM_SHA384                                       yes\n"
-            "  TLS_CHACHA20_POLY1305_SHA256                                 NO\n"
-            "  TLS_AES_128_CCM_SHA256                                       EXTRA\n"
+            "  suite                             TLS 1.3\n"
+            "  TLS_AES_256_GCM_SHA384            yes\n"
+            "  TLS_AES_128_CCM_SHA256            EXTRA\n"
+            "  TLS_AES_128_GCM_SHA256            NO\n"
+            "  TLS_CHACHA20_POLY1305_SHA256      NO\n"
             "\n"
-            "  group\n"
-            "  prime256v1                        yes (TLS 1.3)\n"
-            "  secp384r1                         yes (TLS 1.3)\n"
-            "  secp521r1                         yes (TLS 1.3)\n"
+            "  group                             TLS 1.3\n"
+            "  prime256v1                        yes\n"
+            "  secp384r1                         yes\n"
+            "  secp521r1                         yes\n"
+            "\n"
+            "  versions          SSL 2 refused, SSL 3 refused, TLS 1.0 refused,\n"
+            "                    TLS 1.1 refused, TLS 1.2 refused, TLS 1.3 accepted\n"
+            "  beside            server-order refused (left open)\n"
+            "  DH parameters     none\n"
             "\n"
             "Differences from what the level asks for:\n"
             "  missing           TLS_AES_128_GCM_SHA256, TLS_CHACHA20_POLY1305_SHA256\n"
@@ -681,7 +679,7 @@ TEST_F(ProbeServer, PrintsAtMost80ColumnsAndTheSameTextInColour) {
   const Context context = acquire(3);
   use_certificate(context.get(), "rsa");
   SSL_CTX_set_options(context.get(), SSL_OP_NO_TLSv1_3);
-  const Server server(AF_INET, serve_tls(context.get()));
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
   const Json::Value report = probe_server(server, 3);
   std::ostringstream plain;
   std::ostringstream coloured;
@@ -694,7 +692,6 @@ TEST_F(ProbeServer, PrintsAtMost80ColumnsAndTheSameTextInColour) {
     EXPECT_LE(line.size(), 80U) << line;
     EXPECT_FALSE(!line.empty() && line.back() == ' ') << line;
   }
-  EXPECT_NE(plain.str().find("Not testable:"), std::string::npos);
   EXPECT_EQ(plain.str().find('\033'), std::string::npos);
   EXPECT_NE(coloured.str().find('\033'), std::string::npos);
   EXPECT_EQ(std::regex_replace(coloured.str(), std::regex("\033\\[[0-9]*m"), ""), plain.str());
