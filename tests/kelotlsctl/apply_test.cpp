@@ -1,4 +1,6 @@
 // kelotlsctl regen, render, reload, apply.
+#include <sys/stat.h>
+
 #include "kelotlsctl.h"
 
 namespace kelotls::test {
@@ -175,6 +177,27 @@ TEST_F(KelotlsctlApply, GoesOnAfterAFailureAndReportsTheFirst) {
   write_file(kReloaderRuns, "");
   EXPECT_EQ(run({"apply"}).status, 1);
   EXPECT_EQ(read_file(kReloaderRuns), "run\n");
+}
+
+TEST_F(KelotlsctlApply, DoesNotForeseeSuccessWhereAStepIsBoundToFail) {
+  join_both();
+  const Arguments dry = {"apply", "--dry-run"};
+  ASSERT_EQ(run(dry).status, 0);
+  const std::string gone = link_path("web") + ": cannot be run: No such file or directory\n";
+  remove_all(kReloader);
+  EXPECT_EQ(run(dry).status, 5);
+  EXPECT_TRUE(contains(run(dry).out, gone));
+  EXPECT_EQ(run({"reload", "--dry-run"}).status, 5);
+  EXPECT_EQ(run({"reload", "--dry-run"}).out, gone);
+  EXPECT_EQ(run({"set", "web", "old", "--apply", "--dry-run"}).status, 5);
+  write_file(kReloader, "");
+  ASSERT_EQ(::chmod(kReloader, 0644), 0);
+  EXPECT_TRUE(contains(run(dry).out, ": cannot be run: Permission denied\n"));
+  write_file(kTemplate, "{{#a}}");
+  const JsonOutcome outcome = run_json("apply", {"--dry-run"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.document["applied"], false);
+  EXPECT_TRUE(contains(outcome.document["rendered"][0]["fault"].asString(), "line 1"));
 }
 
 TEST_F(KelotlsctlApply, SaysThatAServiceGetsNoContext) {

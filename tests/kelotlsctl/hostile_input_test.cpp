@@ -60,7 +60,10 @@ TEST_F(HostileInput, OfSuchANameAServiceThatJoinedCanLeave) {
 
 TEST_F(HostileInput, PathsWithANulAreRefused) {
   for (const char* key : {"mustache-path", "reloader-path"}) {
-    const Outcome outcome = run({"validate", "-"}, registration_of(key, std::string("/a\0b", 4)));
+    const std::string text = registration_of(key, std::string("/a\0b", 4));
+    EXPECT_EQ(run({"join", "-"}, text).status, 1);
+    EXPECT_FALSE(exists(descriptor_path("new")));
+    const Outcome outcome = run({"validate", "-"}, text);
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(outcome.out, std::string("$.services[0].") + key + ": holds a NUL character\n");
   }
@@ -118,6 +121,43 @@ TEST_F(HostileInput, ALimitOfFileSizesIsAnErrorNotTheEnd) {
   EXPECT_EQ(read_file(kDataStore), before);
   EXPECT_EQ(names_in(std::string(kServices) + ".."),
             (Lines{"config", "datastore.json", "history.jsonl", "lock", "services"}));
+}
+
+/// Whether the command, with a pipe in place of the file, comes to an end by itself.
+void expect_no_wait_for(const std::string& path, const Arguments& words) {
+  Arguments command = {"timeout", "20", KELOTLSCTL};
+  command.insert(command.end(), words.begin(), words.end());
+  EXPECT_NE(run_program(command).status, 124) << path << ' ' << words[0];
+}
+
+TEST_F(HostileInput, APipeInPlaceOfAFileHoldsUpNoCommand) {
+  write_file("/tmp/part.mustache", "");
+  write_file(kTemplate, "{{>part}}\n");
+  join_both();
+  write_file("/tmp/web.json", web_registration());
+  write_file("/tmp/levels.json", data_store_text(1, {{"web", "1"}}));
+  for (const std::string& path :
+       {std::string(kDataStore), descriptor_path("web"), rendered_path("web"), link_path("web"),
+        std::string(kTemplate), std::string("/tmp/part.mustache"), std::string(kReloader),
+        std::string(kStamp), std::string(kHistory), std::string(kLock),
+        std::string("/tmp/web.json"), std::string("/tmp/levels.json"),
+        kSslDir + std::string("dh2048.pem")}) {
+    ASSERT_EQ(run_program({"mv", path, "/tmp/kept"}).status, 0) << path;
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0) << path;
+    for (const Arguments& command :
+         {Arguments{"list"}, Arguments{"status"}, Arguments{"show", "web"}, Arguments{"check"},
+          Arguments{"history"}, Arguments{"validate", "/tmp/web.json"}, Arguments{"apply"},
+          Arguments{"set", "web", "old", "--apply"}, Arguments{"default", "intermediate"},
+          Arguments{"render", "--preview", kTemplate}, Arguments{"render", "--check"},
+          Arguments{"backup", "/tmp/new.json"}, Arguments{"restore", "/tmp/levels.json"},
+          Arguments{"regen"}, Arguments{"init"}, Arguments{"recover", "--from", "/tmp/levels.json"},
+          Arguments{"join", "/tmp/web.json"}, Arguments{"explain", "web"},
+          Arguments{"leave", "--dry-run", "/tmp/web.json"}}) {
+      expect_no_wait_for(path, command);
+    }
+    remove_all(path);
+    ASSERT_EQ(run_program({"mv", "/tmp/kept", path}).status, 0) << path;
+  }
 }
 
 // What is printed

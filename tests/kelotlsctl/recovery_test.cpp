@@ -227,6 +227,28 @@ TEST_F(KelotlsctlRecovery, LeadsBackFromADataStoreWithoutTheServices) {
                        "descriptors: kelotlsctl regen"));
 }
 
+TEST_F(KelotlsctlRecovery, LeadsBackFromAMissingDataStoreToTheServices) {
+  const std::string way_back =
+      "Services have joined before. The way back: kelotlsctl recover [--from BACKUP]";
+  for (const char* const command : {"recover", "init"}) {
+    join_both();
+    remove_all(kDataStore);
+
+    const Outcome list = run({"list"});
+    EXPECT_EQ(list.status, 4);
+    EXPECT_TRUE(contains(list.err, way_back));
+    const JsonOutcome check = run_json("check");
+    EXPECT_EQ(check.status, 3);
+    ASSERT_EQ(check.document["findings"].size(), 1u) << check.document.toStyledString();
+    EXPECT_EQ(check.document["findings"][0]["action"], way_back);
+
+    EXPECT_EQ(run({command}).status, 0);
+    EXPECT_EQ(run({"list", "--names"}).out, "ssh\nweb\n");
+    EXPECT_EQ(run({"apply"}).status, 0);
+    EXPECT_EQ(run({"check"}).err, "Nothing is wrong.\n");
+  }
+}
+
 TEST_F(KelotlsctlRecovery, LetsOnlyOneOfManyMakeTheFirstDataStore) {
   remove_all(kDataStore);
   // All of them look, find no data store and wait for the lock.

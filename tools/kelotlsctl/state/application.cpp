@@ -2,6 +2,7 @@
 #include "state/application.h"
 
 #include <kelotls/api_provider.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -310,6 +311,16 @@ Json::Value list_reloaders(const Selection& selection) {
   return object({{"reloaders", reloaders}});
 }
 
+Json::Value foresee_reloading(const Selection& selection) {
+  Json::Value reloading = list_reloaders(selection);
+  for (Json::Value& reloader : reloading["reloaders"]) {
+    if (::access(reloader["path"].asCString(), X_OK) != 0) {
+      reloader["fault"] = std::string("cannot be run: ") + std::strerror(errno);
+    }
+  }
+  return reloading;
+}
+
 std::chrono::seconds seconds_in(const std::string& text) {
   constexpr long kDay = 24L * 60 * 60;
   char* end = nullptr;
@@ -377,9 +388,9 @@ void warn_of_reloading(Console& console, const Json::Value& fault) {
 void print_reloaders(Console& console, const Json::Value& reloaders, const Json::Value& fault,
                      bool is_done) {
   for (const Json::Value& reloader : reloaders) {
-    const Json::Value done = reloader.get("not-run", reloader.get("fault", "done"));
-    const std::string verdict = is_done ? done.asString() : "would be run";
-    console.data() << printable(reloader["path"]) << ": " << printable(verdict) << '\n';
+    const char* const verdict = is_done ? "done" : "would be run";
+    console.data() << printable(reloader["path"]) << ": "
+                   << printable(reloader.get("not-run", reloader.get("fault", verdict))) << '\n';
   }
   if (reloaders.empty() && fault.isNull()) {
     console.say("There is no reloader.");
@@ -424,8 +435,10 @@ Report foresee_application(Console& console, const Store& store, const Selection
                            bool with_diff) {
   const Json::Value renderings =
       render_templates_of(console, store, selection, kelotls::Rendering::kPreview, with_diff);
-  const Json::Value reloading = list_reloaders(selection);
-  return {any_fault(renderings) || reloading.isMember("fault") ? kFailed : kDone,
+  const Json::Value reloading = foresee_reloading(selection);
+  return {any_fault(renderings) || reloading.isMember("fault") ? kFailed
+          : any_fault(reloading["reloaders"])                  ? kReloaderFailed
+                                                               : kDone,
           application_json(renderings, reloading)};
 }
 

@@ -34,6 +34,9 @@ void print_renderings(Console& console, const Json::Value& renderings, bool is_d
 /// has none of its own.
 Json::Value list_reloaders(const Selection& selection);
 
+/// The same; elements are told a "fault" where they cannot be run.
+Json::Value foresee_reloading(const Selection& selection);
+
 struct ReloadOptions {
   std::chrono::seconds timeout = kReloadTimeout;
   bool heeds_interruption = true;  ///< runs no further one once the command was asked to end

@@ -16,7 +16,7 @@ Report reload(Console& console, const Arguments& arguments) {
     begin_record(arguments.command, arguments.reason, changes_of(selection.names));
   }
   const Json::Value reloading = arguments.dry_run
-                                    ? list_reloaders(selection)
+                                    ? foresee_reloading(selection)
                                     : run_reloaders(console, store, selection, options);
   const bool has_fault = reloading.isMember("fault");
   warn_of_reloading(console, reloading["fault"]);
