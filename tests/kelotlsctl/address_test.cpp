@@ -161,7 +161,7 @@ TEST_F(KelotlsctlAddress, WaitsForTheHolderOfTheLock) {
       {"bash", "-c",
        "exec 9< \"$1\"; flock 9; "
        "\"$0\" address web a:443 2> /tmp/waiting 9<&- & change=$!; "
-       "until grep -q 'waiting for' /tmp/waiting; do sleep 0.01; done; "
+       "until grep -q 'waiting for' /tmp/waiting || ! kill -0 $change; do sleep 0.01; done; "
        "\"$0\" --quiet address web; echo free; flock -u 9; wait $change; \"$0\" address web",
        KELOTLSCTL, kLock});
   EXPECT_EQ(outcome.out, "free\nweb: none became a:443\na:443\n") << outcome.err;
@@ -208,6 +208,18 @@ TEST_F(KelotlsctlAddress, NeverWaitsForAPipeInPlaceOfTheFile) {
   const Outcome outcome = run({"address", "web"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_TRUE(contains(outcome.err, kAddresses));
+}
+
+TEST_F(KelotlsctlAddress, HasAFileThatCannotBeUsedFoundByACheck) {
+  ASSERT_EQ(run({"address", "web", "a:443"}).status, 0);
+  EXPECT_EQ(run({"check"}).err, "Nothing is wrong.\n");
+  write_file(kAddresses, R"({"services": {"web": "a"}})");
+  const JsonOutcome outcome = run_json("check");
+  EXPECT_EQ(outcome.status, 3);
+  ASSERT_EQ(outcome.document["findings"].size(), 1U);
+  EXPECT_EQ(outcome.document["findings"][0]["path"], kAddresses);
+  EXPECT_EQ(outcome.document["findings"][0]["text"],
+            "cannot be used: $.services.web: names no port");
 }
 
 // What registrations bring.

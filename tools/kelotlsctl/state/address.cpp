@@ -71,7 +71,7 @@ std::string read_unix_path(const std::string& path, Address& address) {
 
 /// Why it is no address, or empty.
 std::string read_address(const std::string& text, Address& address) {
-  const std::string unreadable = text_fault(text);
+  std::string unreadable = text_fault(text);
   if (!unreadable.empty()) {
     return unreadable;
   }

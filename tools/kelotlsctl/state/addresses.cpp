@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "files.h"
 #include "json_document.h"
@@ -37,36 +38,39 @@ kelotls::Faults faults_of(const Json::Value& document) {
   return faults;
 }
 
-[[noreturn]] void refuse(const std::string& fault) {
-  throw Failure(kFailed, std::string(Addresses::kPath) + " cannot be used: " + fault,
-                "Nothing was changed. Mend the file, or remove it and keep the addresses anew.");
+/// Why the file cannot be used. Without a file there is no fault and no document.
+std::string read_file(Json::Value& document) {
+  kelotls::JsonReader reader(kelotls::DuplicateKeys::kRefused);
+  errno = 0;
+  if (!reader.read(Addresses::kPath, document)) {
+    return errno == ENOENT ? "" : errno != 0 ? std::strerror(errno) : reader.fault();
+  }
+  const kelotls::Faults faults = faults_of(document);
+  return faults.empty() ? "" : fault_text(faults[0]);
 }
 
 }  // namespace
 
 Addresses Addresses::load() {
-  Addresses addresses;
   Json::Value document;
-  kelotls::JsonReader reader(kelotls::DuplicateKeys::kRefused);
-  errno = 0;
-  if (!reader.read(kPath, document)) {
-    if (errno == ENOENT) {
-      return addresses;
-    }
-    if (errno != 0) {
-      throw system_failure(kPath);
-    }
-    refuse(reader.fault());
+  const std::string fault = read_file(document);
+  if (!fault.empty()) {
+    throw Failure(kFailed, std::string(kPath) + " cannot be used: " + fault,
+                  "Nothing was changed. Mend the file, or remove it and keep the addresses anew.");
   }
-  const kelotls::Faults faults = faults_of(document);
-  if (!faults.empty()) {
-    refuse(fault_text(faults[0]));
-  }
-  const Json::Value& services = document["services"];
-  for (const std::string& service : services.getMemberNames()) {
-    addresses.set(service, address_of(services[service]));
+  Addresses addresses;
+  if (!document.isNull()) {
+    const Json::Value& services = document["services"];
+    for (const std::string& service : services.getMemberNames()) {
+      addresses.set(service, address_of(services[service]));
+    }
   }
   return addresses;
+}
+
+std::string Addresses::fault() {
+  Json::Value document;
+  return read_file(document);
 }
 
 const Address* Addresses::find(const std::string& service) const {

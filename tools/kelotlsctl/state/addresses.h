@@ -17,6 +17,9 @@ class Addresses {
   /// is for people to write, too, and nothing in it may be lost.
   static Addresses load();
 
+  /// Why the file cannot be used; empty where it can, or there is none.
+  static std::string fault();
+
   /// Null: none is kept for the service.
   const Address* find(const std::string& service) const;
 

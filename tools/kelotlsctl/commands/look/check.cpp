@@ -2,6 +2,7 @@
 // looks at one kind of thing and changes nothing.
 #include <kelotls/tls_profile_level.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +18,7 @@
 #include "paths.h"
 #include "regeneration.h"
 #include "registration.h"
+#include "state/addresses.h"
 #include "state/service_state.h"
 #include "state/trusted_places.h"
 
@@ -402,6 +404,12 @@ void check_leftovers(const std::optional<Store>& store, Findings& findings) {
   if (Stamp::is_broken()) {
     findings.add(kWarning, Stamp::kPath, "cannot be used: every service counts as not yet reloaded",
                  "kelotlsctl reload writes it anew");
+  }
+  // Root alone may read it, and others may check.
+  const std::string fault = ::access(Addresses::kPath, R_OK) == 0 ? Addresses::fault() : "";
+  if (!fault.empty()) {
+    findings.add(kWarning, Addresses::kPath, "cannot be used: " + fault,
+                 "mend it, or remove it and keep the addresses anew: kelotlsctl address");
   }
 }
 
