@@ -118,7 +118,10 @@ class Surveyor {
     Trial trial = {version, version, first.verdict, first.reason};
     for (std::size_t index = start; index < survey_.suites.size(); ++index) {
       const Trial& suite = survey_.suites[index];
-      if (trial.verdict != Verdict::kAccepted && suite.verdict != Verdict::kRefused) {
+      const bool tells_more =
+          suite.verdict == Verdict::kAccepted ||
+          (suite.verdict == Verdict::kNotKnown && trial.verdict == Verdict::kRefused);
+      if (trial.verdict != Verdict::kAccepted && tells_more) {
         trial.verdict = suite.verdict;
         trial.reason = suite.reason;
       }
