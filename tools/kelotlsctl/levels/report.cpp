@@ -32,7 +32,10 @@ std::string seconds_text(std::chrono::milliseconds time) {
 Survey survey_context(SSL_CTX* context, const Progress& progress) {
   Asker asker([&](const Hello& hello, Clock::time_point) { return ask_context(context, hello); },
               Patience());
-  return survey(asker, nullptr, progress);
+  Survey found = survey(asker, nullptr, progress);
+  // It has them whether a hello has shown them or not.
+  found.certificates = throw_away_certificates(context);
+  return found;
 }
 
 Survey survey_server(const ProbeTarget& target, const Progress& progress, Json::Value& notes) {
@@ -258,6 +261,9 @@ Json::Value probe(const ProbeTarget& target, int level, const Progress& progress
   }
   report["notes"] = report.get("notes", list_of({}));
   report["not-known"] = compared["not-known"];
+  if (!is_server) {
+    report["certificates"] = list_of({});  // the throw-away ones are not the service's
+  }
   report["differences"] = with_unsafe_dh_file(compared["differences"], profile);
   report["level"] = profile.level;
   report["name"] = profile.name;
@@ -382,6 +388,7 @@ void print_table(ReportText& text, const Json::Value& report, const char* list,
   }
   text.heading("  " + heading.substr(0, heading.find_last_not_of(' ') + 1));
   print_trials(text, report[list], member, versions);
+  text.line("");
 }
 
 /// "TLS 1.2: yes", with what the level says of it.

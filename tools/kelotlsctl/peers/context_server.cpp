@@ -6,6 +6,7 @@
 #include <openssl/rsa.h>
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <utility>
 
@@ -72,13 +73,17 @@ constexpr int kRsaBits[] = {1024, 1024, 2048, 3072, 3072, 3072};
 constexpr int kCurves[] = {NID_X9_62_prime256v1, NID_X9_62_prime256v1, NID_X9_62_prime256v1,
                            NID_X9_62_prime256v1, NID_secp384r1,        NID_secp521r1};
 
+std::array<const Identity*, 2> identities_at(int security_level) {
+  const int row = std::clamp(security_level, 0, 5);
+  return {&throw_away_identity(EVP_PKEY_RSA, kRsaBits[row]),
+          &throw_away_identity(EVP_PKEY_EC, kCurves[row])};
+}
+
 /// Loaded at security level 0: a refusal would tell nothing about the service's own certificates.
 void use_throw_away_certificates(SSL* server) {
   const int security_level = SSL_get_security_level(server);
-  const int row = std::clamp(security_level, 0, 5);
   SSL_set_security_level(server, 0);
-  for (const Identity* identity : {&throw_away_identity(EVP_PKEY_RSA, kRsaBits[row]),
-                                   &throw_away_identity(EVP_PKEY_EC, kCurves[row])}) {
+  for (const Identity* identity : identities_at(security_level)) {
     require(SSL_use_certificate(server, identity->certificate.get()) == 1 &&
                 SSL_use_PrivateKey(server, identity->key.get()) == 1,
             "the throw-away certificate is refused");
@@ -112,6 +117,18 @@ Answer ask_context(SSL_CTX* context, const Hello& hello, const std::function<voi
   answer.verdict = answer.verdict == Verdict::kNotKnown ? Verdict::kRefused : answer.verdict;
   answer.reason = ERR_peek_error() != 0 ? take_openssl_reason() : answer.reason;
   return answer;
+}
+
+std::vector<Bytes> throw_away_certificates(SSL_CTX* context) {
+  std::vector<Bytes> certificates;
+  for (const Identity* identity : identities_at(SSL_CTX_get_security_level(context))) {
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(identity->certificate.get(), &der);
+    require(length > 0, "no certificate can be written");
+    certificates.emplace_back(reinterpret_cast<char*>(der), static_cast<std::size_t>(length));
+    OPENSSL_free(der);
+  }
+  return certificates;
 }
 
 }  // namespace kelotlsctl

@@ -4,6 +4,7 @@
 #include <openssl/ssl.h>
 
 #include <functional>
+#include <vector>
 
 #include "tls/answer.h"
 
@@ -15,5 +16,8 @@ namespace kelotlsctl {
 /// OpenSSL's reason. Throws std::runtime_error where OpenSSL makes no connection or certificate.
 Answer ask_context(SSL_CTX* context, const Hello& hello,
                    const std::function<void(SSL* server)>& adjust = nullptr);
+
+/// The certificates that the context is asked with, in DER.
+std::vector<Bytes> throw_away_certificates(SSL_CTX* context);
 
 }  // namespace kelotlsctl
