@@ -108,6 +108,7 @@ TEST_F(Explain, DescribesEachLevelWithTheLibrarysOwnSettings) {
     const Json::Value description = describe_level(level);
 
     EXPECT_EQ(description["level"], level);
+    EXPECT_EQ(description["guideline"], "5.6");
     EXPECT_EQ("mozilla_" + description["name"].asString(), profile.tier);
     const std::string list = profile.cipher_list == nullptr ? "" : profile.cipher_list;
     EXPECT_EQ(joined(description["cipher-suites"]), list);
@@ -173,6 +174,7 @@ TEST_F(Explain, FindsAllOfALevelAtSecurityLevel0) {
     EXPECT_EQ(explanation["oldest-clients"], description["oldest-clients"]);
     EXPECT_EQ(strings(explanation["lost-clients"]), Lines{});
     EXPECT_EQ(explanation["security-level"], 0);
+    EXPECT_EQ(explanation["guideline"], "5.6");
   }
 }
 
@@ -553,6 +555,7 @@ TEST_F(Explain, PrintsDifferencesWithTheirReasons) {
                 "  oldest clients    Firefox 27, Android 4.4.2, Chrome 31, Edge 12, "
                 "Java 8u31,\n"
                 "                    OpenSSL 1.0.1, Opera 20, Safari 9\n"
+                "                    as version 5.6 of the guideline names them\n"
                 "  lost clients      IE 11 on Windows 7\n"
                 "\n"
                 "Differences from what the level asks for:\n"

@@ -30,7 +30,7 @@ constexpr unsigned char kRetryRandom[] = {
     0xcf, 0x21, 0xad, 0x74, 0xe5, 0x9a, 0x61, 0x11, 0xbe, 0x1d, 0x8c, 0x02, 0x1e, 0x65, 0xb8, 0x91,
     0xc2, 0xa2, 0x11, 0x16, 0x7a, 0xbb, 0x8c, 0x5e, 0x07, 0x9e, 0x09, 0xe2, 0xc8, 0xa8, 0x33, 0x9c};
 
-/// Thrown where a message ends before what it has to hold.
+/// Thrown where a message ends before what it has to hold, or holds what cannot be.
 struct CutShort {};
 
 /// Reads a message from its start.
@@ -79,6 +79,20 @@ int bits_of(const Bytes& prime) {
   return bits;
 }
 
+/// One that is spelled out has a number too, by the kind of its field.
+std::uint16_t take_curve(Cursor& cursor) {
+  switch (cursor.number(1)) {
+    case 1:
+      return 0xff01;
+    case 2:
+      return 0xff02;
+    case 3:
+      return cursor.number16();
+    default:
+      throw CutShort();
+  }
+}
+
 /// Of the suite in the registry's spelling: TLS_ECDHE_RSA_WITH_..., "" for one that it lacks.
 std::string registry_name(std::uint16_t number) {
   const CipherSuite* const suite = find_suite(number);
@@ -93,13 +107,16 @@ bool says_that_nothing_will_do(unsigned char alert) {
 }  // namespace
 
 bool AnswerReader::take(const Bytes& bytes) {
+  if (is_complete_) {
+    return true;
+  }
   taken_ += bytes.size();
   pending_ += bytes;
   if (taken_ > kLongestFlight) {
     end(Verdict::kNotKnown, "the server's answer is too long");
   }
   try {
-    if (!is_complete_ && hello_.version == kSsl2) {
+    if (hello_.version == kSsl2) {
       take_ssl2();
     } else {
       take_records();
@@ -173,17 +190,19 @@ void AnswerReader::take_record(unsigned char kind, const Bytes& body) {
   }
 }
 
+/// A warning ends nothing.
 void AnswerReader::take_alert(const Bytes& body) {
-  Cursor cursor(body);
-  const std::size_t level = cursor.number(1);
-  const auto description = static_cast<unsigned char>(cursor.number(1));
-  answer_.is_alert = description != SSL_AD_CLOSE_NOTIFY;
-  answer_.is_about_version = description == SSL_AD_PROTOCOL_VERSION;
-  if (level == SSL3_AL_FATAL || description == SSL_AD_CLOSE_NOTIFY) {
-    end(says_that_nothing_will_do(description) ? Verdict::kRefused : Verdict::kNotKnown,
-        answer_.is_alert
-            ? std::string("the server's alert: ") + SSL_alert_desc_string_long(description)
-            : kClosed);
+  for (Cursor cursor(body); !is_complete_ && !cursor.at_end();) {
+    const bool is_fatal = cursor.number(1) == SSL3_AL_FATAL;
+    const auto description = static_cast<unsigned char>(cursor.number(1));
+    if (description == SSL_AD_CLOSE_NOTIFY) {
+      end(Verdict::kNotKnown, kClosed);
+    } else if (is_fatal) {
+      answer_.is_alert = true;
+      answer_.is_about_version = description == SSL_AD_PROTOCOL_VERSION;
+      end(says_that_nothing_will_do(description) ? Verdict::kRefused : Verdict::kNotKnown,
+          std::string("the server's alert: ") + SSL_alert_desc_string_long(description));
+    }
   }
 }
 
@@ -273,7 +292,6 @@ void AnswerReader::take_certificates(const Bytes& body) {
 }
 
 void AnswerReader::take_key_exchange(const Bytes& body) {
-  constexpr std::size_t kNamedCurve = 3;
   const std::string name = registry_name(answer_.suite);
   const auto has = [&](const char* part) { return name.find(part) != std::string::npos; };
   Cursor cursor(body);
@@ -281,7 +299,7 @@ void AnswerReader::take_key_exchange(const Bytes& body) {
     cursor.vector(2);  // a hint at the key
   }
   if (has("_ECDHE_") || has("_ECDH_anon_")) {
-    answer_.group = cursor.number(1) == kNamedCurve ? cursor.number16() : 0xff01;
+    answer_.group = take_curve(cursor);
   } else if (has("_DHE_") || has("_DH_anon_")) {
     answer_.dh_bits = bits_of(cursor.vector(2));
   }
