@@ -1,9 +1,13 @@
 // What kelotlsctl writes where: data, messages, colour, log lines; usage; pipes that close early.
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <iterator>
 #include <regex>
 #include <sstream>
 
 #include "kelotlsctl.h"
+#include "loopback_server.h"
 
 namespace kelotls::test {
 namespace {
@@ -108,12 +112,19 @@ TEST_F(KelotlsctlConsole, GivesAnExampleOfEachCommandThatParses) {
 
 TEST_F(KelotlsctlConsole, RefusesWhatIsNoHostAndPort) {
   join_both();
-  for (const std::string text : {"host", ":443", "host:", "::1:443"}) {
+  const std::pair<std::string, std::string> addresses[] = {
+      {"host", "names no port"},
+      {":443", "names no host"},
+      {"host:", "\"\" is no port from 1 to 65535"},
+      {"host:99999", "\"99999\" is no port from 1 to 65535"},
+      {"::1:443", "holds an IPv6 address without brackets"}};
+  for (const auto& [text, fault] : addresses) {
     const Outcome outcome = run({"probe", "web", "--connect", text});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.err, "kelotlsctl: error: \"" + text +
-                               "\" is not HOST:PORT\n"
-                               "  An IPv6 address stands in brackets: [::1]:443\n");
+    EXPECT_EQ(
+        outcome.err,
+        "kelotlsctl: error: the address \"" + text + "\": " + fault +
+            "\n  An address is HOST:PORT, [IPV6]:PORT or unix:PATH, such as localhost:443.\n");
   }
 }
 
@@ -145,6 +156,29 @@ TEST_F(KelotlsctlConsole, ComparesARunningServerWithTheLevel) {
         offers_tls12 || (difference["kind"] == "extra" && difference["what"] == "TLS 1.2");
   }
   EXPECT_TRUE(offers_tls12) << outcome.out;
+}
+
+TEST_F(KelotlsctlConsole, CannotTellOfAServerThatSaysNothing) {
+  join_both();
+  const LoopbackServer server(AF_INET, [](int descriptor) {
+    char hello[4096];
+    (void)!::read(descriptor, hello, sizeof hello);
+  });
+  const std::string address = "127.0.0.1:" + server.port();
+
+  const JsonOutcome outcome = run_json("probe", {"web", "--connect", address, "--deadline", "5"});
+  const Outcome printed = run({"probe", "web", "--connect", address, "--deadline", "5"});
+
+  EXPECT_EQ(outcome.status, 6);
+  EXPECT_EQ(outcome.document["verdict"], "cannot-tell");
+  EXPECT_EQ(outcome.document["agrees"], false);
+  EXPECT_EQ(outcome.document["differences"].size(), 0u);
+  EXPECT_GT(outcome.document["not-known"].size(), 0u);
+  EXPECT_EQ(printed.status, 6);
+  EXPECT_TRUE(contains(
+      printed.out,
+      "  not known         TLS 1.2\n                    the server closed the connection\n"));
+  EXPECT_TRUE(contains(printed.out, "Cannot tell whether all is as the level asks.\n"));
 }
 
 TEST_F(KelotlsctlConsole, ShowsHelpAndVersion) {
@@ -360,7 +394,8 @@ TEST_F(KelotlsctlConsole, SaysThatItsDataCouldNotBeWritten) {
   join_both();
   const Outcome outcome = run_program({"bash", "-c", "\"$0\" list > /dev/full", KELOTLSCTL});
   EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.err, "kelotlsctl: error: the standard output: No space left on device\n");
+  const std::string first = outcome.err.substr(0, outcome.err.find('\n') + 1);
+  EXPECT_EQ(first, "kelotlsctl: error: the standard output: No space left on device\n");
 }
 
 TEST_F(KelotlsctlConsole, WritesIntoNoFileThatTookTheNumberOfAClosedDescriptor) {

@@ -145,10 +145,12 @@ class Comparison {
       }
     }
     for (const Trial& trial : survey_.suites) {
-      // The suites of a version that is extra itself are not told: the version says it.
+      // The suites of a version that is extra or not known itself are not told: the version says
+      // it.
       const bool is_requested = contains(requested, trial.number);
       const bool may_be = trial.verdict != Verdict::kRefused && !is_requested;
-      if (may_be && contains(requested_.versions, trial.version)) {
+      if (may_be && contains(requested_.versions, trial.version) &&
+          contains(offered_.versions, trial.version)) {
         may_be_extra(suite_name(trial.number), trial);
       }
     }

@@ -84,13 +84,15 @@ Json::Value trial_json(const Trial& trial, bool is_requested) {
   return element;
 }
 
-/// Without those that are neither requested nor accepted. member: "suite" or "group".
-Json::Value trials_json(const std::vector<Trial>& trials, const char* member,
+/// Without those that are neither requested nor accepted, and those that are not known because
+/// their version is not. member: "suite" or "group".
+Json::Value trials_json(const Survey& survey, const std::vector<Trial>& trials, const char* member,
                         std::string (*name)(std::uint16_t),
                         const std::function<bool(const Trial&)>& is_requested) {
   Json::Value list = list_of({});
   for (const Trial& trial : trials) {
-    if (trial.verdict != Verdict::kRefused || is_requested(trial)) {
+    const bool may_be = trial.verdict != Verdict::kRefused && serves(survey, trial.version);
+    if (may_be || is_requested(trial)) {
       Json::Value element = trial_json(trial, is_requested(trial));
       element[member] = name(trial.number);
       element["number"] = hexadecimal(trial.number);
@@ -132,17 +134,17 @@ Json::Value survey_json(const Profile& profile, const Survey& survey) {
   const auto asks_for_group = [&](const Trial& trial) {
     return contains(requested.versions, trial.version) && contains(requested.groups, trial.number);
   };
-  return object({{"versions", list_of(survey.versions,
-                                      [&](const Trial& trial) {
-                                        return trial_json(
-                                            trial, contains(requested.versions, trial.version));
-                                      })},
-                 {"suites", trials_json(survey.suites, "suite", suite_name, asks_for_suite)},
-                 {"groups", trials_json(survey.groups, "group", group_name, asks_for_group)},
-                 {"dh-bits", survey.weakest_dh_bits != 0 ? Json::Value(survey.weakest_dh_bits)
-                                                         : Json::Value()},
-                 {"features", features_json(survey)},
-                 {"certificates", certificates_json(survey)}});
+  return object(
+      {{"versions", list_of(survey.versions,
+                            [&](const Trial& trial) {
+                              return trial_json(trial, contains(requested.versions, trial.version));
+                            })},
+       {"suites", trials_json(survey, survey.suites, "suite", suite_name, asks_for_suite)},
+       {"groups", trials_json(survey, survey.groups, "group", group_name, asks_for_group)},
+       {"dh-bits",
+        survey.weakest_dh_bits != 0 ? Json::Value(survey.weakest_dh_bits) : Json::Value()},
+       {"features", features_json(survey)},
+       {"certificates", certificates_json(survey)}});
 }
 
 /// The settings of a running server are not known. What a context made on this machine for the same
