@@ -392,7 +392,8 @@ TEST_F(KelotlsctlConsole, FinishesItsWorkWhenNobodyReads) {
 
 TEST_F(KelotlsctlConsole, SaysThatItsDataCouldNotBeWritten) {
   join_both();
-  const Outcome outcome = run_program({"bash", "-c", "\"$0\" list > /dev/full", KELOTLSCTL});
+  const Outcome outcome =
+      run_program({"bash", "-c", "\"$0\" list --terse > /dev/full", KELOTLSCTL});
   EXPECT_EQ(outcome.status, 1);
   const std::string first = outcome.err.substr(0, outcome.err.find('\n') + 1);
   EXPECT_EQ(first, "kelotlsctl: error: the standard output: No space left on device\n");

@@ -24,7 +24,9 @@ TEST_F(KelotlsctlLook, ListsServicesWithTheirLevelsStatesAndNames) {
             "SERVICE  LEVEL                   STATE                           NAME\n"
             "ssh      old                     in force from its next context  Shell\n"
             "web      default → intermediate  in force                        Web server\n");
-  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(outcome.err,
+            "In force by their files; no running server was asked of 2: kelotlsctl address gives "
+            "one.\n");
 }
 
 TEST_F(KelotlsctlLook, ListsWithoutACommand) {
@@ -160,6 +162,7 @@ TEST_F(KelotlsctlLook, ShowsOneServiceWithItsFiles) {
             "display name  Web server\n"
             "level         default → intermediate\n"
             "state         in force\n"
+            "asked         its files; no running server\n"
             "since         " +
                 read_json(kStamp)["services"]["web"]["since"].asString() + "\n" + "descriptor    " +
                 descriptor_path("web") + "\n" +

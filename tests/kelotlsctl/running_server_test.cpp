@@ -34,13 +34,14 @@ class KelotlsctlRunningServer : public Kelotlsctl {
 
   /// The settings of TLS that the server reads.
   static void include(const std::string& path) {
-    write_file(kConfiguration,
-               std::string("pid ") + kPidFile + "; error_log /usr/kelo/nginx.log; events {} http {" +
-                   " access_log off; client_body_temp_path /tmp/a; proxy_temp_path /tmp/b;" +
-                   " fastcgi_temp_path /tmp/c; uwsgi_temp_path /tmp/d; scgi_temp_path /tmp/e;" +
-                   " server { listen 127.0.0.1:443 ssl; ssl_certificate /usr/kelo/certificate.pem;" +
-                   " ssl_certificate_key /usr/kelo/certificate.pem; include " + path +
-                   "; return 200 well; } }\n");
+    write_file(
+        kConfiguration,
+        std::string("pid ") + kPidFile + "; error_log /usr/kelo/nginx.log; events {} http {" +
+            " access_log off; client_body_temp_path /tmp/a; proxy_temp_path /tmp/b;" +
+            " fastcgi_temp_path /tmp/c; uwsgi_temp_path /tmp/d; scgi_temp_path /tmp/e;" +
+            " server { listen 127.0.0.1:443 ssl; ssl_certificate /usr/kelo/certificate.pem;" +
+            " ssl_certificate_key /usr/kelo/certificate.pem; include " + path +
+            "; return 200 well; } }\n");
   }
 
   void start() {
@@ -96,9 +97,8 @@ TEST_F(KelotlsctlRunningServer, ThatDiffersIsShownByListAndCheck) {
   include("/usr/kelo/other.conf");
   ASSERT_EQ(run_program({"/usr/kelo/reload"}).status, 0);
 
-  EXPECT_TRUE(eventually([] {
-    return run_json("list").document["services"][0]["state"] == "differs";
-  }));
+  EXPECT_TRUE(
+      eventually([] { return run_json("list").document["services"][0]["state"] == "differs"; }));
   const Outcome listed = run({"list"});
   EXPECT_TRUE(contains(listed.out, "differs on the wire"));
   const Outcome checked = run({"check", "nginx"});

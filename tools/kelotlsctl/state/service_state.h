@@ -103,7 +103,8 @@ class ServiceInspector {
 
   /// From now on, a level that is in force by the service's files has to be seen at its running
   /// server too, where an address is kept. The document then tells what was "asked".
-  void ask_servers() { addresses_ = Addresses::load(); }
+  /// A file of addresses that cannot be read or used counts as none; check names it.
+  void ask_servers() { addresses_ = Addresses::fault().empty() ? Addresses::load() : Addresses(); }
 
   ServiceStatus inspect(const std::string& service);
 
