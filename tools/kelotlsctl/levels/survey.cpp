@@ -20,6 +20,9 @@ namespace {
 constexpr int kAttemptsOfMany = 2;
 constexpr int kAttemptsOfOne = 4;
 
+constexpr std::uint16_t kP256 = 0x0017;
+constexpr std::uint16_t kP384 = 0x0018;
+constexpr std::uint16_t kX25519 = 0x001d;
 constexpr std::uint16_t kFirstFiniteField = 0x0100;
 constexpr std::uint16_t kLastFiniteField = 0x01ff;
 
@@ -34,6 +37,20 @@ void remove(Numbers& numbers, std::uint16_t number) {
 KeyExchange key_exchange_of(std::uint16_t number) {
   const CipherSuite* const suite = find_suite(number);
   return suite != nullptr ? key_exchange_of(*suite) : KeyExchange::kOther;
+}
+
+/// Hellos of a version as any client of its time sent them, short and with common suites. A server
+/// that answers none of them answers no other of that version.
+std::vector<Numbers> common_suites_of(std::uint16_t version) {
+  switch (version) {
+    case kTls13:
+      return {{0x1301, 0x1302, 0x1303}};
+    case kTls12:
+      return {{0xc02b, 0xc02f, 0xc02c, 0xc030, 0xcca9, 0xcca8, 0x009e, 0x009c},
+              {0xc009, 0xc013, 0x0033, 0x002f, 0x0035}};
+    default:
+      return {{0xc009, 0xc013, 0x0033, 0x002f, 0x0035}, {0x000a, 0x0005}};
+  }
 }
 
 /// Suites that need the same of a server together: one that a server chooses and then stumbles
@@ -55,6 +72,7 @@ class Surveyor {
       : asker_(asker), shake_hands_(shake_hands), progress_(progress) {}
 
   Survey run() {
+    asker_.greet(common_hellos());
     // The likeliest first: what is answered tells how long an answer takes.
     for (const std::uint16_t version : {kTls12, kTls13, kTls11, kTls10, kSsl3, kSsl2}) {
       survey_version(version);
@@ -105,12 +123,41 @@ class Surveyor {
     }
   }
 
+  std::vector<Hello> common_hellos() const {
+    return {hello_of_common_suites(kTls12, common_suites_of(kTls12).front()),
+            hello_of_common_suites(kTls13, common_suites_of(kTls13).front())};
+  }
+
+  Hello hello_of_common_suites(std::uint16_t version, const Numbers& suites) const {
+    Hello hello = hello_of(version, suites);
+    hello.groups = {kP256, kP384, kX25519};
+    return hello;
+  }
+
+  /// What the version is answered with. Where the complete hello is not answered, a common one may
+  /// still be.
+  Answer ask_for_version(std::uint16_t version) {
+    Answer answer = ask(hello_of(version, suites_of_version(version)));
+    if (version != kSsl2) {
+      for (const Numbers& suites : common_suites_of(version)) {
+        if (answer.verdict == Verdict::kNotKnown && !asker_.has_given_up()) {
+          answer = ask(hello_of_common_suites(version, suites));
+        }
+      }
+    }
+    return answer;
+  }
+
   void survey_version(std::uint16_t version) {
-    const Numbers suites = suites_of_version(version);
-    const Answer first = ask(hello_of(version, suites));
+    const Answer first = ask_for_version(version);
     const std::size_t start = survey_.suites.size();
-    const bool is_settled = version == kSsl2 || says_version_is_refused(first, version);
-    if (!is_settled) {
+    const bool is_unanswered = first.verdict == Verdict::kNotKnown && !first.is_alert;
+    const bool is_settled =
+        version == kSsl2 || is_unanswered || says_version_is_refused(first, version);
+    if (is_unanswered && version != kSsl2) {
+      note_all(version, suites_of_version(version), Verdict::kNotKnown, first.reason,
+               survey_.suites);
+    } else if (!is_settled) {
       for (const auto& [exchange, members] : classes_of_version(version)) {
         survey_class(version, exchange, members);
       }
@@ -318,7 +365,7 @@ class Surveyor {
         break;
       }
     }
-    for (const std::uint16_t version : {kTls13, kTls12, kTls11, kTls10}) {
+    for (const std::uint16_t version : {kTls13, kTls12, kTls11, kTls10, kSsl3}) {
       const Numbers suites = accepted_in(survey_.suites, version);
       if (suites.size() > 1) {
         survey_order(version, suites);

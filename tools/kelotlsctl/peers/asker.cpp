@@ -67,6 +67,20 @@ Answer Asker::ask(const Hello& hello, int attempts) {
                                                            : answer;
 }
 
+void Asker::greet(const std::vector<Hello>& hellos) {
+  for (int fruitless = 0; fruitless < kFruitlessRounds && !is_over(); ++fruitless) {
+    for (const Hello& hello : hellos) {
+      const bool is_silent = ask_once(hello, false).reason == kTimedOut;
+      if (control_) {
+        return;
+      }
+      fruitless += is_silent ? kFruitlessRounds / 4 : 0;
+    }
+    pause();
+  }
+  is_lost_ = true;
+}
+
 Answer Asker::insist(const Hello& hello, Answer answer, int attempts) {
   const milliseconds pace = pace_;
   int fruitless = 0;

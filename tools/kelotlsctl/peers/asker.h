@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <vector>
 
 #include "peers/connection.h"
 
@@ -27,6 +28,10 @@ class Asker {
   /// server counts as lost, and each hello is tried once until one is answered again; none where
   /// none ever was. An alert is an answer: where it tells nothing, it is asked for once more.
   Answer ask(const Hello& hello, int attempts);
+
+  /// Looks for a hello that the server answers, so that it can be told from another that it does
+  /// not. Where it answers none of these, it counts as lost.
+  void greet(const std::vector<Hello>& hellos);
 
   /// Whether it is no use to ask for less at a time.
   bool has_given_up() const { return is_lost_ || is_over(); }

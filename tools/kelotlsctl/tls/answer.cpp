@@ -250,11 +250,17 @@ void AnswerReader::take_server_hello(const Bytes& body) {
       take_extension(kind, entry.vector(2));
     }
   }
-  const Numbers& offered = hello_.suites;
-  if (answer_.version != hello_.version) {
+  const auto is_among = [](const Numbers& offered, std::uint16_t chosen) {
+    return std::find(offered.begin(), offered.end(), chosen) != offered.end();
+  };
+  if (answer_.version > hello_.version) {
+    end(Verdict::kNotKnown, "the server chose a version that was not offered");
+  } else if (answer_.version != hello_.version) {
     end(Verdict::kRefused, "the server chose another version");
-  } else if (std::find(offered.begin(), offered.end(), answer_.suite) == offered.end()) {
+  } else if (!is_among(hello_.suites, answer_.suite)) {
     end(Verdict::kNotKnown, "the server chose a suite that was not offered");
+  } else if (answer_.group != 0 && !is_among(hello_.groups, answer_.group)) {
+    end(Verdict::kNotKnown, "the server chose a group that was not offered");
   } else if (answer_.version == kTls13) {
     end(Verdict::kAccepted);  // what follows is encrypted, or waits for a key share
   }

@@ -113,6 +113,13 @@ Bytes extensions(const Hello& hello) {
   return vector_of(list, 2);
 }
 
+/// SSL 3 has no extensions: a suite that is none says that secure renegotiation is known.
+Bytes list_of_suites(const Hello& hello) {
+  constexpr std::size_t kSecureRenegotiation = 0x00ff;
+  return list_of_numbers(hello.suites) +
+         (hello.version == kSsl3 ? number(kSecureRenegotiation, 2) : Bytes());
+}
+
 /// Every cipher kind that SSL 2 had.
 Bytes write_ssl2_hello() {
   Bytes kinds;
@@ -142,7 +149,7 @@ Bytes write_hello(const Hello& hello) {
   }
   const std::uint16_t version = std::min(hello.version, kTls12);
   const Bytes body = number(version, 2) + random_bytes(32) + vector_of("", 1) +
-                     vector_of(list_of_numbers(hello.suites), 2) +
+                     vector_of(list_of_suites(hello), 2) +
                      vector_of(hello.compression ? Bytes("\1\0", 2) : Bytes(1, '\0'), 1) +
                      (hello.version == kSsl3 ? Bytes() : extensions(hello));
   return number(22, 1) + number(std::min(version, kTls10), 2) +
