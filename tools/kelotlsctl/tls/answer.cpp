@@ -258,7 +258,8 @@ void AnswerReader::take_server_hello(const Bytes& body) {
   } else if (answer_.version != hello_.version) {
     end(Verdict::kRefused, "the server chose another version");
   } else if (!is_among(hello_.suites, answer_.suite)) {
-    end(Verdict::kNotKnown, "the server chose a suite that was not offered");
+    end(Verdict::kNotKnown,
+        "the server chose " + suite_name(answer_.suite) + ", which was not offered");
   } else if (answer_.group != 0 && !is_among(hello_.groups, answer_.group)) {
     end(Verdict::kNotKnown, "the server chose a group that was not offered");
   } else if (answer_.version == kTls13) {
