@@ -2,8 +2,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <functional>
 #include <iterator>
+#include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "kelotlsctl.h"
@@ -108,6 +111,99 @@ TEST_F(KelotlsctlConsole, GivesAnExampleOfEachCommandThatParses) {
     EXPECT_NE(run(example).status, 2) << name;
   }
   EXPECT_EQ(commands, 24u);
+}
+
+/// The codes behind "Exit codes: " in the help of a command.
+std::set<int> documented_codes(const std::string& command) {
+  const std::string help = run({command, "--help"}).out;
+  const std::size_t begin = help.find("Exit codes: ") + 12;
+  std::istringstream list(help.substr(begin, help.find('.', begin) - begin));
+  std::set<int> codes;
+  std::string code;
+  while (std::getline(list, code, ',')) {
+    codes.insert(std::stoi(code));
+  }
+  return codes;
+}
+
+TEST_F(KelotlsctlConsole, NamesInTheHelpOfEachCommandTheCodesThatItEndsWith) {
+  join_both();
+  write_file("/tmp/web.json", web_registration());
+  write_file("/tmp/bad.json", "{");
+  write_file("/tmp/levels.json", data_store_text(1, {{"web", "1"}}));
+  const std::vector<std::function<void()>> states = {
+      [] {},
+      [] { write_file(kReloaderStatus, "1"); },
+      [] { remove_all(kTemplate); },
+      [] {
+        write_file(kDataStore, data_store_text(2, {{"web", "-1"}}));
+      },
+      [] { write_file(kDataStore, "{"); },
+      [] { remove_all(kDataStore); }};
+  const std::vector<Arguments> commands = {{"list"},
+                                           {"list", "--state", "bogus"},
+                                           {"status"},
+                                           {"show", "web"},
+                                           {"show", "nix"},
+                                           {"get", "web"},
+                                           {"get", "nix"},
+                                           {"levels"},
+                                           {"explain", "old"},
+                                           {"explain", "web"},
+                                           {"explain", "nix"},
+                                           {"probe", "web"},
+                                           {"probe", "nix"},
+                                           {"probe", "web", "--connect", "x"},
+                                           {"check"},
+                                           {"check", "web"},
+                                           {"check", "nix"},
+                                           {"history"},
+                                           {"set", "web", "old"},
+                                           {"set", "web", "modern", "--apply"},
+                                           {"set", "nix", "old"},
+                                           {"set", "web", "bogus"},
+                                           {"default", "old"},
+                                           {"default", "modern", "--apply"},
+                                           {"default", "bogus"},
+                                           {"validate", "/tmp/web.json"},
+                                           {"validate", "/tmp/bad.json"},
+                                           {"validate", "/tmp/absent"},
+                                           {"join", "/tmp/bad.json"},
+                                           {"join", "/tmp/web.json"},
+                                           {"leave", "--dry-run", "/tmp/web.json"},
+                                           {"regen", "--dry-run"},
+                                           {"render"},
+                                           {"render", "--check"},
+                                           {"render", "nix"},
+                                           {"render", "--level", "old"},
+                                           {"reload"},
+                                           {"reload", "nix"},
+                                           {"reload", "--reload-timeout", "x"},
+                                           {"apply"},
+                                           {"apply", "nix"},
+                                           {"apply", "--reload-timeout", "x"},
+                                           {"backup", "--dry-run"},
+                                           {"restore", "--dry-run", "/tmp/levels.json"},
+                                           {"restore", "/tmp/bad.json"},
+                                           {"init", "--dry-run"},
+                                           {"init", "--default", "bogus"},
+                                           {"recover", "--dry-run"},
+                                           {"recover", "--default", "bogus"},
+                                           {"dh", "--dry-run"}};
+  std::map<std::string, std::set<int>> seen;
+  for (const auto& enter : states) {
+    enter();
+    for (const Arguments& command : commands) {
+      seen[command[0]].insert(run(command).status);
+    }
+  }
+  EXPECT_EQ(seen.size(), 23u);
+  for (const auto& [command, codes] : seen) {
+    const std::set<int> documented = documented_codes(command);
+    for (const int code : codes) {
+      EXPECT_EQ(documented.count(code), 1u) << command << " ended with " << code;
+    }
+  }
 }
 
 TEST_F(KelotlsctlConsole, RefusesWhatIsNoHostAndPort) {
