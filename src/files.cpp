@@ -42,11 +42,8 @@ bool follow_links(std::string& path, struct stat& status) {
     if (length < 0) {
       return false;
     }
-    const std::string name(target, static_cast<std::size_t>(length));
-    if (name.compare(0, 1, "/") == 0) {
-      path.clear();
-    }
-    path.replace(directory_of(path).size(), std::string::npos, name);
+    const std::size_t kept = target[0] == '/' ? 0 : directory_of(path).size();
+    path.replace(kept, std::string::npos, target, static_cast<std::size_t>(length));
   }
   return fail(ELOOP);
 }

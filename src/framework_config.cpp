@@ -125,8 +125,6 @@ int update_service_level(Json::Value& root, const std::string& name, int level) 
   return 0;
 }
 
-void update_default_level(Json::Value& root, int level) { root["default-level"] = level; }
-
 int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& services) {
   for (const ServiceDesc& service : services) {
     const std::string name = service.get_service_name();
@@ -166,7 +164,7 @@ Json::Value DataStoreProvider::list_services() const {
 
 void DataStoreProvider::set_default_level(TlsProfileLevel level) {
   Json::Value root = load_data_store();
-  update_default_level(root, level);
+  root["default-level"] = level;  // null becomes an object that holds nothing else
   save_data_store(root);
 }
 

@@ -48,9 +48,6 @@ int lookup_service_level(const Json::Value& root, const std::string& name);
 /// Sets the level of a service that has an entry. 0, or kServiceNotJoined once logged.
 int update_service_level(Json::Value& root, const std::string& name, int level);
 
-/// Sets the default level; a null root becomes an object that holds nothing else.
-void update_default_level(Json::Value& root, int level);
-
 /// Gives each service an entry built afresh, with the level of the one that it replaces, copied as
 /// it is, or 0. Turns a null root into an object. Always 0.
 int merge_service_entries(Json::Value& root, const std::vector<ServiceDesc>& services);

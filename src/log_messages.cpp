@@ -30,6 +30,4 @@ void write_line(const char* format, ...) {
   va_end(arguments);
 }
 
-void write_audit(const std::string& text) { syslog(LOG_AUTHPRIV | LOG_NOTICE, "%s", text.c_str()); }
-
 }  // namespace kelotls::log

@@ -16,9 +16,6 @@ void observe(Observer observer);
 /// Every line goes through here. "%m" is the text of errno as it was at the call.
 __attribute__((format(printf, 1, 2))) void write_line(const char* format, ...);
 
-/// The command's own line on a change, for the log of who did what. The observer is not asked.
-void write_audit(const std::string& text);
-
 // The function of a message of its text alone, on a name or a path, or with errno's number before.
 #define LINE(function, format) \
   inline void function() { write_line(format); }

@@ -41,13 +41,6 @@ bool install_files(const APIProvider& provider, const std::vector<ServiceDesc>& 
   return true;
 }
 
-/// Removes what a failed join has created, in the order of its creation.
-void fallback_installed_files(const std::vector<std::string>& installed) {
-  for (const std::string& path : installed) {
-    remove_file(path, log::installed_file_not_removed);
-  }
-}
-
 /// Removes the files of the services, in order. False once a reloader link that stays is logged.
 bool uninstall_files(const APIProvider& provider, const std::vector<ServiceDesc>& services) {
   for (const ServiceDesc& service : services) {
@@ -142,7 +135,9 @@ int APIProvider::join_framework(const Json::Value& registration) const {
     }
     log::joined_data_store_not_saved();
   }
-  fallback_installed_files(installed);
+  for (const std::string& path : installed) {  // in the order of their creation
+    remove_file(path, log::installed_file_not_removed);
+  }
   return -1;
 }
 

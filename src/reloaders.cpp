@@ -10,6 +10,21 @@
 
 namespace kelotls {
 
+namespace {
+
+/// Runs one reloader and waits for its end. A failure is logged.
+void run_reloader(const std::string& path) {
+  errno = 0;
+  const int status = KLIBCExec(path.c_str(), nullptr, nullptr, nullptr, nullptr);
+  if (errno != 0) {
+    log::reloader_not_run(path);
+  } else if (status != 0) {
+    log::reloader_failed(status, path);
+  }
+}
+
+}  // namespace
+
 bool collect_reloaders(FileList& names, std::vector<std::string>& paths, const char*& directory) {
   for (const char* listed : {kSystemReloaderDir, kPackageReloaderDir}) {
     directory = listed;
@@ -22,19 +37,6 @@ bool collect_reloaders(FileList& names, std::vector<std::string>& paths, const c
     KLIBCSzListRemoveAll(names.get());
   }
   return true;
-}
-
-ReloadResult run_reloader(const std::string& path) {
-  ReloadResult result = {path, 0, 0};
-  errno = 0;
-  result.status = KLIBCExec(path.c_str(), nullptr, nullptr, nullptr, nullptr);
-  result.error = errno;
-  if (result.error != 0) {
-    log::reloader_not_run(path);
-  } else if (result.status != 0) {
-    log::reloader_failed(result.status, path);
-  }
-  return result;
 }
 
 int APIProvider::execute_service_reloader() const {

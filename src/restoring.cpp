@@ -7,7 +7,7 @@
 namespace kelotls {
 
 void restore_levels(Json::Value& live, const Json::Value& saved) {
-  update_default_level(live, saved["default-level"].asInt());
+  live["default-level"] = saved["default-level"].asInt();
   const Json::Value& services = saved["services"];
   for (auto service = services.begin(); service != services.end(); ++service) {
     const std::string name = service.name();

@@ -240,24 +240,5 @@ TEST_F(FrameworkConfig, LeavesTheRootAloneWhenTheServiceIsNotJoined) {
             (Lines{error_line(kNotJoinedUpdate + "mail"), error_line(kNotJoinedUpdate + "web")}));
 }
 
-TEST_F(FrameworkConfig, UpdatesTheDefaultLevelUnchecked) {
-  Json::Value root = one_service(2, 3);
-  Json::Value expected = root;
-  expected["default-level"] = -77;
-
-  update_default_level(root, -77);
-
-  EXPECT_EQ(root, expected);
-}
-
-TEST_F(FrameworkConfig, MakesANullRootAnObjectThatHoldsOnlyTheDefaultLevel) {
-  Json::Value root;
-
-  update_default_level(root, 2);
-
-  EXPECT_EQ(root.getMemberNames(), Lines{"default-level"});
-  EXPECT_EQ(root["default-level"], Json::Value(2));
-}
-
 }  // namespace
 }  // namespace kelotls::test

@@ -1,4 +1,4 @@
-// What is known of each reloader: where it is, and how it ended.
+// Which reloaders there are, and in which order they run.
 #include "reloaders.h"
 
 #include <cerrno>
@@ -8,50 +8,12 @@
 namespace kelotls::test {
 namespace {
 
-using ReloaderResults = Framework;
+using Reloaders = Framework;
 
-constexpr char kReloader[] = "/usr/kelo/reloader";
 const std::string kSystem = kSystemReloaders;
 const std::string kPackage = kPackageReloaders;
 
-ReloadResult run_program(const std::string& text) {
-  write_program(kReloader, text);
-  errno = EPERM;  // a caller's errno is no failure
-  return run_reloader(kReloader);
-}
-
-TEST_F(ReloaderResults, AreASuccessWhereItEndsWithZero) {
-  const ReloadResult result = run_program("#!/bin/sh\nexit 0\n");
-
-  EXPECT_TRUE(result.succeeded());
-  EXPECT_EQ(result.path, kReloader);
-  EXPECT_EQ(result.error, 0);
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(log(), Lines());
-}
-
-TEST_F(ReloaderResults, HoldTheStatusThatItEndsWith) {
-  const ReloadResult result = run_program("#!/bin/sh\nexit 3\n");
-
-  EXPECT_FALSE(result.succeeded());
-  EXPECT_EQ(result.path, kReloader);
-  EXPECT_EQ(result.error, 0);
-  EXPECT_EQ(result.status, 3);
-  EXPECT_EQ(log(), Lines{error_line("api_provider.cpp:349 Reload service return error code. [3]: "
-                                    "/usr/kelo/reloader")});
-}
-
-TEST_F(ReloaderResults, HoldTheReasonWhyItCouldNotBeRun) {
-  const ReloadResult result = run_reloader("/usr/kelo/missing");
-
-  EXPECT_FALSE(result.succeeded());
-  EXPECT_EQ(result.path, "/usr/kelo/missing");
-  EXPECT_EQ(result.error, ENOENT);
-  EXPECT_EQ(log(), Lines{error_line("api_provider.cpp:346 KLIBCExec failed. "
-                                    "[2][No such file or directory]: /usr/kelo/missing")});
-}
-
-TEST_F(ReloaderResults, AreOfTheSystemsReloadersFirst) {
+TEST_F(Reloaders, AreListedTheSystemsFirst) {
   for (const std::string& path : {kPackage + "a.conf", kSystem + "z", kSystem + "y.conf"}) {
     write_file(path, "");
   }
@@ -64,7 +26,7 @@ TEST_F(ReloaderResults, AreOfTheSystemsReloadersFirst) {
   EXPECT_EQ(paths, (Lines{"before", kSystem + "y.conf", kSystem + "z", kPackage + "a.conf"}));
 }
 
-TEST_F(ReloaderResults, NameTheDirectoryThatCannotBeListed) {
+TEST_F(Reloaders, NameTheDirectoryThatCannotBeListed) {
   for (const std::string& missing : {kPackage, kSystem}) {
     remove_all(missing);
     std::vector<std::string> paths;

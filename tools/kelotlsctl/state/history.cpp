@@ -5,6 +5,7 @@
 #include <json/writer.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,7 +19,6 @@
 
 #include "files.h"
 #include "json_document.h"
-#include "log_messages.h"
 #include "output/console.h"
 #include "paths.h"
 #include "state/store.h"
@@ -263,7 +263,7 @@ bool end_record(int code, int exit_status) {
   }
   const bool is_written = append(current().end);
   const int error = errno;
-  kelotls::log::write_audit(log_text());
+  ::syslog(LOG_AUTHPRIV | LOG_NOTICE, "%s", log_text().c_str());
   errno = error;
   return is_written;
 }
