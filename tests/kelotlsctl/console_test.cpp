@@ -449,6 +449,8 @@ TEST_F(KelotlsctlConsole, CountsTheServicesThatItGoesThrough) {
     EXPECT_TRUE(contains(applied, std::string("\r\033[K") + verb)) << verb;
   }
   EXPECT_TRUE(contains(applied, "rendering service9 [###########################...] 11/12\r"));
+  EXPECT_TRUE(contains(
+      applied, "reloading " + link_path("service9") + " [###########################...] 11/12\r"));
   EXPECT_TRUE(contains(shown({"render"}), "rendering service9 "));
   EXPECT_TRUE(
       contains(shown({"set", "--all", "old", "--apply", "--dry-run"}), "rendering service9 "));

@@ -163,10 +163,13 @@ TEST_F(KelotlsctlHistory, SaysWhatCameOfEachService) {
     EXPECT_TRUE(contains(last_of("web"), "failed")) << command;
     EXPECT_TRUE(contains(last_of("other"), "done")) << command;
   }
+  write_file(kReloaderStatus, "0");
   remove_all(kTemplate);
-  ASSERT_EQ(run({"render"}).status, 1);
-  EXPECT_TRUE(contains(last_of("web"), "failed"));
-  EXPECT_TRUE(contains(last_of("other"), "done"));
+  for (const char* const command : {"render", "apply"}) {
+    ASSERT_EQ(run({command}).status, 1);
+    EXPECT_TRUE(contains(last_of("web"), "failed")) << command;
+    EXPECT_TRUE(contains(last_of("other"), "done")) << command;
+  }
   write_program("/tmp/reload-other", "#!/bin/sh\nkill -TERM $PPID\n");  // runs before web's
   ASSERT_EQ(run({"reload"}).status, 143);
   EXPECT_TRUE(contains(last_of("web"), "interrupted"));

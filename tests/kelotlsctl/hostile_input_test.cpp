@@ -180,7 +180,7 @@ void join_by_the_library() {
 
 TEST_F(HostileInput, NothingPrintedHoldsWhatNobodyCanSee) {
   join_by_the_library();
-  write_file(kTemplate, "line \x1b[2J" + kName + "\n");
+  write_file(kTemplate, "line \x1b[2J" + kName + "{{#mozilla_modern}}m{{/mozilla_modern}}\n");
   const std::vector<Arguments> commands = {{"list"},
                                            {"show", kName},
                                            {"get", kName},

@@ -44,6 +44,10 @@ class Programs : public PrivateTree {
   }
 };
 
+TEST_F(Programs, MayTakeAMinuteUnlessToldOtherwise) {
+  EXPECT_EQ(kelotlsctl::kReloadTimeout, seconds(60));
+}
+
 TEST_F(Programs, GiveTheirStatus) {
   for (const int status : {0, 1, 7, 255}) {
     write_script("exit " + std::to_string(status));
