@@ -330,7 +330,7 @@ TEST(ReadAnswer, IsNotKnownWithoutAServerHelloFirst) {
 // Hellos
 
 TEST(ReadAnswer, IsARefusalOfTheVersionWhereAnotherWasChosen) {
-  for (const std::uint16_t asked : {kSsl3, kTls10, kTls12, kTls13}) {
+  for (const std::uint16_t asked : {kTls12, kTls13}) {
     const Answer answer = read(record(kHandshake, server_hello(0x0302, kRsa)), asked);
 
     EXPECT_EQ(answer.verdict, Verdict::kRefused);
@@ -339,10 +339,18 @@ TEST(ReadAnswer, IsARefusalOfTheVersionWhereAnotherWasChosen) {
   }
 }
 
+TEST(ReadAnswer, IsNotKnownWhereAVersionWasChosenThatIsNewerThanTheOffered) {
+  for (const std::uint16_t asked : {kSsl3, kTls10}) {
+    const Answer answer = read(record(kHandshake, server_hello(0x0302, kRsa)), asked);
+
+    expect_not_known(answer, "the server chose a version that was not offered");
+  }
+}
+
 TEST(ReadAnswer, IsNotKnownWhereASuiteWasChosenThatWasNotOffered) {
   const Answer answer = read(flight(0x1301, ""));
 
-  expect_not_known(answer, "the server chose a suite that was not offered");
+  expect_not_known(answer, "the server chose TLS_AES_128_GCM_SHA256, which was not offered");
   EXPECT_EQ(answer.suite, 0x1301);
 }
 
@@ -401,6 +409,17 @@ TEST(ReadAnswer, KnowsAHelloRetryRequestByItsRandomValue) {
   EXPECT_EQ(answer.group, 0x0101);
   EXPECT_EQ(answer.suite, 0x1302);
   EXPECT_TRUE(answer.wants_key_share);
+}
+
+TEST(ReadAnswer, IsNotKnownWhereAGroupWasChosenThatWasNotOffered) {
+  Hello hello = hello_of(kTls13);
+  hello.groups = {0x0017, 0x0018};
+  const Bytes extensions = extension(0x0033, number(0x001d, 2)) + extension(0x002b, "\3\4");
+  AnswerReader reader(hello);
+
+  reader.take(record(kHandshake, server_hello(kTls12, 0x1301, extensions)));
+
+  expect_not_known(reader.finish(kSilence), "the server chose a group that was not offered");
 }
 
 // Messages behind the hello

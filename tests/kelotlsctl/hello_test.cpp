@@ -132,7 +132,7 @@ Hello hello_of(std::uint16_t version, const Numbers& suites = {kEcdheRsaAes128Gc
 }
 
 TEST(WrittenHello, OffersItsVersionAndSuitesInTheirOrder) {
-  for (const std::uint16_t version : {kSsl3, kTls10, kTls11, kTls12, kTls13}) {
+  for (const std::uint16_t version : {kTls10, kTls11, kTls12, kTls13}) {
     const Parsed parsed = parse(hello_of(version, {0x1301, 0xfefe, 0x0005}));
 
     ASSERT_TRUE(parsed.is_read) << version;
@@ -142,6 +142,14 @@ TEST(WrittenHello, OffersItsVersionAndSuitesInTheirOrder) {
     EXPECT_EQ(parsed.session_id, "") << version;
     EXPECT_EQ(parsed.random.size(), 32U) << version;
   }
+}
+
+TEST(WrittenHello, AsksForSecureRenegotiationByASuiteInSsl3) {
+  const Parsed parsed = parse(hello_of(kSsl3, {0x000a, 0x0005}));
+
+  ASSERT_TRUE(parsed.is_read);
+  EXPECT_EQ(parsed.version, kSsl3);
+  EXPECT_EQ(parsed.suites, list_of({0x000a, 0x0005, 0x00ff}));
 }
 
 TEST(WrittenHello, HasARandomValueOfItsOwn) {

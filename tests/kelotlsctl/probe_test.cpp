@@ -572,6 +572,52 @@ TEST_F(ProbeServer, SaysThatWhatAnswersSpeaksNoTls) {
             (std::set<std::string>{"what answers does not speak TLS", kNotTried}));
 }
 
+/// Serves the connections whose first bytes please, and closes the others.
+LoopbackServer::Serve picky(SSL_CTX* context, std::atomic<int>& connections,
+                            const std::function<bool(const unsigned char* hello)>& pleases) {
+  return [=, &connections, serve = serve_tls(context)](int descriptor) {
+    unsigned char hello[11];
+    ++connections;
+    if (::recv(descriptor, hello, sizeof hello, MSG_PEEK | MSG_WAITALL) == sizeof hello &&
+        pleases(hello)) {
+      serve(descriptor);
+    }
+  };
+}
+
+TEST_F(ProbeServer, SeesAllOfAServerThatBearsNoLongHellos) {
+  const Context context = acquire(2);
+  use_certificate(context.get(), "rsa");
+  std::atomic<int> connections{0};
+  const LoopbackServer server(AF_INET,
+                              picky(context.get(), connections, [](const unsigned char* hello) {
+                                return hello[0] != 22 || (hello[3] << 8 | hello[4]) <= 400;
+                              }));
+
+  const Json::Value report = probe_server(server, 2);
+
+  EXPECT_EQ(differences(report), Lines{});
+  EXPECT_EQ(not_known(report), Lines{});
+  EXPECT_EQ(report["verdict"], "agrees");
+}
+
+TEST_F(ProbeServer, SpendsLittleOnAVersionThatIsNeverAnswered) {
+  const Context context = acquire(2);
+  use_certificate(context.get(), "rsa");
+  std::atomic<int> connections{0};
+  const LoopbackServer server(
+      AF_INET, picky(context.get(), connections, [](const unsigned char* hello) {
+        return hello[0] == 22 && hello[10] == 3;  // TLS 1.2 and 1.3 have the same number here
+      }));
+
+  const Json::Value report = probe_server(server, 2);
+
+  EXPECT_EQ(report["verdict"], "cannot-tell");
+  EXPECT_EQ(suite(report, "TLS 1.2", "ECDHE-RSA-AES128-GCM-SHA256"), "accepted, yes");
+  EXPECT_EQ(trial(report, "versions", "version", "TLS 1.0", "TLS 1.0"), "not-known, no");
+  EXPECT_LT(connections, 300);
+}
+
 TEST_F(ProbeServer, RaisesNoSignalTowardsAServerThatIsGone) {
   std::signal(SIGPIPE, SIG_DFL);
   int ends[2];

@@ -72,7 +72,7 @@ class Surveyor {
       : asker_(asker), shake_hands_(shake_hands), progress_(progress) {}
 
   Survey run() {
-    asker_.greet(common_hellos());
+    greeting_ = asker_.greet(common_hellos());
     // The likeliest first: what is answered tells how long an answer takes.
     for (const std::uint16_t version : {kTls12, kTls13, kTls11, kTls10, kSsl3, kSsl2}) {
       survey_version(version);
@@ -137,6 +137,9 @@ class Surveyor {
   /// What the version is answered with. Where the complete hello is not answered, a common one may
   /// still be.
   Answer ask_for_version(std::uint16_t version) {
+    if (version == kTls12 && asker_.has_given_up()) {
+      return greeting_;
+    }
     Answer answer = ask(hello_of(version, suites_of_version(version)));
     if (version != kSsl2) {
       for (const Numbers& suites : common_suites_of(version)) {
@@ -432,6 +435,7 @@ class Surveyor {
   const ShakeHands& shake_hands_;
   const Progress& progress_;
   std::size_t done_ = 0;
+  Answer greeting_;                // what came of a short hello of TLS 1.2
   bool needs_key_shares_ = false;  // a hello of TLS 1.3 without any is refused
   Survey survey_;
 };

@@ -67,18 +67,21 @@ Answer Asker::ask(const Hello& hello, int attempts) {
                                                            : answer;
 }
 
-void Asker::greet(const std::vector<Hello>& hellos) {
+Answer Asker::greet(const std::vector<Hello>& hellos) {
+  Answer first;
   for (int fruitless = 0; fruitless < kFruitlessRounds && !is_over(); ++fruitless) {
     for (const Hello& hello : hellos) {
-      const bool is_silent = ask_once(hello, false).reason == kTimedOut;
+      const Answer answer = ask_once(hello, false);
+      first = &hello == &hellos.front() ? answer : first;
       if (control_) {
-        return;
+        return first;
       }
-      fruitless += is_silent ? kFruitlessRounds / 4 : 0;
+      fruitless += answer.reason == kTimedOut ? kFruitlessRounds / 4 : 0;
     }
     pause();
   }
   is_lost_ = true;
+  return first;
 }
 
 Answer Asker::insist(const Hello& hello, Answer answer, int attempts) {

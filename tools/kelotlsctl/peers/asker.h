@@ -30,8 +30,8 @@ class Asker {
   Answer ask(const Hello& hello, int attempts);
 
   /// Looks for a hello that the server answers, so that it can be told from another that it does
-  /// not. Where it answers none of these, it counts as lost.
-  void greet(const std::vector<Hello>& hellos);
+  /// not. Where it answers none of these, it counts as lost. Returns what came of the first.
+  Answer greet(const std::vector<Hello>& hellos);
 
   /// Whether it is no use to ask for less at a time.
   bool has_given_up() const { return is_lost_ || is_over(); }
