@@ -116,13 +116,19 @@ class Comparison {
                     " bits that the level asks for.");
     } else if (offered != 0) {
       add(name, "missing", cause_of(kOtherCause, done + " instead."));
-    } else if (std::all_of(survey_.suites.begin(), survey_.suites.end(), [](const Trial& trial) {
-                 return !needs_dhe(trial.number) || trial.verdict == Verdict::kRefused;
-               })) {
+    } else if (refuses_dhe()) {
       const Numbers& versions = offered_.versions;
       const bool uses_dhe = !versions.empty() && versions.front() < kTls13;
       add_missing(name, {Missing::Kind::kDhe, uses_dhe ? kTls12 : std::uint16_t{0}, 0, ""});
     }
+  }
+
+  /// Whether no DHE suite is accepted, for all that is known.
+  bool refuses_dhe() const {
+    return offered_.dh_bits == 0 &&
+           std::all_of(survey_.suites.begin(), survey_.suites.end(), [](const Trial& trial) {
+             return !needs_dhe(trial.number) || trial.verdict == Verdict::kRefused;
+           });
   }
 
   bool has_rsa() const {
@@ -138,7 +144,7 @@ class Comparison {
                      requested_.tls13_suites.end());
     for (const std::uint16_t suite : requested) {
       // Without DH parameters no DHE suite can work: the parameters are the one difference then.
-      const bool lacks_parameters = offered_.dh_bits == 0 && needs_dhe(suite);
+      const bool lacks_parameters = needs_dhe(suite) && refuses_dhe();
       if (!lacks_parameters && has_certificate_for(survey_, suite)) {
         compare_requested(suite_name(suite), Missing::Kind::kSuite, suite,
                           outcomes_of(survey_.suites, suite));

@@ -49,13 +49,13 @@ Survey survey_server(const ProbeTarget& target, const Progress& progress, Json::
     }
     return answer;
   };
+  Asker asker(ask, target.patience);
   const auto shake_hands_once = [&](const std::string& algorithms) {
     std::string reason;
-    const auto connection = server.connect(Clock::now() + target.patience.timeout, reason);
+    const auto connection = asker.is_over() ? nullptr : server.connect(asker.until(), reason);
     return connection != nullptr ? shake_hands(*connection, server.name(), algorithms)
                                  : FullHandshake();
   };
-  Asker asker(ask, target.patience);
   Survey found = survey(asker, shake_hands_once, progress);
   if (asker.has_timed_out()) {
     notes.append("A hello was not answered within " + seconds_text(target.patience.timeout) +

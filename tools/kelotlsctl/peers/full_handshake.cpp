@@ -51,18 +51,21 @@ bool send_pending(BIO* wire, const Connection& connection) {
   return length <= 0 || connection.send(bytes).empty();
 }
 
-/// Runs the step until it succeeds, fails, or the server says nothing more.
+/// Runs the step until it succeeds, fails, or the server says nothing more, or too much.
 template <typename Step>
 bool carry(SSL* client, BIO* wire, const Connection& connection, const Step& step) {
+  constexpr std::size_t kMost = std::size_t{256} * 1024;
+  std::size_t carried = 0;
   while (true) {
     ERR_clear_error();
     const int result = step();
     const bool is_waiting = SSL_get_error(client, result) == SSL_ERROR_WANT_READ;
     Bytes received;
-    if (!send_pending(wire, connection) || result > 0 || !is_waiting ||
+    if (!send_pending(wire, connection) || result > 0 || !is_waiting || carried > kMost ||
         !connection.receive(received).empty()) {
       return result > 0;
     }
+    carried += received.size();
     BIO_write(wire, received.data(), static_cast<int>(received.size()));
   }
 }
@@ -80,7 +83,7 @@ void read_tickets(SSL* client, BIO* wire, const Connection& connection, FullHand
   };
   SSL_CTX* const context = SSL_get_SSL_CTX(client);
   SSL_set_app_data(client, &handshake);
-  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT);
+  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
   SSL_CTX_sess_set_new_cb(context, note);
   // The client ends its side, so that a server without anything to say closes at once.
   SSL_shutdown(client);
