@@ -116,9 +116,11 @@ class Surveyor {
     return answer;
   }
 
+  /// A server has one of each kind. One that shows another each time fills no memory.
   void note_certificate(const Bytes& certificate) {
+    constexpr std::size_t kMost = 16;
     std::vector<Bytes>& known = survey_.certificates;
-    if (std::find(known.begin(), known.end(), certificate) == known.end()) {
+    if (known.size() < kMost && std::find(known.begin(), known.end(), certificate) == known.end()) {
       known.push_back(certificate);
     }
   }
@@ -347,17 +349,23 @@ class Surveyor {
   /// that they are accepted, not that they are refused.
   void settle_hidden_groups(std::uint16_t version, const Numbers& groups,
                             const MakeHello& make_hello) {
-    const bool client_counts = !accepted_in(survey_.groups, version).empty() &&
-                               follows_order_of_groups(version, make_hello);
+    const bool client_counts = follows_order_of_groups(version, make_hello);
     note_all(version, groups, client_counts ? Verdict::kRefused : Verdict::kNotKnown,
              client_counts ? "" : "hidden behind the curve of the server's certificate",
              survey_.groups);
   }
 
-  /// Whether another group than the certificate's curve, offered before it, was chosen.
+  /// Whether of the certificate's curve and another group that one is chosen which comes first.
   bool follows_order_of_groups(std::uint16_t version, const MakeHello& make_hello) {
-    const Numbers accepted = accepted_in(survey_.groups, version);
-    return accepted.size() > 1 && ask(make_hello({accepted.front()})).group == accepted.front();
+    Hello hello = make_hello({});
+    const std::uint16_t curve = hello.groups.back();
+    Numbers others = accepted_in(survey_.groups, version);
+    remove(others, curve);
+    if (others.empty()) {
+      return false;
+    }
+    hello.groups.push_back(others.front());
+    return ask(hello).group == curve && ask(make_hello({others.front()})).group == others.front();
   }
 
   void survey_features() {
