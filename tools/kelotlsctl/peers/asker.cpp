@@ -15,7 +15,7 @@ constexpr milliseconds kLongestPause(2000);
 constexpr milliseconds kHaste(1000);  // at least this for a server that has answered before
 constexpr int kFruitlessRounds = 6;   // of pauses that double, over 3 seconds together
 
-Answer not_tried(const char* reason) {
+Answer not_tried(const std::string& reason) {
   Answer none;
   none.reason = reason;
   return none;
@@ -26,11 +26,11 @@ Answer not_tried(const char* reason) {
 /// A server that has answered is given a multiple of its slowest answer first, so that each hello
 /// that it never answers does not cost the whole time twice.
 Answer Asker::ask_once(const Hello& hello, bool is_hasty) {
+  const auto start = std::min(Clock::now() + pace_, end_);
+  std::this_thread::sleep_until(start);
   if (is_over()) {
     return not_tried("not tried: the time for everything was over");
   }
-  std::this_thread::sleep_for(pace_);
-  const auto start = Clock::now();
   const Clock::duration haste = std::max<Clock::duration>(kHaste, 8 * slowest_);
   const Clock::duration limit = is_hasty && control_
                                     ? std::min<Clock::duration>(haste, patience_.timeout)
@@ -42,6 +42,7 @@ Answer Asker::ask_once(const Hello& hello, bool is_hasty) {
     slowest_ = std::max(slowest_, Clock::now() - start);
     pace_ = pace_ * 7 / 8;
   }
+  last_reason_ = answer.reason;
   has_timed_out_ = has_timed_out_ || (answer.reason == kTimedOut && !is_hasty);
   return answer;
 }
@@ -57,7 +58,7 @@ bool Asker::works(std::optional<Hello> control) {
 
 Answer Asker::ask(const Hello& hello, int attempts) {
   if (is_lost_ && !control_) {
-    return not_tried("not tried: the server has answered nothing");
+    return not_tried("not tried, as nothing was answered: " + last_reason_);
   }
   Answer answer = ask_once(hello, true);
   if (answer.is_alert && answer.verdict == Verdict::kNotKnown) {

@@ -2,9 +2,11 @@
 // than a deadline.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "peers/connection.h"
@@ -36,6 +38,9 @@ class Asker {
   /// Whether it is no use to ask for less at a time.
   bool has_given_up() const { return is_lost_ || is_over(); }
 
+  /// When what is begun now has to be over.
+  Clock::time_point until() const { return std::min(Clock::now() + patience_.timeout, end_); }
+
   /// Whether the deadline has struck. What is asked for then is not known.
   bool is_over() const { return Clock::now() >= end_; }
 
@@ -54,6 +59,7 @@ class Asker {
   std::optional<Hello> control_;  // the last hello that was accepted or refused
   std::chrono::milliseconds pace_{0};
   Clock::duration slowest_{0};
+  std::string last_reason_;
   bool is_lost_ = false;
   bool has_timed_out_ = false;
 };
