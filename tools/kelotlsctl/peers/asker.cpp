@@ -15,7 +15,7 @@ constexpr milliseconds kLongestPause(2000);
 constexpr milliseconds kHaste(1000);  // at least this for a server that has answered before
 constexpr int kFruitlessRounds = 6;   // of pauses that double, over 3 seconds together
 
-Answer not_tried(const std::string& reason) {
+Answer not_tried(const char* reason) {
   Answer none;
   none.reason = reason;
   return none;
@@ -42,7 +42,6 @@ Answer Asker::ask_once(const Hello& hello, bool is_hasty) {
     slowest_ = std::max(slowest_, Clock::now() - start);
     pace_ = pace_ * 7 / 8;
   }
-  last_reason_ = answer.reason;
   has_timed_out_ = has_timed_out_ || (answer.reason == kTimedOut && !is_hasty);
   return answer;
 }
@@ -58,7 +57,7 @@ bool Asker::works(std::optional<Hello> control) {
 
 Answer Asker::ask(const Hello& hello, int attempts) {
   if (is_lost_ && !control_) {
-    return not_tried("not tried, as nothing was answered: " + last_reason_);
+    return not_tried("not tried: the server has answered nothing");
   }
   Answer answer = ask_once(hello, true);
   if (answer.is_alert && answer.verdict == Verdict::kNotKnown) {

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <functional>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "peers/connection.h"
@@ -59,7 +58,6 @@ class Asker {
   std::optional<Hello> control_;  // the last hello that was accepted or refused
   std::chrono::milliseconds pace_{0};
   Clock::duration slowest_{0};
-  std::string last_reason_;
   bool is_lost_ = false;
   bool has_timed_out_ = false;
 };
