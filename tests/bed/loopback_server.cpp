@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -45,6 +46,10 @@ void LoopbackServer::stop() {
 }
 
 void LoopbackServer::run() {
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);  // a client may be gone before the answer to it
+  ::pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
   while (!stopping_) {
     pollfd entry = {listener_, POLLIN, 0};
     if (::poll(&entry, 1, 10) == 1) {
@@ -71,6 +76,18 @@ void use_certificate(SSL_CTX* context, const std::string& kind) {
   const std::string path = std::string(KELOTLS_CERTIFICATES) + "/" + kind + ".pem";
   ASSERT_EQ(SSL_CTX_use_certificate_chain_file(context, path.c_str()), 1);
   ASSERT_EQ(SSL_CTX_use_PrivateKey_file(context, path.c_str(), SSL_FILETYPE_PEM), 1);
+}
+
+std::string certificate_in_der(const std::string& kind) {
+  SSL_CTX* const context = SSL_CTX_new(TLS_method());
+  SSL_CTX_set_security_level(context, 0);
+  use_certificate(context, kind);
+  unsigned char* der = nullptr;
+  const int length = i2d_X509(SSL_CTX_get0_certificate(context), &der);
+  const std::string octets(reinterpret_cast<char*>(der), static_cast<std::size_t>(length));
+  OPENSSL_free(der);
+  SSL_CTX_free(context);
+  return octets;
 }
 
 }  // namespace kelotls::test

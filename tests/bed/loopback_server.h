@@ -42,6 +42,9 @@ LoopbackServer::Serve serve_tls(SSL_CTX* context);
 /// kind: "rsa" or "ecdsa".
 void use_certificate(SSL_CTX* context, const std::string& kind);
 
+/// The same certificate as octets. The key of "ecdsa" is on prime256v1.
+std::string certificate_in_der(const std::string& kind);
+
 }  // namespace kelotls::test
 
 #endif
