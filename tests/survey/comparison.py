@@ -1,11 +1,11 @@
-"""Versions, suites, groups and DH sizes that the probe sees are those that nmap and sslscan see, taken
+"""Versions, suites, groups and DH sizes that the probe sees are those that nmap and sslscan see
 together; what departs from that stands in exceptions.json, with who is right and why.
 
   compare [--only PATTERN] [--command PROGRAM] [--by-hand]
 
 --by-hand: compares with the surveys that the matrix expects, instead of the probe.
-An exception that occurs no more is an error. Exit status 1 for differences. At the end, the medians of
-the times of the three, over the same servers, one after the other.
+An exception that occurs no more is an error. Exit status 1 for differences. At the end, the medians
+of the times of the three, over the same servers, one after the other.
 """
 
 import argparse
@@ -61,7 +61,8 @@ def main() -> int:
 def parse() -> argparse.Namespace:
     parser = argparse.ArgumentParser()
     parser.add_argument("--only", metavar="PATTERN", default="")
-    parser.add_argument("--command", metavar="PROGRAM", default=f"{PROJECT}/build/release/tools/kelotlsctl")
+    parser.add_argument("--command", metavar="PROGRAM",
+                        default=f"{PROJECT}/build/release/tools/kelotlsctl")
     parser.add_argument("--by-hand", action="store_true")
     arguments = parser.parse_args()
     arguments.command = os.path.abspath(arguments.command)

@@ -117,6 +117,8 @@ class Comparison:
         if self.expected.differences is not None:
             self._names("differences", {f"{row['kind']} {row['what']}" for row in differences},
                         set(self.expected.differences))
+        if verdict == AGREES and differences:
+            self._fault("differences", differences, "none")
         if verdict == CANNOT_TELL and not self.document["not-known"]:
             self._fault("not-known", "nothing", "what the verdict is about")
         if not any(self.expected.note in note for note in [*self.document["notes"], ""]

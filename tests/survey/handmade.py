@@ -1,5 +1,5 @@
-"""A server of TLS up to 1.2, SSL 3 and SSL 2 that says what no server of today says any more: it answers
-a hello with its first flight and never goes further. Its signatures are not valid."""
+"""A server of TLS up to 1.2, SSL 3 and SSL 2 that says what no server of today says any more: it
+answers a hello with its first flight and never goes further. Its signatures are not valid."""
 
 import dataclasses
 import os

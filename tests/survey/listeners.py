@@ -1,5 +1,5 @@
-"""Servers that are threads of this process: a listener, TLS by Python's own module, and sockets read in
-whole units."""
+"""Servers that are threads of this process: a listener, TLS by Python's own module, and sockets
+read in whole units."""
 
 import contextlib
 import socket

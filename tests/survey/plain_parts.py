@@ -1,5 +1,5 @@
-"""What each protocol says in the clear before TLS begins, from the server's side. Strict: a client that
-departs from its protocol is refused or left, as real servers do it."""
+"""What each protocol says in the clear before TLS begins, from the server's side. Strict: a client
+that departs from its protocol is refused or left, as real servers do it."""
 
 import re
 import socket
@@ -159,7 +159,8 @@ def xmpp(peer: socket.socket) -> bool:
     hear_until(peer, rb"<stream:stream [^>]*to=['\"]localhost['\"][^>]*>")
     peer.sendall(XMPP_HEADER.encode("ascii"))
     peer.sendall(XMPP_FEATURES.encode("ascii"))
-    hear_until(peer, rb"<starttls xmlns=['\"]urn:ietf:params:xml:ns:xmpp-tls['\"]\s*(/>|></starttls>)")
+    hear_until(peer, rb"<starttls xmlns=['\"]urn:ietf:params:xml:ns:xmpp-tls['\"]\s*"
+                     rb"(/>|></starttls>)")
     peer.sendall(b"<proceed xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>")
     return True
 

@@ -76,8 +76,9 @@ class Program:
             # What is written to the input is sent to clients, so it stays open and empty. A server
             # ends with the thread that started it, even where that is killed.
             self._process = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", *command], stdin=subprocess.PIPE, stdout=log, stderr=subprocess.STDOUT,
-                cwd=site.directory, env={**os.environ, **(environment or {})})
+                ["setpriv", "--pdeathsig", "KILL", *command], stdin=subprocess.PIPE, stdout=log,
+                stderr=subprocess.STDOUT, cwd=site.directory,
+                env={**os.environ, **(environment or {})})
         try:
             self._wait(command, try_connection)
         except BaseException:
@@ -138,8 +139,6 @@ def openssl_server(*options: str, certificates: tuple[str, ...] = ("rsa",), suit
         for letter, name in zip(("", "d"), certificates):
             command += [f"-{letter}cert", site.keys.certificate(name),
                         f"-{letter}key", site.keys.key(name)]
-        if not certificates:
-            command += ["-nocert"]
         command += [] if tickets else ["-no_ticket"]
         if suites or lenient:
             command += ["-cipher", (suites or "DEFAULT") + (":@SECLEVEL=0" if lenient else "")]
@@ -199,8 +198,8 @@ http {{
 
 def nginx_server(settings: str, certificates: tuple[str, ...] = ("rsa",), lenient: bool = False,
                  before: str = "", asks_for_certificate: bool = False) -> Starter:
-    """nginx with these settings of its module ssl. What stands before its server block is another one;
-    {port} and {socket} in it are the site's."""
+    """nginx with these settings of its module ssl. What stands before its server block is another
+    one; {port} and {socket} in it are the site's."""
 
     def start(site: Site) -> Running:
         lines = "\n".join(f"ssl_certificate {site.keys.certificate(name)};"
@@ -210,7 +209,8 @@ def nginx_server(settings: str, certificates: tuple[str, ...] = ("rsa",), lenien
         with open(site.path("nginx.conf"), "w", encoding="ascii") as file:
             file.write(NGINX.format(
                 directory=site.directory, port=site.port, certificates=lines, settings=settings,
-                before=before.replace("{port}", str(site.port)).replace("{socket}", site.socket_path)))
+                before=before.replace("{port}", str(site.port)).replace(
+                    "{socket}", site.socket_path)))
         command = ["/usr/sbin/nginx", "-p", site.directory, "-e", site.path("errors"), "-c",
                    site.path("nginx.conf")]
         return Program(site, command, lambda: connect(site.port),

@@ -1,5 +1,5 @@
-"""The servers of the matrix. Each survey is written from the server's configuration and from what its
-documentation says of that, never from what a tool saw."""
+"""The servers of the matrix. Each survey is written from the server's configuration and from what
+its documentation says of that, never from what a tool saw."""
 
 import dataclasses
 import ssl
@@ -21,8 +21,8 @@ from suites import *
 
 @dataclasses.dataclass(frozen=True)
 class Server:
-    """One row of the matrix. The options are the probe's. {port} and {socket} in the address are the
-    server's. compared: nmap and sslscan look at it too."""
+    """One row of the matrix. The options are the probe's. {port} and {socket} in the address are
+    the server's. compared: nmap and sslscan look at it too."""
     name: str
     level: str
     start: Starter
@@ -104,6 +104,10 @@ def openssl_old(*options: str, certificates: tuple[str, ...] = ("rsa",),
                           dh=dh)
 
 
+def extra(*names: str) -> Suites:
+    return tuple(f"extra {name}" for name in names)
+
+
 def with_suites(survey: Expected, *more: str, version: str = TLS_1_2) -> dict[str, Suites]:
     """The survey's suites and these."""
     return {**survey.suites, version: survey.suites.get(version, ()) + more}
@@ -141,8 +145,8 @@ NGINX_MODERN = ("ssl_protocols TLSv1.3; ssl_prefer_server_ciphers off; "
 NGINX_INTERMEDIATE = ("ssl_protocols TLSv1.2 TLSv1.3; ssl_prefer_server_ciphers off; ssl_ciphers " +
                       ":".join(INTERMEDIATE_BOTH) + f"; ssl_dhparam {DH_FILES[2048]}; "
                       "ssl_session_cache shared:intermediate:1m; " + NGINX_COMMON)
-NGINX_OLD = ("ssl_protocols TLSv1 TLSv1.1 TLSv1.2 TLSv1.3; ssl_prefer_server_ciphers on; ssl_ciphers " +
-             ":".join(OLD_BOTH_TLS12 + TRIPLE_DES) + ":@SECLEVEL=0; "
+NGINX_OLD = ("ssl_protocols TLSv1 TLSv1.1 TLSv1.2 TLSv1.3; ssl_prefer_server_ciphers on; "
+             "ssl_ciphers " + ":".join(OLD_BOTH_TLS12 + TRIPLE_DES) + ":@SECLEVEL=0; "
              f"ssl_dhparam {DH_FILES[2048]}; ssl_session_cache shared:old:1m; " + NGINX_COMMON)
 STRONGER_DH = "2048"
 
@@ -173,14 +177,17 @@ def add_lacking() -> None:
     add("intermediate-without-dh", "intermediate",
         openssl_intermediate(suites=ECDHE_RSA_AEAD, dh=0),
         INTERMEDIATE.but(verdict=DIFFERS, suites={TLS_1_2: ECDHE_RSA_AEAD, TLS_1_3: TLS13},
-                         dh_bits=None))
+                         dh_bits=None, differences=("missing 2048-bit DH",)))
     without_chacha = tuple(suite for suite in INTERMEDIATE_RSA if "CHACHA" not in suite)
     add("intermediate-without-chacha", "intermediate", openssl_intermediate(suites=without_chacha),
-        INTERMEDIATE.but(verdict=DIFFERS, suites={TLS_1_2: without_chacha, TLS_1_3: TLS13}))
+        INTERMEDIATE.but(verdict=DIFFERS, suites={TLS_1_2: without_chacha, TLS_1_3: TLS13},
+                         differences=("missing ECDHE-RSA-CHACHA20-POLY1305",)))
     add("intermediate-without-tls-1.3", "intermediate", openssl_intermediate("-tls1_2"),
-        INTERMEDIATE.but(verdict=DIFFERS, suites={TLS_1_2: INTERMEDIATE_RSA}, groups13=()))
+        INTERMEDIATE.but(verdict=DIFFERS, suites={TLS_1_2: INTERMEDIATE_RSA}, groups13=(),
+                         differences=("missing TLS 1.3",)))
     add("intermediate-without-p521", "intermediate", openssl_intermediate(groups=(P256, P384)),
-        INTERMEDIATE.but(verdict=DIFFERS, groups12=(P256, P384), groups13=(P256, P384)))
+        INTERMEDIATE.but(verdict=DIFFERS, groups12=(P256, P384), groups13=(P256, P384),
+                         differences=(f"missing {P521}",)))
     add("modern-one-suite", "modern", openssl_modern("-ciphersuites", TLS13[0]),
         MODERN.but(verdict=DIFFERS, suites={TLS_1_3: TLS13[:1]}, features={}))
     add("modern-p521-only", "modern", openssl_modern(groups=(P521,)),
@@ -193,7 +200,8 @@ def add_beside() -> None:
     """More than the level asks for."""
     three = RSA_GCM + ("AES128-SHA",)
     plus_three = openssl_intermediate(more=three)
-    with_three = INTERMEDIATE.but(verdict=DIFFERS, suites=with_suites(INTERMEDIATE, *three))
+    with_three = INTERMEDIATE.but(verdict=DIFFERS, suites=with_suites(INTERMEDIATE, *three),
+                                  differences=extra(*three))
     add("plus-three-rsa", "intermediate", plus_three, with_three)
     add("plus-three-rsa-closing-11", "intermediate",
         spoiling(plus_three, proxies.close, lambda count: count == 11), with_three, compared=False)
@@ -202,22 +210,26 @@ def add_beside() -> None:
         compared=False)
     psk = openssl_intermediate("-psk", "0102030405060708", more=PSK_SUITES)
     add("plus-psk", "intermediate", psk,
-        INTERMEDIATE.but(verdict=DIFFERS, suites=with_suites(INTERMEDIATE, *PSK_SUITES)))
+        INTERMEDIATE.but(verdict=DIFFERS, suites=with_suites(INTERMEDIATE, *PSK_SUITES),
+                         differences=extra(*PSK_SUITES)))
     for name, more, lenient in (("ccm", CCM_RSA, False), ("ccm8", CCM8_RSA, True),
                                 ("camellia", CAMELLIA_SHA + CAMELLIA_SHA2, False),
                                 ("aria", ARIA_RSA, False), ("null", NULL_TLS12, True),
                                 ("anonymous-ecdh", ANONYMOUS_ECDH, True),
                                 ("dhe-chacha", ("DHE-RSA-CHACHA20-POLY1305",), False)):
         add(f"plus-{name}", "intermediate", openssl_intermediate(more=more, lenient=lenient),
-            INTERMEDIATE.but(verdict=DIFFERS, suites=with_suites(INTERMEDIATE, *more)))
+            INTERMEDIATE.but(verdict=DIFFERS, suites=with_suites(INTERMEDIATE, *more),
+                             differences=extra(*more)))
     # The parameters are those of an exchange that nobody signs: there is no DHE.
     add("anonymous-dh", "intermediate",
         openssl_intermediate(suites=ECDHE_RSA_AEAD, more=ANONYMOUS_DH, lenient=True, dh=1024),
         INTERMEDIATE.but(verdict=DIFFERS, dh_bits=None,
-                         suites={TLS_1_2: ECDHE_RSA_AEAD + ANONYMOUS_DH, TLS_1_3: TLS13}))
+                         suites={TLS_1_2: ECDHE_RSA_AEAD + ANONYMOUS_DH, TLS_1_3: TLS13},
+                         differences=("missing 2048-bit DH", *extra(*ANONYMOUS_DH))))
     add("modern-plus-ccm", "modern",
         openssl_modern("-ciphersuites", openssl_list(*TLS13, *TLS13_CCM)),
-        MODERN.but(verdict=DIFFERS, suites={TLS_1_3: TLS13 + TLS13_CCM}))
+        MODERN.but(verdict=DIFFERS, suites={TLS_1_3: TLS13 + TLS13_CCM},
+                   differences=extra(*TLS13_CCM)))
     add("modern-and-tls-1.2", "modern", openssl_intermediate(suites=ECDHE_RSA_AEAD, dh=0),
         MODERN_AND_TLS12)
     for name, fate in (("losing", proxies.close), ("resetting", proxies.reset)):
@@ -233,6 +245,7 @@ def add_beside() -> None:
 
 
 MODERN_AND_TLS12 = MODERN.but(verdict=DIFFERS, groups12=LEVEL_GROUPS,
+                              differences=extra(TLS_1_2),
                               suites={TLS_1_2: ECDHE_RSA_AEAD, TLS_1_3: TLS13})
 
 
@@ -245,11 +258,12 @@ def add_groups() -> None:
             ("ffdhe2048", ("ffdhe2048",), (), ("ffdhe2048",))):
         add(f"plus-{name}", "intermediate", openssl_intermediate(groups=LEVEL_GROUPS + more),
             INTERMEDIATE.but(verdict=DIFFERS, groups12=LEVEL_GROUPS + of_tls12,
-                             groups13=LEVEL_GROUPS + of_tls13))
+                             groups13=LEVEL_GROUPS + of_tls13, differences=extra(*more)))
     weak = ("secp224r1", "prime192v1", "sect163k1", "sect233r1")
     add("plus-weak-curves", "intermediate",
         openssl_intermediate(groups=LEVEL_GROUPS + weak, lenient=True),
-        INTERMEDIATE.but(verdict=DIFFERS, groups12=LEVEL_GROUPS + weak))
+        INTERMEDIATE.but(verdict=DIFFERS, groups12=LEVEL_GROUPS + weak,
+                         differences=extra(*weak)))
     add("openssl-default-groups", "intermediate", openssl_intermediate(groups=()),
         INTERMEDIATE.but(verdict=DIFFERS, groups12=OPENSSL_GROUPS_TLS12,
                          groups13=OPENSSL_GROUPS_TLS13))
@@ -274,7 +288,8 @@ GNUTLS = Expected(DIFFERS, {TLS_1_2: ECDHE_RSA_AEAD, TLS_1_3: TLS13}, groups12=L
 
 def add_dh() -> None:
     add("dh-1024", "intermediate", openssl_intermediate(lenient=True, dh=1024),
-        INTERMEDIATE.but(verdict=DIFFERS, dh_bits=1024))
+        INTERMEDIATE.but(verdict=DIFFERS, dh_bits=1024,
+                         differences=("missing 2048-bit DH",)))
     add("dh-3072", "intermediate", openssl_intermediate(dh=3072),
         INTERMEDIATE.but(dh_bits=3072, note="3072"))
     # OpenSSL serves less than 1024 bits at no security level. GnuTLS cannot have DHE with AES-GCM
@@ -526,13 +541,13 @@ HANDMADE_FEATURES = {**CLIENT_ORDER, "compression": REFUSED, "session-ids": REFU
                      "extended-master-secret": ACCEPTED}
 
 
-def handmade(name: str, answers: Answers, *more: str, **changes: Any) -> None:
-    """What the answers name, and nothing else. For SSL 3 and older, RC4, single DES and export suites
-    there is no other server left."""
+def handmade(name: str, answers: Answers, **changes: Any) -> None:
+    """What the answers name, and nothing else. For SSL 3 and older, RC4, single DES and export
+    suites there is no other server left."""
     names = {SSL3: SSL_3, TLS1_0: TLS_1_0, TLS1_1: TLS_1_1, TLS1_2: TLS_1_2}
     suites = {names[version]: tuple(listed) for version, listed in answers.suites.items()}
     survey = Expected(DIFFERS, suites, certificates=(expected.RSA,), features=HANDMADE_FEATURES)
-    add(name, "old", handmade_server(answers), survey.but(**changes), *more, compared=False)
+    add(name, "old", handmade_server(answers), survey.but(**changes), compared=False)
 
 
 def add_handmade() -> None:

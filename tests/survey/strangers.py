@@ -1,4 +1,4 @@
-"""What stands at a port and is no TLS server, or one that means ill. Each ends when its client goes."""
+"""What stands at a port and is no TLS server, or one that means ill. Each ends with its client."""
 
 import itertools
 import random

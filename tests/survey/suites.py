@@ -1,4 +1,4 @@
-"""Names of versions, cipher suites and groups in OpenSSL's spelling, and what each level asks for."""
+"""Versions, cipher suites and groups in OpenSSL's spelling, and which of them a level asks for."""
 
 Suites = tuple[str, ...]
 
