@@ -10,8 +10,8 @@ namespace kelotlsctl {
 
 /// Signature algorithms in OpenSSL's spelling, those of each kind of certificate together.
 constexpr const char* kSignaturesByKind[] = {
-    "RSA-PSS+SHA256:RSA-PSS+SHA384:RSA-PSS+SHA512:rsa_pss_pss_sha256:rsa_pss_pss_sha384:"
-    "rsa_pss_pss_sha512",
+    ("RSA-PSS+SHA256:RSA-PSS+SHA384:RSA-PSS+SHA512:rsa_pss_pss_sha256:rsa_pss_pss_sha384:"
+     "rsa_pss_pss_sha512"),
     "ECDSA+SHA256:ECDSA+SHA384:ECDSA+SHA512", "ed25519:ed448"};
 
 struct CertificateFacts {
