@@ -83,7 +83,7 @@ void read_tickets(SSL* client, BIO* wire, const Connection& connection, FullHand
   };
   SSL_CTX* const context = SSL_get_SSL_CTX(client);
   SSL_set_app_data(client, &handshake);
-  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT);
   SSL_CTX_sess_set_new_cb(context, note);
   // The client ends its side, so that a server without anything to say closes at once.
   SSL_shutdown(client);
