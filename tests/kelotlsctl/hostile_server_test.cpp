@@ -98,8 +98,8 @@ class HostileServer : public Kelotlsctl {
   /// The report of a probe that has to end in time and within 32 MiB.
   static JsonOutcome probe(const LoopbackServer::Serve& serve, Arguments options = {}) {
     const LoopbackServer server(AF_INET, serve);
-    Arguments arguments = {"web", "--connect",  "127.0.0.1:" + server.port(),    "--timeout",
-                           "1",   "--deadline", std::to_string(kDeadlineSeconds)};
+    Arguments arguments = {"web", "--connect", "127.0.0.1:" + server.port(), "--deadline",
+                           std::to_string(kDeadlineSeconds)};
     arguments.insert(arguments.end(), options.begin(), options.end());
     const auto start = std::chrono::steady_clock::now();
 
@@ -189,6 +189,17 @@ TEST_F(HostileServer, ThatTrickles) {
       std::this_thread::sleep_for(std::chrono::milliseconds(40));
     }
   })));
+}
+
+TEST_F(HostileServer, ThatTakesItsTime) {
+  const JsonOutcome outcome = probe(after_hello([](const std::string&, const Say& say) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    say(records(21, "\2\x28"));
+  }));
+
+  EXPECT_EQ(outcome.status, 6);
+  EXPECT_EQ(outcome.document["notes"][0],
+            "Not everything was tried within 3 s; --deadline gives it longer.");
 }
 
 TEST_F(HostileServer, ThatHasAnotherHugeCertificateEachTime) {
