@@ -122,9 +122,10 @@ Bytes list_of_suites(const Hello& hello) {
 
 /// Every cipher kind that SSL 2 had.
 Bytes write_ssl2_hello() {
+  constexpr std::size_t kKinds[] = {0x010080, 0x020080, 0x030080, 0x040080,
+                                    0x050080, 0x060040, 0x0700c0};
   Bytes kinds;
-  for (const std::size_t kind :
-       {0x010080, 0x020080, 0x030080, 0x040080, 0x050080, 0x060040, 0x0700c0}) {
+  for (const std::size_t kind : kKinds) {
     kinds += number(kind, 3);
   }
   const Bytes challenge = random_bytes(16);
