@@ -59,9 +59,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   require(bytewise.given <= kMostReplies + 1, "a client takes 64 KiB at most");
   require(bytewise.told.size() <= kMostTold, "a client says no more than it has to");
-  // What comes behind the reply that goes ahead is left by single bytes, and refused in one piece.
-  require(whole.reason.empty() == (bytewise.reason.empty() && bytewise.left == 0),
-          "the whole is understood as single bytes are");
+  // What comes behind the reply that goes ahead is left by single bytes, and in one piece refused
+  // unless it comes after a further question.
+  require(!whole.reason.empty() || bytewise.reason.empty(),
+          "what goes ahead as a whole goes ahead by single bytes");
+  require(whole.reason.empty() || !bytewise.reason.empty() || bytewise.left > 0,
+          "what goes ahead by single bytes and leaves none goes ahead as a whole");
   require(!whole.reason.empty() || whole.told == bytewise.told,
           "a client says the same however it is answered");
   return 0;
