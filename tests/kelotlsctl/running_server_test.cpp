@@ -78,6 +78,17 @@ TEST_F(KelotlsctlRunningServer, TakesItsNewLevelBeforeApplyIsOver) {
   }
 }
 
+TEST_F(KelotlsctlRunningServer, IsNotToldToReloadWhereItsAddressCannotBeRead) {
+  write_file("/usr/kelo/etc/security-profile/tls-profile/addresses.json", "{");
+
+  const Outcome outcome = run({"set", "nginx", "modern", "--apply"});
+
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(contains(outcome.err, "addresses.json cannot be used"));
+  EXPECT_EQ(stored_level("nginx"), 0);
+  EXPECT_TRUE(contains(read_file(rendered_path("nginx")), "ssl_protocols TLSv1.2 TLSv1.3;"));
+}
+
 TEST_F(KelotlsctlRunningServer, ThatDoesNotReadItsRenderedFileIsFoundOutAndUndone) {
   write_file("/usr/kelo/other.conf", read_file(rendered_path("nginx")));
   include("/usr/kelo/other.conf");

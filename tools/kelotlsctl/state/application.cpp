@@ -150,11 +150,8 @@ std::string probe_fault(Console& console, const std::string& service, int level)
   return first_own_difference(report, false);
 }
 
-/// What the service's running server, if its address is kept, shows once it was told to reload.
-void ask_server(Console& console, const Addresses& addresses, int level, Json::Value& probed) {
-  constexpr std::chrono::seconds kGrace(5);
-  const std::string service = probed["service"].asString();
-  const Json::Value seen = ask_reloaded_server(addresses, service, level, kGrace);
+/// What the service's running server showed; null where it was not asked.
+void note_server(Console& console, const Json::Value& seen, Json::Value& probed) {
   if (seen.isNull()) {
     return;
   }
@@ -166,18 +163,16 @@ void ask_server(Console& console, const Addresses& addresses, int level, Json::V
                              wire_text(seen["verdict"].asString()) + ": " + seen["text"].asString();
     probed["agrees"] = false;
     probed[seen["verdict"] == "cannot-tell" ? "not-seen" : "fault"] = text;
-    console.warn(printable(service) + ": " + printable(text));
+    console.warn(printable(probed["service"]) + ": " + printable(text));
   }
 }
 
 /// [{"service", "stored-level", "effective-level", "asked": "library" or "server", "agrees",
 /// "fault"}]; of a server "address", "verdict", and "not-seen": why it cannot be told.
-Json::Value probe_services(Console& console, const Store& store,
+Json::Value probe_services(Console& console, const Store& store, const Addresses& addresses,
                            const std::vector<std::string>& services) {
-  const Addresses addresses = Addresses::load();
   std::map<int, std::string> faults;
-  std::size_t done = 0;
-  return list_of(services, [&](const std::string& service) {
+  Json::Value list = list_of(services, [&](const std::string& service) {
     const int level = store.effective_level(service);
     if (faults.count(level) == 0) {
       faults[level] = probe_fault(console, service, level);
@@ -189,12 +184,18 @@ Json::Value probe_services(Console& console, const Store& store,
     if (!fault.empty()) {
       probed["fault"] = fault;
       console.warn(printable(service) + ": probe: " + printable(fault));
-    } else {
-      ask_server(console, addresses, level, probed);
     }
-    console.progress("probing " + printable(service), ++done, services.size());
     return probed;
   });
+  std::size_t done = 0;
+  const std::vector<Json::Value> seen = ask_reloaded_servers(
+      addresses, store, services, [&] { console.progress("probing", ++done, services.size()); });
+  for (Json::ArrayIndex index = 0; index < list.size(); ++index) {
+    if (!list[index].isMember("fault")) {
+      note_server(console, seen[index], list[index]);
+    }
+  }
+  return list;
 }
 
 /// Tells each service how it came out of all steps: "in-force", "failed", "not-run".
@@ -412,13 +413,14 @@ kelotls::ContextOwner service_context(const Store& store, const std::string& ser
 
 Report apply_to(Console& console, const Store& store, const Selection& selection,
                 const ReloadOptions& options) {
+  const Addresses addresses = Addresses::load();
   const Json::Value renderings =
       render_templates_of(console, store, selection, kelotls::Rendering::kInForce, false);
   const Json::Value reloading = run_reloaders(console, store, selection, options);
 
   Report report;
   report.document = application_json(renderings, reloading);
-  report.document["probed"] = probe_services(console, store, selection.names);
+  report.document["probed"] = probe_services(console, store, addresses, selection.names);
   tell_results(report.document);
   warn_of_faults(console, renderings, "service", ": ");
   warn_of_reloading(console, reloading["fault"]);

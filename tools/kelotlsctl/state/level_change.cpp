@@ -3,6 +3,7 @@
 
 #include <exception>
 
+#include "state/addresses.h"
 #include "state/history.h"
 
 namespace kelotlsctl {
@@ -88,6 +89,7 @@ Json::Value LevelChange::record() const {
 }
 
 Report bring_into_force(Console& console, const LevelChange& change, const ReloadOptions& options) {
+  Addresses::load();  // one that cannot be used is refused before anything is written
   save_store(change.after);
   Report report;
   try {

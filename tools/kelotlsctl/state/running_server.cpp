@@ -13,6 +13,12 @@ namespace kelotlsctl {
 
 namespace {
 
+constexpr Patience kPatience = {std::chrono::seconds(10), std::chrono::seconds(60)};
+constexpr std::chrono::seconds kGrace(5);
+constexpr std::chrono::milliseconds kPause(100);
+/// Servers that replace their processes have both for a tenth of a second or so.
+constexpr std::chrono::seconds kOverlap(1);
+
 Json::Value outcome(const Address& address, const char* verdict, const std::string& text) {
   Json::Value result = object({{"address", address_text(address)}, {"verdict", verdict}});
   if (!text.empty()) {
@@ -36,6 +42,19 @@ void stop_when_interrupted(std::size_t, std::size_t) {
   if (interruption() != 0) {
     throw std::runtime_error("not asked to the end: " + signal_name(interruption()));
   }
+}
+
+bool agrees(const Json::Value& seen) { return !seen.isNull() && seen["verdict"] == "agrees"; }
+
+/// Or until the grace is over.
+Json::Value ask_until_it_agrees(const Addresses& addresses, const std::string& service, int level) {
+  const auto end = Clock::now() + kGrace;
+  Json::Value seen = ask_running_server(addresses, service, level, kPatience);
+  while (!seen.isNull() && !agrees(seen) && Clock::now() < end && interruption() == 0) {
+    std::this_thread::sleep_for(kPause);
+    seen = ask_running_server(addresses, service, level, kPatience);
+  }
+  return seen;
 }
 
 }  // namespace
@@ -65,18 +84,26 @@ Json::Value ask_running_server(const Addresses& addresses, const std::string& se
   }
 }
 
-Json::Value ask_reloaded_server(const Addresses& addresses, const std::string& service, int level,
-                                std::chrono::milliseconds grace) {
-  constexpr std::chrono::milliseconds kPause(100);
-  constexpr Patience kPatience = {std::chrono::seconds(10), std::chrono::seconds(60)};
-  const auto end = Clock::now() + grace;
-  Json::Value result = ask_running_server(addresses, service, level, kPatience);
-  while (!result.isNull() && result["verdict"] != "agrees" && Clock::now() < end &&
-         interruption() == 0) {
-    std::this_thread::sleep_for(kPause);
-    result = ask_running_server(addresses, service, level, kPatience);
+std::vector<Json::Value> ask_reloaded_servers(const Addresses& addresses, const Store& store,
+                                              const std::vector<std::string>& services,
+                                              const std::function<void()>& progress) {
+  std::vector<Json::Value> seen;
+  auto last_agreement = Clock::time_point::min();
+  for (const std::string& service : services) {
+    seen.push_back(ask_until_it_agrees(addresses, service, store.effective_level(service)));
+    last_agreement = agrees(seen.back()) ? Clock::now() : last_agreement;
+    progress();
   }
-  return result;
+  if (last_agreement != Clock::time_point::min() && interruption() == 0) {
+    std::this_thread::sleep_until(last_agreement + kOverlap);
+  }
+  for (std::size_t index = 0; index < services.size(); ++index) {
+    if (agrees(seen[index])) {
+      const std::string& service = services[index];
+      seen[index] = ask_until_it_agrees(addresses, service, store.effective_level(service));
+    }
+  }
+  return seen;
 }
 
 std::string wire_text(const std::string& verdict) {

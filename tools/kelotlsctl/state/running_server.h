@@ -3,11 +3,13 @@
 
 #include <json/value.h>
 
-#include <chrono>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "peers/asker.h"
 #include "state/addresses.h"
+#include "state/store.h"
 
 namespace kelotlsctl {
 
@@ -20,10 +22,12 @@ constexpr Patience kShortPatience = {std::chrono::seconds(3), std::chrono::secon
 Json::Value ask_running_server(const Addresses& addresses, const std::string& service, int level,
                                const Patience& patience);
 
-/// The same for a server that was told to take new settings and may need a moment: asked again
-/// until it agrees, or the grace is over.
-Json::Value ask_reloaded_server(const Addresses& addresses, const std::string& service, int level,
-                                std::chrono::milliseconds grace);
+/// The same of each of the services, in their order, once their servers were told to take new
+/// settings. A server is asked until it agrees or a few seconds are over; and where it agrees, once
+/// more a second later, because for a moment it may answer with its old settings and its new ones.
+std::vector<Json::Value> ask_reloaded_servers(const Addresses& addresses, const Store& store,
+                                              const std::vector<std::string>& services,
+                                              const std::function<void()>& progress);
 
 /// A verdict for people: "as asked" of "agrees".
 std::string wire_text(const std::string& verdict);
