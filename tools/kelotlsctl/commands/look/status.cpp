@@ -50,6 +50,7 @@ std::string reason_of(const Json::Value& record) {
   return code > 128                ? signal_name(code - 128)
          : code == kReloaderFailed ? "a reloader failed"
          : code == kNotSo          ? "a probe did not agree"
+         : code == kCannotTell     ? "a server did not say enough"
                                    : "exit status " + std::to_string(code);
 }
 
