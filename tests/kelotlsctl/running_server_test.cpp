@@ -1,8 +1,11 @@
 // What the command says of a service whose running server it can ask: nginx with the settings of
 // our own example, at an address that is kept.
+#include <sys/socket.h>
+
 #include <memory>
 
 #include "kelotlsctl.h"
+#include "loopback_server.h"
 #include "process.h"
 
 namespace kelotls::test {
@@ -128,6 +131,20 @@ TEST_F(KelotlsctlRunningServer, ThatIsDownIsNeitherInForceNorInAgreement) {
   EXPECT_TRUE(contains(outcome.out, "no answer\n"));
   EXPECT_TRUE(contains(outcome.err, "Nothing answers at 127.0.0.1 port 443"));
   EXPECT_TRUE(contains(run({"check", "nginx"}).out, "start the server, or kelotlsctl address"));
+}
+
+TEST_F(KelotlsctlRunningServer, ThatDoesNotSayEnoughKeepsItsNewLevelAndIsSaidToBeJustThat) {
+  const LoopbackServer closes_at_once(AF_INET, [](int) {});
+  ASSERT_EQ(run({"address", "nginx", "127.0.0.1:" + closes_at_once.port()}).status, 0);
+
+  const Outcome outcome = run({"set", "nginx", "modern", "--apply"});
+
+  EXPECT_EQ(outcome.status, 6);
+  EXPECT_TRUE(contains(outcome.out, "rendered  reloaded  cannot tell\n"));
+  EXPECT_TRUE(contains(outcome.err, "cannot tell: SSL 2, SSL 3, TLS 1.0, TLS 1.1, TLS 1.2"));
+  EXPECT_EQ(outcome.err.find("is back at"), std::string::npos);
+  EXPECT_EQ(stored_level("nginx"), 1);
+  EXPECT_EQ(run_json("list").document["services"][0]["state"], "cannot-tell");
 }
 
 TEST_F(KelotlsctlRunningServer, IsNotAskedWhereItsAddressIsNotKept) {
