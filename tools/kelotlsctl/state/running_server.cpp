@@ -38,6 +38,16 @@ std::string sentence_of(const Json::Value& entries, const std::string& text) {
   return names + ": " + text;
 }
 
+/// Of what is not known, the first that was tried, which tells why the others were not.
+std::string telling_reason(const Json::Value& not_known) {
+  for (const Json::Value& entry : not_known) {
+    if (entry["text"].asString().rfind("not tried", 0) != 0) {
+      return entry["text"].asString();
+    }
+  }
+  return not_known[0]["text"].asString();
+}
+
 void stop_when_interrupted(std::size_t, std::size_t) {
   if (interruption() != 0) {
     throw std::runtime_error("not asked to the end: " + signal_name(interruption()));
@@ -76,9 +86,9 @@ Json::Value ask_running_server(const Addresses& addresses, const std::string& se
     const Json::Value& not_known = report["not-known"];
     return !difference.empty()
                ? outcome(*address, "differs", sentence_of(report["differences"], difference))
-           : !not_known.empty() ? outcome(*address, "cannot-tell",
-                                          sentence_of(not_known, not_known[0]["text"].asString()))
-                                : outcome(*address, "agrees", "");
+           : !not_known.empty()
+               ? outcome(*address, "cannot-tell", sentence_of(not_known, telling_reason(not_known)))
+               : outcome(*address, "agrees", "");
   } catch (const std::exception& exception) {
     return outcome(*address, "no-answer", exception.what());
   }
