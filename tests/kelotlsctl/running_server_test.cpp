@@ -134,7 +134,10 @@ TEST_F(KelotlsctlRunningServer, ThatIsDownIsNeitherInForceNorInAgreement) {
 }
 
 TEST_F(KelotlsctlRunningServer, ThatDoesNotSayEnoughKeepsItsNewLevelAndIsSaidToBeJustThat) {
-  const LoopbackServer closes_at_once(AF_INET, [](int) {});
+  const LoopbackServer closes_at_once(AF_INET, [](int descriptor) {
+    char hello[4096];  // read, so that closing is no reset
+    static_cast<void>(::recv(descriptor, hello, sizeof hello, 0));
+  });
   ASSERT_EQ(run({"address", "nginx", "127.0.0.1:" + closes_at_once.port()}).status, 0);
 
   const Outcome outcome = run({"set", "nginx", "modern", "--apply"});
