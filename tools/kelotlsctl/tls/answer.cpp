@@ -39,6 +39,8 @@ class Cursor {
   explicit Cursor(const Bytes& bytes) : bytes_(bytes) {}
 
   bool at_end() const { return at_ == bytes_.size(); }
+  std::size_t position() const { return at_; }
+  std::size_t left() const { return bytes_.size() - at_; }
 
   std::size_t number(int length) {
     std::size_t value = 0;
@@ -51,7 +53,7 @@ class Cursor {
   std::uint16_t number16() { return static_cast<std::uint16_t>(number(2)); }
 
   Bytes bytes(std::size_t count) {
-    if (count > bytes_.size() - at_) {
+    if (count > left()) {
       throw CutShort();
     }
     at_ += count;
@@ -144,23 +146,25 @@ void AnswerReader::end(Verdict verdict, const std::string& reason) {
   }
 }
 
+/// What is taken is erased in one go, here and for messages: there may be thousands.
 void AnswerReader::take_records() {
   constexpr std::size_t kHeader = 5;
-  while (!is_complete_ && pending_.size() >= kHeader) {
-    Cursor cursor(pending_);
+  Cursor cursor(pending_);
+  std::size_t taken = 0;
+  while (!is_complete_ && cursor.left() >= kHeader) {
     const auto kind = static_cast<unsigned char>(cursor.number(1));
     const std::size_t version = cursor.number(2);
     const std::size_t length = cursor.number(2);
     if (kind < kChangeCipherSpec || kind > kHandshake + 1 || version >> 8 != 3) {
       end(Verdict::kNotKnown, "what answers does not speak TLS");
-    } else if (pending_.size() < kHeader + length) {
-      return;
+    } else if (cursor.left() < length) {
+      break;
     } else {
-      const Bytes body = cursor.bytes(length);
-      pending_.erase(0, kHeader + length);
-      take_record(kind, body);
+      take_record(kind, cursor.bytes(length));
+      taken = cursor.position();
     }
   }
+  pending_.erase(0, taken);
 }
 
 /// The answer of a server that knows the protocol is a SERVER-HELLO, whatever ciphers it has. Any
@@ -208,17 +212,18 @@ void AnswerReader::take_alert(const Bytes& body) {
 
 void AnswerReader::take_messages() {
   constexpr std::size_t kHeader = 4;
-  while (!is_complete_ && handshake_.size() >= kHeader) {
-    Cursor cursor(handshake_);
+  Cursor cursor(handshake_);
+  std::size_t taken = 0;
+  while (!is_complete_ && cursor.left() >= kHeader) {
     const auto kind = static_cast<unsigned char>(cursor.number(1));
     const std::size_t length = cursor.number(3);
-    if (handshake_.size() < kHeader + length) {
-      return;
+    if (cursor.left() < length) {
+      break;
     }
-    const Bytes body = cursor.bytes(length);
-    handshake_.erase(0, kHeader + length);
-    take_message(kind, body);
+    take_message(kind, cursor.bytes(length));
+    taken = cursor.position();
   }
+  handshake_.erase(0, taken);
 }
 
 void AnswerReader::take_message(unsigned char kind, const Bytes& body) {
