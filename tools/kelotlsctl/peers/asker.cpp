@@ -35,7 +35,7 @@ Answer Asker::ask_once(const Hello& hello, bool is_hasty) {
   const Clock::duration limit = is_hasty && control_
                                     ? std::min<Clock::duration>(haste, patience_.timeout)
                                     : Clock::duration(patience_.timeout);
-  const Answer answer = ask_(hello, std::min(start + limit, end_));
+  Answer answer = ask_(hello, std::min(start + limit, end_));
   if (answer.verdict != Verdict::kNotKnown) {
     control_ = hello;
     is_lost_ = false;
