@@ -22,6 +22,7 @@ struct Address {
   std::string unix_path;    ///< of a socket in the file system, instead of host and port
   std::string starttls;     ///< the protocol that is spoken before TLS; empty: none
   std::string server_name;  ///< for the hello; empty: the host, where that is a name
+  std::string expected;     ///< the path of a file of expected differences; empty: none
 };
 
 /// The reasons of a server that says nothing more; kClosed is another.

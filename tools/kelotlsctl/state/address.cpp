@@ -23,6 +23,7 @@ constexpr kelotls::MemberRule kMembers[] = {
     {"address", Json::stringValue, true, false},
     {"starttls", Json::stringValue, false, false},
     {"server-name", Json::stringValue, false, false},
+    {"expected", Json::stringValue, false, false},
     {},
 };
 
@@ -150,7 +151,8 @@ std::string address_text(const Address& address) {
 std::string describe_address(const Address& address) {
   return address_text(address) +
          (address.starttls.empty() ? "" : ", STARTTLS by " + address.starttls) +
-         (address.server_name.empty() ? "" : ", server name " + address.server_name);
+         (address.server_name.empty() ? "" : ", server name " + address.server_name) +
+         (address.expected.empty() ? "" : ", expected differences " + address.expected);
 }
 
 void append_address_faults(const Json::Value& value, const std::string& path,
@@ -167,7 +169,7 @@ void append_address_faults(const Json::Value& value, const std::string& path,
       if (std::none_of(std::begin(kMembers), std::end(kMembers) - 1,
                        [&](const kelotls::MemberRule& rule) { return name == rule.key; })) {
         faults.push_back({kelotls::path_of_member(path, name),
-                          "no such member; they are address, starttls and server-name"});
+                          "no such member; they are address, starttls, server-name and expected"});
       }
     }
   }
@@ -183,6 +185,8 @@ void append_address_faults(const Json::Value& value, const std::string& path,
     add(path + ".starttls", address.starttls.empty() ? "" : starttls_fault(address.starttls));
     add(path + ".server-name",
         address.server_name.empty() ? "" : server_name_fault(address.server_name));
+    add(path + ".expected",
+        address.expected.empty() || address.expected[0] == '/' ? "" : "must be an absolute path");
   }
 }
 
@@ -195,6 +199,7 @@ Address address_of(const Json::Value& value) {
   read_address(kelotls::text_member(value, "address"), address);
   address.starttls = kelotls::text_member(value, "starttls");
   address.server_name = kelotls::text_member(value, "server-name");
+  address.expected = kelotls::text_member(value, "expected");
   return address;
 }
 
@@ -205,6 +210,9 @@ Json::Value address_json(const Address& address) {
   }
   if (!address.server_name.empty()) {
     value["server-name"] = address.server_name;
+  }
+  if (!address.expected.empty()) {
+    value["expected"] = address.expected;
   }
   return value;
 }
