@@ -180,9 +180,9 @@ TEST_F(KelotlsctlAddress, LosesNothingOfAFileThatItCannotUse) {
       {"", "Line 1, Column 1: "},
       {"[]", "$: "},
       {"{}", "$: lacks \"services\""},
-      {R"({"services": {}, "extra": 1})", "$.extra: no such member"},
+      {R"({"services": {}, "extra": 1})", "$.extra: no such member; they are services"},
       {R"({"services": {"web": {"address": "a:443", "port": 1}}})",
-       "$.services.web.port: no such member; they are address, starttls and server-name"},
+       "$.services.web.port: no such member; they are address, starttls, server-name, expected"},
       {R"({"services": {"web": "a:99999"}})",
        "$.services.web: \"99999\" is no port from 1 to 65535"},
       {R"({"services": {"web": "a:1", "web": "b:1"}})", "Line 1, Column "},
@@ -266,7 +266,7 @@ TEST_F(KelotlsctlAddress, RefusesARegistrationWhoseAddressIsNone) {
   const Outcome validated = run({"validate", "-"}, faulty);
   EXPECT_EQ(validated.status, 3);
   EXPECT_EQ(validated.out,
-            place + ".x: no such member; they are address, starttls and server-name\n");
+            place + ".x: no such member; they are address, starttls, server-name, expected\n");
   EXPECT_EQ(run({"validate", "-"}, registration(R"("a")")).out, place + ": names no port\n");
   const Outcome joined = run({"join", "-"}, registration(R"("a")"));
   EXPECT_EQ(joined.status, 1);

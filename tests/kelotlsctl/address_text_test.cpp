@@ -164,7 +164,7 @@ TEST(Address, HasItsFaultsNamedInJson) {
   EXPECT_EQ(faults_of(R"({"address": 5})"), "$.probe.address: is a number, must be a string\n");
   EXPECT_EQ(faults_of(R"({"address": "a"})"), "$.probe.address: names no port\n");
   EXPECT_EQ(faults_of(R"({"address": "a:1", "port": 1})"),
-            "$.probe.port: no such member; they are address, starttls and server-name\n");
+            "$.probe.port: no such member; they are address, starttls, server-name, expected\n");
   EXPECT_EQ(faults_of(R"({"address": "a:1", "starttls": ""})"),
             "$.probe.starttls: must not be empty\n");
   EXPECT_EQ(faults_of(R"({"address": "a:1", "starttls": "gopher"})")

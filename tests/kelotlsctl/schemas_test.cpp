@@ -115,6 +115,46 @@ TEST_F(KelotlsctlSchemas, LeaveTheRulesOnNamesToTheCommand) {
   }
 }
 
+// Expected differences: the command's verdict is whether it believes them.
+
+// clang-format off
+const Document kExpectedDifferences[] = {
+    {"{}", true},
+    {R"({"modern": {}, "intermediate": {"differences": []}, "old": {"refused": "a"}})", true},
+    {R"({"old": {"differences": [{"kind": "not-known", "what": ["a", ""], "reason": "b"}]}})", true},
+    {"null", false},
+    {"[]", false},
+    {R"({"default": {}})", false},
+    {R"({"old": []})", false},
+    {R"({"old": {"refused": ""}})", false},
+    {R"({"old": {"refused": true}})", false},
+    {R"({"old": {"refuse": "a"}})", false},
+    {R"({"old": {"differences": {}}})", false},
+    {R"({"old": {"differences": ["a"]}})", false},
+    {R"({"old": {"differences": [{"kind": "extra", "what": ["a"]}]}})", false},
+    {R"({"old": {"differences": [{"kind": "extra", "what": "a", "reason": "b"}]}})", false},
+    {R"({"old": {"differences": [{"kind": "extra", "what": [1], "reason": "b"}]}})", false},
+    {R"({"old": {"differences": [{"kind": "extra", "what": ["a"], "reason": ""}]}})", false},
+    {R"({"old": {"differences": [{"kind": "absent", "what": ["a"], "reason": "b"}]}})", false},
+    {R"({"old": {"differences": [{"kind": "extra", "what": [], "reason": "b", "x": 1}]}})", false},
+};
+// clang-format on
+
+TEST_F(KelotlsctlSchemas, JudgeExpectedDifferencesAsTheCommandDoes) {
+  write_file(kDataStore, data_store_text(2, {}));
+  ASSERT_EQ(run({"join", "-"}, R"({"services": [{"service": "a", "display-name": "A",
+      "probe": {"address": "localhost:1", "expected": "/usr/kelo/expected.json"}}]})")
+                .status,
+            0);
+  for (const Document& document : kExpectedDifferences) {
+    write_file("/usr/kelo/expected.json", document.text);
+    EXPECT_EQ(satisfies("expected", document.text), document.satisfies_schema) << document.text;
+    EXPECT_EQ(contains(run({"check", "a"}).out, "no difference is expected by it"),
+              !document.satisfies_schema)
+        << document.text;
+  }
+}
+
 // Data stores: the library's verdict is whether levels can be read.
 
 bool library_reads(const char* text) {

@@ -188,6 +188,29 @@ Json::Value in_order_of(const Json::Value& preferred, const Json::Value& accepte
   return suites;
 }
 
+constexpr char kExpected[] = "expected";
+
+/// Each entry that is expected tells why. kind: of entries that have none.
+Json::Value with_expectations(Json::Value entries, const FindExpected& find_expected,
+                              const char* kind = "") {
+  for (Json::Value& entry : entries) {
+    const std::string reason =
+        find_expected ? find_expected(entry.get("kind", kind).asString(), entry["what"].asString())
+                      : "";
+    if (!reason.empty()) {
+      entry[kExpected] = reason;
+    }
+  }
+  return entries;
+}
+
+const char* verdict_of(const Json::Value& differences, const Json::Value& not_known) {
+  return !expected_of(differences, false).empty()     ? "differs"
+         : !expected_of(not_known, false).empty()     ? "cannot-tell"
+         : !differences.empty() || !not_known.empty() ? "as-expected"
+                                                      : "agrees";
+}
+
 /// Services use whatever a file holds.
 Json::Value with_unsafe_dh_file(Json::Value differences, const Profile& profile) {
   const DhFile file = profile.dh_file != nullptr ? read_dh_file(profile) : DhFile();
@@ -262,21 +285,33 @@ Json::Value probe(const ProbeTarget& target, int level, const Progress& progress
     append_once(report["notes"], note);
   }
   report["notes"] = report.get("notes", list_of({}));
-  report["not-known"] = compared["not-known"];
+  report["not-known"] =
+      with_expectations(compared["not-known"], target.find_expected, kKindNotKnown);
   if (!is_server) {
     report["certificates"] = list_of({});  // the throw-away ones are not the service's
   }
-  report["differences"] = with_unsafe_dh_file(compared["differences"], profile);
+  report["differences"] = with_expectations(with_unsafe_dh_file(compared["differences"], profile),
+                                            target.find_expected);
   report["level"] = profile.level;
   report["name"] = profile.name;
   report["target"] = is_server ? place_of(target.address) : "context";
-  report["verdict"] = report["differences"].empty() ? compared["verdict"] : "differs";
+  report["verdict"] = verdict_of(report["differences"], report["not-known"]);
   report["agrees"] = report["verdict"] == "agrees";
   return report;
 }
 
+Json::Value expected_of(const Json::Value& entries, bool is_expected) {
+  Json::Value list(Json::arrayValue);
+  for (const Json::Value& entry : entries) {
+    if (entry.isMember(kExpected) == is_expected) {
+      list.append(entry);
+    }
+  }
+  return list;
+}
+
 std::string first_own_difference(const Json::Value& report, bool dh_file_counts) {
-  for (const Json::Value& difference : report["differences"]) {
+  for (const Json::Value& difference : expected_of(report["differences"], false)) {
     const std::string cause = difference["cause"].asString();
     if (cause == "other" || difference["kind"] == "extra" ||
         (dh_file_counts && (cause == "dh-file-missing" || cause == "dh-file-unreadable"))) {
@@ -299,19 +334,19 @@ void print_list(ReportText& text, const std::string& label, const Json::Value& e
   text.field(label, words, tone);
 }
 
-/// Neighbours of the same kind and with the same text together.
-void print_differences(ReportText& text, const Json::Value& differences) {
+/// Neighbours of the same kind and with the same text together. why: the member with the text.
+void print_differences(ReportText& text, const Json::Value& differences, const char* why = "text") {
   for (Json::ArrayIndex index = 0; index < differences.size();) {
     const Json::Value& first = differences[index];
     Json::Value names(Json::arrayValue);
     do {
       names.append(differences[index]["what"]);
     } while (++index < differences.size() && differences[index]["kind"] == first["kind"] &&
-             differences[index]["text"] == first["text"]);
+             differences[index][why] == first[why]);
     const bool is_not_known = !first.isMember("kind");
     print_list(text, is_not_known ? "not known" : first["kind"].asString(), names,
                is_not_known ? "" : kBad);
-    text.field("", words_of(first["text"].asString()));
+    text.field("", words_of(first[why].asString()));
   }
 }
 
@@ -462,15 +497,22 @@ void print_probe(std::ostream& out, const Json::Value& report, bool colour) {
   for (const Json::Value& note : report["notes"]) {
     text.field("note", words_of(note.asString()));
   }
-  if (!report["not-known"].empty()) {
+  for (const char* const list : {"differences", kKindNotKnown}) {
+    const Json::Value expected = expected_of(report[list], true);
+    out << (expected.empty() ? "" : "\nExpected of this server:\n");
+    print_differences(text, expected, kExpected);
+  }
+  const Json::Value not_known = expected_of(report[kKindNotKnown], false);
+  if (!not_known.empty()) {
     out << "\nNot known:\n";
-    print_differences(text, report["not-known"]);
+    print_differences(text, not_known);
   }
   const Json::Value& verdict = report["verdict"];
-  out << (verdict == "agrees"    ? "\nAll as the level asks.\n"
-          : verdict == "differs" ? "\nDifferences from what the level asks for:\n"
-                                 : "\nCannot tell whether all is as the level asks.\n");
-  print_differences(text, report["differences"]);
+  out << (verdict == "agrees"        ? "\nAll as the level asks.\n"
+          : verdict == "as-expected" ? "\nAll as the level asks, but for what is expected.\n"
+          : verdict == "differs"     ? "\nDifferences from what the level asks for:\n"
+                                     : "\nCannot tell whether all is as the level asks.\n");
+  print_differences(text, expected_of(report["differences"], false));
 }
 
 }  // namespace kelotlsctl

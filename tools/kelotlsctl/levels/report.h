@@ -5,6 +5,7 @@
 #include <json/value.h>
 #include <openssl/ssl.h>
 
+#include <functional>
 #include <ostream>
 #include <string>
 
@@ -30,12 +31,19 @@ kelotls::ContextOwner make_level_context(int level);
 /// parameter file when DHE fails. Throws std::runtime_error when OpenSSL makes no connection.
 Json::Value explain_context(SSL_CTX* context, int level);
 
+/// Why a difference of this kind ("missing", "extra", kKindNotKnown) is expected; empty where it is
+/// not.
+using FindExpected = std::function<std::string(const std::string& kind, const std::string& what)>;
+
+constexpr char kKindNotKnown[] = "not-known";
+
 /// A context, asked in memory with a throw-away certificate; or a running server. With both, the
 /// server is asked, and the context tells what is missing in it for the same reason.
 struct ProbeTarget {
   SSL_CTX* context = nullptr;
   Address address;  ///< without host and path: there is no server to ask
   Patience patience;
+  FindExpected find_expected;  ///< empty: no difference is expected
 };
 
 /// Surveys the target and compares it with its level. progress, unless empty, is called with what
@@ -43,9 +51,12 @@ struct ProbeTarget {
 /// answers at the address.
 Json::Value probe(const ProbeTarget& target, int level, const Progress& progress);
 
-/// The text of the first difference of a report that has another cause than this machine's OpenSSL,
-/// or an empty text. Those of a DH parameter file can be let pass: the service works without, as it
-/// was before.
+/// Those of the report's entries that are expected, or those that are not.
+Json::Value expected_of(const Json::Value& entries, bool is_expected);
+
+/// The text of the first difference of a report that is not expected and has another cause than
+/// this machine's OpenSSL, or an empty text. Those of a DH parameter file can be let pass: the
+/// service works without, as it was before.
 std::string first_own_difference(const Json::Value& report, bool dh_file_counts);
 
 // Tables of at most 80 columns.

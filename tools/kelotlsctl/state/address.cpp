@@ -9,6 +9,7 @@
 
 #include "output/console.h"
 #include "peers/starttls.h"
+#include "state/documents.h"
 
 namespace kelotlsctl {
 
@@ -162,23 +163,12 @@ void append_address_faults(const Json::Value& value, const std::string& path,
     faults.push_back({path, "must be an address, as a string or in an object"});
     return;
   }
-  const std::size_t before = faults.size();
-  if (!is_text) {
-    kelotls::append_faults(value, kMembers, path, faults);
-    for (const std::string& name : value.getMemberNames()) {
-      if (std::none_of(std::begin(kMembers), std::end(kMembers) - 1,
-                       [&](const kelotls::MemberRule& rule) { return name == rule.key; })) {
-        faults.push_back({kelotls::path_of_member(path, name),
-                          "no such member; they are address, starttls, server-name and expected"});
-      }
-    }
-  }
   const auto add = [&](const std::string& place, const std::string& fault) {
     if (!fault.empty()) {
       faults.push_back({place, fault});
     }
   };
-  if (faults.size() == before) {
+  if (is_text || append_exact_faults(value, kMembers, path, faults)) {
     Address address = address_of(value);
     add(is_text ? path : path + ".address",
         read_address((is_text ? value : value["address"]).asString(), address));

@@ -21,14 +21,8 @@ constexpr kelotls::MemberRule kMembers[] = {{"services", Json::objectValue, true
 
 kelotls::Faults faults_of(const Json::Value& document) {
   kelotls::Faults faults;
-  kelotls::append_faults(document, kMembers, "$", faults);
-  if (!faults.empty()) {
+  if (!append_exact_faults(document, kMembers, "$", faults)) {
     return faults;
-  }
-  for (const std::string& name : document.getMemberNames()) {
-    if (name != kMembers[0].key) {
-      faults.push_back({kelotls::path_of_member("$", name), "no such member"});
-    }
   }
   const Json::Value& services = document["services"];
   for (const std::string& service : services.getMemberNames()) {

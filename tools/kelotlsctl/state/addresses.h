@@ -17,6 +17,9 @@ class Addresses {
   /// is for people to write, too, and nothing in it may be lost.
   static Addresses load();
 
+  /// The same, but none where the file cannot be used; check names it.
+  static Addresses load_usable() { return fault().empty() ? load() : Addresses(); }
+
   /// Why the file cannot be used; empty where it can, or there is none.
   static std::string fault();
 

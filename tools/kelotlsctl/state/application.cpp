@@ -158,7 +158,7 @@ void note_server(Console& console, const Json::Value& seen, Json::Value& probed)
   probed["asked"] = "server";
   probed["address"] = seen["address"];
   probed["verdict"] = seen["verdict"];
-  if (seen["verdict"] != "agrees") {
+  if (!is_good(seen["verdict"])) {
     const std::string text = "its server at " + seen["address"].asString() + ": " +
                              wire_text(seen["verdict"].asString()) + ": " + seen["text"].asString();
     probed["agrees"] = false;

@@ -96,6 +96,26 @@ Json::Value change_json(int from, int to) {
 
 }  // namespace
 
+bool append_exact_faults(const Json::Value& value, const kelotls::MemberRule* rules,
+                         const std::string& path, kelotls::Faults& faults) {
+  const std::size_t before = faults.size();
+  kelotls::append_faults(value, rules, path, faults);
+  if (faults.size() != before) {
+    return false;
+  }
+  for (const std::string& name : value.getMemberNames()) {
+    std::string known;
+    const kelotls::MemberRule* rule = rules;
+    for (; rule->key != nullptr && name != rule->key; ++rule) {
+      known += (known.empty() ? "" : ", ") + std::string(rule->key);
+    }
+    if (rule->key == nullptr) {
+      faults.push_back({kelotls::path_of_member(path, name), "no such member; they are " + known});
+    }
+  }
+  return faults.size() == before;
+}
+
 std::vector<std::string> Registration::names() const {
   std::vector<std::string> names;
   for (const Json::Value& service : document["services"]) {

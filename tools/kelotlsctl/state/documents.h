@@ -31,6 +31,11 @@ Registration read_registration(const std::string& file, kelotls::Purpose purpose
 /// The same, and a Failure that names the faults where there are any.
 Registration require_registration(const std::string& file, kelotls::Purpose purpose);
 
+/// Appends what is wrong with an object that has the members of the table and no others. Whether
+/// nothing is.
+bool append_exact_faults(const Json::Value& value, const kelotls::MemberRule* rules,
+                         const std::string& path, kelotls::Faults& faults);
+
 /// What is likely to fail once the services have joined.
 kelotls::Faults file_warnings(const Json::Value& registration);
 

@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "state/addresses.h"
+#include "state/expected_differences.h"
 #include "state/history.h"
 
 namespace kelotlsctl {
@@ -86,6 +87,10 @@ Json::Value LevelChange::record() const {
     }
   }
   return changes.empty() ? changes_of(selection.names) : changes;
+}
+
+void LevelChange::refuse_unreachable() const {
+  refuse_unreachable_levels(Addresses::load_usable(), after, selection.names);
 }
 
 Report bring_into_force(Console& console, const LevelChange& change, const ReloadOptions& options) {

@@ -15,6 +15,9 @@ struct LevelChange {
 
   /// What changes, as it is recorded.
   Json::Value record() const;
+
+  /// A Failure where a service's server cannot be at its new level.
+  void refuse_unreachable() const;
 };
 
 /// Saves the new levels and brings them into force for the services. Each service for which a step

@@ -7,6 +7,7 @@
 
 #include "levels/report.h"
 #include "output/console.h"
+#include "state/expected_differences.h"
 #include "state/interruption.h"
 
 namespace kelotlsctl {
@@ -54,7 +55,7 @@ void stop_when_interrupted(std::size_t, std::size_t) {
   }
 }
 
-bool agrees(const Json::Value& seen) { return !seen.isNull() && seen["verdict"] == "agrees"; }
+bool agrees(const Json::Value& seen) { return !seen.isNull() && is_good(seen["verdict"]); }
 
 /// Or until the grace is over.
 Json::Value ask_until_it_agrees(const Addresses& addresses, const std::string& service, int level) {
@@ -80,14 +81,18 @@ Json::Value ask_running_server(const Addresses& addresses, const std::string& se
   target.context = context.get();
   target.address = *address;
   target.patience = patience;
+  target.find_expected = ExpectedDifferences::read(address->expected).at_level(level);
   try {
     const Json::Value report = probe(target, level, stop_when_interrupted);
     const std::string difference = first_own_difference(report, false);
-    const Json::Value& not_known = report["not-known"];
+    const Json::Value not_known = expected_of(report["not-known"], false);
+    const Json::Value expected = expected_of(report["differences"], true);
     return !difference.empty()
                ? outcome(*address, "differs", sentence_of(report["differences"], difference))
            : !not_known.empty()
                ? outcome(*address, "cannot-tell", sentence_of(not_known, telling_reason(not_known)))
+           : !expected.empty()
+               ? outcome(*address, "as-expected", expected[0]["expected"].asString())
                : outcome(*address, "agrees", "");
   } catch (const std::exception& exception) {
     return outcome(*address, "no-answer", exception.what());
@@ -116,8 +121,11 @@ std::vector<Json::Value> ask_reloaded_servers(const Addresses& addresses, const 
   return seen;
 }
 
+bool is_good(const Json::Value& verdict) { return verdict == "agrees" || verdict == "as-expected"; }
+
 std::string wire_text(const std::string& verdict) {
   return verdict == "agrees"        ? "as asked"
+         : verdict == "as-expected" ? "as expected"
          : verdict == "differs"     ? "DIFFERS"
          : verdict == "cannot-tell" ? "cannot tell"
                                     : "no answer";

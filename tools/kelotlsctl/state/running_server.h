@@ -16,9 +16,9 @@ namespace kelotlsctl {
 /// For a look at many services: a server that is slower than this is not known.
 constexpr Patience kShortPatience = {std::chrono::seconds(3), std::chrono::seconds(20)};
 
-/// How the running server of a service came out: {"address", "verdict": "agrees", "differs",
-/// "cannot-tell" or "no-answer", "text": why it does not agree}. What only this machine's OpenSSL
-/// keeps back is no difference. Null where no address is kept for the service.
+/// How the running server of a service came out: {"address", "verdict": "agrees", "as-expected",
+/// "differs", "cannot-tell" or "no-answer", "text": why it does not agree}. What only this
+/// machine's OpenSSL keeps back is no difference. Null where no address is kept for the service.
 Json::Value ask_running_server(const Addresses& addresses, const std::string& service, int level,
                                const Patience& patience);
 
@@ -28,6 +28,9 @@ Json::Value ask_running_server(const Addresses& addresses, const std::string& se
 std::vector<Json::Value> ask_reloaded_servers(const Addresses& addresses, const Store& store,
                                               const std::vector<std::string>& services,
                                               const std::function<void()>& progress);
+
+/// Whether the server is as the level asks, but for what is expected of it.
+bool is_good(const Json::Value& verdict);
 
 /// A verdict for people: "as asked" of "agrees".
 std::string wire_text(const std::string& verdict);

@@ -1,6 +1,5 @@
 // Owns whether a service's level has reached the service.
 #include "state/service_state.h"
-#include "state/running_server.h"
 
 #include <openssl/evp.h>
 #include <unistd.h>
@@ -13,6 +12,8 @@
 #include <system_error>
 
 #include "output/text.h"
+#include "state/expected_differences.h"
+#include "state/running_server.h"
 #include "state/templates.h"
 
 namespace kelotlsctl {
@@ -29,7 +30,7 @@ struct StateWords {
 };
 
 // clang-format off
-constexpr std::array<StateWords, 10> kStateWords = {{
+constexpr std::array<StateWords, 12> kStateWords = {{
     {"in force",                       "in-force",       kGood},
     {"pending render",                 "pending-render", kCare},
     {"pending reload",                 "pending-reload", kCare},
@@ -40,6 +41,8 @@ constexpr std::array<StateWords, 10> kStateWords = {{
     {"differs on the wire",            "differs",        kBad},
     {"not known: server does not say", "cannot-tell",    kCare},
     {"no answer from its server",      "no-answer",      kBad},
+    {"in force, as far as it can be",  "as-expected",    kGood},
+    {"its server cannot be at it",     "unreachable",    kBad},
 }};
 // clang-format on
 
@@ -200,13 +203,18 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
   if (!status.rendered.fault.empty()) {
     status.document["fault"] = status.rendered.fault;
   }
-  if (status.state == State::kInForce) {
+  if (status.state == State::kInForce || status.state == State::kAsExpected) {
     status.document["in-force-since"] = stamp_.since(service);
   }
   return status;
 }
 
 void ServiceInspector::ask_server(ServiceStatus& status) const {
+  const std::string unreachable = unreachable_level(*addresses_, store_, status.name);
+  if (!unreachable.empty()) {
+    status.state = State::kUnreachable;
+    status.document["fault"] = unreachable;
+  }
   const bool is_set = status.state == State::kInForce || status.state == State::kNextContext;
   const Json::Value seen =
       is_set ? ask_running_server(*addresses_, status.name, store_.effective_level(status.name),
@@ -219,6 +227,7 @@ void ServiceInspector::ask_server(ServiceStatus& status) const {
   const Json::Value& verdict = seen["verdict"];
   status.document["server"] = seen;
   status.state = verdict == "agrees"        ? State::kInForce
+                 : verdict == "as-expected" ? State::kAsExpected
                  : verdict == "differs"     ? State::kDiffers
                  : verdict == "cannot-tell" ? State::kCannotTell
                                             : State::kNoAnswer;

@@ -85,6 +85,8 @@ enum class State {
   kDiffers,        ///< its running server was asked, and does not do what the level asks for
   kCannotTell,     ///< its running server was asked, and did not say enough
   kNoAnswer,       ///< nothing answers at its address
+  kAsExpected,     ///< its running server was asked, and does all of the level that it can
+  kUnreachable,    ///< its server cannot be at this level
 };
 
 struct ServiceStatus {
@@ -103,8 +105,7 @@ class ServiceInspector {
 
   /// From now on, a level that is in force by the service's files has to be seen at its running
   /// server too, where an address is kept. The document then tells what was "asked".
-  /// A file of addresses that cannot be read or used counts as none; check names it.
-  void ask_servers() { addresses_ = Addresses::fault().empty() ? Addresses::load() : Addresses(); }
+  void ask_servers() { addresses_ = Addresses::load_usable(); }
 
   ServiceStatus inspect(const std::string& service);
 

@@ -10,6 +10,7 @@ namespace kelotlsctl {
 namespace {
 
 constexpr char kNone[] = "none";
+constexpr char kExpected[] = "expected";
 
 bool only_shows(const Arguments& arguments) {
   return arguments.address.empty() && !arguments.remove;
@@ -42,6 +43,22 @@ void require_known(const Addresses& addresses, const Arguments& arguments) {
   }
 }
 
+/// Null where there is none.
+Json::Value requested_address(const Arguments& arguments) {
+  return arguments.address.empty()
+             ? Json::Value()
+             : address_json(
+                   parse_address(arguments.address, arguments.starttls, arguments.server_name));
+}
+
+/// What is expected of a server does not depend on where it listens.
+Json::Value with_expected_of(const Json::Value& from, Json::Value to) {
+  if (from.isMember(kExpected) && !to.isNull()) {
+    to[kExpected] = from[kExpected];
+  }
+  return to;
+}
+
 void execute(Addresses addresses, const Json::Value& to, const Arguments& arguments) {
   if (to.isNull()) {
     addresses.remove(arguments.service);
@@ -56,14 +73,12 @@ void execute(Addresses addresses, const Json::Value& to, const Arguments& argume
 Report keep_address(Console& console, const Arguments& arguments) {
   refuse_what_excludes(arguments);
   const bool shows = only_shows(arguments);
-  Json::Value to;
-  if (!arguments.address.empty()) {
-    to = address_json(parse_address(arguments.address, arguments.starttls, arguments.server_name));
-  }
+  const Json::Value requested = requested_address(arguments);
   const Lock lock(console, arguments.command, !shows && !arguments.dry_run);
   const Addresses addresses = Addresses::load();
   require_known(addresses, arguments);
   const Json::Value from = json_of(addresses.find(arguments.service));
+  const Json::Value to = with_expected_of(from, requested);
   const bool writes = !shows && !arguments.dry_run && from != to;
   if (writes) {
     Json::Value changes = list_of({});

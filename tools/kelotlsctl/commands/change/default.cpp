@@ -68,6 +68,7 @@ Report default_level(Console& console, const Arguments& arguments) {
   }
   const Lock lock(console, arguments.command, !arguments.dry_run);
   const LevelChange plan = make_plan(load_store(), level);
+  plan.refuse_unreachable();
   if (arguments.apply) {
     require_trust(console, walk_places(console, kAllPlaces, plan.selection),
                   arguments.confidence());

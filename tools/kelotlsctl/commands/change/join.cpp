@@ -13,6 +13,7 @@
 #include "state/addresses.h"
 #include "state/application.h"
 #include "state/documents.h"
+#include "state/expected_differences.h"
 #include "state/history.h"
 #include "state/lock.h"
 #include "state/spelling.h"
@@ -170,13 +171,12 @@ void require_room(const Registration& registration, Store store) {
 }
 
 /// What the registration brings takes the place of what is kept; what it does not bring stays.
-void keep_addresses(Addresses kept, const std::map<std::string, Address>& addresses) {
-  for (const auto& [service, address] : addresses) {
-    kept.set(service, address);
+Addresses addresses_with(const std::map<std::string, Address>& brought) {
+  Addresses addresses = brought.empty() ? Addresses() : Addresses::load();
+  for (const auto& [service, address] : brought) {
+    addresses.set(service, address);
   }
-  if (!addresses.empty()) {
-    kept.save();
-  }
+  return addresses;
 }
 
 void execute(const Registration& registration, Store& store) {
@@ -214,8 +214,8 @@ Report join_services(Console& console, const Arguments& arguments) {
   const TemplateVerdicts templates = judge_templates(console, registration.document);
   const Lock lock(console, arguments.command, !arguments.dry_run);
   Store store = load_store();
-  const std::map<std::string, Address> addresses = registration.addresses();
-  const Addresses kept = addresses.empty() ? Addresses() : Addresses::load();
+  const std::map<std::string, Address> brought = registration.addresses();
+  const Addresses addresses = addresses_with(brought);
   warn_of(console, file_warnings(registration.document));
   warn_of(console, misspelt_members(registration.document));
   warn_of(console, templates.faults);
@@ -225,11 +225,14 @@ Report join_services(Console& console, const Arguments& arguments) {
   if (!arguments.replace) {
     refuse_replacement(report.document["services"]);
   }
+  refuse_unreachable_levels(addresses, store, registration.names());
   report.document["written"] = !arguments.dry_run;
   if (!arguments.dry_run) {
     begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
     execute(registration, store);
-    keep_addresses(kept, addresses);
+    if (!brought.empty()) {
+      addresses.save();
+    }
     remove_stale(report.document["services"]);
     if (any_pending(load_store(), registration.names())) {
       report.notes.emplace_back("Not in force yet: kelotlsctl apply");

@@ -113,6 +113,7 @@ Report set_level(Console& console, const Arguments& arguments) {
   const ReloadOptions options = reload_options(arguments.reload_timeout);
   const Lock lock(console, arguments.command, !arguments.dry_run);
   const LevelChange plan = make_plan(request);
+  plan.refuse_unreachable();
   if (arguments.apply) {
     require_trust(console, walk_places(console, kAllPlaces, plan.selection),
                   arguments.confidence());

@@ -19,6 +19,7 @@
 #include "regeneration.h"
 #include "registration.h"
 #include "state/addresses.h"
+#include "state/expected_differences.h"
 #include "state/service_state.h"
 #include "state/trusted_places.h"
 
@@ -210,6 +211,23 @@ void check_rendering(const ServiceStatus& status, Findings& findings) {
   }
 }
 
+/// What is expected of the running server, and whether it can be at the service's level.
+void check_expected(const ServiceStatus& status, const Addresses& addresses, Findings& findings) {
+  const Address* const address = addresses.find(status.name);
+  const std::string fault =
+      address != nullptr ? ExpectedDifferences::read(address->expected).fault() : "";
+  if (!fault.empty()) {
+    findings.add(kWarning, address->expected, "no difference is expected by it: " + fault,
+                 "mend it, or let the service join again");
+  }
+  if (status.state == State::kUnreachable) {
+    findings.add(
+        kError, status.descriptor.path,
+        status.name + "'s server cannot be at its level: " + status.document["fault"].asString(),
+        "kelotlsctl set " + status.name + " LEVEL");
+  }
+}
+
 /// What the running server shows of a level that is in force by the service's files.
 void check_server(const ServiceStatus& status, Findings& findings) {
   const Json::Value& server = status.document["server"];
@@ -269,6 +287,7 @@ void check_services(Console& console, const Store& store, const Selection& selec
                     Findings& findings) {
   ServiceInspector inspector(store);
   inspector.ask_servers();
+  const Addresses addresses = Addresses::load_usable();
   ProgressBar progress(console, "checking", selection.names.size());
   for (const std::string& service : selection.names) {
     progress.next(service);
@@ -278,6 +297,7 @@ void check_services(Console& console, const Store& store, const Selection& selec
     const ServiceStatus status = inspector.inspect(service);
     check_descriptor(status, findings);
     check_rendering(status, findings);
+    check_expected(status, addresses, findings);
     check_server(status, findings);
     check_link(status, findings);
   }

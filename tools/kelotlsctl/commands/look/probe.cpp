@@ -4,22 +4,27 @@
 #include "levels/report.h"
 #include "state/addresses.h"
 #include "state/application.h"
+#include "state/expected_differences.h"
 
 namespace kelotlsctl {
 
 namespace {
 
-/// What the command line says, or what is kept; none for the library's context.
+/// What the command line says, or what is kept; none for the library's context. What is expected of
+/// the service's server is expected of it anywhere.
 Address address_of(const Arguments& arguments) {
-  if (!arguments.address.empty()) {
-    return parse_address(arguments.address, arguments.starttls, arguments.server_name);
-  }
-  if (!arguments.starttls.empty() || !arguments.server_name.empty()) {
+  if (arguments.address.empty() &&
+      (!arguments.starttls.empty() || !arguments.server_name.empty())) {
     throw Failure(kUsage, "--starttls and --servername need --connect");
   }
   const Addresses addresses = arguments.context ? Addresses() : Addresses::load();
   const Address* const kept = addresses.find(arguments.service);
-  return kept != nullptr ? *kept : Address();
+  if (arguments.address.empty()) {
+    return kept != nullptr ? *kept : Address();
+  }
+  Address address = parse_address(arguments.address, arguments.starttls, arguments.server_name);
+  address.expected = kept != nullptr ? kept->expected : "";
+  return address;
 }
 
 Patience patience_of(const Arguments& arguments) {
@@ -34,9 +39,9 @@ Patience patience_of(const Arguments& arguments) {
 
 /// What only this machine's OpenSSL keeps back is no fault of the service.
 ExitCode code_of(const Json::Value& document) {
-  return !first_own_difference(document, true).empty() ? kNotSo
-         : !document["not-known"].empty()              ? kCannotTell
-                                                       : kDone;
+  return !first_own_difference(document, true).empty()        ? kNotSo
+         : !expected_of(document["not-known"], false).empty() ? kCannotTell
+                                                              : kDone;
 }
 
 }  // namespace
@@ -49,10 +54,15 @@ Report probe_service(Console& console, const Arguments& arguments) {
   require_service(store, arguments.service);
   const kelotls::ContextOwner context = service_context(store, arguments.service);
   target.context = context.get();
-  const Json::Value document = probe(
-      target, store.effective_level(arguments.service), [&](std::size_t done, std::size_t all) {
-        console.progress("probing " + printable(arguments.service), done, all);
-      });
+  const int level = store.effective_level(arguments.service);
+  const ExpectedDifferences expected = ExpectedDifferences::read(target.address.expected);
+  target.find_expected = expected.at_level(level);
+  Json::Value document = probe(target, level, [&](std::size_t done, std::size_t all) {
+    console.progress("probing " + printable(arguments.service), done, all);
+  });
+  if (!expected.fault().empty()) {
+    document["notes"].append("No difference is expected: " + expected.fault());
+  }
   return {code_of(document), document};
 }
 

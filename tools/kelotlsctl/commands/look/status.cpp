@@ -24,7 +24,7 @@ bool is_pending(State state) {
 
 bool is_at_fault(State state) {
   return state == State::kCannotRender || state == State::kUnusableLevel ||
-         state == State::kDiffers || state == State::kNoAnswer;
+         state == State::kDiffers || state == State::kNoAnswer || state == State::kUnreachable;
 }
 
 template <typename Keys>
