@@ -122,7 +122,8 @@ TEST_F(ExpectedDifferences, MayBeThatNothingIsKnown) {
   });
   const Arguments there = {"web", "--connect", "127.0.0.1:" + closes_at_once.port()};
   Json::Value all(Json::arrayValue);
-  for (const Json::Value& entry : run_json("probe", there).document["not-known"]) {
+  const Json::Value probed = run_json("probe", there).document;
+  for (const Json::Value& entry : probed["not-known"]) {
     all.append(entry["what"]);
   }
   ASSERT_GT(all.size(), 1U);
