@@ -46,6 +46,18 @@ TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
   EXPECT_EQ(complete("kelotlsctl list --state pending"), "pending-render pending-reload\n");
 }
 
+// What the schema of list allows is what it prints.
+TEST_F(KelotlsctlCompletion, OffersEveryState) {
+  std::string states;
+  const Json::Value schema = read_json(KELOTLS_SCHEMAS "/output/list.schema.json");
+  for (const Json::Value& state :
+       schema["properties"]["services"]["items"]["properties"]["state"]["enum"]) {
+    states += (states.empty() ? "" : " ") + state.asString();
+  }
+  EXPECT_EQ(complete("kelotlsctl list --state ''"), states + "\n");
+  EXPECT_TRUE(contains(read_file(KELOTLSCTL_COMPLETION "/_kelotlsctl"), ":state:(" + states + ")"));
+}
+
 TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
   write_file(kDataStore, data_store_text(2, {{"two words", "0"}}));
   EXPECT_EQ(complete("kelotlsctl get t"), "two\\ words\n");

@@ -24,7 +24,7 @@ _kelotlsctl() {
     --preview) _kelotlsctl_files "$current"; _kelotlsctl_services "$current"; return ;;
     --level) words='modern intermediate old'; [[ $command != list ]] || words=$levels ;;
     --state)
-      words='in-force pending-render pending-reload next-context cannot-render unusable-level needs-root'
+      words='in-force pending-render pending-reload next-context cannot-render unusable-level needs-root differs cannot-tell no-answer as-expected unreachable'
       ;;
     --starttls) words='smtp imap pop3 ftp ldap postgres mysql sieve xmpp nntp' ;;
     --connect | --reason | --reload-timeout | --servername) return ;;
