@@ -20,6 +20,7 @@
 #include "state/history.h"
 #include "state/interruption.h"
 #include "state/running_server.h"
+#include "state/workers.h"
 
 namespace kelotlsctl {
 
@@ -43,6 +44,14 @@ Json::Value rendered_json(const std::string& service, const Rendered& rendered, 
                                  texts.former, texts.now);
   }
   return value;
+}
+
+/// Of a service whose rendering came to no end.
+Json::Value unrendered_json(const std::string& service) {
+  return object({{"service", service},
+                 {"path", kelotls::rendered_path(service)},
+                 {"change", "failed"},
+                 {"fault", "the process that renders it ended before it was done"}});
 }
 
 std::string change_text(const Json::Value& change, bool is_done) {
@@ -255,14 +264,26 @@ std::string probe_cell(const Json::Value& probed) {
 
 Json::Value render_templates_of(Console& console, const Store& store, const Selection& selection,
                                 kelotls::Rendering rendering, bool with_diff) {
+  const std::size_t count = selection.names.size();
   kelotls::JsonReader reader;
-  Json::Value list = list_of({});
-  ProgressBar progress(console, "rendering", selection.names.size());
-  for (const std::string& service : selection.names) {
-    progress.next(service);
+  const auto render_one = [&](std::size_t index) {
+    const std::string& service = selection.names[index];
+    console.progress("rendering " + printable(service), index, count);
     const Rendered rendered = render(store, service, reader, rendering);
-    if (rendered.outcome != Outcome::kNoTemplate) {
-      list.append(rendered_json(service, rendered, with_diff));
+    return rendered.outcome != Outcome::kNoTemplate ? rendered_json(service, rendered, with_diff)
+                                                    : Json::Value(false);
+  };
+  const Json::Value results = rendering == kelotls::Rendering::kInForce
+                                  ? for_each_index_on_disk(count, render_one)
+                                  : for_each_index(count, render_one);
+  console.progress("rendering", count, count);
+  Json::Value list = list_of({});
+  for (std::size_t index = 0; index < count; ++index) {
+    const Json::Value& result = results[static_cast<Json::ArrayIndex>(index)];
+    if (result.isNull()) {
+      list.append(unrendered_json(selection.names[index]));
+    } else if (result.isObject()) {
+      list.append(result);
     }
   }
   return list;
