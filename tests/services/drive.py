@@ -76,9 +76,12 @@ class Client:
             check=False, timeout=ANSWER_SECONDS)
         return "" if result.returncode == 0 else result.stdout.decode(errors="replace")
 
-    def hold(self) -> subprocess.Popen[bytes]:
-        return subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    def hold(self, opening: bytes) -> subprocess.Popen[bytes]:
+        held = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                 stderr=subprocess.DEVNULL)
+        assert held.stdin is not None
+        held.stdin.write(opening)
+        return held
 
 
 def answers(held: subprocess.Popen[bytes], talk: tuple[bytes, bytes]) -> bool:
@@ -202,7 +205,7 @@ def survey(command: Command, name: str, level: str, expected: Any) -> str:
 
 def change(command: Command, client: Client, name: str, level: str,
            recipe: Recipe) -> dict[str, Any]:
-    held = client.hold()
+    held = client.hold(recipe.opening)
     if not answers(held, recipe.talk):
         raise Wrong("a new connection gives no answer")
     visitors = Visitors(client)

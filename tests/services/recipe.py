@@ -22,6 +22,7 @@ class Recipe:
         PROGRAMS/PACKAGE.
     command: the server, which stays in the foreground.
     files: of services/NAME, by name, where each goes to.
+    opening: what is sent over a connection first, once.
     talk: what is sent over a connection, and what the answer holds; asked again of a connection
         that is open during each change.
     keeps_connections: whether that connection lives on after a reload.
@@ -34,6 +35,7 @@ class Recipe:
     command: tuple[str, ...]
     files: Mapping[str, str]
     talk: tuple[bytes, bytes]
+    opening: bytes = b""
     unpacked: tuple[str, ...] = ()
     keeps_connections: bool = True
     restarts: bool = False

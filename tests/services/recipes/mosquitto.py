@@ -2,7 +2,7 @@ import shutil
 
 from recipe import Recipe
 
-# MQTT's CONNECT of a client without a name, and the CONNACK that accepts it.
+# MQTT's CONNECT of a client without a name, PINGREQ and PINGRESP.
 CONNECT = b"\x10\x0c\x00\x04MQTT\x04\x02\x00\x3c\x00\x00"
 
 
@@ -16,7 +16,8 @@ RECIPE = Recipe(
     command=("/usr/sbin/mosquitto", "-c", "/usr/kelo/etc/mosquitto/mosquitto.conf"),
     files={"mosquitto.conf": "/usr/kelo/etc/mosquitto/mosquitto.conf",
            "listener.conf": "/usr/kelo/etc/mosquitto/listener.conf"},
-    talk=(CONNECT, b"\x20\x02\x00\x00"),
+    opening=CONNECT,
+    talk=(b"\xc0\x00", b"\xd0\x00"),
     keeps_connections=False,
     restarts=True,
     users={"mosquitto": 112},
