@@ -74,9 +74,9 @@ need_test_packages() {
 bubblewrap: gives each test a private appliance tree
 binutils: looks into the built library
 locales: a locale with a decimal comma, which no rendered number may show
-nginx-light: the real server behind the templated example
+nginx-light: the real server behind the first of the services
 openssl: makes the tests' certificates, and is their client
-python3-pystache: an independent judge of the template renderer's cases
+python3-pystache: makes the services' templates; an independent judge of the renderer's cases
 ruby-mustache: another one
 EOF
   stop_new_service nginx-light
