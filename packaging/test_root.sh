@@ -71,7 +71,7 @@ in_root() {
 
 copy_packages() {
   mkdir -p "$root/packages"
-  cp "$packages"/*_amd64.deb "$root/packages/"
+  cp "$packages"/*_{amd64,all}.deb "$root/packages/"
   rm -f "$root"/packages/*-dbgsym_*
 }
 
@@ -81,14 +81,13 @@ install_packages() {
   rm -r "$root/packages"
 }
 
-# What the nginx example's package would bring.
-install_nginx_example() {
-  mkdir -p "$root"/usr/kelo/{run,share,etc/nginx,etc/ssl}
-  cp -r "$project/examples/nginx" "$root/usr/kelo/share/"
+# What an administrator brings for the service nginx: the server's configuration and its certificate.
+configure_nginx() {
+  mkdir -p "$root"/usr/kelo/{run,etc/nginx,etc/ssl}
   # The root's only user is root, so the workers run as root too.
   sed '1i user root;
     s/^error_log .*/error_log \/usr\/kelo\/run\/nginx.log;/' \
-    "$project/examples/nginx/nginx.conf" > "$root/usr/kelo/etc/nginx/nginx.conf"
+    "$project/services/nginx/nginx.conf" > "$root/usr/kelo/etc/nginx/nginx.conf"
   in_root -- sh -c 'openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=appliance -days 30 \
     -keyout /tmp/key -out /tmp/certificate 2> /dev/null &&
     cat /tmp/certificate /tmp/key > /usr/kelo/etc/ssl/nginx.pem'

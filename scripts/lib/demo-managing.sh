@@ -22,10 +22,10 @@ chapter_managing() {
   stop tls_service
 }
 
-# What the services' packages would bring along.
+# What is left to do for an administrator of nginx, and what tls_service's package would bring along.
 install_services() {
-  cp -r "$project"/examples/{nginx,tls_service} /usr/kelo/share/
-  cp "$project/examples/nginx/nginx.conf" /usr/kelo/etc/nginx/
+  cp /usr/share/kelotls/services/nginx/nginx.conf /usr/kelo/etc/nginx/
+  cp -r "$project/examples/tls_service" /usr/kelo/share/
   cp "$work/rsa.pem" /usr/kelo/etc/ssl/nginx.pem
 }
 
@@ -33,7 +33,7 @@ join_services() {
   say 'nginx (with a template of its TLS settings and a reloader) and tls_service (with a reloader) join a
 framework that is empty so far:'
   echo '{ "default-level": 2, "services": {} }' > "$framework/datastore.json"
-  expect 'nginx joins' call join /usr/kelo/share/nginx/registration.json
+  expect 'nginx joins' call join /usr/share/kelotls/services/nginx/registration.json
   expect 'tls_service joins' call join /usr/kelo/share/tls_service/registration.json
   expect 'templates are rendered' call render
   say 'The data store and the files are now:'
@@ -165,7 +165,7 @@ refuse_a_registration() {
 
 leave() {
   say 'Both leave. Nothing of them is left:'
-  expect 'nginx leaves' call leave /usr/kelo/share/nginx/registration.json
+  expect 'nginx leaves' call leave /usr/share/kelotls/services/nginx/registration.json
   expect 'tls_service leaves' call leave /usr/kelo/share/tls_service/registration.json
   list_files
   # Where the command's package is installed, its lock and its history are there too.

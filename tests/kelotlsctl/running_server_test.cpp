@@ -24,8 +24,7 @@ class KelotlsctlRunningServer : public Kelotlsctl {
     write_file("/usr/kelo/certificate.pem", read_file(KELOTLS_CERTIFICATES "/rsa.pem"));
     write_program("/usr/kelo/reload", std::string("#!/bin/sh\ntest ! -s ") + kPidFile + " || " +
                                           kNginx + " -c " + kConfiguration + " -s reload\n");
-    write_file("/usr/kelo/nginx.mustache",
-               read_file(KELOTLS_EXAMPLES "/nginx/nginx.conf.mustache"));
+    write_file("/usr/kelo/nginx.mustache", read_file(KELOTLS_TEMPLATES "/nginx/template.mustache"));
     const Outcome joined = run({"join", "-"}, R"({"services": [{"service": "nginx",
         "display-name": "Web", "mustache-path": "/usr/kelo/nginx.mustache",
         "reloader-path": "/usr/kelo/reload", "probe": "127.0.0.1:443"}]})");

@@ -1,5 +1,5 @@
-// The examples as real servers: they join, their levels change, and clients meet what the level
-// says.
+// The example of a TLS service and the ready web server, as real servers: they join, their levels
+// change, and clients meet what the level says.
 #include <arpa/inet.h>
 #include <json/json.h>
 #include <kelotls/api_provider.h>
@@ -245,7 +245,7 @@ Names accepted_groups(int port) {
   return accepted;
 }
 
-/// A private tree in which both examples are installed and have joined, at the default level
+/// A private tree in which both services are installed and have joined, at the default level
 /// intermediate. The servers take up the OpenSSL configuration, so that level old is whole there.
 class Services : public PrivateTree {
  protected:
@@ -259,10 +259,10 @@ class Services : public PrivateTree {
       make_directories(directory);
     }
     write_file(kDataStore, data_store_text(TLS_PROFILE_LEVEL_INTERMEDIATE, {}));
+    std::filesystem::copy(TLS_SERVICE_DIR, "/usr/kelo/share/tls_service");
+    std::filesystem::copy(NGINX_DIR, "/usr/kelo/share/nginx");
+    std::filesystem::copy(NGINX_TEMPLATE, "/usr/kelo/share/nginx");
     for (const char* service : {"nginx", "tls_service"}) {
-      std::filesystem::copy(EXAMPLES_DIR + ("/" + std::string(service)),
-                            "/usr/kelo/share/" + std::string(service),
-                            std::filesystem::copy_options::recursive);
       ASSERT_EQ(APIProvider().join_framework(registration_of(service)), 0);
     }
     ASSERT_EQ(APIProvider().render_service_template(), 0);
@@ -278,10 +278,16 @@ class Services : public PrivateTree {
     }
   }
 
+  /// The packages' directory belongs to the host: here the files are elsewhere.
   static Json::Value registration_of(const std::string& service) {
+    const std::string packaged = "/usr/share/kelotls/services/";
+    std::string text = read_file("/usr/kelo/share/" + service + "/registration.json");
+    for (auto place = text.find(packaged); place != std::string::npos;
+         place = text.find(packaged)) {
+      text.replace(place, packaged.size(), "/usr/kelo/share/");
+    }
     Json::Value registration;
-    std::istringstream text(read_file("/usr/kelo/share/" + service + "/registration.json"));
-    text >> registration;
+    std::istringstream(text) >> registration;
     return registration;
   }
 
