@@ -2,12 +2,14 @@
 client holds a connection and others come and go, and looks at what the server then serves. Prints
 what came of it as JSON.
 
-    drive.py KELOTLSCTL NAME SECURITY_LEVEL
+    drive.py KELOTLSCTL NAME SECURITY_LEVEL [LEVELS]
 
 SECURITY_LEVEL: host for OpenSSL as the machine has it, or 0.
+LEVELS: where it goes from level intermediate, in this order, with commas; else through all and back.
 """
 
 import ctypes
+import dataclasses
 import json
 import os
 import selectors
@@ -29,12 +31,26 @@ from tree import APPLIANCE_DIRECTORIES, DH_DIRECTORY
 SERVICES = "/usr/share/kelotls/services"
 CHANGES = ("modern", "old", "intermediate")
 START_SECONDS = 20
+MOST_SECONDS = 240
 ANSWER_SECONDS = 10
 PR_SET_CHILD_SUBREAPER = 36
+CHECK_SAYS_NO = 3  # kelotlsctl's exit status
 
 
 class Wrong(Exception):
     """Something did not come out as it should; the text says what."""
+
+
+class Differs(Wrong):
+    """The server is not as its level and its expected differences say."""
+
+
+@dataclasses.dataclass
+class Progress:
+    """How far it came, and what came of it."""
+    at: str = "intermediate"
+    levels: dict[str, str] = dataclasses.field(default_factory=dict)
+    changes: list[dict[str, Any]] = dataclasses.field(default_factory=list)
 
 
 class Command:
@@ -50,8 +66,9 @@ class Command:
     def require(self, *arguments: str) -> None:
         result = self.run(*arguments)
         if result.returncode != 0:
-            raise Wrong(f"kelotlsctl {' '.join(arguments)} ended with {result.returncode}:\n"
-                        f"{result.stdout}")
+            kind = Differs if result.returncode == CHECK_SAYS_NO and "set" in arguments else Wrong
+            raise kind(f"kelotlsctl {' '.join(arguments)} ended with {result.returncode}:\n"
+                       f"{result.stdout}")
 
     def document(self, *arguments: str) -> Any:
         result = subprocess.run([self._path, *arguments, "--json"], text=True, check=False,
@@ -198,7 +215,7 @@ def survey(command: Command, name: str, level: str, expected: Any) -> str:
         raise Wrong(f"at level {level} the probe says {json.dumps(report)}")
     new, lacking = differences_of(report, expected)
     if new or lacking:
-        raise Wrong(f"at level {level}: not expected: {', '.join(new) or 'nothing'}; "
+        raise Differs(f"at level {level}: not expected: {', '.join(new) or 'nothing'}; "
                     f"expected, but not so: {', '.join(lacking) or 'nothing'}")
     return "as expected" if expected.get("differences") else "exact"
 
@@ -233,7 +250,8 @@ def require_refusal(command: Command, name: str, level: str, reason: str) -> Non
         raise Wrong(f"the level {level} was not refused for \"{reason}\": {result.stdout}")
 
 
-def drive(command: Command, name: str, security_level: str) -> dict[str, Any]:
+def drive(command: Command, name: str, security_level: str, changes: list[str],
+          progress: Progress) -> None:
     recipe = recipe_of(name)
     registration = f"{SERVICES}/{name}/registration.json"
     with open(registration, encoding="utf-8") as file:
@@ -249,30 +267,39 @@ def drive(command: Command, name: str, security_level: str) -> dict[str, Any]:
     command.require("reload", name)
     recipe.prepare()
     start(recipe, client)
-    levels = {"intermediate": survey(command, name, "intermediate",
-                                     expected.get("intermediate", {}))}
-    changes = []
-    for level in CHANGES:
+    progress.levels["intermediate"] = survey(command, name, "intermediate",
+                                             expected.get("intermediate", {}))
+    for level in changes:
+        progress.at = level
         of_level = expected.get(level, {})
         if "refused" in of_level:
             require_refusal(command, name, level, of_level["refused"])
-            levels[level] = "refused"
+            progress.levels[level] = "refused"
         else:
-            changes.append(change(command, client, name, level, recipe))
-            levels[level] = survey(command, name, level, of_level)
-    return {"levels": levels, "changes": changes}
+            progress.changes.append(change(command, client, name, level, recipe))
+            progress.levels[level] = survey(command, name, level, of_level)
 
 
-def main(path: str, name: str, security_level: str) -> None:
+def give_up(_number: int, _frame: Any) -> None:
+    raise Wrong(f"it took longer than {MOST_SECONDS} s")
+
+
+def main(path: str, name: str, security_level: str, levels: str = ",".join(CHANGES)) -> None:
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+    signal.signal(signal.SIGALRM, give_up)
+    signal.alarm(MOST_SECONDS)
     begin = time.monotonic()
     result: dict[str, Any] = {"service": name, "security-level": security_level}
+    progress = Progress()
     try:
-        result.update(drive(Command(path), name, security_level))
+        drive(Command(path), name, security_level, levels.split(",") if levels else [], progress)
     except Wrong as wrong:
         result["wrong"] = str(wrong)
+        progress.levels[progress.at] = "differs" if isinstance(wrong, Differs) else "failed"
     finally:
+        signal.alarm(0)
         end_all()
+    result.update(levels=progress.levels, changes=progress.changes)
     result["seconds"] = time.monotonic() - begin
     print(json.dumps(result))
 
