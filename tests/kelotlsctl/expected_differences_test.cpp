@@ -4,18 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
-
 #include "kelotlsctl.h"
 #include "loopback_server.h"
-#include "process.h"
+#include "nginx.h"
 
 namespace kelotls::test {
 namespace {
 
-constexpr char kNginx[] = "/usr/sbin/nginx";
-constexpr char kConfiguration[] = "/usr/kelo/nginx.conf";
-constexpr char kPidFile[] = "/usr/kelo/nginx.pid";
 constexpr char kExpected[] = "/usr/kelo/expected.json";
 constexpr char kOneCurve[] = R"({
   "modern": {"refused": "it cannot do without TLS 1.2."},
@@ -27,7 +22,7 @@ constexpr char kRefusal[] = "web cannot be at level modern: it cannot do without
 
 std::string registration() {
   return R"({"services": [{"service": "web", "display-name": "Web",
-      "mustache-path": "/usr/kelo/web.mustache", "reloader-path": "/usr/kelo/reload",
+      "mustache-path": "/usr/kelo/web.mustache", "reloader-path": "/usr/kelo/web-reload",
       "probe": {"address": "127.0.0.1:443", "expected": "/usr/kelo/expected.json"}}]})";
 }
 
@@ -48,9 +43,7 @@ class ExpectedDifferences : public Kelotlsctl {
  protected:
   void SetUp() override {
     Kelotlsctl::SetUp();
-    ASSERT_TRUE(exists(kNginx)) << "these tests need nginx";
-    write_program("/usr/kelo/reload", std::string("#!/bin/sh\ntest ! -s ") + kPidFile + " || " +
-                                          kNginx + " -c " + kConfiguration + " -s reload\n");
+    nginx_.include(rendered_path("web"));
     write_file("/usr/kelo/web.mustache", settings("prime256v1"));
     write_file(kExpected, kOneCurve);
     const Outcome joined = run({"join", "-"}, registration());
@@ -60,17 +53,7 @@ class ExpectedDifferences : public Kelotlsctl {
 
   /// With what was rendered.
   void start() {
-    write_file("/usr/kelo/certificate.pem", read_file(KELOTLS_CERTIFICATES "/rsa.pem"));
-    write_file(
-        kConfiguration,
-        std::string("pid ") + kPidFile + "; error_log /usr/kelo/nginx.log; events {} http {" +
-            " access_log off; client_body_temp_path /tmp/a; proxy_temp_path /tmp/b;" +
-            " fastcgi_temp_path /tmp/c; uwsgi_temp_path /tmp/d; scgi_temp_path /tmp/e;" +
-            " server { listen 127.0.0.1:443 ssl; ssl_certificate /usr/kelo/certificate.pem;" +
-            " ssl_certificate_key /usr/kelo/certificate.pem; include " + rendered_path("web") +
-            "; return 200 well; } }\n");
-    server_ = std::make_unique<Process>(
-        Arguments{kNginx, "-c", kConfiguration, "-g", "user root; daemon off;"}, "/tmp/nginx.out");
+    nginx_.start();
     ASSERT_TRUE(eventually([] { return run({"probe", "web"}).status != 1; }));
   }
 
@@ -78,7 +61,7 @@ class ExpectedDifferences : public Kelotlsctl {
     return run_json("list").document["services"][0]["state"].asString();
   }
 
-  std::unique_ptr<Process> server_;
+  Nginx nginx_{"web"};
 };
 
 TEST_F(ExpectedDifferences, AreToldApartByProbe) {

@@ -2,57 +2,30 @@
 // our own example, at an address that is kept.
 #include <sys/socket.h>
 
-#include <memory>
-
 #include "kelotlsctl.h"
 #include "loopback_server.h"
-#include "process.h"
+#include "nginx.h"
 
 namespace kelotls::test {
 namespace {
-
-constexpr char kNginx[] = "/usr/sbin/nginx";
-constexpr char kConfiguration[] = "/usr/kelo/nginx.conf";
-constexpr char kPidFile[] = "/usr/kelo/nginx.pid";
 
 /// "nginx" at level intermediate, in force, and its address kept.
 class KelotlsctlRunningServer : public Kelotlsctl {
  protected:
   void SetUp() override {
     Kelotlsctl::SetUp();
-    ASSERT_TRUE(exists(kNginx)) << "these tests need nginx";
-    write_file("/usr/kelo/certificate.pem", read_file(KELOTLS_CERTIFICATES "/rsa.pem"));
-    write_program("/usr/kelo/reload", std::string("#!/bin/sh\ntest ! -s ") + kPidFile + " || " +
-                                          kNginx + " -c " + kConfiguration + " -s reload\n");
+    nginx_.include(rendered_path("nginx"));
     write_file("/usr/kelo/nginx.mustache", read_file(KELOTLS_TEMPLATES "/nginx/template.mustache"));
     const Outcome joined = run({"join", "-"}, R"({"services": [{"service": "nginx",
         "display-name": "Web", "mustache-path": "/usr/kelo/nginx.mustache",
-        "reloader-path": "/usr/kelo/reload", "probe": "127.0.0.1:443"}]})");
+        "reloader-path": "/usr/kelo/nginx-reload", "probe": "127.0.0.1:443"}]})");
     ASSERT_EQ(joined.status, 0) << joined.err;
-    include(rendered_path("nginx"));
     ASSERT_EQ(run({"render"}).status, 0);
-    start();
+    nginx_.start();
+    ASSERT_TRUE(eventually([] { return run({"probe", "nginx"}).status == 0; }));
   }
 
-  /// The settings of TLS that the server reads.
-  static void include(const std::string& path) {
-    write_file(
-        kConfiguration,
-        std::string("pid ") + kPidFile + "; error_log /usr/kelo/nginx.log; events {} http {" +
-            " access_log off; client_body_temp_path /tmp/a; proxy_temp_path /tmp/b;" +
-            " fastcgi_temp_path /tmp/c; uwsgi_temp_path /tmp/d; scgi_temp_path /tmp/e;" +
-            " server { listen 127.0.0.1:443 ssl; ssl_certificate /usr/kelo/certificate.pem;" +
-            " ssl_certificate_key /usr/kelo/certificate.pem; include " + path +
-            "; return 200 well; } }\n");
-  }
-
-  void start() {
-    server_ = std::make_unique<Process>(
-        Arguments{kNginx, "-c", kConfiguration, "-g", "user root; daemon off;"}, "/tmp/nginx.out");
-    ASSERT_TRUE(eventually([] { return exists(kPidFile) && run({"probe", "nginx"}).status == 0; }));
-  }
-
-  std::unique_ptr<Process> server_;
+  Nginx nginx_{"nginx"};
 };
 
 TEST_F(KelotlsctlRunningServer, IsInForceOnceItWasSeenOnTheWire) {
@@ -93,7 +66,7 @@ TEST_F(KelotlsctlRunningServer, IsNotToldToReloadWhereItsAddressCannotBeRead) {
 
 TEST_F(KelotlsctlRunningServer, ThatDoesNotReadItsRenderedFileIsFoundOutAndUndone) {
   write_file("/usr/kelo/other.conf", read_file(rendered_path("nginx")));
-  include("/usr/kelo/other.conf");
+  nginx_.include("/usr/kelo/other.conf");
 
   const Outcome outcome = run({"set", "nginx", "modern", "--apply"});
 
@@ -107,8 +80,8 @@ TEST_F(KelotlsctlRunningServer, ThatDoesNotReadItsRenderedFileIsFoundOutAndUndon
 TEST_F(KelotlsctlRunningServer, ThatDiffersIsShownByListAndCheck) {
   ASSERT_EQ(run({"apply"}).status, 0);
   write_file("/usr/kelo/other.conf", "ssl_protocols TLSv1.2 TLSv1.3;\n");
-  include("/usr/kelo/other.conf");
-  ASSERT_EQ(run_program({"/usr/kelo/reload"}).status, 0);
+  nginx_.include("/usr/kelo/other.conf");
+  ASSERT_EQ(run_program({"/usr/kelo/nginx-reload"}).status, 0);
 
   EXPECT_TRUE(
       eventually([] { return run_json("list").document["services"][0]["state"] == "differs"; }));
@@ -122,7 +95,7 @@ TEST_F(KelotlsctlRunningServer, ThatDiffersIsShownByListAndCheck) {
 
 TEST_F(KelotlsctlRunningServer, ThatIsDownIsNeitherInForceNorInAgreement) {
   ASSERT_EQ(run({"apply"}).status, 0);
-  ASSERT_EQ(server_->end(), 0);
+  ASSERT_EQ(nginx_.process().end(), 0);
 
   EXPECT_EQ(run_json("list").document["services"][0]["state"], "no-answer");
   const Outcome outcome = run({"apply"});

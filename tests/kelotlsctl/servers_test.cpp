@@ -2,26 +2,19 @@
 // and reloader, and clients that shake hands with them.
 #include <algorithm>
 #include <iterator>
-#include <memory>
 #include <sstream>
 
 #include "kelotlsctl.h"
-#include "process.h"
+#include "nginx.h"
 
 namespace kelotls::test {
 namespace {
 
-constexpr char kNginx[] = "/usr/sbin/nginx";
-
-struct Server {
-  std::string name;
-  std::string port;
-  std::unique_ptr<Process> process;
-
-  std::string file(const std::string& suffix) const { return "/usr/kelo/" + name + suffix; }
+struct Server : Nginx {
+  using Nginx::Nginx;
 
   Lines workers() const {
-    const std::string id = std::to_string(process->id());
+    const std::string id = std::to_string(process().id());
     std::istringstream ids(read_file("/proc/" + id + "/task/" + id + "/children"));
     return Lines(std::istream_iterator<std::string>(ids), {});
   }
@@ -36,7 +29,7 @@ struct Server {
 
   /// One handshake, and what a client prints of it.
   Outcome ask(const Arguments& options) const {
-    Arguments command = {"openssl", "s_client", "-connect", "127.0.0.1:" + port};
+    Arguments command = {"openssl", "s_client", "-connect", "127.0.0.1:" + port()};
     command.insert(command.end(), options.begin(), options.end());
     return run_program(command);
   }
@@ -49,8 +42,6 @@ class KelotlsctlServers : public Kelotlsctl {
  protected:
   void SetUp() override {
     Kelotlsctl::SetUp();
-    ASSERT_TRUE(exists(kNginx)) << "these tests need nginx";
-    write_file("/usr/kelo/certificate.pem", read_file(KELOTLS_CERTIFICATES "/rsa.pem"));
     write_file(
         "/usr/kelo/tls.mustache",
         "ssl_ciphers ECDHE-RSA-AES128-GCM-SHA256;\n"
@@ -65,21 +56,10 @@ class KelotlsctlServers : public Kelotlsctl {
   }
 
   static void install(const Server& server) {
-    write_file(server.file(".conf"),
-               "pid " + server.file(".pid") + "; error_log " + server.file(".log") +
-                   " info; events {} http { access_log off;" +
-                   " client_body_temp_path /tmp/nginx_body; proxy_temp_path /tmp/nginx_proxy;" +
-                   " fastcgi_temp_path /tmp/nginx_fastcgi; uwsgi_temp_path /tmp/nginx_uwsgi;" +
-                   " scgi_temp_path /tmp/nginx_scgi; server { listen 127.0.0.1:" + server.port +
-                   " ssl; ssl_certificate /usr/kelo/certificate.pem;" +
-                   " ssl_certificate_key /usr/kelo/certificate.pem; include " +
-                   rendered_path(server.name) + "; return 200 well; } server { listen 127.0.0.1:8" +
-                   server.port + "; return 200 plain; } }\n");
-    write_program(server.file("-reload"), std::string("#!/bin/sh\ntest ! -s ") +
-                                              server.file(".pid") + " || " + kNginx + " -c " +
-                                              server.file(".conf") + " -s reload\n");
+    server.include(rendered_path(server.name()),
+                   "server { listen 127.0.0.1:8" + server.port() + "; return 200 plain; }");
     const Outcome joined =
-        run({"join", "-"}, R"({"services": [{"service": ")" + server.name +
+        run({"join", "-"}, R"({"services": [{"service": ")" + server.name() +
                                R"(", "display-name": "", "mustache-path": )" +
                                R"("/usr/kelo/tls.mustache", "reloader-path": ")" +
                                server.file("-reload") + R"("}]})");
@@ -87,14 +67,12 @@ class KelotlsctlServers : public Kelotlsctl {
   }
 
   static void start(Server& server) {
-    server.process = std::make_unique<Process>(
-        Arguments{kNginx, "-c", server.file(".conf"), "-g", "user root; daemon off;"},
-        server.file(".out"));
+    server.start();
     ASSERT_TRUE(eventually([&] { return !server.workers().empty(); })) << "nginx did not start";
   }
 
-  Server back_{"back", "443", nullptr};
-  Server front_{"front", "444", nullptr};
+  Server back_{"back", "443"};
+  Server front_{"front", "444"};
 };
 
 TEST_F(KelotlsctlServers, AreBroughtToTheirLevelWhereTheyAreNamed) {
@@ -128,12 +106,12 @@ TEST_F(KelotlsctlServers, KeepTheirLevelWhereTheyRefuseTheirConfiguration) {
 }
 
 TEST_F(KelotlsctlServers, ThatAreDownAreNotSaidToAgree) {
-  ASSERT_EQ(front_.process->end(), 0);
+  ASSERT_EQ(front_.process().end(), 0);
   const Outcome applied = run({"apply", "front"});
   EXPECT_EQ(applied.status, 0);
   EXPECT_TRUE(contains(applied.out, "reloaded  library only\n"));
   EXPECT_EQ(applied.out.find("agrees"), std::string::npos);
-  const Outcome probed = run({"probe", "front", "--connect", "127.0.0.1:" + front_.port});
+  const Outcome probed = run({"probe", "front", "--connect", "127.0.0.1:" + front_.port()});
   EXPECT_EQ(probed.status, 1);
   EXPECT_TRUE(contains(probed.err, "Nothing answers at 127.0.0.1 port 444"));
 }
@@ -169,7 +147,7 @@ TEST_F(KelotlsctlServers, MakeClientsPrintWhatTheGuideIsKeyedBy) {
   ASSERT_TRUE(eventually([&] { return front_.has_replaced(former); }));
   client_prints({"-tls1_2"}, "alert protocol version");
   server_logs("unsupported protocol");
-  front_.port = "8444";
+  front_.port() = "8444";
   client_prints({}, "wrong version number");
 }
 
