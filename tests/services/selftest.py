@@ -25,7 +25,7 @@ from trial import AT_A_TIME, Row, drive_in_tree, read_missing
 SECURITY_LEVEL = "0"
 # What the servers here show a certificate for.
 CERTIFICATE = "RSA"
-VERSION = re.compile(r"TLS[-_ ]?v?1[._]?[0-3]", re.IGNORECASE)
+VERSION = re.compile(r"TLS[-_ ]?v?1[._]?[0-3]|=1\.[0-3]\b", re.IGNORECASE)
 SETTING = re.compile(r"\s*[^\s=:]+")
 
 
