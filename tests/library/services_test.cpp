@@ -295,10 +295,11 @@ class Services : public PrivateTree {
     ASSERT_EQ(DataStoreProvider().set_service_level(service, level), 0);
   }
 
-  void start_tls_service(const std::string& certificate = "rsa") {
+  void start_tls_service(const std::string& certificate = "rsa",
+                         const std::string& program = TLS_SERVICE_PROGRAM) {
     const std::string output = "/tmp/tls_service.out";
     tls_service_ =
-        std::make_unique<Process>(Names{TLS_SERVICE_PROGRAM, "--pid-file", kPidFile, "tls_service",
+        std::make_unique<Process>(Names{program, "--pid-file", kPidFile, "tls_service",
                                         KELOTLS_CERTIFICATES + ("/" + certificate + ".pem")},
                                   output);
     const std::string start = "listening on 127.0.0.1:";
@@ -379,6 +380,28 @@ TEST_F(TlsService, AcceptsTheVersionsOfItsLevelAfterEachReload) {
     EXPECT_EQ(accepted_versions(tls_service_port_), versions_of(level)) << "level " << level;
   }
   EXPECT_EQ(log(), Lines());
+}
+
+TEST_F(TlsService, InCppAcceptsTheVersionsOfItsLevelAfterEachReload) {
+  start_tls_service("rsa", TLS_SERVICE_CPP_PROGRAM);
+
+  for (const TlsProfileLevel level : kLevels) {
+    set_level("tls_service", level);
+    ASSERT_EQ(APIProvider().execute_service_reloader(), 0);
+
+    EXPECT_EQ(accepted_versions(tls_service_port_), versions_of(level)) << "level " << level;
+  }
+  EXPECT_EQ(log(), Lines());
+}
+
+TEST_F(TlsService, InCppKeepsItsSettingsWhileReadingItsLevelThrows) {
+  set_level("tls_service", TLS_PROFILE_LEVEL_OLD);
+  start_tls_service("rsa", TLS_SERVICE_CPP_PROGRAM);
+
+  write_file(kDataStore, R"({"default-level": 2, "services": {"tls_service": 1}})");
+  ASSERT_EQ(APIProvider().execute_service_reloader(), 0);
+
+  EXPECT_EQ(accepted_versions(tls_service_port_), versions_of(TLS_PROFILE_LEVEL_OLD));
 }
 
 TEST_F(TlsService, FollowsADefaultLevelThatChanges) {
