@@ -19,7 +19,7 @@ import tempfile
 from collections.abc import Callable, Mapping, Sequence
 
 from recipe import PROJECT
-from trial import AT_A_TIME, Row, drive_in_tree, read_missing
+from trial import AT_A_TIME, Row, drive_in_tree, has_many_users, reasons_not_to_try
 
 # With it a level is served whole, so that what is wrong shows.
 SECURITY_LEVEL = "0"
@@ -222,19 +222,19 @@ def parse() -> argparse.Namespace:
 
 def main() -> int:
     arguments = parse()
-    missing = read_missing(arguments.cannot_install)
-    for name, reason in missing.items():
-        print(f"{name}: cannot be installed: {reason}")
-    to_drive, said = chosen(arguments, [name for name in arguments.names if name not in missing])
+    reasons = reasons_not_to_try(arguments.names, has_many_users(), arguments.cannot_install)
+    for name, reason in reasons.items():
+        print(f"{name}: {reason}")
+    to_drive, said = chosen(arguments, [name for name in arguments.names if name not in reasons])
     print("\n".join(said), end="\n" if said else "")
-    failures = len(missing)
+    failures = len(reasons)
     with concurrent.futures.ThreadPoolExecutor(AT_A_TIME) as pool:
         rows = pool.map(lambda planted: drive(arguments, planted), to_drive)
         for planted, row in zip(to_drive, rows):
             is_found, text = judge(planted, row)
             failures += not is_found
             print(text, flush=True)
-    unplanted = {*arguments.names} - {*missing} - {planted.service.name for planted in to_drive}
+    unplanted = {*arguments.names} - {*reasons} - {planted.service.name for planted in to_drive}
     for name in sorted(unplanted):
         print(f"{name}: NO WRONG LINE could be planted")
     print(f"{len(to_drive)} wrong lines planted, {failures + len(unplanted)} failures")

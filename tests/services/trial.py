@@ -25,6 +25,7 @@ AT_A_TIME = 2
 IN_PRIVATE_TREE = os.path.join(PROJECT, "tests/bed/in_private_tree")
 HEADINGS = ("SERVICE", "SECURITY LEVEL", *map(str.upper, LEVELS), "CONNECTIONS", "REFUSED",
             "LONGEST CHANGE")
+ROOT_ALONE = "there is no user beside root in a private tree on this machine"
 
 Row = dict[str, Any]
 
@@ -49,8 +50,24 @@ def drive_in_tree(command: str, services: str, name: str, security_level: str,
 
 def has_many_users() -> bool:
     result = subprocess.run([IN_PRIVATE_TREE, "sh", "-c", "echo $KELOTLS_MANY_USERS"],
-                            stdout=subprocess.PIPE, text=True, check=True)
+                            stdout=subprocess.PIPE, text=True, check=False)
+    if result.returncode != 0:
+        sys.exit("No service can be tried: there is no private tree on this machine.")
     return result.stdout.strip() == "1"
+
+
+def reasons_not_to_try(names: list[str], many_users: bool, path: str | None) -> dict[str, str]:
+    """By name. path: the file with those that cannot be installed."""
+    reasons = {}
+    if not many_users:
+        reasons = {name: f"cannot be tried: {ROOT_ALONE}, and it needs some" for name in names
+                   if recipe_of(name).users}
+    if path is not None:
+        with open(path, encoding="utf-8") as file:
+            for entry in file:
+                name, reason = entry.rstrip("\n").split("\t", 1)
+                reasons[name] = f"cannot be installed: {reason}"
+    return reasons
 
 
 def not_tried(name: str, security_level: str, reason: str) -> Row:
@@ -59,24 +76,21 @@ def not_tried(name: str, security_level: str, reason: str) -> Row:
 
 def try_one(arguments: argparse.Namespace, name: str, security_level: str,
             many_users: bool) -> Row:
-    alone = "there is no user beside root in a private tree on this machine"
-    if recipe_of(name).users and not many_users:
-        return not_tried(name, security_level, f"cannot be tried: {alone}, and it needs some")
     row = drive_in_tree(arguments.command, arguments.services, name, security_level)
     if "wrong" in row and not many_users:
-        return {**not_tried(name, security_level, f"cannot be tried: {alone}, and it failed so:"),
-                "wrong": row["wrong"]}
+        reason = f"cannot be tried: {ROOT_ALONE}, and it failed so:"
+        return {**not_tried(name, security_level, reason), "wrong": row["wrong"]}
     return row
 
 
-def try_all(arguments: argparse.Namespace, missing: dict[str, str]) -> Iterable[Row]:
+def try_all(arguments: argparse.Namespace) -> Iterable[Row]:
     """The rows, each once it and those before it are there."""
     many_users = has_many_users()
+    reasons = reasons_not_to_try(arguments.names, many_users, arguments.cannot_install)
     with concurrent.futures.ThreadPoolExecutor(AT_A_TIME) as pool:
         def start(name: str, security_level: str) -> concurrent.futures.Future[Row]:
-            if name in missing:
-                reason = f"cannot be installed: {missing[name]}"
-                return pool.submit(not_tried, name, security_level, reason)
+            if name in reasons:
+                return pool.submit(not_tried, name, security_level, reasons[name])
             return pool.submit(try_one, arguments, name, security_level, many_users)
 
         for row in [start(name, security_level) for name in arguments.names
@@ -108,13 +122,6 @@ def print_row(row: Row, widths: Sequence[int]) -> None:
     sys.stdout.flush()
 
 
-def read_missing(path: str | None) -> dict[str, str]:
-    if path is None:
-        return {}
-    with open(path, encoding="utf-8") as file:
-        return dict(entry.rstrip("\n").split("\t", 1) for entry in file)
-
-
 def parse() -> argparse.Namespace:
     parser = argparse.ArgumentParser()
     parser.add_argument("--json", metavar="FILE")
@@ -135,7 +142,7 @@ def main() -> int:
     widths[0] = max(widths[0], *map(len, arguments.names))
     print(line(HEADINGS, widths))
     rows = []
-    for row in try_all(arguments, read_missing(arguments.cannot_install)):
+    for row in try_all(arguments):
         print_row(row, widths)
         rows.append(row)
     if arguments.json:
