@@ -19,7 +19,8 @@ import tempfile
 from collections.abc import Callable, Mapping, Sequence
 
 from recipe import PROJECT
-from trial import AT_A_TIME, Row, drive_in_tree, has_many_users, reasons_not_to_try
+from trial import (AT_A_TIME, Row, drive_in_tree, has_many_users, parse,
+                   reasons_not_to_try)
 
 # With it a level is served whole, so that what is wrong shows.
 SECURITY_LEVEL = "0"
@@ -207,21 +208,10 @@ def chosen(arguments: argparse.Namespace, names: list[str]) -> tuple[list[Plante
     return to_drive, said
 
 
-def parse() -> argparse.Namespace:
+def main() -> int:
     parser = argparse.ArgumentParser()
     parser.add_argument("--one-each", action="store_true")
-    parser.add_argument("--cannot-install", metavar="FILE")
-    parser.add_argument("command")
-    parser.add_argument("services")
-    parser.add_argument("names", nargs="+")
-    arguments = parser.parse_args()
-    arguments.command = os.path.abspath(arguments.command)
-    arguments.services = os.path.abspath(arguments.services)
-    return arguments
-
-
-def main() -> int:
-    arguments = parse()
+    arguments = parse(parser)
     reasons = reasons_not_to_try(arguments.names, has_many_users(), arguments.cannot_install)
     for name, reason in reasons.items():
         print(f"{name}: {reason}")

@@ -122,9 +122,8 @@ def print_row(row: Row, widths: Sequence[int]) -> None:
     sys.stdout.flush()
 
 
-def parse() -> argparse.Namespace:
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--json", metavar="FILE")
+def parse(parser: argparse.ArgumentParser) -> argparse.Namespace:
+    """What a parser with options of its own makes of the command line of this program and its like."""
     parser.add_argument("--cannot-install", metavar="FILE")
     parser.add_argument("command")
     parser.add_argument("services")
@@ -136,7 +135,9 @@ def parse() -> argparse.Namespace:
 
 
 def main() -> int:
-    arguments = parse()
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--json", metavar="FILE")
+    arguments = parse(parser)
     widths = [max(len(heading), len("as expected") if heading.lower() in LEVELS else 0)
               for heading in HEADINGS]
     widths[0] = max(widths[0], *map(len, arguments.names))
