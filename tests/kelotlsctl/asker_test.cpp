@@ -5,6 +5,7 @@
 
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace kelotls::test {
 namespace {
@@ -115,6 +116,68 @@ TEST(PatientAsker, OutlastsAServerThatTakesOneConnectionInAWhile) {
     EXPECT_EQ(asker.ask(kBad, kAttempts).verdict, Verdict::kRefused) << round;
   }
   EXPECT_FALSE(asker.has_given_up());
+}
+
+TEST(PatientAsker, TakesACloseForARefusalWhereAnImpossibleHelloIsAlwaysClosedOn) {
+  int bad = 0;
+  Asker asker(
+      [&](const Hello& hello, Clock::time_point) {
+        bad += is_good(hello) ? 0 : 1;
+        return is_good(hello) ? accepted() : not_known(kClosed);
+      },
+      kPatience);
+  asker.expect_closes();
+  asker.ask(kGood, kAttempts);
+  asker.learn_refusal(kBad);
+  bad = 0;
+
+  EXPECT_EQ(asker.ask(kBad, kAttempts).verdict, Verdict::kRefused);
+  EXPECT_EQ(bad, 2);
+  EXPECT_EQ(asker.ask(kGood, kAttempts).verdict, Verdict::kAccepted);
+}
+
+TEST(PatientAsker, TakesNoCloseForARefusalWhereAnImpossibleHelloIsRefusedOrReset) {
+  const Hello impossible = hello_of(3);
+  for (const Answer& refusal : {refused(), not_known(kReset)}) {
+    Asker asker(
+        [&](const Hello& hello, Clock::time_point) {
+          return is_good(hello)                      ? accepted()
+                 : hello.suites == impossible.suites ? refusal
+                                                     : not_known(kClosed);
+        },
+        kPatience);
+    asker.expect_closes();
+    asker.ask(kGood, kAttempts);
+    asker.learn_refusal(impossible);
+
+    EXPECT_EQ(asker.ask(kBad, kAttempts).verdict, Verdict::kNotKnown);
+  }
+}
+
+TEST(PatientAsker, TakesNoCloseForARefusalWhereNobodySaysSo) {
+  Asker asker([&](const Hello& hello,
+                  Clock::time_point) { return is_good(hello) ? accepted() : not_known(kClosed); },
+              kPatience);
+  asker.ask(kGood, kAttempts);
+  asker.learn_refusal(kBad);
+
+  EXPECT_EQ(asker.ask(kBad, kAttempts).verdict, Verdict::kNotKnown);
+}
+
+TEST(PatientAsker, TakesNoSingleCloseForARefusal) {
+  bool is_next_lost = false;
+  Asker asker(
+      [&](const Hello& hello, Clock::time_point) {
+        const bool is_lost = is_good(hello) && std::exchange(is_next_lost, false);
+        return is_good(hello) && !is_lost ? accepted() : not_known(kClosed);
+      },
+      kPatience);
+  asker.expect_closes();
+  asker.ask(kGood, kAttempts);
+  asker.learn_refusal(kBad);
+  is_next_lost = true;
+
+  EXPECT_EQ(asker.ask(kGood, kAttempts).verdict, Verdict::kAccepted);
 }
 
 TEST(PatientAsker, BlamesAHelloThatAlwaysFailsBesideOneThatWorks) {

@@ -180,7 +180,7 @@ TEST_F(ExpectedDifferences, AreNoneInAFileThatCannotBeUsed) {
   for (const auto& [text, fault] : std::vector<std::pair<std::string, std::string>>{
            {"", "/usr/kelo/expected.json: "},
            {"[]", "$: "},
-           {R"({"strict": {}})", "$.strict: no such member; they are modern, intermediate, old"},
+           {R"({"strict": {}})", "$.strict: no such member; they are refuses-by-closing, modern, intermediate, old"},
            {R"({"old": {"differences": [{}]}})", "$.old.differences[0]: lacks \"kind\""},
            {R"({"old": {"differences": [{"kind": "other", "what": [], "reason": "a"}]}})",
             "$.old.differences[0].kind: must be missing, extra or not-known"},

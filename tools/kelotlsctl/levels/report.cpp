@@ -50,6 +50,10 @@ Survey survey_server(const ProbeTarget& target, const Progress& progress, Json::
     return answer;
   };
   Asker asker(ask, target.patience);
+  if (!target.closing.empty()) {
+    asker.expect_closes();
+    notes.append("Closing the connection counts as a refusal: " + target.closing);
+  }
   const auto shake_hands_once = [&](const std::string& algorithms) {
     std::string reason;
     const auto connection = asker.is_over() ? nullptr : server.connect(asker.until(), reason);

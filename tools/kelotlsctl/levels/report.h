@@ -44,6 +44,7 @@ struct ProbeTarget {
   Address address;  ///< without host and path: there is no server to ask
   Patience patience;
   FindExpected find_expected;  ///< empty: no difference is expected
+  std::string closing;         ///< why the server refuses by closing; empty: by alerts
 };
 
 /// Surveys the target and compares it with its level. progress, unless empty, is called with what

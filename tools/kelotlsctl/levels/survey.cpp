@@ -73,6 +73,8 @@ class Surveyor {
 
   Survey run() {
     greeting_ = asker_.greet(common_hellos());
+    constexpr std::uint16_t kNeverAssigned = 0x0a0a;  // RFC 8701
+    asker_.learn_refusal(hello_of_common_suites(kTls12, {kNeverAssigned}));
     // The likeliest first: what is answered tells how long an answer takes.
     for (const std::uint16_t version : {kTls12, kTls13, kTls11, kTls10, kSsl3, kSsl2}) {
       survey_version(version);

@@ -21,6 +21,10 @@ Answer not_tried(const char* reason) {
   return none;
 }
 
+bool is_close(const Answer& answer) {
+  return answer.verdict == Verdict::kNotKnown && answer.reason == kClosed;
+}
+
 }  // namespace
 
 /// A server that has answered is given a multiple of its slowest answer first, so that each hello
@@ -60,11 +64,25 @@ Answer Asker::ask(const Hello& hello, int attempts) {
     return not_tried("not tried: the server has answered nothing");
   }
   Answer answer = ask_once(hello, true);
+  if (closes_to_refuse_ && is_close(answer) && works(control_) && is_close(ask_once(hello, true))) {
+    answer.verdict = Verdict::kRefused;
+    return answer;
+  }
   if (answer.is_alert && answer.verdict == Verdict::kNotKnown) {
     return ask_once(hello, true);  // an answer, if not one that tells; it can be an accident once
   }
   return answer.verdict == Verdict::kNotKnown && !is_lost_ ? insist(hello, answer, attempts)
                                                            : answer;
+}
+
+void Asker::learn_refusal(const Hello& impossible) {
+  constexpr int kTrials = 3;
+  int closed = 0;
+  while (expects_closes_ && closed < kTrials && works(control_) &&
+         is_close(ask_once(impossible, true))) {
+    ++closed;
+  }
+  closes_to_refuse_ = expects_closes_ && closed == kTrials;
 }
 
 Answer Asker::greet(const std::vector<Hello>& hellos) {

@@ -34,6 +34,13 @@ class Asker {
   /// not. Where it answers none of these, it counts as lost. Returns what came of the first.
   Answer greet(const std::vector<Hello>& hellos);
 
+  /// The server is said to refuse without an alert, by closing the connection.
+  void expect_closes() { expects_closes_ = true; }
+
+  /// Where that is said, tries a hello that no server can accept. One that closes on it, each time
+  /// and beside a hello that works, is taken to refuse so from now on, once it has closed twice.
+  void learn_refusal(const Hello& impossible);
+
   /// Whether it is no use to ask for less at a time.
   bool has_given_up() const { return is_lost_ || is_over(); }
 
@@ -59,6 +66,8 @@ class Asker {
   std::chrono::milliseconds pace_{0};
   Clock::duration slowest_{0};
   bool is_lost_ = false;
+  bool expects_closes_ = false;
+  bool closes_to_refuse_ = false;
   bool has_timed_out_ = false;
 };
 

@@ -18,11 +18,13 @@ namespace {
 
 constexpr char kRefused[] = "refused";
 constexpr char kDifferences[] = "differences";
+constexpr char kClosing[] = "refuses-by-closing";
 
-constexpr kelotls::MemberRule kLevels[] = {{"modern", Json::objectValue, false, false},
-                                           {"intermediate", Json::objectValue, false, false},
-                                           {"old", Json::objectValue, false, false},
-                                           {}};
+constexpr kelotls::MemberRule kMembers[] = {{kClosing, Json::stringValue, false, false},
+                                            {"modern", Json::objectValue, false, false},
+                                            {"intermediate", Json::objectValue, false, false},
+                                            {"old", Json::objectValue, false, false},
+                                            {}};
 constexpr kelotls::MemberRule kOfLevel[] = {{kRefused, Json::stringValue, false, false},
                                             {kDifferences, Json::arrayValue, false, false},
                                             {}};
@@ -51,12 +53,12 @@ void append_difference_faults(const Json::Value& difference, const std::string& 
 
 kelotls::Faults faults_of(const Json::Value& document) {
   kelotls::Faults faults;
-  if (!append_exact_faults(document, kLevels, "$", faults)) {
+  if (!append_exact_faults(document, kMembers, "$", faults)) {
     return faults;
   }
   for (const std::string& level : document.getMemberNames()) {
     const std::string path = kelotls::path_of_member("$", level);
-    if (append_exact_faults(document[level], kOfLevel, path, faults)) {
+    if (level != kClosing && append_exact_faults(document[level], kOfLevel, path, faults)) {
       const Json::Value& differences = document[level][kDifferences];
       for (Json::ArrayIndex index = 0; index < differences.size(); ++index) {
         append_difference_faults(differences[index],
@@ -93,17 +95,21 @@ ExpectedDifferences ExpectedDifferences::read(const std::string& path) {
     expected.fault_ = faults.empty() ? "" : path + ": " + fault_text(faults[0]);
   }
   if (expected.fault_.empty()) {
-    expected.levels_ = document;
+    expected.document_ = document;
   }
   return expected;
 }
 
 const Json::Value& ExpectedDifferences::of_level(int level) const {
-  return levels_[kelotls::profile_of_level(level).name];
+  return document_[kelotls::profile_of_level(level).name];
 }
 
 std::string ExpectedDifferences::refusal(int level) const {
   return kelotls::text_member(of_level(level), kRefused);
+}
+
+std::string ExpectedDifferences::closing() const {
+  return kelotls::text_member(document_, kClosing);
 }
 
 FindExpected ExpectedDifferences::at_level(int level) const {

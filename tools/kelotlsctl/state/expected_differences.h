@@ -25,13 +25,16 @@ class ExpectedDifferences {
   /// Why the server cannot be at the level; empty where it can.
   std::string refusal(int level) const;
 
+  /// Why the server closes connections instead of sending alerts; empty where it does not.
+  std::string closing() const;
+
   /// Why it differs so at the level, for a probe.
   FindExpected at_level(int level) const;
 
  private:
   const Json::Value& of_level(int level) const;
 
-  Json::Value levels_{Json::objectValue};
+  Json::Value document_{Json::objectValue};
   std::string fault_;
 };
 

@@ -81,18 +81,20 @@ Json::Value ask_running_server(const Addresses& addresses, const std::string& se
   target.context = context.get();
   target.address = *address;
   target.patience = patience;
-  target.find_expected = ExpectedDifferences::read(address->expected).at_level(level);
+  const ExpectedDifferences expected = ExpectedDifferences::read(address->expected);
+  target.find_expected = expected.at_level(level);
+  target.closing = expected.closing();
   try {
     const Json::Value report = probe(target, level, stop_when_interrupted);
     const std::string difference = first_own_difference(report, false);
     const Json::Value not_known = expected_of(report["not-known"], false);
-    const Json::Value expected = expected_of(report["differences"], true);
+    const Json::Value differing = expected_of(report["differences"], true);
     return !difference.empty()
                ? outcome(*address, "differs", sentence_of(report["differences"], difference))
            : !not_known.empty()
                ? outcome(*address, "cannot-tell", sentence_of(not_known, telling_reason(not_known)))
-           : !expected.empty()
-               ? outcome(*address, "as-expected", expected[0]["expected"].asString())
+           : !differing.empty()
+               ? outcome(*address, "as-expected", differing[0]["expected"].asString())
                : outcome(*address, "agrees", "");
   } catch (const std::exception& exception) {
     return outcome(*address, "no-answer", exception.what());

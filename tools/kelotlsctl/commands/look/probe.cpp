@@ -57,6 +57,7 @@ Report probe_service(Console& console, const Arguments& arguments) {
   const int level = store.effective_level(arguments.service);
   const ExpectedDifferences expected = ExpectedDifferences::read(target.address.expected);
   target.find_expected = expected.at_level(level);
+  target.closing = expected.closing();
   Json::Value document = probe(target, level, [&](std::size_t done, std::size_t all) {
     console.progress("probing " + printable(arguments.service), done, all);
   });
