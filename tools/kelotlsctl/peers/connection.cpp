@@ -101,6 +101,8 @@ std::string Connection::receive(Bytes& received) const {
   return count == 0 ? kClosed : "";
 }
 
+void Connection::end_sending() const { ::shutdown(socket_.get(), SHUT_WR); }
+
 Server::Server(const Address& address) : address_(address), name_(address.server_name) {
   if (!address.unix_path.empty()) {
     return;

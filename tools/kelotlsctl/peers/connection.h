@@ -41,6 +41,9 @@ class Connection {
   /// Appends what comes, at least one byte. Why nothing comes, or empty.
   std::string receive(Bytes& received) const;
 
+  /// Tells the server that nothing more is sent.
+  void end_sending() const;
+
  private:
   kelotls::Descriptor socket_;
   Clock::time_point until_;

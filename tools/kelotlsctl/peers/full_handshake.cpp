@@ -85,8 +85,12 @@ void read_tickets(SSL* client, BIO* wire, const Connection& connection, FullHand
   SSL_set_app_data(client, &handshake);
   SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT);
   SSL_CTX_sess_set_new_cb(context, note);
-  // The client ends its side, so that a server without anything to say closes at once.
+  // The client ends its side, so that a server without anything to say closes at once. Some go on
+  // without TLS after that, and wait for more until the connection itself is ended.
   SSL_shutdown(client);
+  if (send_pending(wire, connection)) {
+    connection.end_sending();
+  }
   char byte = 0;
   carry(client, wire, connection, [&] { return SSL_read(client, &byte, 1); });
   const bool was_closed = (SSL_get_shutdown(client) & SSL_RECEIVED_SHUTDOWN) != 0;
