@@ -53,6 +53,7 @@ new_root() {
   [ "$(cat "$bare.contents" 2>/dev/null)" = "${root_packages[*]}" ] || make_bare_root
   rm -rf "$root"
   cp -a "$bare" "$root"
+  echo '127.0.0.1 localhost' > "$root/etc/hosts"  # as on every machine that was really installed
 }
 
 # in_root [BWRAP-OPTION]... -- COMMAND...
