@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "levels/offer.h"
 #include "levels/report.h"
 #include "output/console.h"
 #include "state/expected_differences.h"
@@ -49,6 +50,22 @@ std::string telling_reason(const Json::Value& not_known) {
   return not_known[0]["text"].asString();
 }
 
+/// Each reason for which something is expected, once.
+std::string expected_reasons(const Json::Value& report) {
+  std::string text;
+  Json::Value told(Json::arrayValue);
+  for (const char* const list : {"differences", kKindNotKnown}) {
+    for (const Json::Value& entry : expected_of(report[list], true)) {
+      const std::string reason = entry["expected"].asString();
+      if (!contains(told, reason)) {
+        told.append(reason);
+        text += (text.empty() ? "" : " ") + reason;
+      }
+    }
+  }
+  return text;
+}
+
 void stop_when_interrupted(std::size_t, std::size_t) {
   if (interruption() != 0) {
     throw std::runtime_error("not asked to the end: " + signal_name(interruption()));
@@ -88,14 +105,13 @@ Json::Value ask_running_server(const Addresses& addresses, const std::string& se
     const Json::Value report = probe(target, level, stop_when_interrupted);
     const std::string difference = first_own_difference(report, false);
     const Json::Value not_known = expected_of(report["not-known"], false);
-    const Json::Value differing = expected_of(report["differences"], true);
+    const std::string reasons = expected_reasons(report);
     return !difference.empty()
                ? outcome(*address, "differs", sentence_of(report["differences"], difference))
            : !not_known.empty()
                ? outcome(*address, "cannot-tell", sentence_of(not_known, telling_reason(not_known)))
-           : !differing.empty()
-               ? outcome(*address, "as-expected", differing[0]["expected"].asString())
-               : outcome(*address, "agrees", "");
+           : !reasons.empty() ? outcome(*address, "as-expected", reasons)
+                              : outcome(*address, "agrees", "");
   } catch (const std::exception& exception) {
     return outcome(*address, "no-answer", exception.what());
   }
