@@ -49,6 +49,14 @@ TEST_F(KelotlsctlCheck, FindsNothingWrongWithAHealthyAppliance) {
   EXPECT_EQ(as_json.document["findings"].size(), 0u);
 }
 
+TEST_F(KelotlsctlCheck, FindsNothingWrongWithAReloadOfNoService) {
+  write_file(kDataStore, data_store_text(2, {}));
+  ASSERT_EQ(run({"reload"}).status, 0);
+  ASSERT_TRUE(exists(kStamp));
+
+  EXPECT_FALSE(contains(run({"check"}).out, kStamp));
+}
+
 TEST_F(KelotlsctlCheck, OnlyNotesLevelsThatAreNotInForce) {
   join_both();
   ASSERT_EQ(run({"set", "web", "old"}).status, 0);

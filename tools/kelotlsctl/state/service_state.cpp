@@ -180,7 +180,8 @@ void Stamp::remove_strangers(const Store& store) {
 }
 
 void Stamp::save() const {
-  const std::string text = kelotls::json_text(object({{"services", services_}}));
+  const Json::Value services = services_.isNull() ? Json::Value(Json::objectValue) : services_;
+  const std::string text = kelotls::json_text(object({{"services", services}}));
   if (!kelotls::replace_entry(kPath, text, 0644)) {
     throw system_failure(kPath);
   }
