@@ -183,6 +183,7 @@ TEST_F(ExpectedDifferences, AreNoneWhereOthersCouldHaveWrittenThem) {
             "No difference is expected: /usr/kelo/expected.json: others than its owner may change "
             "it");
   EXPECT_TRUE(contains(run({"check", "web"}).out, "no difference is expected by it"));
+  EXPECT_TRUE(contains(run({"apply", "web"}).err, "(no difference is expected: /usr/kelo/expe"));
 }
 
 TEST_F(ExpectedDifferences, AreNoneInAFileThatCannotBeUsed) {
@@ -190,7 +191,8 @@ TEST_F(ExpectedDifferences, AreNoneInAFileThatCannotBeUsed) {
   for (const auto& [text, fault] : std::vector<std::pair<std::string, std::string>>{
            {"", "/usr/kelo/expected.json: "},
            {"[]", "$: "},
-           {R"({"strict": {}})", "$.strict: no such member; they are refuses-by-closing, modern, intermediate, old"},
+           {R"({"strict": {}})",
+            "$.strict: no such member; they are refuses-by-closing, modern, intermediate, old"},
            {R"({"old": {"differences": [{}]}})", "$.old.differences[0]: lacks \"kind\""},
            {R"({"old": {"differences": [{"kind": "other", "what": [], "reason": "a"}]}})",
             "$.old.differences[0].kind: must be missing, extra or not-known"},
@@ -220,6 +222,37 @@ TEST_F(ExpectedDifferences, RefuseALevelThatTheServerCannotBeAt) {
   EXPECT_EQ(run_json("default").document["default-level"]["value"], 2);
   EXPECT_EQ(run({"set", "web", "old"}).status, 0);
   EXPECT_EQ(run({"default", "modern"}).status, 0) << "nobody follows it";
+}
+
+TEST_F(ExpectedDifferences, RefuseABackupWithALevelThatTheServerCannotBeAt) {
+  write_file("/usr/kelo/levels.json", R"({"default-level": 2, "services": {"web": {
+      "display-name": "Web", "current-level": 1}}})");
+
+  for (const Arguments& arguments : {Arguments{"restore", "/usr/kelo/levels.json"},
+                                     Arguments{"restore", "/usr/kelo/levels.json", "--dry-run"}}) {
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(contains(outcome.err, kRefusal)) << outcome.err;
+  }
+  EXPECT_EQ(stored_level("web"), 0);
+}
+
+TEST_F(ExpectedDifferences, RefuseEveryLevelWhereTheAddressesCannotBeUsed) {
+  write_file(kAddresses, "{");
+
+  const Outcome outcome = run({"set", "web", "modern"});
+
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(contains(outcome.err, "addresses.json cannot be used")) << outcome.err;
+  EXPECT_EQ(stored_level("web"), 0);
+  EXPECT_TRUE(contains(run({"check", "web"}).out, "addresses.json: cannot be used"));
+}
+
+TEST_F(ExpectedDifferences, HideNoTemplateThatCannotBeRendered) {
+  write_file(kDataStore, R"({"default-level": 1, "services": {"web": {"display-name": "Web"}}})");
+  ASSERT_EQ(::unlink("/usr/kelo/web.mustache"), 0);
+
+  EXPECT_EQ(state(), "cannot-render");
 }
 
 TEST_F(ExpectedDifferences, RefuseAJoinAtALevelThatTheServerCannotBeAt) {

@@ -265,10 +265,13 @@ std::string probe_cell(const Json::Value& probed) {
 Json::Value render_templates_of(Console& console, const Store& store, const Selection& selection,
                                 kelotls::Rendering rendering, bool with_diff) {
   const std::size_t count = selection.names.size();
+  const pid_t here = ::getpid();
   kelotls::JsonReader reader;
   const auto render_one = [&](std::size_t index) {
     const std::string& service = selection.names[index];
-    console.progress("rendering " + printable(service), index, count);
+    if (::getpid() == here) {
+      console.progress("rendering " + printable(service), index, count);
+    }
     const Rendered rendered = render(store, service, reader, rendering);
     return rendered.outcome != Outcome::kNoTemplate ? rendered_json(service, rendered, with_diff)
                                                     : Json::Value(false);

@@ -145,8 +145,8 @@ void refuse_unreachable_levels(const Addresses& addresses, const Store& store,
   }
   if (!text.empty()) {
     throw Failure(kFailed, text,
-                  "Nothing was changed. A service that has joined can have a level of its own: "
-                  "kelotlsctl set SERVICE LEVEL");
+                  "Nothing was changed. A service that has joined can have another level than the "
+                  "others: kelotlsctl set SERVICE LEVEL");
   }
 }
 

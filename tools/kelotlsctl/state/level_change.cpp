@@ -90,7 +90,7 @@ Json::Value LevelChange::record() const {
 }
 
 void LevelChange::refuse_unreachable() const {
-  refuse_unreachable_levels(Addresses::load_usable(), after, selection.names);
+  refuse_unreachable_levels(Addresses::load(), after, selection.names);
 }
 
 Report bring_into_force(Console& console, const LevelChange& change, const ReloadOptions& options) {

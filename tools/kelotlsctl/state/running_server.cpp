@@ -103,11 +103,14 @@ Json::Value ask_running_server(const Addresses& addresses, const std::string& se
   target.closing = expected.closing();
   try {
     const Json::Value report = probe(target, level, stop_when_interrupted);
+    const std::string unbelieved =
+        expected.fault().empty() ? "" : " (no difference is expected: " + expected.fault() + ")";
     const std::string difference = first_own_difference(report, false);
     const Json::Value not_known = expected_of(report["not-known"], false);
     const std::string reasons = expected_reasons(report);
     return !difference.empty()
-               ? outcome(*address, "differs", sentence_of(report["differences"], difference))
+               ? outcome(*address, "differs",
+                         sentence_of(report["differences"], difference) + unbelieved)
            : !not_known.empty()
                ? outcome(*address, "cannot-tell", sentence_of(not_known, telling_reason(not_known)))
            : !reasons.empty() ? outcome(*address, "as-expected", reasons)

@@ -212,7 +212,9 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
 
 void ServiceInspector::ask_server(ServiceStatus& status) const {
   const std::string unreachable = unreachable_level(*addresses_, store_, status.name);
-  if (!unreachable.empty()) {
+  const bool is_faulty = status.state == State::kCannotRender ||
+                         status.state == State::kUnusableLevel || status.state == State::kNeedsRoot;
+  if (!unreachable.empty() && !is_faulty) {
     status.state = State::kUnreachable;
     status.document["fault"] = unreachable;
   }

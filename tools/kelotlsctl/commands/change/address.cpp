@@ -51,7 +51,7 @@ Json::Value requested_address(const Arguments& arguments) {
                    parse_address(arguments.address, arguments.starttls, arguments.server_name));
 }
 
-/// What is expected of a server does not depend on where it listens.
+/// What is expected of a server does not depend on where it listens: it goes with --remove alone.
 Json::Value with_expected_of(const Json::Value& from, Json::Value to) {
   if (from.isMember(kExpected) && !to.isNull()) {
     to[kExpected] = from[kExpected];

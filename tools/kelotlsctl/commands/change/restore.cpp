@@ -14,14 +14,19 @@ Report restore(Console& console, const Arguments& arguments) {
   const Store saved = read_backup(arguments.file);
   Json::Value document = restoration_json(live, saved);
   document["written"] = !arguments.dry_run;
+  const Store before = live;
+  kelotls::restore_levels(live.root, saved.root);
+  const LevelChange plan = {before, live, {live.names(), true}};
+  plan.refuse_unreachable();
+  Report report = {kDone, document};
   if (!arguments.dry_run) {
-    const Store before = live;
-    kelotls::restore_levels(live.root, saved.root);
-    begin_record(arguments.command, arguments.reason,
-                 LevelChange{before, live, {live.names(), true}}.record());
+    begin_record(arguments.command, arguments.reason, plan.record());
     save_store(live);
+    if (any_pending(live, plan.selection.names)) {
+      report.notes.emplace_back("Not in force yet: kelotlsctl apply");
+    }
   }
-  return {kDone, document};
+  return report;
 }
 
 void print_restored(Console& console, const Json::Value& document) {
@@ -40,9 +45,6 @@ void print_restored(Console& console, const Json::Value& document) {
   console.print_each(document["missing"], ": not in the backup; keeps its level");
   if (level["from"] == level["to"] && document["changes"].empty()) {
     console.say("No level differs from the backup.");
-  }
-  if (is_done) {
-    console.say("Not in force yet: kelotlsctl apply");
   }
 }
 

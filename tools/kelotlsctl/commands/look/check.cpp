@@ -211,6 +211,15 @@ void check_rendering(const ServiceStatus& status, Findings& findings) {
   }
 }
 
+void check_addresses(Findings& findings) {
+  // Root alone may read it, and others may check.
+  const std::string fault = ::access(Addresses::kPath, R_OK) == 0 ? Addresses::fault() : "";
+  if (!fault.empty()) {
+    findings.add(kWarning, Addresses::kPath, "cannot be used: " + fault,
+                 "mend it, or remove it and keep the addresses anew: kelotlsctl address");
+  }
+}
+
 /// What is expected of the running server, and whether it can be at the service's level.
 void check_expected(const ServiceStatus& status, const Addresses& addresses, Findings& findings) {
   const Address* const address = addresses.find(status.name);
@@ -425,12 +434,6 @@ void check_leftovers(const std::optional<Store>& store, Findings& findings) {
     findings.add(kWarning, Stamp::kPath, "cannot be used: every service counts as not yet reloaded",
                  "kelotlsctl reload writes it anew");
   }
-  // Root alone may read it, and others may check.
-  const std::string fault = ::access(Addresses::kPath, R_OK) == 0 ? Addresses::fault() : "";
-  if (!fault.empty()) {
-    findings.add(kWarning, Addresses::kPath, "cannot be used: " + fault,
-                 "mend it, or remove it and keep the addresses anew: kelotlsctl address");
-  }
 }
 
 /// All that lies outside of single services.
@@ -453,6 +456,7 @@ void check_selected(Console& console, const Store& store, const Selection& selec
                     Findings& findings) {
   check_entries(store, selection, findings);
   check_descriptors(store, selection, findings);
+  check_addresses(findings);
   check_services(console, store, selection, findings);
   if (!selection.is_all) {
     check_reloaders_of(selection, findings);
