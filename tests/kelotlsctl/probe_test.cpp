@@ -390,6 +390,31 @@ TEST_F(ProbeServer, FindsTheSameAsInMemory) {
   EXPECT_EQ(report["dh-bits"], in_memory["dh-bits"]);
 }
 
+// Some servers go on in plain text once TLS is over, and wait for more.
+TEST_F(ProbeServer, EndsTheConnectionAfterAWholeHandshake) {
+  const Context context = acquire(1);
+  use_certificate(context.get(), "rsa");
+  std::atomic<int> ended{0};
+  std::atomic<int> held{0};
+  const LoopbackServer server(AF_INET, [&](int descriptor) {
+    SSL* const connection = SSL_new(context.get());
+    SSL_set_fd(connection, descriptor);
+    if (SSL_accept(connection) == 1) {
+      char byte = 0;
+      while (SSL_read(connection, &byte, 1) > 0) {
+      }
+      timeval patience = {5, 0};  // less than the client's
+      ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+      ++(::recv(descriptor, &byte, 1, 0) == 0 ? ended : held);
+    }
+    SSL_free(connection);
+  });
+
+  EXPECT_EQ(probe_server(server, 1)["verdict"], "agrees");
+  EXPECT_GT(ended, 0);
+  EXPECT_EQ(held, 0);
+}
+
 TEST_F(ProbeServer, AsksForNoSuiteThatNeedsAnotherCertificate) {
   const Context context = acquire(2);
   use_certificate(context.get(), "rsa");

@@ -16,8 +16,8 @@ struct LevelChange {
   /// What changes, as it is recorded.
   Json::Value record() const;
 
-  /// A Failure where a service's server cannot be at its new level, or where what is kept of servers
-  /// cannot be used.
+  /// A Failure where a service's server cannot be at its new level, or where what is kept of
+  /// servers cannot be used.
   void refuse_unreachable() const;
 };
 
