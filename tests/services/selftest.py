@@ -100,6 +100,12 @@ def lines_of_versions(body: str) -> dict[str, str]:
     return found
 
 
+def has_one_list(service: Service, level: str) -> bool:
+    """Whether suites of TLS 1.3 and of older versions stand in one line."""
+    return any("TLS_" in line and any(suite in line for suite in service.suites[level])
+               for line in service.body(level).splitlines())
+
+
 def version_too_many(level: str, newer_and_older: str) -> Plant:
     """The other level's line, in the server's own spelling, is the one with a version more."""
     def change(service: Service) -> str:
@@ -110,6 +116,8 @@ def version_too_many(level: str, newer_and_older: str) -> Plant:
                 body = body.replace(line, others[setting], 1)
         if body == service.body(level):
             raise DoesNotApply("no line of its template tells versions")
+        if has_one_list(service, newer_and_older):
+            raise DoesNotApply("it has one list for the suites of all versions, none of this one's")
         return service.with_body(level, body)
 
     return Plant(f"a version too many at level {level}", level, change)
