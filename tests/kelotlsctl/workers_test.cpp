@@ -56,8 +56,8 @@ TEST(Workers, LeaveOpenWhatAProcessDoesNotEnd) {
     ASSERT_EQ(results.size(), kMany);
     EXPECT_TRUE(results[50].isNull());
     std::size_t open = 0;
-    for (const Json::Value& result : results) {
-      open += result.isNull() ? 1 : 0;
+    for (Json::ArrayIndex index = 0; index < kMany; ++index) {
+      open += results[index].isNull() ? 1 : 0;
     }
     EXPECT_EQ(open, 25U) << "its share alone";
   }
