@@ -1,5 +1,5 @@
 // How the address of a running server is written: on the command line, and in JSON.
-#include "state/address.h"
+#include "store/address.h"
 
 #include <gtest/gtest.h>
 

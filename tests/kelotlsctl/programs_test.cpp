@@ -1,5 +1,5 @@
 // How reloaders are run: their surroundings, their time, and what ends them.
-#include "state/programs.h"
+#include "system/programs.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -13,7 +13,7 @@
 #include "framework.h"
 #include "private_tree.h"
 #include "process.h"
-#include "state/interruption.h"
+#include "system/interruption.h"
 
 namespace kelotls::test {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "framework.h"
 #include "private_tree.h"
-#include "state/trust.h"
+#include "system/trust.h"
 
 namespace kelotls::test {
 namespace {

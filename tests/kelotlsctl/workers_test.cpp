@@ -1,5 +1,5 @@
 // Work that a few processes share.
-#include "state/workers.h"
+#include "system/workers.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>

@@ -17,8 +17,8 @@
 #include "json_document.h"
 #include "log_messages.h"
 #include "output/suggestion.h"
-#include "state/history.h"
-#include "state/interruption.h"
+#include "store/history.h"
+#include "system/interruption.h"
 
 namespace kelotlsctl {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "changes/trusted_places.h"
 #include "output/console.h"
-#include "state/trusted_places.h"
 
 namespace kelotlsctl {
 

@@ -1,9 +1,9 @@
 // kelotlsctl address: at which address a service's running server is asked.
 #include "command_line.h"
-#include "state/addresses.h"
-#include "state/history.h"
-#include "state/lock.h"
-#include "state/store.h"
+#include "store/addresses.h"
+#include "store/history.h"
+#include "store/lock.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

@@ -1,8 +1,8 @@
 // kelotlsctl apply: rendering, reloading and probing as one.
+#include "changes/application.h"
 #include "command_line.h"
-#include "state/application.h"
-#include "state/history.h"
-#include "state/lock.h"
+#include "store/history.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

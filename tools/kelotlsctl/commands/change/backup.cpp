@@ -2,8 +2,8 @@
 #include "command_line.h"
 #include "files.h"
 #include "json_document.h"
-#include "state/documents.h"
-#include "state/lock.h"
+#include "store/documents.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

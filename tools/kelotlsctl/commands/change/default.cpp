@@ -1,8 +1,8 @@
 // kelotlsctl default: the level of every service that has none of its own.
+#include "changes/level_change.h"
 #include "command_line.h"
-#include "state/history.h"
-#include "state/level_change.h"
-#include "state/lock.h"
+#include "store/history.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

@@ -9,9 +9,9 @@
 #include "levels/dh_parameters.h"
 #include "paths.h"
 #include "profile.h"
-#include "state/history.h"
-#include "state/lock.h"
-#include "state/store.h"
+#include "store/history.h"
+#include "store/lock.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

@@ -3,9 +3,9 @@
 #include "files.h"
 #include "json_document.h"
 #include "paths.h"
-#include "state/history.h"
-#include "state/lock.h"
-#include "state/store.h"
+#include "store/history.h"
+#include "store/lock.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

@@ -6,18 +6,18 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "changes/application.h"
 #include "command_line.h"
 #include "files.h"
 #include "framework_config.h"
 #include "paths.h"
-#include "state/addresses.h"
-#include "state/application.h"
-#include "state/documents.h"
-#include "state/expected_differences.h"
-#include "state/history.h"
-#include "state/lock.h"
-#include "state/spelling.h"
-#include "state/templates.h"
+#include "service/expected_differences.h"
+#include "service/templates.h"
+#include "store/addresses.h"
+#include "store/documents.h"
+#include "store/history.h"
+#include "store/lock.h"
+#include "store/spelling.h"
 
 namespace kelotlsctl {
 

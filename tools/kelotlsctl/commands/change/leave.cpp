@@ -7,12 +7,12 @@
 #include "command_line.h"
 #include "files.h"
 #include "paths.h"
-#include "state/addresses.h"
-#include "state/documents.h"
-#include "state/history.h"
-#include "state/lock.h"
-#include "state/remains.h"
-#include "state/service_state.h"
+#include "service/remains.h"
+#include "service/service_state.h"
+#include "store/addresses.h"
+#include "store/documents.h"
+#include "store/history.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

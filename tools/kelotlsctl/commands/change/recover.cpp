@@ -11,9 +11,9 @@
 #include "framework_config.h"
 #include "json_document.h"
 #include "paths.h"
-#include "state/documents.h"
-#include "state/history.h"
-#include "state/lock.h"
+#include "store/documents.h"
+#include "store/history.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

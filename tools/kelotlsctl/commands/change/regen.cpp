@@ -1,8 +1,8 @@
 // kelotlsctl regen: the data store, brought in line with the descriptor files.
 #include "command_line.h"
-#include "state/history.h"
-#include "state/lock.h"
-#include "state/store.h"
+#include "store/history.h"
+#include "store/lock.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

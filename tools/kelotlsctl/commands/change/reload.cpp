@@ -1,8 +1,8 @@
 // kelotlsctl reload: all reloaders, run.
+#include "changes/application.h"
 #include "command_line.h"
-#include "state/application.h"
-#include "state/history.h"
-#include "state/lock.h"
+#include "store/history.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

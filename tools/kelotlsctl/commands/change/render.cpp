@@ -1,10 +1,10 @@
 // kelotlsctl render: all templates, rendered for the levels of their services.
 #include <algorithm>
 
+#include "changes/application.h"
 #include "command_line.h"
-#include "state/application.h"
-#include "state/history.h"
-#include "state/lock.h"
+#include "store/history.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

@@ -1,10 +1,10 @@
 // kelotlsctl restore: levels, taken from a backup.
+#include "changes/level_change.h"
 #include "command_line.h"
 #include "framework_config.h"
-#include "state/documents.h"
-#include "state/history.h"
-#include "state/level_change.h"
-#include "state/lock.h"
+#include "store/documents.h"
+#include "store/history.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

@@ -1,8 +1,8 @@
 // kelotlsctl set: the levels of services, and with --apply their way into force.
+#include "changes/level_change.h"
 #include "command_line.h"
-#include "state/history.h"
-#include "state/level_change.h"
-#include "state/lock.h"
+#include "store/history.h"
+#include "store/lock.h"
 
 namespace kelotlsctl {
 

@@ -11,6 +11,7 @@
 #include <regex>
 #include <set>
 
+#include "changes/trusted_places.h"
 #include "command_line.h"
 #include "framework_config.h"
 #include "levels/dh_parameters.h"
@@ -18,10 +19,9 @@
 #include "paths.h"
 #include "regeneration.h"
 #include "registration.h"
-#include "state/addresses.h"
-#include "state/expected_differences.h"
-#include "state/service_state.h"
-#include "state/trusted_places.h"
+#include "service/expected_differences.h"
+#include "service/service_state.h"
+#include "store/addresses.h"
 
 namespace kelotlsctl {
 

@@ -3,12 +3,12 @@
 
 #include <algorithm>
 
+#include "changes/application.h"
 #include "command_line.h"
 #include "levels/report.h"
 #include "output/suggestion.h"
 #include "paths.h"
-#include "state/application.h"
-#include "state/service_state.h"
+#include "service/service_state.h"
 
 namespace kelotlsctl {
 

@@ -1,6 +1,6 @@
 // kelotlsctl get: a service's level.
 #include "command_line.h"
-#include "state/store.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // kelotlsctl history: what was changed, by whom and why, and what came of it.
-#include "state/history.h"
+#include "store/history.h"
 
 #include "command_line.h"
 #include "output/characters.h"

@@ -5,7 +5,7 @@
 #include "output/natural_order.h"
 #include "output/suggestion.h"
 #include "output/text.h"
-#include "state/service_state.h"
+#include "service/service_state.h"
 
 namespace kelotlsctl {
 

@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <optional>
 
+#include "changes/application.h"
 #include "command_line.h"
 #include "files.h"
 #include "output/text.h"
 #include "paths.h"
-#include "state/application.h"
-#include "state/documents.h"
-#include "state/templates.h"
+#include "service/templates.h"
+#include "store/documents.h"
 
 namespace kelotlsctl {
 

@@ -1,10 +1,10 @@
 // kelotlsctl probe: handshakes with a service's context or with its running server, held against
 // its level.
+#include "changes/application.h"
 #include "command_line.h"
 #include "levels/report.h"
-#include "state/addresses.h"
-#include "state/application.h"
-#include "state/expected_differences.h"
+#include "service/expected_differences.h"
+#include "store/addresses.h"
 
 namespace kelotlsctl {
 

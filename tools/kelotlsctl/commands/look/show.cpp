@@ -3,7 +3,7 @@
 #include "files.h"
 #include "output/characters.h"
 #include "paths.h"
-#include "state/service_state.h"
+#include "service/service_state.h"
 
 namespace kelotlsctl {
 

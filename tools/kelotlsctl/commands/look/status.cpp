@@ -5,9 +5,9 @@
 
 #include "command_line.h"
 #include "output/natural_order.h"
-#include "state/history.h"
-#include "state/interruption.h"
-#include "state/service_state.h"
+#include "service/service_state.h"
+#include "store/history.h"
+#include "system/interruption.h"
 
 namespace kelotlsctl {
 

@@ -3,9 +3,9 @@
 
 #include "command_line.h"
 #include "json_document.h"
-#include "state/documents.h"
-#include "state/spelling.h"
-#include "state/templates.h"
+#include "service/templates.h"
+#include "store/documents.h"
+#include "store/spelling.h"
 
 namespace kelotlsctl {
 

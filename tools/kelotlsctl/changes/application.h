@@ -8,9 +8,9 @@
 
 #include "output/console.h"
 #include "profile.h"
-#include "state/programs.h"
-#include "state/service_state.h"
-#include "state/store.h"
+#include "service/service_state.h"
+#include "store/store.h"
+#include "system/programs.h"
 
 namespace kelotlsctl {
 

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "rendering.h"
-#include "state/addresses.h"
-#include "state/store.h"
+#include "store/addresses.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

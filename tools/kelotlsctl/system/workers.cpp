@@ -1,5 +1,5 @@
 // Owns work in several processes.
-#include "state/workers.h"
+#include "system/workers.h"
 
 #include <sys/mman.h>
 #include <sys/wait.h>

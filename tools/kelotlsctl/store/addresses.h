@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "state/address.h"
+#include "store/address.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns what a service may leave behind.
-#include "state/remains.h"
+#include "service/remains.h"
 
 #include <algorithm>
 #include <cctype>

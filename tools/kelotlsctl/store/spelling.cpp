@@ -1,5 +1,5 @@
 // Owns the look at how the members of a registration are spelt.
-#include "state/spelling.h"
+#include "store/spelling.h"
 
 #include <algorithm>
 #include <string>

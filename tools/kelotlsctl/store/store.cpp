@@ -1,5 +1,5 @@
 // Owns the data store as commands see it.
-#include "state/store.h"
+#include "store/store.h"
 
 #include <fnmatch.h>
 #include <kelotls/tls_profile_level.h>

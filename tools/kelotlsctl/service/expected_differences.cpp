@@ -1,5 +1,5 @@
 // Owns the differences that are expected of a service's server.
-#include "state/expected_differences.h"
+#include "service/expected_differences.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,8 +9,8 @@
 #include "levels/offer.h"
 #include "output/console.h"
 #include "profile.h"
-#include "state/documents.h"
-#include "state/trust.h"
+#include "store/documents.h"
+#include "system/trust.h"
 
 namespace kelotlsctl {
 

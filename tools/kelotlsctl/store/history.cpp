@@ -1,5 +1,5 @@
 // Owns the trace that every change leaves.
-#include "state/history.h"
+#include "store/history.h"
 
 #include <fcntl.h>
 #include <json/writer.h>
@@ -21,7 +21,7 @@
 #include "json_document.h"
 #include "output/console.h"
 #include "paths.h"
-#include "state/store.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "peers/asker.h"
-#include "state/addresses.h"
-#include "state/store.h"
+#include "store/addresses.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

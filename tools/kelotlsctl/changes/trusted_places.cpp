@@ -1,5 +1,5 @@
 // Owns what each command trusts.
-#include "state/trusted_places.h"
+#include "changes/trusted_places.h"
 
 #include <kelotls/tls_profile_level.h>
 #include <syslog.h>
@@ -8,11 +8,11 @@
 #include <iterator>
 #include <set>
 
+#include "changes/application.h"
 #include "files.h"
 #include "json_document.h"
 #include "paths.h"
 #include "profile.h"
-#include "state/application.h"
 
 namespace kelotlsctl {
 

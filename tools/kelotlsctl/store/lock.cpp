@@ -1,5 +1,5 @@
 // Owns the lock that every writing command holds.
-#include "state/lock.h"
+#include "store/lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -12,8 +12,8 @@
 #include <thread>
 
 #include "json_document.h"
-#include "state/interruption.h"
-#include "state/store.h"
+#include "store/store.h"
+#include "system/interruption.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns bringing levels into force.
-#include "state/application.h"
+#include "changes/application.h"
 
 #include <kelotls/api_provider.h>
 #include <unistd.h>
@@ -17,10 +17,10 @@
 #include "output/text.h"
 #include "paths.h"
 #include "reloaders.h"
-#include "state/history.h"
-#include "state/interruption.h"
-#include "state/running_server.h"
-#include "state/workers.h"
+#include "service/running_server.h"
+#include "store/history.h"
+#include "system/interruption.h"
+#include "system/workers.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns how reloaders are run.
-#include "state/programs.h"
+#include "system/programs.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "files.h"
-#include "state/interruption.h"
+#include "system/interruption.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns the documents that an operator hands over.
-#include "state/documents.h"
+#include "store/documents.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // Owns whether a service's level has reached the service.
-#include "state/service_state.h"
+#include "service/service_state.h"
 
 #include <openssl/evp.h>
 #include <unistd.h>
@@ -12,9 +12,9 @@
 #include <system_error>
 
 #include "output/text.h"
-#include "state/expected_differences.h"
-#include "state/running_server.h"
-#include "state/templates.h"
+#include "service/expected_differences.h"
+#include "service/running_server.h"
+#include "service/templates.h"
 
 namespace kelotlsctl {
 

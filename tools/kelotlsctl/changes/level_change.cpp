@@ -1,11 +1,11 @@
 // Owns a change of levels.
-#include "state/level_change.h"
+#include "changes/level_change.h"
 
 #include <exception>
 
-#include "state/addresses.h"
-#include "state/expected_differences.h"
-#include "state/history.h"
+#include "service/expected_differences.h"
+#include "store/addresses.h"
+#include "store/history.h"
 
 namespace kelotlsctl {
 

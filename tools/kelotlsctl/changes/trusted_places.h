@@ -6,8 +6,8 @@
 
 #include "output/console.h"
 #include "registration.h"
-#include "state/store.h"
-#include "state/trust.h"
+#include "store/store.h"
+#include "system/trust.h"
 
 namespace kelotlsctl {
 

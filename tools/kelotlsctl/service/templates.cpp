@@ -1,5 +1,5 @@
 // Owns what can be said of a template.
-#include "state/templates.h"
+#include "service/templates.h"
 
 #include <sys/stat.h>
 
@@ -15,7 +15,7 @@
 #include "output/suggestion.h"
 #include "profile.h"
 #include "rendering.h"
-#include "state/store.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

@@ -1,6 +1,6 @@
 // Owns the signals that ask the command to end while it makes a change. They stay blocked, and are
 // fetched where a change can end: no handler runs in the middle of anything.
-#include "state/interruption.h"
+#include "system/interruption.h"
 
 #include <cerrno>
 

@@ -1,5 +1,5 @@
 // Owns asking a service's running server.
-#include "state/running_server.h"
+#include "service/running_server.h"
 
 #include <exception>
 #include <stdexcept>
@@ -8,8 +8,8 @@
 #include "levels/offer.h"
 #include "levels/report.h"
 #include "output/console.h"
-#include "state/expected_differences.h"
-#include "state/interruption.h"
+#include "service/expected_differences.h"
+#include "system/interruption.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns the file of addresses.
-#include "state/addresses.h"
+#include "store/addresses.h"
 
 #include <sys/types.h>
 
@@ -9,7 +9,7 @@
 #include "files.h"
 #include "json_document.h"
 #include "output/console.h"
-#include "state/documents.h"
+#include "store/documents.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns whether a path can be trusted.
-#include "state/trust.h"
+#include "system/trust.h"
 
 #include <fcntl.h>
 #include <limits.h>

@@ -3,7 +3,7 @@
 
 #include <json/value.h>
 
-#include "state/application.h"
+#include "changes/application.h"
 
 namespace kelotlsctl {
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "registration.h"
-#include "state/address.h"
-#include "state/store.h"
+#include "store/address.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns the address at which a running server is asked.
-#include "state/address.h"
+#include "store/address.h"
 
 #include <arpa/inet.h>
 #include <sys/un.h>
@@ -9,7 +9,7 @@
 
 #include "output/console.h"
 #include "peers/starttls.h"
-#include "state/documents.h"
+#include "store/documents.h"
 
 namespace kelotlsctl {
 
