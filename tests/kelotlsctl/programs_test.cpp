@@ -64,7 +64,7 @@ TEST_F(Programs, ThatASignalEndsGive128AndItsNumber) {
 }
 
 TEST_F(Programs, ThatCannotBeRunGiveTheReason) {
-  EXPECT_EQ(run_to_end("/tmp/missing", kLong).error, ENOENT);
+  EXPECT_EQ(run_to_end({"/tmp/missing"}, kLong).error, ENOENT);
   write_file(kProgram, "#!/bin/sh\n");
   EXPECT_EQ(run_to_end({kProgram}, kLong).error, EACCES);
   write_program(kProgram, "no format");

@@ -312,7 +312,6 @@ WriteAccess::WriteAccess(Console& console, const Confidence& confidence, Waiting
     change = PendingChange::load();
   } else {
     Settling settling = nothing_settled();
-    catch_up_history();
     change = settle_pending(console, confidence.command, Servers::kRunning, settling);
     settle_dates(console, Servers::kRunning, false, settling);
   }

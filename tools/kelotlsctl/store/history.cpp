@@ -223,6 +223,26 @@ void append_or_fail(const Json::Value& record) {
   }
 }
 
+/// Before anything is added to the record: ends the one before it, if that was interrupted, and
+/// records a change of the data store that no command has made.
+void catch_up(const std::string& record) {
+  const Json::Value last = last_line();
+  if (last.isNull() || last["id"] == record) {
+    return;
+  }
+  if (!is_ended(last)) {
+    append_or_fail(object({{"id", last["id"]},
+                           {"ended", now_as_text()},
+                           {"result", "interrupted"},
+                           {"store", store_digest()}}));
+    return;
+  }
+  const Json::Value outside = outside_record(last);
+  if (!outside.isNull()) {
+    append_or_fail(outside);
+  }
+}
+
 /// Adds the records of a file, in the order of their first ones.
 class HistoryReader {
  public:
@@ -296,6 +316,7 @@ std::string new_record_id() {
 
 void begin_record(const std::string& command, const std::string& reason, const Json::Value& changes,
                   const std::string& id) {
+  catch_up(id);
   begin_new_file_where_full();
   current().begin = object({{"id", id},
                             {"time", now_as_text()},
@@ -351,12 +372,16 @@ bool end_record(int code, int exit_status) {
   return is_written;
 }
 
+void catch_up_history() { catch_up({}); }
+
 void record_taking_back(const std::string& id) {
+  catch_up(id);
   append_or_fail(object({{"id", id}, {"result", "taking-back"}}));
 }
 
 void record_outcome(const std::string& id, const std::string& command, const std::string& result,
                     const std::vector<std::string>& services) {
+  catch_up(id);
   const Json::Value by = object({{"command", command}, {"who", who()}, {"time", now_as_text()}});
   append_or_fail(object({{"id", id},
                          {"ended", now_as_text()},
@@ -369,24 +394,6 @@ void record_outcome(const std::string& id, const std::string& command, const std
               {"reason", Json::Value()},
               {"changes", changes_of(services)}}),
       result);
-}
-
-void catch_up_history() {
-  const Json::Value last = last_line();
-  if (last.isNull()) {
-    return;
-  }
-  if (!is_ended(last)) {
-    append_or_fail(object({{"id", last["id"]},
-                           {"ended", now_as_text()},
-                           {"result", "interrupted"},
-                           {"store", store_digest()}}));
-    return;
-  }
-  const Json::Value outside = outside_record(last);
-  if (!outside.isNull()) {
-    append_or_fail(outside);
-  }
 }
 
 Json::Value read_history(std::vector<std::string>& faults) {

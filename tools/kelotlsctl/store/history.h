@@ -63,8 +63,8 @@ void record_outcome(const std::string& id, const std::string& command, const std
                     const std::vector<std::string>& services);
 
 /// Ends the record of a change that was interrupted, if that is the last one, and records a change
-/// of the data store that no command has made. Nobody else may be writing. A Failure when it cannot
-/// be written.
+/// of the data store that no command has made, as everything does that adds to the history. Nobody
+/// else may be writing. A Failure when it cannot be written.
 void catch_up_history();
 
 /// The changes on record, oldest first: {"id", "time", "command", "who", "terminal", "reason",

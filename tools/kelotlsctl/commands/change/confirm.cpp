@@ -41,7 +41,6 @@ Report confirm(Console& console, const Arguments& arguments) {
   // Whoever has to wait for another command has not come too late.
   const Moment asked = this_moment();
   const Lock lock(console, arguments.command, true);
-  catch_up_history();
   PendingChange change = require_change();
   const bool is_given_up = change.state() == ChangeState::kFailed;
   if (!is_given_up && change.state() != ChangeState::kConfirmed &&
@@ -56,7 +55,6 @@ Report confirm(Console& console, const Arguments& arguments) {
 
 Report revert(Console& console, const Arguments& arguments) {
   const Lock lock(console, arguments.command, true);
-  catch_up_history();
   PendingChange change = require_change();
   if (change.state() == ChangeState::kConfirmed) {
     keep(change, arguments.command);
