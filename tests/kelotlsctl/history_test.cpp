@@ -72,7 +72,7 @@ TEST_F(KelotlsctlHistory, RecordsEveryKindOfChange) {
                    "default: default level intermediate modern: done", "apply: web: done",
                    "render: web: done", "reload: web: done", "regen:: done",
                    "set: web old modern: done", "restore: web modern old: done", "leave: web: done",
-                   "recover: default level none old: done",
+                   "outside:: done", "recover: default level none old: done", "outside:: done",
                    "init: default level none intermediate: done"}));
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <set>
 
 namespace kelotlsctl {
@@ -84,20 +85,37 @@ void Dating::refuse_pointless(const LevelChange& change) const {
 }
 
 void Dating::tell(Json::Value& changes, const LevelChange& change) const {
-  const std::set<std::string> selected(change.selection.names.begin(),
-                                       change.selection.names.end());
+  std::map<std::string, Json::Value*> by_service;
   for (Json::Value& element : changes) {
-    const std::string service = element["service"].asString();
-    if (selected.count(service) == 0) {
+    by_service[element["service"].asString()] = &element;
+  }
+  std::vector<Json::Value> unchanged;  // levels that stay, with another date or none
+  for (const std::string& service : change.selection.names) {
+    const DatedLevel* const former = former_.find(service);
+    if (former == nullptr && !brings_dates()) {
       continue;
     }
-    if (brings_dates()) {
-      element["until"] = utc_text(*until_);
-      element["then"] = level_text(level_json(dated(change, service).then));
+    const auto found = by_service.find(service);
+    if (found != by_service.end()) {
+      tell_of(change, service, *found->second);
+    } else {
+      unchanged.push_back(object({{"service", service}}));
+      tell_of(change, service, unchanged.back());
     }
-    if (const DatedLevel* const former = former_.find(service)) {
-      element["former-date"] = former_date_json(*former);
-    }
+  }
+  for (const Json::Value& element : unchanged) {
+    changes.append(element);
+  }
+}
+
+void Dating::tell_of(const LevelChange& change, const std::string& service,
+                     Json::Value& element) const {
+  if (brings_dates()) {
+    element["until"] = utc_text(*until_);
+    element["then"] = level_text(level_json(dated(change, service).then));
+  }
+  if (const DatedLevel* const former = former_.find(service)) {
+    element["former-date"] = former_date_json(*former);
   }
 }
 

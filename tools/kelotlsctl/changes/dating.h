@@ -42,6 +42,7 @@ class Dating {
   void end(const LevelChange& change, const Json::Value& undone) const;
 
  private:
+  void tell_of(const LevelChange& change, const std::string& service, Json::Value& element) const;
   DatedLevel dated(const LevelChange& change, const std::string& service) const;
 
   DatedLevels former_;

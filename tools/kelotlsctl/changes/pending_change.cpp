@@ -140,10 +140,7 @@ void PendingChange::fail(const std::string& fault) {
   become(State::kFailed);
 }
 
-void PendingChange::remove() {
-  remove_for_good(kPath);
-  document_.clear();
-}
+void PendingChange::remove() const { remove_for_good(kPath); }
 
 void PendingChange::save() const {
   const std::string text = kelotls::json_text(document_);

@@ -49,7 +49,7 @@ class PendingChange {
   void wait_for(std::chrono::seconds duration, const Moment& now);
   void fail(const std::string& fault);
   /// There is none any more.
-  void remove();
+  void remove() const;
 
   /// {"state", "services", "seconds-left", "fault"}, for reports.
   Json::Value report(const Moment& now) const;

@@ -75,10 +75,10 @@ void put_back_file(const std::string& path, const Json::Value& file, bool is_des
   }
   const std::string text = file["text"].asString();
   const mode_t mode = file["mode"].asUInt();
-  const bool is_back = is_descriptor
-                           ? kelotls::write_in_place(path, text) && ::chmod(path.c_str(), mode) == 0
-                           : kelotls::replace_entry(path, text, mode);
-  if (!is_back) {
+  const bool is_written = is_descriptor ? kelotls::write_in_place(path, text)
+                                        : kelotls::replace_entry(path, text, mode);
+  // What was there may have had another mode, which both of them leave to it.
+  if (!is_written || ::chmod(path.c_str(), mode) != 0) {
     throw system_failure(path);
   }
 }

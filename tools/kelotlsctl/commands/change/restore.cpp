@@ -69,7 +69,7 @@ Report restore(Console& console, const Arguments& arguments) {
       console, back, [&] { return plan.snapshot(); },
       [&] {
         Report done = take_levels(console, plan, report, applies);
-        dating.end(own, done.document["apply"]["undone"]);
+        dating.end(own, done.document.get("apply", object({}))["undone"]);
         return done;
       });
 }

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <map>
 #include <set>
 
 #include "changes/dating.h"
@@ -35,27 +36,38 @@ bool has_been_made(const Json::Value& record) {
   return result == "done" || result == "confirmed";
 }
 
-/// The services for which a record says that their change has not been made, or not stayed.
-std::set<std::string> exceptions_of(const Json::Value& record) {
-  std::set<std::string> services;
-  for (const Json::Value& outcome : record["services"]) {
-    services.insert(outcome["service"].asString());
-  }
-  return services;
-}
-
-/// The changes of levels on record, and which of them are undone.
+/// The changes of levels on record, and for which services they are undone.
 class Changes {
  public:
   explicit Changes(Json::Value records) : records_(std::move(records)) {
     // Later ones first: an undo that was itself undone undoes nothing.
     for (Json::ArrayIndex index = records_.size(); index-- > 0;) {
-      const Json::Value& record = records_[index];
-      if (record.isMember("undoes") && has_been_made(record) &&
-          undone_.count(record["id"].asString()) == 0) {
-        undone_.insert(record["undoes"].asString());
+      if (records_[index].isMember("undoes")) {
+        std::set<std::string>& undone = undone_[records_[index]["undoes"].asString()];
+        const std::set<std::string> services = services_of(index);
+        undone.insert(services.begin(), services.end());
       }
     }
+  }
+
+  /// Those for which the change was made and is not undone.
+  std::set<std::string> services_of(Json::ArrayIndex index) const {
+    const Json::Value& record = records_[index];
+    std::set<std::string> services;
+    for (const Json::Value& change : record["changes"]) {
+      if (has_been_made(record) && change.isMember("to")) {
+        services.insert(change["service"].asString());
+      }
+    }
+    for (const Json::Value& outcome : record["services"]) {
+      services.erase(outcome["service"].asString());
+    }
+    const auto undone = undone_.find(record["id"].asString());
+    for (const std::string& service :
+         undone != undone_.end() ? undone->second : std::set<std::string>()) {
+      services.erase(service);
+    }
+    return services;
   }
 
   /// The index of the last one that is not undone: of an undo, or of another change. A Failure
@@ -64,12 +76,10 @@ class Changes {
     for (Json::ArrayIndex index = records_.size(); index-- > 0;) {
       const Json::Value& record = records_[index];
       const Kind found = kind_of(record["command"].asString());
-      const bool is_candidate = has_been_made(record) && has_levels(record) &&
-                                undone_.count(record["id"].asString()) == 0;
       if (found == Kind::kOther && has_been_made(record)) {
         refuse(record);
       }
-      if (is_candidate && found == kind) {
+      if (found == kind && !services_of(index).empty()) {
         return index;
       }
     }
@@ -77,7 +87,10 @@ class Changes {
                                                : "there is no change of a level on record to undo");
   }
 
-  void mark_undone(Json::ArrayIndex index) { undone_.insert(records_[index]["id"].asString()); }
+  void mark_undone(Json::ArrayIndex index) {
+    const std::set<std::string> services = services_of(index);
+    undone_[records_[index]["id"].asString()].insert(services.begin(), services.end());
+  }
 
   const Json::Value& operator[](Json::ArrayIndex index) const { return records_[index]; }
 
@@ -96,12 +109,6 @@ class Changes {
   }
 
  private:
-  static bool has_levels(const Json::Value& record) {
-    const Json::Value& changes = record["changes"];
-    return std::any_of(changes.begin(), changes.end(),
-                       [](const Json::Value& change) { return change.isMember("to"); });
-  }
-
   [[noreturn]] static void refuse(const Json::Value& record) {
     throw Failure(kFailed,
                   "the last change before that is " + printable(record["command"]) + " at " +
@@ -111,7 +118,7 @@ class Changes {
   }
 
   Json::Value records_;
-  std::set<std::string> undone_;
+  std::map<std::string, std::set<std::string>> undone_;  // by the id of a record
 };
 
 /// One change, turned round.
@@ -169,11 +176,11 @@ void add_followers(LevelChange& plan) {
 Undoing turn_round(const Changes& changes, Json::ArrayIndex index, const Store& store) {
   const Json::Value& record = changes[index];
   Undoing undoing = {record["id"].asString(), {store, store, {}}};
-  const std::set<std::string> exceptions = exceptions_of(record);
+  const std::set<std::string> services = changes.services_of(index);
   bool is_default_changed = false;
   for (const Json::Value& change : record["changes"]) {
     const std::string service = change["service"].asString();
-    if (!change.isMember("to") || exceptions.count(service) != 0) {
+    if (services.count(service) == 0) {
       continue;
     }
     require_unchanged(changes, index, store, change);
