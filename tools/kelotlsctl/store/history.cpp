@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -281,11 +282,23 @@ class HistoryReader {
       record["result"] = record.get("result", "interrupted");
       changes_.append(record);
     } else {
-      for (const std::string& key : record.getMemberNames()) {
-        changes_[place->second][key] = record[key];
-      }
+      add_to(changes_[place->second], record);
     }
     return true;
+  }
+
+  /// What is tried again is tried for those alone for which it has failed.
+  static void add_to(Json::Value& record, const Json::Value& later) {
+    Json::Value changes = record["changes"];
+    for (const Json::Value& change : later["changes"]) {
+      if (std::find(changes.begin(), changes.end(), change) == changes.end()) {
+        changes.append(change);
+      }
+    }
+    for (const std::string& key : later.getMemberNames()) {
+      record[key] = later[key];
+    }
+    record["changes"] = changes;
   }
 
   kelotls::JsonReader reader_;
