@@ -230,6 +230,8 @@ void return_levels(Console& console, const Store& before, DatedLevels& dates,
   dates.save();
   if (code != kDone) {
     settling.code = code;
+  } else {
+    set_result("done", list_of({}));  // for whom it has failed before, too
   }
   static_cast<void>(end_record(code, code));
 }
@@ -247,9 +249,6 @@ void settle_dates(Console& console, Servers servers, bool tries_again, Settling&
     return_levels(console, *store, dates, due, servers, settling);
   } else if (dates.note_running_time(this_moment())) {
     dates.save();
-  }
-  if (dates.all().empty()) {
-    end_timer();
   }
 }
 
@@ -325,6 +324,10 @@ Settling settle(Console& console, Servers servers) {
   catch_up_history();
   settle_pending(console, kCommand, servers, settling);
   settle_dates(console, servers, true, settling);
+  // Here, because whatever ends the last date, the timer itself comes once more.
+  if (servers == Servers::kRunning && DatedLevels::load().all().empty()) {
+    end_timer();
+  }
   return settling;
 }
 

@@ -5,20 +5,43 @@
 
 namespace kelotlsctl {
 
+namespace {
+
+Settling settle_once(Console& console, const Arguments& arguments, Servers servers) {
+  const Lock lock(console, arguments.command, true);
+  return settle(console, servers);
+}
+
+void have_rest_watched() {
+  if (anything_to_watch()) {
+    have_watched();
+  }
+}
+
+/// What is left is waited for, whatever has failed.
+Settling settle_and_watch(Console& console, const Arguments& arguments) {
+  Settling settling;
+  try {
+    settling = settle_once(console, arguments, Servers::kRunning);
+  } catch (const std::exception&) {
+    have_rest_watched();
+    throw;
+  }
+  have_rest_watched();
+  return settling;
+}
+
+}  // namespace
+
 Report settle_due(Console& console, const Arguments& arguments) {
   if (arguments.wait) {
     watch(console);
     return {};
   }
-  Settling settling;
-  {
-    const Lock lock(console, arguments.command, true);
-    settling =
-        settle(console, arguments.before_services ? Servers::kNotStarted : Servers::kRunning);
-  }
-  if (anything_to_watch()) {
-    have_watched();
-  }
+  // A process that waits would run reloaders, for servers that have not started.
+  const Settling settling = arguments.before_services
+                                ? settle_once(console, arguments, Servers::kNotStarted)
+                                : settle_and_watch(console, arguments);
   Report report = {settling.code, settling.document};
   if (settling.document["taken-back"].empty() && settling.document["returned"].empty()) {
     report.notes.emplace_back("Nothing is due.");
