@@ -126,8 +126,10 @@ Store with_entries(Store store, const Json::Value& snapshot) {
   return store;
 }
 
-void put_back_kept(const KeptFile& file, const Json::Value& snapshot,
-                   bool (*is_concerned)(const Json::Value& former)) {
+/// Whether something is put back for a service, by what it was.
+using Concerns = bool (*)(const Json::Value& former);
+
+void put_back_kept(const KeptFile& file, const Json::Value& snapshot, Concerns is_concerned) {
   const Json::Value before = kept_in(file);
   Json::Value services = before;
   for (const std::string& service : snapshot["services"].getMemberNames()) {
@@ -205,12 +207,13 @@ void put_back(const Json::Value& snapshot, bool with_stamps) {
       put_back_file(kelotls::rendered_path(service), former["rendered"], false);
     }
   }
-  const auto always = [](const Json::Value&) { return true; };
+  const Concerns always = [](const Json::Value&) { return true; };
+  const Concerns has_left = [](const Json::Value& former) {
+    return is_membership(former) && former["entry"].isNull();
+  };
   put_back_kept(kDated, snapshot, always);
   put_back_kept(kAddress, snapshot, is_membership);
-  if (with_stamps) {
-    put_back_kept(kStamp, snapshot, always);
-  }
+  put_back_kept(kStamp, snapshot, with_stamps ? always : has_left);
 }
 
 std::vector<std::string> services_in(const Json::Value& snapshot, const Store& store) {

@@ -4,10 +4,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "changes/pending_change.h"
 #include "files.h"
 #include "paths.h"
 #include "store/history.h"
+#include "system/interruption.h"
 
 namespace kelotlsctl {
 
@@ -33,26 +37,45 @@ void require_boot_clock() {
   }
 }
 
-/// The change is over: it waits, or what it leaves is what there is.
-void end_change(PendingChange& change, const WayBack& way_back, bool was_waiting, Report& report) {
-  if (report.is_undone && was_waiting) {
-    change.become(ChangeState::kWaiting);  // for as long as the one before it would have
-    return;
+/// The record is closed before the change is over: a process that is killed in between leaves no
+/// record that says less than what is there.
+void close_record(Report& report) {
+  const int signal = interruption();
+  if (!end_record(report.code, signal != 0 ? 128 + signal : report.code)) {
+    report.warnings.push_back(std::string(kHistoryPath) + ": " + std::strerror(errno));
   }
-  if (report.is_undone || !way_back.wait) {
-    change.become(ChangeState::kConfirmed);
-    change.remove();
-    return;
-  }
+}
+
+void begin_waiting(PendingChange& change, std::chrono::seconds duration, Report& report) {
   bring_to_disk();
-  const Moment now = this_moment();
-  change.wait_for(*way_back.wait, now);
   set_waiting();
-  const auto seconds = way_back.wait->count();
+  close_record(report);
+  const Moment now = this_moment();
+  change.wait_for(duration, now);
+  const auto seconds = duration.count();
   report.document["confirm"] =
       object({{"seconds", Json::Int64{seconds}}, {"until", utc_text(now.wall + seconds)}});
-  report.notes.push_back("Taken back in " + duration_text(*way_back.wait) +
+  report.notes.push_back("Taken back in " + duration_text(duration) +
                          ", unless confirmed: kelotlsctl confirm");
+}
+
+/// The change is over: it waits, or what it leaves is what there is. former: the one that has
+/// waited before it.
+void end_change(PendingChange& change, std::optional<PendingChange> former, const WayBack& way_back,
+                Report& report) {
+  if (report.is_undone && former) {
+    former->become(ChangeState::kWaiting);  // for as long as it would have
+    return;
+  }
+  if (!report.is_undone && way_back.wait) {
+    begin_waiting(change, *way_back.wait, report);
+    return;
+  }
+  if (!report.is_undone) {
+    change.become(ChangeState::kConfirmed);
+  }
+  close_record(report);
+  change.remove();
 }
 
 }  // namespace
@@ -90,7 +113,7 @@ Report make_change(Console& console, const WayBack& way_back,
       have_watched();
     }
     Report report = change();
-    end_change(pending, way_back, waiting.has_value(), report);
+    end_change(pending, waiting, way_back, report);
     return report;
   } catch (const std::exception&) {
     take_back(console, pending, way_back.confidence.command);
