@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 #include <valijson/adapters/jsoncpp_adapter.hpp>
@@ -198,6 +199,25 @@ void Kelotlsctl::join_both() {
   ASSERT_EQ(run({"reload"}).status, 0);
   write_file(kReloaderRuns, "");
   log();
+}
+
+constexpr char kCopyForUsers[] = "/tmp/kelotlsctl";
+
+void KelotlsctlWithoutRoot::SetUp() {
+  Kelotlsctl::SetUp();
+  if (!has_many_users()) {
+    GTEST_SKIP() << kRootAlone;
+  }
+  join_both();
+  std::filesystem::copy_file(KELOTLSCTL, kCopyForUsers);
+  std::filesystem::permissions(kCopyForUsers, std::filesystem::perms(0755));
+  std::filesystem::permissions("/tmp", std::filesystem::perms(0755));
+}
+
+Outcome KelotlsctlWithoutRoot::run_as_user(const Arguments& arguments) {
+  Arguments command = {"setpriv", "--reuid", "1", "--regid", "1", "--clear-groups", kCopyForUsers};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return run_program(command);
 }
 
 int stored_level(const std::string& service) {

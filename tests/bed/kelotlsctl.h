@@ -57,6 +57,15 @@ class Kelotlsctl : public PrivateTree {
   void join_both();
 };
 
+/// The same with both services, where there is a user beside root who may not read what only root
+/// may; skipped where there is none.
+class KelotlsctlWithoutRoot : public Kelotlsctl {
+ protected:
+  void SetUp() override;
+
+  static Outcome run_as_user(const Arguments& arguments);
+};
+
 constexpr char kTemplate[] = "/tmp/web.mustache";
 constexpr char kReloader[] = "/tmp/reload-web";
 constexpr char kReloaderStatus[] = "/tmp/status";

@@ -67,6 +67,8 @@ TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
   EXPECT_EQ(complete("kelotlsctl render --"),
             "--json --quiet --reason --trust-anyway --help --dry-run --check --preview --level\n");
   EXPECT_EQ(complete("kelotlsctl check --a"), "--all\n");
+  EXPECT_EQ(complete("kelotlsctl check --p"), "--plugin\n");
+  EXPECT_EQ(complete("kelotlsctl metrics --s"), "--survey\n");
   EXPECT_EQ(complete("kelotlsctl join --r"), "--reason --replace\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
   EXPECT_EQ(complete("kelotlsctl list --"),
@@ -78,6 +80,8 @@ TEST_F(KelotlsctlCompletion, OffersFiles) {
   write_file("/tmp/files/registration.json", "");
   EXPECT_EQ(complete("kelotlsctl join /tmp/files/r"), "/tmp/files/registration.json\n");
   EXPECT_EQ(complete("kelotlsctl render --preview /tmp/files/r"), "/tmp/files/registration.json\n");
+  EXPECT_EQ(complete("kelotlsctl metrics --textfile /tmp/files/r"),
+            "/tmp/files/registration.json\n");
 }
 
 TEST_F(KelotlsctlCompletion, OffersNothingWithoutADataStore) {
@@ -102,7 +106,7 @@ TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
     EXPECT_EQ(bash.count(name), 1u) << name;
     EXPECT_TRUE(contains(zsh, "\n    '" + name + ":"));
   }
-  EXPECT_EQ(commands, 24u);
+  EXPECT_EQ(commands, 30u);
   EXPECT_EQ(bash.size(), commands + 6) << "the options before a command are six";
 }
 

@@ -155,29 +155,6 @@ TEST_F(KelotlsctlStatus, ShowsAThousandServicesInAFractionOfASecond) {
   EXPECT_TRUE(contains(read_file("/tmp/status"), "s10 and 990 more\n"));
 }
 
-class KelotlsctlWithoutRoot : public Kelotlsctl {
- protected:
-  void SetUp() override {
-    Kelotlsctl::SetUp();
-    if (!has_many_users()) {
-      GTEST_SKIP() << kRootAlone;
-    }
-    join_both();
-    std::filesystem::copy_file(KELOTLSCTL, kCopy);
-    std::filesystem::permissions(kCopy, std::filesystem::perms(0755));
-    std::filesystem::permissions("/tmp", std::filesystem::perms(0755));
-  }
-
-  /// As a user who may not read what only root may.
-  static Outcome run_as_user(const Arguments& arguments) {
-    Arguments command = {"setpriv", "--reuid", "1", "--regid", "1", "--clear-groups", kCopy};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return run_program(command);
-  }
-
-  static constexpr char kCopy[] = "/tmp/kelotlsctl";
-};
-
 TEST_F(KelotlsctlWithoutRoot, IsToldThatTheRenderedFileNeedsRoot) {
   std::filesystem::permissions(rendered_path("web"), std::filesystem::perms(0600));
   const Outcome list = run_as_user({"list", "--terse"});

@@ -2,7 +2,7 @@
 
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-  local commands='list status show get set default levels explain probe check history validate join leave
+  local commands='list status show get set default levels explain probe check metrics history validate join leave
     address regen render reload apply backup restore init recover dh'
   local levels='modern intermediate old default'
   local command='' position=0 index word
@@ -10,7 +10,7 @@ _kelotlsctl() {
     word=${COMP_WORDS[index]}
     case $word in
       --default | --from | --connect | --preview | --level | --state | --reason | --reload-timeout | \
-        --starttls | --servername) ((index++)) ;;
+        --starttls | --servername | --textfile) ((index++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=$word; else ((position++)); fi ;;
     esac
@@ -20,7 +20,7 @@ _kelotlsctl() {
   local words=''
   case $previous in
     --default) words=$levels ;;
-    --from) _kelotlsctl_files "$current"; return ;;
+    --from | --textfile) _kelotlsctl_files "$current"; return ;;
     --preview) _kelotlsctl_files "$current"; _kelotlsctl_services "$current"; return ;;
     --level) words='modern intermediate old'; [[ $command != list ]] || words=$levels ;;
     --state)
@@ -57,7 +57,8 @@ _kelotlsctl_options() {
     set) options+=' --dry-run --apply --all --reload-timeout' ;;
     default) options+=' --dry-run --apply --reload-timeout' ;;
     reload | apply) options+=' --dry-run --reload-timeout' ;;
-    check) options+=' --all' ;;
+    check) options+=' --all --plugin' ;;
+    metrics) options+=' --survey --textfile' ;;
     join) options+=' --dry-run --replace' ;;
     leave | regen | backup | restore) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;

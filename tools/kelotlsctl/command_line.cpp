@@ -14,6 +14,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "commands/look/findings.h"
 #include "json_document.h"
 #include "log_messages.h"
 #include "output/suggestion.h"
@@ -172,12 +173,12 @@ void outlive_failed_writes() {
 }
 
 /// The parser stops at what it does not understand, and may not have come to the option.
-bool asks_for_json(int argc, char** argv) {
+bool asks_for(const char* wanted, int argc, char** argv) {
   const auto is = [](const char* option) {
     return [option](const std::string& argument) { return argument == option; };
   };
   char** const end = std::find_if(argv + 1, argv + std::max(argc, 1), is("--"));
-  return std::any_of(argv + 1, std::max(end, argv + 1), is("--json"));
+  return std::any_of(argv + 1, std::max(end, argv + 1), is(wanted));
 }
 
 /// Where a standard descriptor is closed, the next file that is opened takes its number, and
@@ -195,12 +196,24 @@ void occupy_standard_descriptors() {
 /// What the library makes has the mode that the umask leaves; nobody else shall write it.
 void keep_files_from_others() { ::umask(::umask(077) | 022); }
 
-/// Says what is wrong with the command line; under --json as a document too. Before the parser is
-/// through there is no console.
-int refuse_usage(const std::string& fault, bool wants_json) {
+/// How faults of the command line are told, and the exit status that says so.
+enum class Audience { kPeople, kPrograms, kMonitoring };
+
+Audience audience(int argc, char** argv) {
+  return asks_for("--plugin", argc, argv) ? Audience::kMonitoring
+         : asks_for("--json", argc, argv) ? Audience::kPrograms
+                                          : Audience::kPeople;
+}
+
+/// Says what is wrong with the command line. Before the parser is through there is no console.
+int refuse_usage(const std::string& fault, Audience audience) {
   constexpr char kAdvice[] = "Run with --help for more information.";
+  if (audience == Audience::kMonitoring) {
+    std::cout << plugin_line(kUnknown, fault) << '\n';
+    return kUnknown;
+  }
   std::cerr << printable(fault) << '\n' << kAdvice << '\n';
-  if (wants_json) {
+  if (audience == Audience::kPrograms) {
     Console console(true, false);
     console.document(Failure(kUsage, fault, kAdvice));
     console.flush();
@@ -214,17 +227,17 @@ int run_program(int argc, char** argv) {
   occupy_standard_descriptors();
   keep_files_from_others();
   outlive_failed_writes();
-  const bool wants_json = asks_for_json(argc, argv);
+  const Audience wanted = audience(argc, argv);
   const std::string fault = command_fault(command_word(argc, argv));
   if (!fault.empty()) {
-    return refuse_usage(fault, wants_json);
+    return refuse_usage(fault, wanted);
   }
   Parser parser;
   try {
     parser.app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     const bool is_answered = error.get_exit_code() == 0;  // help, or the version
-    return is_answered ? parser.app.exit(error) : refuse_usage(error.what(), wants_json);
+    return is_answered ? parser.app.exit(error) : refuse_usage(error.what(), wanted);
   }
   Console console(parser.is_json, parser.is_quiet);
   // Many failures are a line of the system log: the operator sees each as well.
@@ -236,7 +249,9 @@ int run_program(int argc, char** argv) {
   });
   const int code = end(console, run(console, *parser.requested, parser.arguments));
   kelotls::log::observe(nullptr);
-  return console.flush() ? code : (code == kDone ? kFailed : code);
+  return console.flush()           ? code
+         : parser.arguments.plugin ? int{kUnknown}
+                                   : (code == kDone ? int{kFailed} : code);
 }
 
 }  // namespace kelotlsctl

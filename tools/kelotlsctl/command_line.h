@@ -21,6 +21,8 @@ struct Arguments {
   bool replace = false;
   bool context = false;
   bool terse = false;
+  bool plugin = false;
+  bool survey = false;
   std::string command;  ///< its name
   std::string reason;   ///< why the operator makes the change
   std::string reload_timeout;
@@ -38,6 +40,7 @@ struct Arguments {
   std::string timeout;
   std::string deadline;
   std::string preview;
+  std::string textfile;
   std::string confirm;  ///< how long to wait for a confirmation
   std::string until;    ///< a date
   std::string then;     ///< the level after it
@@ -79,9 +82,9 @@ struct CommandRow {
 
 // look/: what changes nothing
 CommandFunction list_services, show_status, show_service, get_level, show_levels, explain,
-    probe_service, check_framework, show_history, validate_registration;
+    probe_service, check_framework, show_metrics, show_history, validate_registration;
 PrintFunction print_services, print_status, print_service, print_level_of_service, print_levels,
-    print_explained, print_probed, print_findings, print_history, print_validated;
+    print_explained, print_probed, print_findings, print_metrics, print_history, print_validated;
 
 // change/: what writes, renders or runs
 CommandFunction set_level, default_level, join_services, leave_services, regenerate,

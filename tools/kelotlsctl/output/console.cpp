@@ -93,6 +93,9 @@ bool Console::flush() {
 }
 
 void Console::write_line(const std::string& text) {
+  if (is_silent_) {
+    return;
+  }
   flush();  // so that a terminal shows everything in its order
   std::string line = bar_is_drawn_ ? "\r\033[K" : "";
   bar_is_drawn_ = false;
@@ -128,7 +131,7 @@ void Console::error(const Failure& failure) {
 void Console::log_line(const std::string& text) { complain("log", kYellow, printable(text)); }
 
 void Console::progress(const std::string& what, std::size_t done, std::size_t all) {
-  if (quiet_ || all == 0 || ::isatty(STDERR_FILENO) == 0) {
+  if (quiet_ || is_silent_ || all == 0 || ::isatty(STDERR_FILENO) == 0) {
     return;
   }
   std::string line = "\r\033[K";

@@ -69,6 +69,9 @@ class Console {
   void set_json(bool json) { json_ = json; }
   bool json() const { return json_; }
 
+  /// From now on nothing goes to the standard error.
+  void silence() { is_silent_ = true; }
+
   /// Whether data may carry colour: on a terminal, unless NO_COLOR is set.
   bool colour() const { return colour_; }
 
@@ -112,6 +115,7 @@ class Console {
   std::size_t width_ = width_of(1);
   bool error_colour_ = may_colour(2);
   bool bar_is_drawn_ = false;
+  bool is_silent_ = false;
   bool has_lost_output_ = false;
   std::ostringstream data_;
 };

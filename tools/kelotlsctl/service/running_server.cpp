@@ -72,6 +72,22 @@ void stop_when_interrupted(std::size_t, std::size_t) {
   }
 }
 
+/// What came of a probe, told as of a running server. unbelieved: why no difference is expected.
+Json::Value judged(const Address& address, const Json::Value& report,
+                   const std::string& unbelieved) {
+  const std::string remark =
+      unbelieved.empty() ? "" : " (no difference is expected: " + unbelieved + ")";
+  const std::string difference = first_own_difference(report, false);
+  const Json::Value not_known = expected_of(report["not-known"], false);
+  const std::string reasons = expected_reasons(report);
+  return !difference.empty()
+             ? outcome(address, "differs", sentence_of(report["differences"], difference) + remark)
+         : !not_known.empty()
+             ? outcome(address, "cannot-tell", sentence_of(not_known, telling_reason(not_known)))
+         : !reasons.empty() ? outcome(address, "as-expected", reasons)
+                            : outcome(address, "agrees", "");
+}
+
 bool agrees(const Json::Value& seen) { return !seen.isNull() && is_good(seen["verdict"]); }
 
 /// Or until the grace is over.
@@ -89,6 +105,15 @@ Json::Value ask_until_it_agrees(const Addresses& addresses, const std::string& s
 
 Json::Value ask_running_server(const Addresses& addresses, const std::string& service, int level,
                                const Patience& patience) {
+  Json::Value seen = survey_running_server(addresses, service, level, patience);
+  if (!seen.isNull()) {
+    seen.removeMember("certificates");
+  }
+  return seen;
+}
+
+Json::Value survey_running_server(const Addresses& addresses, const std::string& service, int level,
+                                  const Patience& patience) {
   const Address* const address = addresses.find(service);
   if (address == nullptr) {
     return Json::Value();
@@ -103,20 +128,13 @@ Json::Value ask_running_server(const Addresses& addresses, const std::string& se
   target.closing = expected.closing();
   try {
     const Json::Value report = probe(target, level, stop_when_interrupted);
-    const std::string unbelieved =
-        expected.fault().empty() ? "" : " (no difference is expected: " + expected.fault() + ")";
-    const std::string difference = first_own_difference(report, false);
-    const Json::Value not_known = expected_of(report["not-known"], false);
-    const std::string reasons = expected_reasons(report);
-    return !difference.empty()
-               ? outcome(*address, "differs",
-                         sentence_of(report["differences"], difference) + unbelieved)
-           : !not_known.empty()
-               ? outcome(*address, "cannot-tell", sentence_of(not_known, telling_reason(not_known)))
-           : !reasons.empty() ? outcome(*address, "as-expected", reasons)
-                              : outcome(*address, "agrees", "");
+    Json::Value seen = judged(*address, report, expected.fault());
+    seen["certificates"] = report["certificates"];
+    return seen;
   } catch (const std::exception& exception) {
-    return outcome(*address, "no-answer", exception.what());
+    Json::Value unseen = outcome(*address, "no-answer", exception.what());
+    unseen["certificates"] = Json::Value(Json::arrayValue);
+    return unseen;
   }
 }
 

@@ -22,9 +22,14 @@ constexpr Patience kShortPatience = {std::chrono::seconds(3), std::chrono::secon
 Json::Value ask_running_server(const Addresses& addresses, const std::string& service, int level,
                                const Patience& patience);
 
-/// The same of each of the services, in their order, once their servers were told to take new
-/// settings. A server is asked until it agrees or a few seconds are over; and where it agrees, once
-/// more a second later, because for a moment it may answer with its old settings and its new ones.
+/// The same, with the server's own "certificates" as a probe tells them: none where it told none.
+Json::Value survey_running_server(const Addresses& addresses, const std::string& service, int level,
+                                  const Patience& patience);
+
+/// What ask_running_server gives of each of the services, in their order, once their servers were
+/// told to take new settings. A server is asked until it agrees or a few seconds are over; and
+/// where it agrees, once more a second later, because for a moment it may answer with its old
+/// settings and its new ones.
 std::vector<Json::Value> ask_reloaded_servers(const Addresses& addresses, const Store& store,
                                               const std::vector<std::string>& services,
                                               const std::function<void()>& progress);

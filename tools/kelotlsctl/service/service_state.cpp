@@ -156,6 +156,13 @@ std::string Stamp::since(const std::string& service) const {
   return found != nullptr ? kelotls::text_member(*found, "since") : std::string();
 }
 
+std::optional<int> Stamp::level(const std::string& service) const {
+  const Json::Value* const found = kelotls::find_member(services_, service);
+  const Json::Value* const level =
+      found != nullptr ? kelotls::find_member(*found, "level") : nullptr;
+  return level != nullptr && level->isInt() ? std::optional(level->asInt()) : std::nullopt;
+}
+
 void Stamp::remove(const std::string& service) {
   services_.removeMember(service.data(), service.data() + service.size(), nullptr);
 }
@@ -177,6 +184,11 @@ void Stamp::save() const {
   }
 }
 
+Json::Value ask_with_short_patience(const Addresses& addresses, const std::string& service,
+                                    int level) {
+  return ask_running_server(addresses, service, level, kShortPatience);
+}
+
 ServiceStatus ServiceInspector::inspect(const std::string& service) {
   const Json::Value& entry = store_.services()[service];
   ServiceStatus status = {service,
@@ -187,7 +199,7 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
                           store_.levels_json(service)};
   status.state = state_of(status);
   if (addresses_) {
-    ask_server(status);
+    look_at_server(status);
   }
   status.document["display-name"] = kelotls::text_member(entry, "display-name");
   status.document["state"] = kStateWords[static_cast<std::size_t>(status.state)].key;
@@ -203,7 +215,7 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
   return status;
 }
 
-void ServiceInspector::ask_server(ServiceStatus& status) const {
+void ServiceInspector::look_at_server(ServiceStatus& status) const {
   const std::string unreachable = unreachable_level(*addresses_, store_, status.name);
   const bool is_faulty = status.state == State::kCannotRender ||
                          status.state == State::kUnusableLevel || status.state == State::kNeedsRoot;
@@ -213,9 +225,7 @@ void ServiceInspector::ask_server(ServiceStatus& status) const {
   }
   const bool is_set = status.state == State::kInForce || status.state == State::kNextContext;
   const Json::Value seen =
-      is_set ? ask_running_server(*addresses_, status.name, store_.effective_level(status.name),
-                                  kShortPatience)
-             : Json::Value();
+      is_set ? see_(*addresses_, status.name, store_.effective_level(status.name)) : Json::Value();
   status.document["asked"] = seen.isNull() ? "files" : "server";
   if (seen.isNull()) {
     return;

@@ -3,8 +3,10 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "rendering.h"
 #include "store/addresses.h"
@@ -64,6 +66,9 @@ class Stamp {
   /// Since when it has what is recorded, in UTC; empty where this is not known.
   std::string since(const std::string& service) const;
 
+  /// The effective level that is recorded; none where the service is not.
+  std::optional<int> level(const std::string& service) const;
+
   /// Takes out the service, or every service that the data store does not have.
   void remove(const std::string& service);
   void remove_strangers(const Store& store);
@@ -99,6 +104,14 @@ struct ServiceStatus {
   Json::Value document;  ///< what "list --json" gives for the service
 };
 
+/// What is seen of a service's running server at its level, as ask_running_server has it.
+using SeeServer =
+    std::function<Json::Value(const Addresses& addresses, const std::string& service, int level)>;
+
+/// Asks the server, for a look at many services: one that is slow is not known.
+Json::Value ask_with_short_patience(const Addresses& addresses, const std::string& service,
+                                    int level);
+
 /// Looks at services one after another, reading what they share once.
 class ServiceInspector {
  public:
@@ -107,19 +120,26 @@ class ServiceInspector {
 
   /// From now on, a level that is in force by the service's files has to be seen at its running
   /// server too, where an address is kept. The document then tells what was "asked".
-  void ask_servers() { addresses_ = Addresses::load_usable(); }
+  void ask_servers() { see_servers(ask_with_short_patience); }
+
+  /// The same by what the function gives, which may know it already.
+  void see_servers(SeeServer see) {
+    addresses_ = Addresses::load_usable();
+    see_ = std::move(see);
+  }
 
   ServiceStatus inspect(const std::string& service);
 
  private:
   State state_of(const ServiceStatus& status) const;
 
-  void ask_server(ServiceStatus& status) const;
+  void look_at_server(ServiceStatus& status) const;
 
   const Store& store_;
   Stamp stamp_;
   DatedLevels dates_;
   std::optional<Addresses> addresses_;
+  SeeServer see_;
   kelotls::JsonReader reader_;
 };
 

@@ -14,6 +14,7 @@
 #include "changes/pending_change.h"
 #include "changes/trusted_places.h"
 #include "command_line.h"
+#include "commands/look/findings.h"
 #include "framework_config.h"
 #include "levels/dh_parameters.h"
 #include "levels/report.h"
@@ -34,9 +35,17 @@ using kelotls::kConfigDir;
 using kelotls::kDataStorePath;
 using kelotls::kPackageReloaderDir;
 
-constexpr char kError[] = "error";      // something does not work, or is not safe
-constexpr char kWarning[] = "warning";  // something is not as it should be
-constexpr char kNote[] = "note";        // nothing is wrong, but it should be known
+// What a finding is about
+constexpr char kDataStore[] = "data-store";
+constexpr char kDescriptor[] = "descriptor";
+constexpr char kRendering[] = "rendering";
+constexpr char kServer[] = "server";
+constexpr char kChange[] = "change";
+constexpr char kReloader[] = "reloader";
+constexpr char kTrust[] = "trust";
+constexpr char kDirectory[] = "directory";
+constexpr char kDhParameters[] = "dh-parameters";
+constexpr char kLeftover[] = "leftover";
 
 /// What is to be done for a service whose level is not in force.
 constexpr char kApply[] = "kelotlsctl apply";
@@ -44,15 +53,25 @@ constexpr char kApply[] = "kelotlsctl apply";
 /// Each takes two lines; a line that counts the others, and the verdict, come on top.
 constexpr std::size_t kMaxPendingShown = 24;
 
-/// The document's list of findings, as it grows.
-struct Findings {
-  Json::Value list = list_of({});
+/// The document's list of findings, as it grows; what is added is of one kind.
+class Findings {
+ public:
+  explicit Findings(Json::Value& list, const char* kind = kDataStore) : list_(list), kind_(kind) {}
+
+  Findings of(const char* kind) const { return Findings(list_, kind); }
 
   void add(const char* severity, const std::string& path, const std::string& text,
-           const std::string& action) {
-    list.append(
-        object({{"severity", severity}, {"path", path}, {"text", text}, {"action", action}}));
+           const std::string& action) const {
+    list_.append(object({{"kind", kind_},
+                         {"severity", severity},
+                         {"path", path},
+                         {"text", text},
+                         {"action", action}}));
   }
+
+ private:
+  Json::Value& list_;
+  const char* kind_;
 };
 
 std::vector<std::string> names_in(const std::string& directory) {
@@ -76,7 +95,7 @@ bool is_known(const Store& store, const std::string& service) {
 }
 
 /// Whether it is a directory, where none should be.
-bool refuse_directory(const std::string& path, Findings& findings) {
+bool refuse_directory(const std::string& path, const Findings& findings) {
   struct stat status = {};
   const bool is_directory = ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
   if (is_directory) {
@@ -98,18 +117,16 @@ std::string store_fault() {
   return faults.empty() ? "the library refuses it" : faults[0].path + " " + faults[0].text;
 }
 
-std::optional<Store> check_store(Findings& findings) {
-  std::optional<Store> store = try_store();
+void check_store(const std::optional<Store>& store, const Findings& findings) {
   if (!store && !exists_at(kDataStorePath)) {
     findings.add(kError, kDataStorePath, "is missing", unreadable_store().advice);
   } else if (!store) {
     findings.add(kError, kDataStorePath, "cannot be used: " + store_fault(),
                  "kelotlsctl recover [--from BACKUP]");
   }
-  return store;
 }
 
-void check_level(int level, const std::string& what, Findings& findings) {
+void check_level(int level, const std::string& what, const Findings& findings) {
   if (level < 0 || level > 3) {
     findings.add(level < 0 ? kError : kWarning, kDataStorePath,
                  what + " is " + std::to_string(level) +
@@ -118,7 +135,7 @@ void check_level(int level, const std::string& what, Findings& findings) {
   }
 }
 
-void check_entries(const Store& store, const Selection& selection, Findings& findings) {
+void check_entries(const Store& store, const Selection& selection, const Findings& findings) {
   check_level(store.default_level(), "the default level", findings);
   if (store.default_level() == 0) {
     findings.add(kWarning, kDataStorePath, "the default level is 0, which counts as intermediate",
@@ -140,7 +157,7 @@ void check_entries(const Store& store, const Selection& selection, Findings& fin
 
 /// Whether there is a file that is a descriptor, and which service it describes.
 void check_descriptor_file(const std::string& path, const Store& store,
-                           std::set<std::string>& described, Findings& findings) {
+                           std::set<std::string>& described, const Findings& findings) {
   if (!exists_at(path) || refuse_directory(path, findings)) {
     return;
   }
@@ -164,7 +181,7 @@ void check_descriptor_file(const std::string& path, const Store& store,
   }
 }
 
-void check_descriptors(const Store& store, const Selection& selection, Findings& findings) {
+void check_descriptors(const Store& store, const Selection& selection, const Findings& findings) {
   std::set<std::string> described;
   std::vector<std::string> paths;
   if (selection.is_all) {
@@ -182,7 +199,7 @@ void check_descriptors(const Store& store, const Selection& selection, Findings&
 
 // Each service's files, and all that is run for services
 
-void check_descriptor(const ServiceStatus& status, Findings& findings) {
+void check_descriptor(const ServiceStatus& status, const Findings& findings) {
   const ServiceDescriptor& descriptor = status.descriptor;
   if (!exists_at(descriptor.path)) {
     findings.add(kError, descriptor.path, "is missing: " + status.name + " is not rendered",
@@ -195,15 +212,16 @@ void check_descriptor(const ServiceStatus& status, Findings& findings) {
   }
 }
 
-void check_rendering(const ServiceStatus& status, Findings& findings) {
+void check_rendering(const ServiceStatus& status, const Findings& findings) {
   if (status.state == State::kCannotRender && status.descriptor.is_usable()) {
     findings.add(kError, status.descriptor.template_path(),
                  status.name + ": " + status.rendered.fault,
                  "put the template right, then kelotlsctl apply");
   } else if (status.state == State::kNeedsRoot) {
-    findings.add(kWarning, status.descriptor.path,
-                 "whether the level of " + status.name + " is in force is not known: needs root",
-                 "kelotlsctl check, as root");
+    findings.of(kNotKnown).add(
+        kWarning, status.descriptor.path,
+        "whether the level of " + status.name + " is in force is not known: needs root",
+        "kelotlsctl check, as root");
   } else if (status.state == State::kPendingRender) {
     findings.add(kNote, kelotls::rendered_path(status.name),
                  "is not what the template gives for the level", kApply);
@@ -213,17 +231,21 @@ void check_rendering(const ServiceStatus& status, Findings& findings) {
   }
 }
 
-void check_addresses(Findings& findings) {
-  // Root alone may read it, and others may check.
-  const std::string fault = ::access(Addresses::kPath, R_OK) == 0 ? Addresses::fault() : "";
-  if (!fault.empty()) {
+void check_addresses(const Findings& findings) {
+  const bool needs_root = is_withheld(Addresses::kPath);
+  const std::string fault = needs_root ? "" : Addresses::fault();
+  if (needs_root) {
+    findings.of(kNotKnown).add(kWarning, Addresses::kPath,
+                               "which running servers there are is not known: needs root",
+                               "kelotlsctl check, as root");
+  } else if (!fault.empty()) {
     findings.add(kWarning, Addresses::kPath, "cannot be used: " + fault,
                  "mend it, or remove it and keep the addresses anew: kelotlsctl address");
   }
 }
 
 /// A change that waits, or that could not be taken back.
-void check_pending_change(Findings& findings) {
+void check_pending_change(const Findings& findings) {
   if (is_withheld(PendingChange::kPath)) {
     return;
   }
@@ -251,7 +273,7 @@ void check_pending_change(Findings& findings) {
 }
 
 /// Levels that end at a date, and those that should have ended.
-void check_dates(const Store& store, const Selection& selection, Findings& findings) {
+void check_dates(const Store& store, const Selection& selection, const Findings& findings) {
   if (is_withheld(DatedLevels::kPath)) {
     return;
   }
@@ -280,7 +302,8 @@ void check_dates(const Store& store, const Selection& selection, Findings& findi
 }
 
 /// What is expected of the running server, and whether it can be at the service's level.
-void check_expected(const ServiceStatus& status, const Addresses& addresses, Findings& findings) {
+void check_expected(const ServiceStatus& status, const Addresses& addresses,
+                    const Findings& findings) {
   const Address* const address = addresses.find(status.name);
   const std::string fault =
       address != nullptr ? ExpectedDifferences::read(address->expected).fault() : "";
@@ -297,7 +320,7 @@ void check_expected(const ServiceStatus& status, const Addresses& addresses, Fin
 }
 
 /// What the running server shows of a level that is in force by the service's files.
-void check_server(const ServiceStatus& status, Findings& findings) {
+void check_server(const ServiceStatus& status, const Findings& findings) {
   const Json::Value& server = status.document["server"];
   const std::string text = status.name + ": " + server["text"].asString();
   const std::string address = server["address"].asString();
@@ -306,11 +329,12 @@ void check_server(const ServiceStatus& status, Findings& findings) {
   } else if (status.state == State::kNoAnswer) {
     findings.add(kWarning, address, text, "start the server, or kelotlsctl address");
   } else if (status.state == State::kCannotTell) {
-    findings.add(kWarning, address, text, "kelotlsctl probe, with a longer --timeout");
+    findings.of(kNotKnown).add(kWarning, address, text,
+                               "kelotlsctl probe, with a longer --timeout");
   }
 }
 
-void check_program(const std::string& path, Findings& findings) {
+void check_program(const std::string& path, const Findings& findings) {
   struct stat status = {};
   if (::stat(path.c_str(), &status) != 0) {
     findings.add(kError, path, std::string("the reloader cannot be run: ") + std::strerror(errno),
@@ -329,7 +353,7 @@ void check_program(const std::string& path, Findings& findings) {
   }
 }
 
-void check_link(const ServiceStatus& status, Findings& findings) {
+void check_link(const ServiceStatus& status, const Findings& findings) {
   const std::string link = kelotls::link_path(status.name);
   const std::string described = status.descriptor.reloader_path();
   if (described.empty()) {
@@ -352,9 +376,9 @@ void check_link(const ServiceStatus& status, Findings& findings) {
 }
 
 void check_services(Console& console, const Store& store, const Selection& selection,
-                    Findings& findings) {
+                    const SeeServer& see, const Findings& findings) {
   ServiceInspector inspector(store);
-  inspector.ask_servers();
+  inspector.see_servers(see);
   const Addresses addresses = Addresses::load_usable();
   ProgressBar progress(console, "checking", selection.names.size());
   for (const std::string& service : selection.names) {
@@ -363,11 +387,11 @@ void check_services(Console& console, const Store& store, const Selection& selec
       continue;  // check_entries has said so; its files may lie anywhere
     }
     const ServiceStatus status = inspector.inspect(service);
-    check_descriptor(status, findings);
-    check_rendering(status, findings);
-    check_expected(status, addresses, findings);
-    check_server(status, findings);
-    check_link(status, findings);
+    check_descriptor(status, findings.of(kDescriptor));
+    check_rendering(status, findings.of(kRendering));
+    check_expected(status, addresses, findings.of(kServer));
+    check_server(status, findings.of(kServer));
+    check_link(status, findings.of(kReloader));
   }
 }
 
@@ -376,7 +400,7 @@ bool is_reloader(const std::string& path) {
 }
 
 /// All that is in the reloaders' directories is run as the administrator.
-void check_reloaders(const std::optional<Store>& store, Findings& findings) {
+void check_reloaders(const std::optional<Store>& store, const Findings& findings) {
   for (const std::string directory : {kelotls::kSystemReloaderDir, kPackageReloaderDir}) {
     for (const std::string& name : names_in(directory)) {
       const std::string path = directory + name;
@@ -392,7 +416,7 @@ void check_reloaders(const std::optional<Store>& store, Findings& findings) {
 }
 
 /// The same of some services' own.
-void check_reloaders_of(const Selection& selection, Findings& findings) {
+void check_reloaders_of(const Selection& selection, const Findings& findings) {
   for (const std::string& service : selection.names) {
     const std::string path = kelotls::link_path(service);
     if (exists_at(path) && !refuse_directory(path, findings)) {
@@ -405,18 +429,19 @@ void check_reloaders_of(const Selection& selection, Findings& findings) {
 
 /// A place that is itself at fault is named as the framework spells it. A reloader that others may
 /// change was found where it is looked at as a program.
-void check_trust(const TrustWalk& walk, Findings& findings) {
+void check_trust(const TrustWalk& walk, const Findings& findings) {
   for (const Distrust& fault : walk.faults()) {
     const bool is_the_place =
         fault.place == fault.component || fault.place == fault.component + "/";
     if (!fault.is_end || fault.kind != Distrust::Kind::kMode || !is_reloader(fault.place)) {
-      findings.add(kError, is_the_place ? fault.place : fault.component, fault.reason,
-                   fault.remedy);
+      const bool is_unknown = fault.kind == Distrust::Kind::kUnknown;
+      (is_unknown ? findings.of(kNotKnown) : findings)
+          .add(kError, is_the_place ? fault.place : fault.component, fault.reason, fault.remedy);
     }
   }
 }
 
-void check_directory(const std::string& path, Findings& findings) {
+void check_directory(const std::string& path, const Findings& findings) {
   struct stat status = {};
   if (::stat(path.c_str(), &status) != 0) {
     findings.add(kError, path, std::strerror(errno),
@@ -433,7 +458,7 @@ void check_directory(const std::string& path, Findings& findings) {
 }
 
 /// The data store's owner and mode.
-void check_store_file(Findings& findings) {
+void check_store_file(const Findings& findings) {
   struct stat status = {};
   if (::stat(kDataStorePath, &status) != 0) {
     return;  // the data store's own check says so
@@ -444,7 +469,7 @@ void check_store_file(Findings& findings) {
   }
 }
 
-void check_dh_file(const kelotls::Profile& profile, Findings& findings) {
+void check_dh_file(const kelotls::Profile& profile, const Findings& findings) {
   const DhFile file = read_dh_file(profile);
   if (file.fault.empty()) {
     return;
@@ -470,7 +495,7 @@ std::string service_of_temporary(const std::string& name) {
 }
 
 void check_temporaries(const std::string& directory, const Selection& selection,
-                       Findings& findings) {
+                       const Findings& findings) {
   const std::set<std::string> selected(selection.names.begin(), selection.names.end());
   for (const std::string& name : names_in(directory)) {
     if (is_temporary(name) &&
@@ -481,7 +506,7 @@ void check_temporaries(const std::string& directory, const Selection& selection,
   }
 }
 
-void check_leftovers(const std::optional<Store>& store, Findings& findings) {
+void check_leftovers(const std::optional<Store>& store, const Findings& findings) {
   for (const std::string& name : names_in(kConfigDir)) {
     const std::string service = service_of_file(name);
     if (store && !is_temporary(name) && (service.empty() || !is_known(*store, service))) {
@@ -496,32 +521,33 @@ void check_leftovers(const std::optional<Store>& store, Findings& findings) {
 }
 
 /// All that lies outside of single services.
-void check_surroundings(Console& console, const std::optional<Store>& store, Findings& findings) {
+void check_surroundings(Console& console, const std::optional<Store>& store,
+                        const Findings& findings) {
   for (const char* directory : kDirectories) {
-    check_directory(directory, findings);
+    check_directory(directory, findings.of(kDirectory));
   }
-  check_trust(walk_places(console, kAllPlaces), findings);
-  check_pending_change(findings);
-  check_reloaders(store, findings);
+  check_trust(walk_places(console, kAllPlaces), findings.of(kTrust));
+  check_pending_change(findings.of(kChange));
+  check_reloaders(store, findings.of(kReloader));
   for (const int level :
        {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
-    check_dh_file(kelotls::profile_of_level(level), findings);
+    check_dh_file(kelotls::profile_of_level(level), findings.of(kDhParameters));
   }
-  check_temporaries(kelotls::kFrameworkDir, {{}, true}, findings);
-  check_temporaries(kConfigDir, {{}, true}, findings);
-  check_leftovers(store, findings);
+  check_temporaries(kelotls::kFrameworkDir, {{}, true}, findings.of(kLeftover));
+  check_temporaries(kConfigDir, {{}, true}, findings.of(kLeftover));
+  check_leftovers(store, findings.of(kLeftover));
 }
 
 void check_selected(Console& console, const Store& store, const Selection& selection,
-                    Findings& findings) {
+                    const SeeServer& see, const Findings& findings) {
   check_entries(store, selection, findings);
-  check_descriptors(store, selection, findings);
-  check_addresses(findings);
-  check_dates(store, selection, findings);
-  check_services(console, store, selection, findings);
+  check_descriptors(store, selection, findings.of(kDescriptor));
+  check_addresses(findings.of(kServer));
+  check_dates(store, selection, findings.of(kChange));
+  check_services(console, store, selection, see, findings);
   if (!selection.is_all) {
-    check_reloaders_of(selection, findings);
-    check_temporaries(kConfigDir, selection, findings);
+    check_reloaders_of(selection, findings.of(kReloader));
+    check_temporaries(kConfigDir, selection, findings.of(kLeftover));
   }
 }
 
@@ -557,26 +583,42 @@ void print_all_findings(Console& console, const Json::Value& document) {
 
 }  // namespace
 
-Report check_framework(Console& console, const Arguments& arguments) {
-  Findings findings;
-  const std::optional<Store> store = check_store(findings);
+std::vector<std::string> finding_kinds() {
+  return {kChange, kDataStore, kDescriptor, kRendering,    kServer,  kReloader,
+          kTrust,  kDirectory, kLeftover,   kDhParameters, kNotKnown};
+}
+
+Json::Value find_faults(Console& console, const std::optional<Store>& store,
+                        const std::vector<std::string>& services, const SeeServer& see) {
+  Json::Value list = list_of({});
+  const Findings findings(list);
+  check_store(store, findings);
   check_store_file(findings);
-  const Selection selection = store ? select_services(*store, arguments.services) : Selection();
-  if (!arguments.services.empty()) {
-    check_trust(walk_places(console, store ? kAllPlaces : kFrameworkPlaces, selection), findings);
+  const Selection selection = store ? select_services(*store, services) : Selection();
+  if (!services.empty()) {
+    check_trust(walk_places(console, store ? kAllPlaces : kFrameworkPlaces, selection),
+                findings.of(kTrust));
   }
   if (store) {
-    check_selected(console, *store, selection, findings);
+    check_selected(console, *store, selection, see, findings);
   }
-  if (arguments.services.empty()) {
+  if (services.empty()) {
     check_surroundings(console, store, findings);
   }
+  return list;
+}
 
+Report check_framework(Console& console, const Arguments& arguments) {
+  if (arguments.plugin) {
+    return check_as_plugin(console, arguments);
+  }
+  const Json::Value findings =
+      find_faults(console, try_store(), arguments.services, ask_with_short_patience);
   const bool is_healthy =
-      std::all_of(findings.list.begin(), findings.list.end(),
+      std::all_of(findings.begin(), findings.end(),
                   [](const Json::Value& finding) { return finding["severity"] == kNote; });
   return {is_healthy ? kDone : kNotSo,
-          object({{"healthy", is_healthy}, {"findings", findings.list}}),
+          object({{"healthy", is_healthy}, {"findings", findings}}),
           {},
           {},
           arguments.all ? print_all_findings : nullptr};
