@@ -1,0 +1,151 @@
+#!/usr/bin/python
+# -*- coding: utf-8 -*-
+# The work is done by the action plugin of the same name, on the controller.
+
+from __future__ import absolute_import, division, print_function
+
+__metaclass__ = type
+
+DOCUMENTATION = r"""
+module: kelotls_apply
+short_description: Bring stored TLS levels into force
+version_added: 1.0.0
+description:
+  - Renders, reloads and surveys the services whose stored level is not in force, and no others.
+  - A service whose running server shows something else than its level asks for, or does not answer, is
+    not in force.
+options:
+  services:
+    description: Names of services, or patterns with C(*), C(?) and C([...]). All of them where none is
+      named.
+    type: list
+    elements: str
+    default: []
+  render_only:
+    description: Renders what is not rendered as it should be, and runs no reloader. For services that
+      read the rendered file when they start for the first time.
+    type: bool
+    default: false
+  reason:
+    description: Why the change is made. It is kept in the appliance's history and system log.
+    type: str
+  reload_timeout:
+    description: Seconds that a reloader may take. The command's own limit is 60.
+    type: int
+extends_documentation_fragment:
+  - kelotls.appliance.command
+attributes:
+  check_mode:
+    support: full
+    description:
+      - Predicts what a real run does, to the last value that it returns but for C(surveyed).
+      - Whether a running server can follow, nobody knows before it is tried.
+  diff_mode:
+    support: full
+    description: The differences of rendered files.
+author:
+  - The kelotls authors (@kelotls)
+"""
+
+EXAMPLES = r"""
+- name: What was stored comes into force
+  kelotls.appliance.kelotls_apply:
+
+- name: The web server finds its settings when it starts for the first time
+  kelotls.appliance.kelotls_apply:
+    services: [nginx]
+    render_only: true
+"""
+
+RETURN = r"""
+services:
+  description: The services that needed it.
+  returned: success
+  type: list
+  elements: str
+applied:
+  description: What brings levels into force. Null where nothing is.
+  returned: success
+  type: dict
+  contains:
+    rendered:
+      description: Each rendered file.
+      type: list
+      elements: dict
+      contains:
+        service:
+          description: The service.
+          type: str
+          sample: nginx
+        path:
+          description: The file.
+          type: str
+        change:
+          description: C(none), C(new) or C(changed).
+          type: str
+          sample: changed
+    reloaders:
+      description: The reloaders that run, in this order.
+      type: list
+      elements: str
+surveyed:
+  description: What the servers, or the library's contexts, showed. Nobody can know it beforehand.
+  returned: after a real change that brings levels into force
+  type: list
+  elements: dict
+  contains:
+    service:
+      description: The service.
+      type: str
+    asked:
+      description: C(server), or C(library) where no address is kept.
+      type: str
+    result:
+      description: C(in-force), C(failed), C(not-run) or C(not-seen).
+      type: str
+    verdict:
+      description: Of the running server; null where the library was asked.
+      type: str
+    text:
+      description: What is not as it should be; empty where all is.
+      type: str
+kelotlsctl_command:
+  description: The command line that failed.
+  returned: failure
+  type: str
+  sample: kelotlsctl --json set --apply -- nginx modern
+kelotlsctl_message:
+  description: What the command says is wrong.
+  returned: failure
+  type: str
+  sample: no service "ngnix" has joined; did you mean "nginx"?
+kelotlsctl_advice:
+  description: What the command advises; may be empty.
+  returned: failure
+  type: str
+  sample: kelotlsctl list shows those that have.
+kelotlsctl_rc:
+  description: The exit status, as the manual kelotlsctl(8) tells them.
+  returned: failure
+  type: int
+  sample: 10
+kelotlsctl_faults:
+  description: Each single fault and where it lies.
+  returned: failure
+  type: list
+  elements: dict
+  contains:
+    place:
+      description: A place in a document, a file, or a service.
+      type: str
+      sample: $.services[0].mustache-path
+    text:
+      description: What is wrong there.
+      type: str
+      sample: is a number, must be a string
+kelotlsctl_stderr:
+  description: The lines of the standard error.
+  returned: failure
+  type: list
+  elements: str
+"""

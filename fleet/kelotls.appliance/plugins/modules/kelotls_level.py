@@ -1,0 +1,186 @@
+#!/usr/bin/python
+# -*- coding: utf-8 -*-
+# The work is done by the action plugin of the same name, on the controller.
+
+from __future__ import absolute_import, division, print_function
+
+__metaclass__ = type
+
+DOCUMENTATION = r"""
+module: kelotls_level
+short_description: Set the TLS levels of services
+version_added: 1.0.0
+description:
+  - Stores the TLS level of services on an appliance and, with I(apply), brings it into force.
+  - Services that are at the level already are left alone. Where all are, nothing is written, no
+    reloader runs, and the appliance's history gets no record.
+  - A service for which a step fails gets its former level back from the command itself. The task fails
+    then, and C(services) says which services were changed and which not.
+options:
+  services:
+    description: Names of services, or patterns with C(*), C(?) and C([...]).
+    type: list
+    elements: str
+    required: true
+  level:
+    description: The level. C(default) follows the appliance's default level.
+    type: str
+    choices: [modern, intermediate, old, default]
+    required: true
+  apply:
+    description:
+      - Renders, reloads and surveys the services whose level changes or is not in force yet.
+      - Without it the level is only stored.
+    type: bool
+    default: false
+  reason:
+    description: Why the change is made. It is kept in the appliance's history and system log.
+    type: str
+  reload_timeout:
+    description: Seconds that a reloader may take. The command's own limit is 60.
+    type: int
+extends_documentation_fragment:
+  - kelotls.appliance.command
+attributes:
+  check_mode:
+    support: full
+    description:
+      - Predicts what a real run does, to the last value that it returns but for C(surveyed).
+      - Whether a running server can follow, nobody knows before it is tried. The prediction then says
+        what is tried.
+  diff_mode:
+    support: full
+    description: Levels by service, and the differences of rendered files.
+author:
+  - The kelotls authors (@kelotls)
+"""
+
+EXAMPLES = r"""
+- name: The web server speaks TLS 1.3 alone
+  kelotls.appliance.kelotls_level:
+    services: [nginx]
+    level: modern
+    apply: true
+    reason: The last old client is gone
+
+- name: All mail services follow the default level
+  kelotls.appliance.kelotls_level:
+    services: ["mail-*"]
+    level: default
+"""
+
+RETURN = r"""
+services:
+  description: Every service that was named.
+  returned: success, and a failure that came after the change began
+  type: list
+  elements: dict
+  contains:
+    service:
+      description: Its name.
+      type: str
+      sample: nginx
+    before:
+      description: The level that was stored.
+      type: str
+      sample: default
+    after:
+      description: The level that is stored now, or would be.
+      type: str
+      sample: modern
+    effective:
+      description: The level that it is served at then. Null for one that was taken back.
+      type: str
+      sample: modern
+    changed:
+      description: Whether anything was done for it.
+      type: bool
+    undone:
+      description: Whether it failed and has its former level back.
+      type: bool
+applied:
+  description: What brings levels into force. Null where nothing is.
+  returned: success
+  type: dict
+  contains:
+    rendered:
+      description: Each rendered file.
+      type: list
+      elements: dict
+      contains:
+        service:
+          description: The service.
+          type: str
+          sample: nginx
+        path:
+          description: The file.
+          type: str
+        change:
+          description: C(none), C(new) or C(changed).
+          type: str
+          sample: changed
+    reloaders:
+      description: The reloaders that run, in this order.
+      type: list
+      elements: str
+surveyed:
+  description: What the servers, or the library's contexts, showed. Nobody can know it beforehand.
+  returned: after a real change that brings levels into force
+  type: list
+  elements: dict
+  contains:
+    service:
+      description: The service.
+      type: str
+    asked:
+      description: C(server), or C(library) where no address is kept.
+      type: str
+    result:
+      description: C(in-force), C(failed), C(not-run) or C(not-seen).
+      type: str
+    verdict:
+      description: Of the running server; null where the library was asked.
+      type: str
+    text:
+      description: What is not as it should be; empty where all is.
+      type: str
+kelotlsctl_command:
+  description: The command line that failed.
+  returned: failure
+  type: str
+  sample: kelotlsctl --json set --apply -- nginx modern
+kelotlsctl_message:
+  description: What the command says is wrong.
+  returned: failure
+  type: str
+  sample: no service "ngnix" has joined; did you mean "nginx"?
+kelotlsctl_advice:
+  description: What the command advises; may be empty.
+  returned: failure
+  type: str
+  sample: kelotlsctl list shows those that have.
+kelotlsctl_rc:
+  description: The exit status, as the manual kelotlsctl(8) tells them.
+  returned: failure
+  type: int
+  sample: 10
+kelotlsctl_faults:
+  description: Each single fault and where it lies.
+  returned: failure
+  type: list
+  elements: dict
+  contains:
+    place:
+      description: A place in a document, a file, or a service.
+      type: str
+      sample: $.services[0].mustache-path
+    text:
+      description: What is wrong there.
+      type: str
+      sample: is a number, must be a string
+kelotlsctl_stderr:
+  description: The lines of the standard error.
+  returned: failure
+  type: list
+  elements: str
+"""
