@@ -271,6 +271,7 @@ def roll_out(fleet: Fleet, **variables) -> tuple[dict, Run]:
 
 
 def roll_out_to_all(fleet: Fleet) -> None:
+    fleet.set_wish(tls_service="modern", nginx="modern")
     report, run = roll_out(fleet)
     run.must_pass()
     assert_stored(fleet.trees, default=2, nginx=1, tls_service=1)
