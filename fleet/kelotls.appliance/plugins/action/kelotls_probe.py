@@ -50,7 +50,7 @@ class ActionModule(ApplianceAction):
                 result["not_asked"].append(name)
                 continue
             result["services"].append(survey_of(name, probed))
-            if result["services"][-1]["verdict"] not in arguments["accept"]:
+            if is_refused(result["services"][-1], arguments):
                 refusal = refusal or probed
         if refusal:
             raise CommandFailed(refusal, **{**result, "msg": message_of(result, arguments)})
@@ -77,6 +77,8 @@ def survey_of(name: str, answer: Answer) -> Document:
             "target": document["target"],
             "level": document["name"],
             "verdict": document["verdict"],
+            # What this machine's OpenSSL explains does not count, for the command neither.
+            "good": answer.rc == 0,
             "differences": document["differences"],
             "not_known": document["not-known"],
             "versions": [row["version"] for row in document["versions"]
@@ -87,11 +89,15 @@ def survey_of(name: str, answer: Answer) -> Document:
         }
     if answer.rc == FAILED and "error" in document:
         return {"service": name, "target": None, "level": None, "verdict": "no-answer",
-                "differences": [], "not_known": [], "versions": [], "certificates": [],
+                "good": False, "differences": [], "not_known": [], "versions": [], "certificates": [],
                 "text": document["error"]}
     raise CommandFailed(answer)
 
 
+def is_refused(survey: Document, arguments: Document) -> bool:
+    return not survey["good"] and survey["verdict"] not in arguments["accept"]
+
+
 def message_of(result: Document, arguments: Document) -> str:
     return "\n".join(f"{row['service']}: {row['verdict']}: {row['text']}" for row in result["services"]
-                     if row["verdict"] not in arguments["accept"])
+                     if is_refused(row, arguments))

@@ -13,7 +13,9 @@ version_added: 1.0.0
 description:
   - Finds out what running servers offer, from the appliance itself, and compares it with what the
     levels of their services ask for.
-  - Fails where a verdict is none of I(accept).
+  - Fails where a server differs in a way that its author does not expect and that the OpenSSL of the
+    appliance does not explain, where it does not say enough, and where none answers, unless I(accept)
+    takes the verdict for good.
 options:
   services:
     description: Names of services, or patterns with C(*), C(?) and C([...]). All whose address is kept
@@ -39,7 +41,7 @@ options:
     description: Seconds for one server. The command's own limit is 300.
     type: int
   accept:
-    description: The verdicts that are good.
+    description: The verdicts that are good in any case.
     type: list
     elements: str
     choices: [agrees, as-expected, differs, cannot-tell, no-answer]
@@ -89,6 +91,9 @@ services:
       description: C(agrees), C(as-expected), C(differs), C(cannot-tell) or C(no-answer).
       type: str
       sample: agrees
+    good:
+      description: Whether it does what its level asks for, as far as this machine can.
+      type: bool
     differences:
       description: As C(kelotlsctl probe --json) tells them.
       type: list
