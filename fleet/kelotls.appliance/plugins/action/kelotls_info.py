@@ -17,7 +17,7 @@ class ActionModule(ApplianceAction):
 
     ARGUMENTS = {
         "gather_subset": {"type": "list", "elements": "str", "choices": list(SUBSETS),
-                          "default": ["levels", "findings", "version"]},
+                          "default": ["levels", "version"]},
     }
 
     def work(self, arguments: Document) -> Document:

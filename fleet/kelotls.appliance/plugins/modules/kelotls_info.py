@@ -18,10 +18,11 @@ options:
     description:
       - What is told. C(levels) are levels and states of the services, C(findings) whatever is wrong,
         C(history) who changed what and why.
+      - Findings walk all files that the command trusts, and ask the running servers once more.
     type: list
     elements: str
     choices: [levels, findings, version, history]
-    default: [levels, findings, version]
+    default: [levels, version]
 extends_documentation_fragment:
   - kelotls.appliance.command
 attributes:
