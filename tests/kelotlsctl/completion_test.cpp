@@ -23,7 +23,7 @@ class KelotlsctlCompletion : public Kelotlsctl {
 };
 
 TEST_F(KelotlsctlCompletion, OffersCommands) {
-  EXPECT_EQ(complete("kelotlsctl re"), "regen render reload restore recover\n");
+  EXPECT_EQ(complete("kelotlsctl re"), "revert redo regen render reload restore recover\n");
   EXPECT_EQ(complete("kelotlsctl --j"), "--json\n");
 }
 
@@ -43,6 +43,9 @@ TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
   EXPECT_EQ(complete("kelotlsctl render --preview web --level ''"), "modern intermediate old\n");
   EXPECT_EQ(complete("kelotlsctl get web ''"), "\n");
   EXPECT_EQ(complete("kelotlsctl list --level ''"), "modern intermediate old default\n");
+  EXPECT_EQ(complete("kelotlsctl set --confirm 5m web --until 2027-03-01 --then o"), "old\n");
+  EXPECT_EQ(complete("kelotlsctl set --confirm 5m w"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl apply --confirm ''"), "90 5m 2h\n");
   EXPECT_EQ(complete("kelotlsctl list --state pending"), "pending-render pending-reload\n");
 }
 
@@ -70,6 +73,9 @@ TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
   EXPECT_EQ(complete("kelotlsctl check --p"), "--plugin\n");
   EXPECT_EQ(complete("kelotlsctl metrics --s"), "--survey\n");
   EXPECT_EQ(complete("kelotlsctl join --r"), "--reason --replace\n");
+  EXPECT_EQ(complete("kelotlsctl leave --c"), "--confirm\n");
+  EXPECT_EQ(complete("kelotlsctl settle --"),
+            "--json --quiet --reason --trust-anyway --help --wait --before-services\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
   EXPECT_EQ(complete("kelotlsctl list --"),
             "--json --quiet --reason --trust-anyway --help --level --state --terse --names\n");

@@ -2,15 +2,15 @@
 
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-  local commands='list status show get set default levels explain probe check metrics history validate join leave
-    address regen render reload apply backup restore init recover dh'
+  local commands='list status show get set default levels explain probe check metrics history confirm revert
+    undo redo settle validate join leave address regen render reload apply backup restore init recover dh'
   local levels='modern intermediate old default'
   local command='' position=0 index word
   for ((index = 1; index < COMP_CWORD; index++)); do
     word=${COMP_WORDS[index]}
     case $word in
       --default | --from | --connect | --preview | --level | --state | --reason | --reload-timeout | \
-        --starttls | --servername | --textfile) ((index++)) ;;
+        --starttls | --servername | --confirm | --until | --then | --textfile) ((index++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=$word; else ((position++)); fi ;;
     esac
@@ -19,7 +19,7 @@ _kelotlsctl() {
 
   local words=''
   case $previous in
-    --default) words=$levels ;;
+    --default | --then) words=$levels ;;
     --from | --textfile) _kelotlsctl_files "$current"; return ;;
     --preview) _kelotlsctl_files "$current"; _kelotlsctl_services "$current"; return ;;
     --level) words='modern intermediate old'; [[ $command != list ]] || words=$levels ;;
@@ -27,7 +27,8 @@ _kelotlsctl() {
       words='in-force pending-render pending-reload next-context cannot-render unusable-level needs-root differs cannot-tell no-answer as-expected unreachable'
       ;;
     --starttls) words='smtp imap pop3 ftp ldap postgres mysql sieve xmpp nntp' ;;
-    --connect | --reason | --reload-timeout | --servername) return ;;
+    --confirm) words='90 5m 2h' ;;
+    --connect | --reason | --reload-timeout | --servername | --until) return ;;
     *)
       case $command in
         '') words="$commands --json --quiet --reason --trust-anyway --version --help" ;;
@@ -54,13 +55,16 @@ _kelotlsctl_options() {
   local options='--json --quiet --reason --trust-anyway --help'
   case $1 in
     list) options+=' --level --state --terse --names' ;;
-    set) options+=' --dry-run --apply --all --reload-timeout' ;;
-    default) options+=' --dry-run --apply --reload-timeout' ;;
-    reload | apply) options+=' --dry-run --reload-timeout' ;;
+    set) options+=' --dry-run --apply --all --confirm --until --then --reload-timeout' ;;
+    default) options+=' --dry-run --apply --confirm --reload-timeout' ;;
+    apply) options+=' --dry-run --confirm --reload-timeout' ;;
+    reload | undo | redo) options+=' --dry-run --reload-timeout' ;;
+    settle) options+=' --wait --before-services' ;;
     check) options+=' --all --plugin' ;;
     metrics) options+=' --survey --textfile' ;;
-    join) options+=' --dry-run --replace' ;;
-    leave | regen | backup | restore) options+=' --dry-run' ;;
+    join) options+=' --dry-run --replace --confirm' ;;
+    leave | restore) options+=' --dry-run --confirm' ;;
+    regen | backup) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
     address) options+=' --dry-run --starttls --servername --remove' ;;
