@@ -10,6 +10,7 @@
 #include "changes/application.h"
 #include "changes/dating.h"
 #include "changes/snapshot.h"
+#include "files.h"
 #include "paths.h"
 #include "store/dated_levels.h"
 #include "store/history.h"
@@ -84,10 +85,11 @@ std::optional<PendingChange> settle_pending(Console& console, const std::string&
     keep(*change, command);
     return std::nullopt;
   }
+  const std::vector<std::string> services = change->services();
   take_back(console, *change, command, servers);
-  console.warn("the change of " + names_text(change->services()) +
+  console.warn("the change of " + names_text(services) +
                " was not confirmed in time, and is taken back");
-  settling.document["taken-back"] = list_of(change->services());
+  settling.document["taken-back"] = list_of(services);
   return std::nullopt;
 }
 
@@ -236,6 +238,14 @@ void return_levels(Console& console, const Store& before, DatedLevels& dates,
   static_cast<void>(end_record(code, code));
 }
 
+/// Nobody has to look at dates where there are none. A change that waits may bring one back.
+void end_looking() {
+  const bool is_looked_at = kelotls::exists_at(DatedLevels::kPath) && !PendingChange::load();
+  if (is_looked_at && end_timer().empty()) {
+    static_cast<void>(::unlink(DatedLevels::kPath));  // what fails here is tried again
+  }
+}
+
 /// A data store that cannot be used is the command's own business.
 void settle_dates(Console& console, Servers servers, bool tries_again, Settling& settling) {
   DatedLevels dates = DatedLevels::load();
@@ -326,7 +336,7 @@ Settling settle(Console& console, Servers servers) {
   settle_dates(console, servers, true, settling);
   // Here, because whatever ends the last date, the timer itself comes once more.
   if (servers == Servers::kRunning && DatedLevels::load().all().empty()) {
-    end_timer();
+    end_looking();
   }
   return settling;
 }
