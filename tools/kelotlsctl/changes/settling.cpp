@@ -380,16 +380,18 @@ void watch(Console& console) {
   if (!turn.is_open() || ::flock(turn.get(), LOCK_EX) != 0) {
     throw system_failure(kWatchLock);
   }
+  DirectoryWatch files(kelotls::kFrameworkDir);
   Milliseconds retry = kFirstRetry;
   while (const std::optional<Milliseconds> next = time_to_next()) {
     if (*next > Milliseconds::zero()) {
-      static_cast<void>(wait_for_change(kelotls::kFrameworkDir, *next));
-    } else if (is_being_made() && wait_for_change(kelotls::kFrameworkDir, kLetWork)) {
+      static_cast<void>(files.wait(*next));
+    } else if (is_being_made() && files.wait(kLetWork)) {
       continue;
     } else if (try_to_settle(console)) {
       retry = kFirstRetry;
     } else {
-      static_cast<void>(wait_for_change(nullptr, retry));
+      files.forget();  // what has failed has written, too
+      static_cast<void>(files.wait(retry));
       retry = std::min(2 * retry, kLastRetry);
     }
   }

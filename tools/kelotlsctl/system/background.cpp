@@ -10,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 
-#include "files.h"
 #include "system/programs.h"
 
 namespace kelotlsctl {
@@ -43,6 +42,24 @@ std::string switch_timer(const char* verb) {
   return has_timers() ? run_program({kSystemctl, verb, "--now", "--quiet", kTimer}) : "";
 }
 
+/// Whether the descriptor could be read before the time was over. poll passes over one below 0.
+bool wait_for(int descriptor, Milliseconds at_most) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(at_most);
+  itimerspec time = {};
+  time.it_value.tv_sec = static_cast<std::time_t>(seconds.count());
+  time.it_value.tv_nsec =
+      static_cast<long>(std::chrono::nanoseconds(at_most - seconds).count()) + 1;  // 0 would disarm
+  const kelotls::Descriptor timer(::timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC));
+  if (!timer.is_open() || ::timerfd_settime(timer.get(), 0, &time, nullptr) != 0) {
+    ::sleep(1);
+    return false;
+  }
+  sigset_t none;
+  ::sigemptyset(&none);
+  pollfd events[] = {{timer.get(), POLLIN, 0}, {descriptor, POLLIN, 0}};
+  return ::ppoll(events, 2, nullptr, &none) > 0 && (events[0].revents & POLLIN) == 0;
+}
+
 }  // namespace
 
 bool has_timers() { return kelotls::exists_at(kSystemd); }
@@ -64,26 +81,22 @@ std::string start_in_background(const std::vector<std::string>& arguments) {
   return error != 0 ? std::string("a process in the background: ") + std::strerror(error) : "";
 }
 
-bool wait_for_change(const char* directory, Milliseconds at_most) {
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(at_most);
-  itimerspec time = {};
-  time.it_value.tv_sec = static_cast<std::time_t>(seconds.count());
-  time.it_value.tv_nsec =
-      static_cast<long>(std::chrono::nanoseconds(at_most - seconds).count()) + 1;  // 0 would disarm
-  const kelotls::Descriptor timer(::timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC));
-  const kelotls::Descriptor changes(::inotify_init1(IN_CLOEXEC));
-  if (!timer.is_open() || ::timerfd_settime(timer.get(), 0, &time, nullptr) != 0) {
-    ::sleep(1);
-    return false;
+DirectoryWatch::DirectoryWatch(const char* directory)
+    : changes_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+  ::inotify_add_watch(changes_.get(), directory,
+                      IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_CLOSE_WRITE);
+}
+
+bool DirectoryWatch::wait(Milliseconds at_most) {
+  const bool is_changed = wait_for(changes_.get(), at_most);
+  forget();
+  return is_changed;
+}
+
+void DirectoryWatch::forget() {
+  char events[4096];
+  while (::read(changes_.get(), events, sizeof events) > 0) {
   }
-  if (directory != nullptr) {
-    ::inotify_add_watch(changes.get(), directory,
-                        IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_CLOSE_WRITE);
-  }
-  sigset_t none;
-  ::sigemptyset(&none);
-  pollfd events[] = {{timer.get(), POLLIN, 0}, {changes.get(), POLLIN, 0}};
-  return ::ppoll(events, 2, nullptr, &none) > 0 && (events[0].revents & POLLIN) == 0;
 }
 
 }  // namespace kelotlsctl

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "files.h"
 #include "system/clocks.h"
 
 namespace kelotlsctl {
@@ -22,9 +23,21 @@ bool has_timers();
 std::string begin_timer();
 std::string end_timer();
 
-/// Whether it did not take the whole time. Waits until something in the directory is written, made
-/// or removed, unless that is null, and as long as given at most, counting suspended time. A signal
-/// that asks the process to end does end it here.
-bool wait_for_change(const char* directory, Milliseconds at_most);
+/// Notices whatever is written, made or removed in a directory, from the beginning on: also between
+/// two waits, so that nothing is missed that comes while its owner looks at the files.
+class DirectoryWatch {
+ public:
+  explicit DirectoryWatch(const char* directory);
+
+  /// Whether something has changed since the last wait, or changes before the time is over.
+  /// Suspended time counts. A signal that asks the process to end does end it here.
+  bool wait(Milliseconds at_most);
+
+  /// What has changed so far was its owner's doing, or is known.
+  void forget();
+
+ private:
+  kelotls::Descriptor changes_;
+};
 
 }  // namespace kelotlsctl
