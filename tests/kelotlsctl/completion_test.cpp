@@ -44,7 +44,7 @@ TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
   EXPECT_EQ(complete("kelotlsctl get web ''"), "\n");
   EXPECT_EQ(complete("kelotlsctl list --level ''"), "modern intermediate old default\n");
   EXPECT_EQ(complete("kelotlsctl set --confirm 5m web --until 2027-03-01 --then o"), "old\n");
-  EXPECT_EQ(complete("kelotlsctl set --confirm 5m w"), "web\n");
+  EXPECT_EQ(complete("kelotlsctl set --confirm 5m ''"), "ssh web\n");
   EXPECT_EQ(complete("kelotlsctl apply --confirm ''"), "90 5m 2h\n");
   EXPECT_EQ(complete("kelotlsctl list --state pending"), "pending-render pending-reload\n");
 }

@@ -14,6 +14,14 @@ constexpr char kPending[] = "/usr/kelo/etc/security-profile/tls-profile/pending.
 constexpr char kWatchLock[] = "/usr/kelo/etc/security-profile/tls-profile/watch.lock";
 constexpr char kLong[] = "10m";  // longer than any test takes
 
+/// Whether nobody has the lock.
+bool is_free(const char* lock) {
+  const int turn = ::open(lock, O_RDONLY | O_CLOEXEC);
+  const bool is_free = ::flock(turn, LOCK_EX | LOCK_NB) == 0;
+  ::close(turn);
+  return is_free;
+}
+
 class KelotlsctlConfirm : public Kelotlsctl {
  protected:
   void SetUp() override {
@@ -45,10 +53,10 @@ class KelotlsctlConfirm : public Kelotlsctl {
   /// The machine was restarted since: nobody watches any more, and the boot clock is another.
   static void restart() {
     Json::Value pending = read_json(kPending);
+    // Whoever watches may have been started, and not be at it yet.
+    EXPECT_TRUE(eventually([] { return exists(kWatchLock) && !is_free(kWatchLock); }));
     remove_all(kPending);
-    const int turn = ::open(kWatchLock, O_RDONLY | O_CLOEXEC);
-    EXPECT_TRUE(eventually([turn] { return ::flock(turn, LOCK_EX | LOCK_NB) == 0; }));
-    ::close(turn);
+    EXPECT_TRUE(eventually([] { return is_free(kWatchLock); }));
     pending["boot"] = "another start of the machine";
     write_file(kPending, pending.toStyledString());
   }
@@ -236,11 +244,12 @@ TEST_F(KelotlsctlConfirm, IsTriedAgainWhereItCannotBeTakenBack) {
   EXPECT_EQ(revert.status, 1);
   EXPECT_TRUE(contains(revert.err, "the change of web could not be taken back"));
   EXPECT_EQ(stored_level("web"), 2);
-  EXPECT_TRUE(contains(run({"status"}).out, "could not be taken back"));
+  // Whoever waits for the change's end tries at once, too.
+  EXPECT_TRUE(eventually([] { return contains(run({"status"}).out, "could not be taken back"); }));
   const Outcome check = run({"check"});
   EXPECT_EQ(check.status, 3);
   EXPECT_TRUE(contains(check.out, "a change is to be taken back, which fails"));
-  EXPECT_EQ(last_record()["result"], "take-back-failed");
+  EXPECT_TRUE(eventually([] { return last_record()["result"] == "take-back-failed"; }));
   EXPECT_EQ(run({"set", "ssh", "old"}).status, 1);
   EXPECT_EQ(stored_level("ssh"), 0);
 
@@ -249,6 +258,14 @@ TEST_F(KelotlsctlConfirm, IsTriedAgainWhereItCannotBeTakenBack) {
   EXPECT_FALSE(exists(kPending));
   EXPECT_EQ(last_record()["result"], "taken-back");
   EXPECT_EQ(tree_of_services(), before());
+}
+
+TEST_F(KelotlsctlConfirm, IsWaitedForAfterASettleThatFailed) {
+  ASSERT_EQ(run({"set", "web", "modern", "--confirm", kLong}).status, 0);
+  restart();
+  write_file(kReloaderStatus, "9");
+  ASSERT_EQ(run({"settle"}).status, 1);
+  EXPECT_TRUE(eventually([] { return !is_free(kWatchLock); }));
 }
 
 TEST_F(KelotlsctlConfirm, LeavesWhatCannotBeTakenBackWhenAskedTo) {

@@ -22,6 +22,14 @@ std::string in_seconds(int seconds) {
   return text;
 }
 
+/// Whether nobody has the lock.
+bool is_free(const char* lock) {
+  const int turn = ::open(lock, O_RDONLY | O_CLOEXEC);
+  const bool is_free = ::flock(turn, LOCK_EX | LOCK_NB) == 0;
+  ::close(turn);
+  return is_free;
+}
+
 class KelotlsctlDated : public Kelotlsctl {
  protected:
   void SetUp() override {
@@ -41,13 +49,15 @@ class KelotlsctlDated : public Kelotlsctl {
   }
 
   /// As if the date had come by the wall's clock, and nobody had looked yet.
-  static void let_date_come() {
+  static void let_date_come(const Arguments& services = {"web"}) {
     Json::Value dated = read_json(kDated);
+    // Whoever watches may have been started, and not be at it yet.
+    EXPECT_TRUE(eventually([] { return exists(kWatchLock) && !is_free(kWatchLock); }));
     remove_all(kDated);
-    const int turn = ::open(kWatchLock, O_RDONLY | O_CLOEXEC);
-    EXPECT_TRUE(eventually([turn] { return ::flock(turn, LOCK_EX | LOCK_NB) == 0; }));
-    ::close(turn);
-    dated["services"]["web"]["until"] = "2020-01-01T00:00:00Z";
+    EXPECT_TRUE(eventually([] { return is_free(kWatchLock); }));
+    for (const std::string& service : services) {
+      dated["services"][service]["until"] = "2020-01-01T00:00:00Z";
+    }
     write_file(kDated, dated.toStyledString());
   }
 
@@ -171,6 +181,22 @@ TEST_F(KelotlsctlDated, IsTriedAgainWhereTheReturnFails) {
   EXPECT_EQ(run({"settle"}).status, 0);
   EXPECT_EQ(run_json("history").document["changes"].size(), records) << "one return, one record";
   EXPECT_TRUE(run_json("list").document["services"][1]["dated"].isNull());
+}
+
+TEST_F(KelotlsctlDated, KeepsOnRecordWhoReturnedBeforeALaterTry) {
+  ASSERT_EQ(run({"set", "--all", "old", "--until", "2037-01-01T00:00Z", "--reason", "two"}).status,
+            0);
+  let_date_come({"ssh", "web"});
+  write_file(kReloaderStatus, "9");
+  ASSERT_EQ(run({"settle"}).status, 5);
+  ASSERT_EQ(run_json("list").document["services"][0]["dated"], Json::Value()) << "ssh returned";
+  write_file(kReloaderStatus, "0");
+  ASSERT_EQ(run({"settle"}).status, 0);
+  const Json::Value record = last_record();
+  EXPECT_EQ(record["command"], "settle");
+  EXPECT_EQ(record["changes"].size(), 2u) << record.toStyledString();
+  EXPECT_EQ(record["result"], "done");
+  EXPECT_EQ(record["services"].size(), 0u) << "what had failed is done";
 }
 
 TEST_F(KelotlsctlDated, StaysWhereTheLevelWasChangedSince) {
