@@ -397,7 +397,13 @@ void watch(Console& console) {
   }
 }
 
-bool anything_to_watch() { return time_to_next().has_value(); }
+bool anything_to_watch() {
+  if (!time_to_next()) {
+    return false;
+  }
+  const kelotls::Descriptor turn(::open(kWatchLock, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY));
+  return !turn.is_open() || ::flock(turn.get(), LOCK_EX | LOCK_NB) == 0;
+}
 
 void have_watched() {
   const std::string fault = start_in_background({"settle", "--wait"});

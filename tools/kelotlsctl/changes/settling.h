@@ -53,7 +53,7 @@ void keep(PendingChange& change, const std::string& command);
 /// Settles whenever something is due, until nothing is left to wait for.
 void watch(Console& console);
 
-/// Whether there is something to wait for that systemd does not look at.
+/// Whether there is something to wait for that neither systemd nor a process looks at.
 bool anything_to_watch();
 
 /// Has watch done by a process of its own, or by systemd. A Failure where that cannot be.

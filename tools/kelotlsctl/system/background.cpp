@@ -19,8 +19,6 @@ namespace {
 constexpr char kSystemd[] = "/run/systemd/system";  // there while it runs
 constexpr char kSystemctl[] = "/usr/bin/systemctl";
 constexpr char kTimer[] = "kelotls-settle.timer";
-constexpr char kTimerIsOn[] =  // there while it is enabled
-    "/etc/systemd/system/timers.target.wants/kelotls-settle.timer";
 constexpr char kSystemdRun[] = "/usr/bin/systemd-run";
 constexpr std::chrono::seconds kPatience{30};
 
@@ -66,7 +64,7 @@ bool has_timers() { return kelotls::exists_at(kSystemd); }
 
 std::string begin_timer() { return switch_timer("enable"); }
 
-std::string end_timer() { return kelotls::exists_at(kTimerIsOn) ? switch_timer("disable") : ""; }
+std::string end_timer() { return switch_timer("disable"); }
 
 std::string start_in_background(const std::vector<std::string>& arguments) {
   std::error_code no_error;
