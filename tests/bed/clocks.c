@@ -1,7 +1,7 @@
 /*
- * Clocks that a test sets, in the programs that preload this library: the wall's, and the one since the
- * machine's start. The file that KELOTLS_CLOCKS names holds their seconds, "1800000000 120". They stand
- * still until it is written anew; the clock that is only good for waiting goes on.
+ * Clocks that a test sets, in the programs that preload this library: the wall's, and the one since
+ * the machine's start. The file that KELOTLS_CLOCKS names holds their seconds, "1800000000 120".
+ * They stand still until it is written anew; the clock that is only good for waiting goes on.
  */
 #define _GNU_SOURCE
 #include <fcntl.h>
