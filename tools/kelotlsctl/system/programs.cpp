@@ -70,6 +70,7 @@ void close_others_at_exec() {
 /// The arguments as execve takes them. They stay the command's.
 std::vector<char*> arguments_of(const std::vector<std::string>& command) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) {
     arguments.push_back(const_cast<char*>(argument.c_str()));
   }

@@ -48,7 +48,7 @@ Report confirm(Console& console, const Arguments& arguments) {
     take_back(console, change, arguments.command);
     throw Failure(kFailed, "too late: the change is taken back");
   }
-  const Report report = report_of(change, is_given_up ? "take-back-failed" : "confirmed");
+  Report report = report_of(change, is_given_up ? "take-back-failed" : "confirmed");
   keep(change, arguments.command);
   return report;
 }
@@ -60,7 +60,7 @@ Report revert(Console& console, const Arguments& arguments) {
     keep(change, arguments.command);
     throw Failure(kFailed, "the change was confirmed");
   }
-  const Report report = report_of(change, "taken-back");
+  Report report = report_of(change, "taken-back");
   take_back(console, change, arguments.command);
   return report;
 }
