@@ -54,7 +54,8 @@ void begin_waiting(PendingChange& change, std::chrono::seconds duration, Report&
   change.wait_for(duration, now);
   const auto seconds = duration.count();
   report.document["confirm"] =
-      object({{"seconds", Json::Int64{seconds}}, {"until", utc_text(now.wall + seconds)}});
+      object({{"seconds", Json::Int64{seconds}},
+              {"until", utc_text(now.wall + static_cast<std::time_t>(seconds))}});
   report.notes.push_back("Taken back in " + duration_text(duration) +
                          ", unless confirmed: kelotlsctl confirm");
 }
