@@ -117,7 +117,7 @@ std::vector<char*> arguments_of(const std::vector<std::string>& command) {
   ::close(empty);
   set_default_signals();
   if (::chdir("/") == 0) {
-    ::execve("/proc/self/exe", arguments, environment);
+    ::execve(arguments[0], arguments, environment);
   }
   give_reason(reasons);
 }
@@ -221,9 +221,9 @@ ProgramResult run_to_end(const std::vector<std::string>& command, std::chrono::s
   return error != 0 ? not_run(error) : result;
 }
 
-int start_detached(const std::vector<std::string>& arguments) {
+int start_detached(const std::vector<std::string>& command) {
   std::vector<char*> environment = clean_environment();
-  std::vector<char*> words = arguments_of(arguments);
+  std::vector<char*> arguments = arguments_of(command);
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) {
     return errno;
@@ -233,7 +233,7 @@ int start_detached(const std::vector<std::string>& arguments) {
   close_others_at_exec();
   const pid_t process = ::fork();
   if (process == 0) {
-    become_detached(words.data(), environment.data(), writer.get());
+    become_detached(arguments.data(), environment.data(), writer.get());
   }
   if (process < 0) {
     return errno;

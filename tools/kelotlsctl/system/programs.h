@@ -26,9 +26,9 @@ struct ProgramResult {
 /// gets SIGTERM, and SIGKILL two seconds later. A program whose parent is killed gets SIGTERM.
 ProgramResult run_to_end(const std::vector<std::string>& command, std::chrono::seconds timeout);
 
-/// Starts this very program again, with these words as its command line, as a process that goes on
-/// after this one: in a session of its own, in the directory "/", with nothing on its standard
-/// descriptors, and in the same environment as above. Why it could not be started; 0 where it was.
-int start_detached(const std::vector<std::string>& arguments);
+/// Starts a program, by its path and with its arguments, as a process that goes on after this one:
+/// in a session of its own, in the directory "/", with nothing on its standard descriptors, and in
+/// the same environment as above. Why it could not be started; 0 where it was.
+int start_detached(const std::vector<std::string>& command);
 
 }  // namespace kelotlsctl
