@@ -390,8 +390,8 @@ void watch(Console& console) {
     } else if (try_to_settle(console)) {
       retry = kFirstRetry;
     } else {
-      files.forget();  // what has failed has written, too
-      static_cast<void>(files.wait(retry));
+      // Whatever is written meanwhile: a reloader that fails is not run for each change of another.
+      files.let_pass(retry);
       retry = std::min(2 * retry, kLastRetry);
     }
   }

@@ -91,6 +91,11 @@ bool DirectoryWatch::wait(Milliseconds at_most) {
   return is_changed;
 }
 
+void DirectoryWatch::let_pass(Milliseconds time) {
+  static_cast<void>(wait_for(-1, time));
+  forget();
+}
+
 void DirectoryWatch::forget() {
   char events[4096];
   while (::read(changes_.get(), events, sizeof events) > 0) {

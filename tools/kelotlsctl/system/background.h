@@ -33,10 +33,12 @@ class DirectoryWatch {
   /// Suspended time counts. A signal that asks the process to end does end it here.
   bool wait(Milliseconds at_most);
 
-  /// What has changed so far was its owner's doing, or is known.
-  void forget();
+  /// Waits for as long as given, whatever changes.
+  void let_pass(Milliseconds time);
 
  private:
+  void forget();
+
   kelotls::Descriptor changes_;
 };
 
