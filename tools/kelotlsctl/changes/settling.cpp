@@ -301,6 +301,15 @@ bool is_being_made() {
   return change && change->state() == ChangeState::kPrepared;
 }
 
+/// Whether something was tried before, and is to be tried again.
+bool has_failed() {
+  const std::optional<PendingChange> change = PendingChange::load();
+  const DatedLevels dates = DatedLevels::load();
+  return (change && change->state() == ChangeState::kFailed) ||
+         std::any_of(dates.all().begin(), dates.all().end(),
+                     [](const auto& entry) { return !entry.second.fault.empty(); });
+}
+
 /// Whether everything that was due is done.
 bool try_to_settle(Console& console) {
   try {
@@ -382,6 +391,9 @@ void watch(Console& console) {
   }
   DirectoryWatch files(kelotls::kFrameworkDir);
   Milliseconds retry = kFirstRetry;
+  if (has_failed()) {
+    files.let_pass(retry);
+  }
   while (const std::optional<Milliseconds> next = time_to_next()) {
     if (*next > Milliseconds::zero()) {
       static_cast<void>(files.wait(*next));
