@@ -225,6 +225,21 @@ TEST_F(KelotlsctlDated, EndsByTheTimeThatHasPassedWhereTheWallsClockIsBehind) {
   }));
 }
 
+TEST_F(KelotlsctlDated, IsNotTriedOverAndOverWhereTheDataStoreCannotBeUsed) {
+  ASSERT_EQ(set_until("2037-01-01T00:00Z").status, 0);
+  write_file(kDataStore, "oops");
+  log();
+  Json::Value dated = read_json(kDated);
+  dated["services"]["web"]["until"] = "2020-01-01T00:00:00Z";
+  write_file(kDated, dated.toStyledString());
+  EXPECT_TRUE(eventually([this] { return !log().empty(); })) << "nobody has tried";
+  constexpr std::size_t kCommands = 50;
+  for (std::size_t count = 0; count < kCommands; ++count) {
+    EXPECT_EQ(run({"list"}).status, 4);
+  }
+  EXPECT_LE(log().size(), 2 * kCommands);
+}
+
 TEST_F(KelotlsctlDated, LeavesWithItsService) {
   ASSERT_EQ(set_until("2037-01-01T00:00Z").status, 0);
   ASSERT_EQ(run({"leave", "-"}, web_registration()).status, 0);

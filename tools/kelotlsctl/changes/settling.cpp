@@ -95,14 +95,12 @@ std::optional<PendingChange> settle_pending(Console& console, const std::string&
 
 // Levels whose date has come
 
-/// What the return of a service's level has come to.
-enum class Return { kDue, kBegun, kSuperseded };
-
-Return return_of(const Store& store, const std::string& service, const DatedLevel& dated) {
+/// Whether something else has changed the service's level since: it is neither the one that was to
+/// end, nor, where the return was begun, the one that comes after it.
+bool is_superseded(const Store& store, const std::string& service, const DatedLevel& dated) {
   const int level = store.has(service) ? store.stored_level(service) : -1;
-  return level == dated.level                           ? Return::kDue
-         : level == dated.then && !dated.record.empty() ? Return::kBegun
-                                                        : Return::kSuperseded;
+  const bool is_begun = level == dated.then && !dated.record.empty();
+  return level != dated.level && !is_begun;
 }
 
 /// The services whose levels return now; dates that other changes have made meaningless go.
@@ -115,8 +113,7 @@ std::vector<std::string> due_services(Console& console, const Store& store, Date
     if (!dated.is_over(now) || (!dated.fault.empty() && !tries_again)) {
       continue;
     }
-    const bool is_superseded = return_of(store, service, dated) == Return::kSuperseded;
-    (is_superseded ? superseded : due).push_back(service);
+    (is_superseded(store, service, dated) ? superseded : due).push_back(service);
   }
   for (const std::string& service : superseded) {
     console.warn(printable(service) +
@@ -314,7 +311,9 @@ bool has_failed() {
 bool try_to_settle(Console& console) {
   try {
     const Lock lock(console, kCommand, true);
-    return settle(console, Servers::kRunning).code == kDone;
+    const bool is_done = settle(console, Servers::kRunning).code == kDone;
+    // A data store that cannot be used keeps dates from being settled, and is no failure of theirs.
+    return is_done && time_to_next().value_or(kLookInterval) > Milliseconds::zero();
   } catch (const std::exception& exception) {
     console.warn(printable(std::string(exception.what())));
     return false;
