@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 
 #include "framework.h"
@@ -31,6 +32,21 @@ std::string link_of(const fs::path& process, const char* name) {
   return fs::read_symlink(process / name, no_error).string();
 }
 
+/// By its arguments, too: where a processor is emulated, the file that it runs is the emulator's.
+bool runs(const fs::path& process, const std::string& program) {
+  if (link_of(process, "exe") == program) {
+    return true;
+  }
+  std::ifstream arguments(process / "cmdline");
+  std::string argument;
+  while (std::getline(arguments, argument, '\0')) {
+    if (argument == program) {
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 std::vector<pid_t> processes_of(const std::string& program) {
@@ -38,8 +54,8 @@ std::vector<pid_t> processes_of(const std::string& program) {
   std::vector<pid_t> processes;
   for (const auto& entry : fs::directory_iterator("/proc")) {
     const std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") == std::string::npos &&
-        link_of(entry.path(), "exe") == program && link_of(entry.path(), "ns/mnt") == tree) {
+    if (name.find_first_not_of("0123456789") == std::string::npos && runs(entry.path(), program) &&
+        link_of(entry.path(), "ns/mnt") == tree) {
       processes.push_back(std::stoi(name));
     }
   }

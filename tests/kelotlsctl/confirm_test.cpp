@@ -1,9 +1,7 @@
 // Changes that take themselves back: --confirm, kelotlsctl confirm, revert and settle.
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include "background.h"
 #include "kelotlsctl.h"
 #include "process.h"
 
@@ -11,16 +9,7 @@ namespace kelotls::test {
 namespace {
 
 constexpr char kPending[] = "/usr/kelo/etc/security-profile/tls-profile/pending.json";
-constexpr char kWatchLock[] = "/usr/kelo/etc/security-profile/tls-profile/watch.lock";
 constexpr char kLong[] = "10m";  // longer than any test takes
-
-/// Whether nobody has the lock.
-bool is_free(const char* lock) {
-  const int turn = ::open(lock, O_RDONLY | O_CLOEXEC);
-  const bool is_free = ::flock(turn, LOCK_EX | LOCK_NB) == 0;
-  ::close(turn);
-  return is_free;
-}
 
 class KelotlsctlConfirm : public Kelotlsctl {
  protected:
@@ -53,10 +42,10 @@ class KelotlsctlConfirm : public Kelotlsctl {
   /// The machine was restarted since: nobody watches any more, and the boot clock is another.
   static void restart() {
     Json::Value pending = read_json(kPending);
-    // Whoever watches may have been started, and not be at it yet.
-    EXPECT_TRUE(eventually([] { return exists(kWatchLock) && !is_free(kWatchLock); }));
     remove_all(kPending);
-    EXPECT_TRUE(eventually([] { return is_free(kWatchLock); }));
+    // All of them: one that was started later, or waits for its turn, would see what is written
+    // next.
+    EXPECT_TRUE(eventually([] { return processes_of(KELOTLSCTL).empty(); }));
     pending["boot"] = "another start of the machine";
     write_file(kPending, pending.toStyledString());
   }
@@ -266,7 +255,7 @@ TEST_F(KelotlsctlConfirm, IsWaitedForAfterASettleThatFailed) {
   restart();
   write_file(kReloaderStatus, "9");
   ASSERT_EQ(run({"settle"}).status, 1);
-  EXPECT_TRUE(eventually([] { return !is_free(kWatchLock); }));
+  EXPECT_TRUE(eventually([] { return !processes_of(KELOTLSCTL).empty(); }));
 }
 
 TEST_F(KelotlsctlConfirm, LeavesWhatCannotBeTakenBackWhenAskedTo) {

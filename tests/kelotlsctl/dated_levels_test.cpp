@@ -1,17 +1,14 @@
 // Levels that end at a date: --until, --then, and their return.
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 #include <ctime>
 
+#include "background.h"
 #include "kelotlsctl.h"
 #include "process.h"
 
 namespace kelotls::test {
 namespace {
 
-constexpr char kWatchLock[] = "/usr/kelo/etc/security-profile/tls-profile/watch.lock";
 constexpr char kDated[] = "/usr/kelo/etc/security-profile/tls-profile/dated.json";
 
 std::string in_seconds(int seconds) {
@@ -20,14 +17,6 @@ std::string in_seconds(int seconds) {
   std::tm utc = {};
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&time, &utc));
   return text;
-}
-
-/// Whether nobody has the lock.
-bool is_free(const char* lock) {
-  const int turn = ::open(lock, O_RDONLY | O_CLOEXEC);
-  const bool is_free = ::flock(turn, LOCK_EX | LOCK_NB) == 0;
-  ::close(turn);
-  return is_free;
 }
 
 class KelotlsctlDated : public Kelotlsctl {
@@ -51,10 +40,10 @@ class KelotlsctlDated : public Kelotlsctl {
   /// As if the date had come by the wall's clock, and nobody had looked yet.
   static void let_date_come(const Arguments& services = {"web"}) {
     Json::Value dated = read_json(kDated);
-    // Whoever watches may have been started, and not be at it yet.
-    EXPECT_TRUE(eventually([] { return exists(kWatchLock) && !is_free(kWatchLock); }));
     remove_all(kDated);
-    EXPECT_TRUE(eventually([] { return is_free(kWatchLock); }));
+    // All of them: one that was started later, or waits for its turn, would see what is written
+    // next.
+    EXPECT_TRUE(eventually([] { return processes_of(KELOTLSCTL).empty(); }));
     for (const std::string& service : services) {
       dated["services"][service]["until"] = "2020-01-01T00:00:00Z";
     }
