@@ -38,6 +38,13 @@ struct Arguments {
   std::string timeout;
   std::string deadline;
   std::string preview;
+  std::string duration;
+  std::string interface;
+  std::string port;
+  std::string prefix;
+  std::string prefix6;
+  std::string limit;
+  bool no_addresses = false;
   std::string file;  ///< "-" for the standard input
 
   Confidence confidence() const { return {command, trust_anyway, dry_run}; }
@@ -84,6 +91,12 @@ CommandFunction set_level, default_level, join_services, leave_services, regener
 PrintFunction print_set, print_default, print_joined, print_left, print_regenerated, print_rendered,
     print_reloaded, print_applied, print_backup, print_restored, print_initialised, print_recovered,
     print_dh_files, print_address;
+
+/// What "clients" does: each is handed on to by the word that follows it.
+Report manage_clients(Console& console, const Arguments& arguments);
+CommandFunction record_clients, import_clients, show_clients, judge_clients,
+    forget_recorded_clients;
+PrintFunction print_recorded, print_clients, print_judged, print_forgotten;
 
 /// What "render --preview" does.
 Report preview_templates(Console& console, const Arguments& arguments);

@@ -28,6 +28,13 @@ Places of_address(const Arguments& arguments) {
   return arguments.address.empty() && !arguments.remove ? kNoPlaces : kFrameworkPlaces;
 }
 
+/// What looks only writes nothing.
+Places of_clients(const Arguments& arguments) {
+  const bool writes = arguments.subject == "record" || arguments.subject == "import" ||
+                      arguments.subject == "forget";
+  return writes ? kFrameworkPlaces : kNoPlaces;
+}
+
 Places of_default(const Arguments& arguments) {
   return arguments.level.empty() ? kNoPlaces : kFrameworkPlaces;
 }
@@ -111,6 +118,18 @@ const std::vector<CommandRow>& commands() {
       {"--remove", "Keep no address any more", &Arguments::remove}},
      "0, 1, 2, 4, 10", "kelotlsctl address mail localhost:25 --starttls smtp",
      keep_address, print_address, of_address},
+    {"clients", "Record who connects to services, and judge who a level would lose",
+     {{"ACTION", "record SERVICE..., import SERVICE FILE, show SERVICE, judge SERVICE LEVEL, or forget SERVICE", nullptr, &Arguments::subject, true},
+      {"WORD", "Services, and what the action takes beside them", nullptr, nullptr, true, true, &Arguments::services},
+      {"--for", "How long to record, as 90s, 30m, 24h or 7d; else until it is interrupted", nullptr, &Arguments::duration},
+      {"--interface", "The network interface to watch; else any", nullptr, &Arguments::interface},
+      {"--port", "The port of the service, where no address is kept", nullptr, &Arguments::port},
+      {"--no-addresses", "Keep no client's address", &Arguments::no_addresses},
+      {"--prefix", "Keep of an IPv4 address these first bits alone", nullptr, &Arguments::prefix},
+      {"--prefix6", "The same of an IPv6 address; 64 where --prefix is given", nullptr, &Arguments::prefix6},
+      {"--limit", "How many bytes the record of a service may take; else 10485760", nullptr, &Arguments::limit}},
+     "0, 1, 2, 3, 4, 10", "kelotlsctl clients record nginx --for 24h",
+     manage_clients, print_recorded, of_clients},
 
     {"regen", "Bring the data store in line with the descriptors", {kDryRun},
      "0, 1, 4", "kelotlsctl regen --dry-run",
