@@ -44,6 +44,7 @@ struct Arguments {
   std::string prefix;
   std::string prefix6;
   std::string limit;
+  std::string certificate;
   bool no_addresses = false;
   std::string file;  ///< "-" for the standard input
 

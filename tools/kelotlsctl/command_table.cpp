@@ -127,8 +127,9 @@ const std::vector<CommandRow>& commands() {
       {"--no-addresses", "Keep no client's address", &Arguments::no_addresses},
       {"--prefix", "Keep of an IPv4 address these first bits alone", nullptr, &Arguments::prefix},
       {"--prefix6", "The same of an IPv6 address; 64 where --prefix is given", nullptr, &Arguments::prefix6},
-      {"--limit", "How many bytes the record of a service may take; else 10485760", nullptr, &Arguments::limit}},
-     "0, 1, 2, 3, 4, 10", "kelotlsctl clients record nginx --for 24h",
+      {"--limit", "How many bytes the record of a service may take; else 10485760", nullptr, &Arguments::limit},
+      {"--certificate", "Judge with this, as rsa:2048 or ecdsa:P-256; else as the server shows", nullptr, &Arguments::certificate}},
+     "0, 1, 2, 3, 4, 6, 10", "kelotlsctl clients record nginx --for 24h",
      manage_clients, print_recorded, of_clients},
 
     {"regen", "Bring the data store in line with the descriptors", {kDryRun},

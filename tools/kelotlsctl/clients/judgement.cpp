@@ -298,8 +298,9 @@ std::string lacking_text(const std::string& what, const ClientHello& hello,
 Judge::Judge(SSL_CTX* context, std::vector<CertificateFacts> certificates)
     : context_(context), certificates_(std::move(certificates)) {
   for (const CertificateFacts& certificate : certificates_) {
-    if (key_kind(certificate.kind) == EVP_PKEY_NONE) {
-      throw std::runtime_error("no certificate of kind " + certificate.kind + " can be made");
+    if (!can_be_made(certificate)) {
+      throw std::runtime_error("no certificate like " + certificate_text(certificate) +
+                               " can be made");
     }
   }
 }
@@ -359,6 +360,11 @@ void Judge::explain(const ClientHello& hello, bool is_about_version, const std::
   judgement.text = contains(hello.suites, kFallback)
                        ? "It has come down from a newer version, which the level gives."
                        : "OpenSSL refuses it: " + reason + ".";
+}
+
+bool can_be_made(const CertificateFacts& certificate) {
+  return key_kind(certificate.kind) != EVP_PKEY_NONE &&
+         (certificate.kind != "ECDSA" || !key_share_of(group_number(certificate.curve)).empty());
 }
 
 std::string certificate_text(const CertificateFacts& certificate) {

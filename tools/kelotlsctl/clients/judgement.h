@@ -52,6 +52,9 @@ class Judge {
   std::vector<CertificateFacts> certificates_;
 };
 
+/// Whether a key like the certificate's can be made here.
+bool can_be_made(const CertificateFacts& certificate);
+
 /// "RSA 2048", "ECDSA prime256v1".
 std::string certificate_text(const CertificateFacts& certificate);
 

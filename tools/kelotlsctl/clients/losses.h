@@ -1,0 +1,55 @@
+// Owns who of a service's recorded clients a level answers, and who would be lost by it.
+#pragma once
+
+#include <json/value.h>
+
+#include <ctime>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "clients/records.h"
+#include "clients/shown_certificates.h"
+#include "levels/survey.h"
+#include "store/store.h"
+
+namespace kelotlsctl {
+
+/// What the record of a service is held against.
+struct LevelQuestion {
+  int today = 0;  ///< the service's effective level
+  int level = 0;  ///< the one in question; not judged where it is today's
+  ShownCertificates shown;
+  std::time_t now = 0;
+};
+
+/// Each client of the record: how often it came, what today's level does to it and what the other
+/// would; and their counts, of the last day, of the last 7 days, and of all. Lost is who is
+/// answered today and would not be. {"verdict": "none-lost", "some-lost" or "not-known"}, as
+/// schemas/output has it: without a hello nothing is known, and where hellos were left out it is
+/// not known that none is lost. Throws std::runtime_error where OpenSSL makes no context or
+/// certificate.
+Json::Value judge_record(const ClientRecords& records, const LevelQuestion& question,
+                         const Progress& progress);
+
+/// "3 of 214 clients of the last 7 days would be lost (192.0.2.7, 192.0.2.9)", of judge_record's
+/// document.
+std::string loss_text(const Json::Value& judged);
+
+/// Whether the service gets the library's context, so that a verdict about the level is one about
+/// the service; else what there is to say about it.
+std::string subject_text(const Addresses& addresses, const std::string& service);
+
+/// The same for a change of levels, before it is made: an element {"service", "level", "verdict",
+/// "lost-clients", "clients", "lost-connections", "connections", "addresses", "text"} for each of
+/// the services that has a record and whose effective level changes.
+Json::Value foretell_losses(const Store& before, const Store& after,
+                            const std::vector<std::string>& services);
+
+/// A sentence for each element of foretell_losses.
+std::vector<std::string> loss_warnings(const Json::Value& losses);
+
+/// A Failure (a check says no) where anybody would be lost, or where it is not known.
+void refuse_losses(const Json::Value& losses);
+
+}  // namespace kelotlsctl
