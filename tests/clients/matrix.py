@@ -127,10 +127,10 @@ def clients_of(options):
         if options.only and family.__name__ not in options.only.split(","):
             continue
         all_of_it = list(family())
-        for client in all_of_it[::options.every]:
-            yield family.__name__, client
         if not offers.is_there(all_of_it[0]):
             sys.exit(f"{family.__name__} is not here")
+        for client in all_of_it[::options.every]:
+            yield family.__name__, client
 
 
 def main():

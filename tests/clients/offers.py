@@ -50,12 +50,20 @@ def openssl_30():
     yield from openssl("openssl 3.0", ["/usr/bin/openssl"], {})
 
 
-def openssl_35():
-    libraries = debian13 + "/usr/lib/x86_64-linux-gnu"
-    command = [debian13 + "/usr/lib64/ld-linux-x86-64.so.2", "--library-path", libraries,
-               debian13 + "/usr/bin/openssl"]
-    environment = {"OPENSSL_CONF": debian13 + "/etc/ssl/openssl.cnf",
+def in_root(root):
+    """openssl of another Debian, with its own libraries; and its surroundings."""
+    libraries = root + "/usr/lib/x86_64-linux-gnu"
+    paths = libraries + ":" + root + "/lib/x86_64-linux-gnu"
+    loader = next(one for one in (root + "/lib/x86_64-linux-gnu/ld-linux-x86-64.so.2",
+                                  root + "/usr/lib64/ld-linux-x86-64.so.2", "")
+                  if one == "" or os.path.exists(one))  # links may lead out of the root
+    environment = {"OPENSSL_CONF": root + "/etc/ssl/openssl.cnf",
                    "OPENSSL_MODULES": libraries + "/ossl-modules"}
+    return [loader, "--library-path", paths, root + "/usr/bin/openssl"], environment
+
+
+def openssl_35():
+    command, environment = in_root(debian13)
     yield from openssl("openssl 3.5", command, environment)
     base = command + ["s_client", "-connect", "127.0.0.1:{port}"]
     for groups in ["X25519MLKEM768", "X25519MLKEM768:P-256", "MLKEM1024:SecP256r1MLKEM768"]:
@@ -63,9 +71,8 @@ def openssl_35():
 
 
 def openssl_111():
-    command = ["/usr/bin/qemu-arm-static", "-L", appliance, appliance + "/usr/bin/openssl"]
-    yield from openssl("openssl 1.1.1", command,
-                       {"OPENSSL_CONF": appliance + "/etc/ssl/openssl.cnf"})
+    """Of the appliance's generation; the same release as on the appliance."""
+    yield from openssl("openssl 1.1.1", *in_root(appliance))
 
 
 def gnutls():
@@ -225,9 +232,7 @@ def firefox():
 
 FAMILIES = [openssl_30, openssl_35, openssl_111, gnutls, curl, wget, python, nss, node, ruby, java, go,
             chromium, firefox]
-"""Each as it comes, without an option, is a client whose hello can be known by name."""
 
 
 def is_there(client):
-    return all(shutil.which(word) or os.path.exists(word) or not word.startswith("/")
-               for word in client[1][:2] if "{" not in word)
+    return shutil.which(client[1][0]) is not None

@@ -7,6 +7,7 @@
 
 #include "clients/judgement.h"
 #include "clients/rewriting.h"
+#include "first_message.h"
 #include "levels/offer.h"
 #include "levels/report.h"
 #include "loopback_server.h"
@@ -98,30 +99,7 @@ struct End {
   BIO* out;
 };
 
-/// What is in the records of a ClientHello.
-Bytes message_in(const Bytes& records) {
-  constexpr std::size_t kHeader = 5;
-  Bytes message;
-  for (std::size_t at = 0; at + kHeader <= records.size();) {
-    const auto length = static_cast<std::size_t>(static_cast<unsigned char>(records[at + 3]) << 8 |
-                                                 static_cast<unsigned char>(records[at + 4]));
-    message += records.substr(at + kHeader, length);
-    at += kHeader + length;
-  }
-  return message;
-}
-
-Bytes hello_of(SSL_CTX* client, SSL_SESSION* session = nullptr) {
-  const End end(client, false);
-  if (session != nullptr) {
-    SSL_set_session(end.ssl.get(), session);
-  }
-  SSL_do_handshake(end.ssl.get());
-  ERR_clear_error();
-  return message_in(end.take());
-}
-
-Bytes hello_of(const Client& client) { return hello_of(make_client(client).get()); }
+Bytes hello_of(const Client& client) { return first_message(make_client(client).get()); }
 
 void carry(const End& client, const End& server) {
   for (int turn = 0; turn < 6; ++turn) {
@@ -239,7 +217,7 @@ TEST_F(ClientsJudge, ForetellsEveryHandshakeOfManyClients) {
       const Judge judge(judged.get(), {certificate(kind == "rsa" ? "RSA" : "ECDSA")});
       for (const Client& client : many_clients()) {
         const ContextOwner context = make_client(client);
-        const Bytes hello = hello_of(context.get());
+        const Bytes hello = first_message(context.get());
         if (hello.empty()) {
           continue;  // this OpenSSL cannot offer it
         }
@@ -368,7 +346,7 @@ Bytes resuming_hello(int version) {
   const Bytes records = end.take();
   const auto length = static_cast<std::size_t>(static_cast<unsigned char>(records[3]) << 8 |
                                                static_cast<unsigned char>(records[4]));
-  return records.substr(5, length);
+  return messages_in(records.substr(0, 5 + length));  // early data follows
 }
 
 TEST_F(ClientsJudge, TakesHellosThatResumeForWhatTheyOffer) {
