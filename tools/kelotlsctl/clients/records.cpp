@@ -170,6 +170,13 @@ void require_name(const std::string& service) {
   }
 }
 
+void make_directory() {
+  std::vector<std::string> made;
+  if (!kelotls::make_directories(ClientRecords::kDirectory, kDirectoryMode, made)) {
+    throw system_failure(ClientRecords::kDirectory);
+  }
+}
+
 /// "web.json.4711-0"
 bool is_left_of(const std::string& name, const std::string& file) {
   return name.size() > file.size() + 1 && name.compare(0, file.size() + 1, file + ".") == 0 &&
@@ -186,11 +193,32 @@ bool remove_file(const std::string& path) {
 
 }  // namespace
 
+UnreadConnections& UnreadConnections::operator+=(const UnreadConnections& more) {
+  not_tls += more.not_tls;
+  ssl2 += more.ssl2;
+  incomplete += more.incomplete;
+  too_large += more.too_large;
+  return *this;
+}
+
+Json::Value UnreadConnections::json() const {
+  return object({{"not-tls", Json::UInt64{not_tls}},
+                 {"ssl2", Json::UInt64{ssl2}},
+                 {"incomplete", Json::UInt64{incomplete}},
+                 {"too-large", Json::UInt64{too_large}}});
+}
+
 std::string time_text(std::time_t when) { return formatted(when, kTimeFormat); }
 
 std::string ClientRecords::path_of(const std::string& service) {
   require_name(service);
   return std::string(kDirectory) + "/" + service + kSuffix;
+}
+
+std::string ClientRecords::lock_path_of(const std::string& service) {
+  require_name(service);
+  make_directory();
+  return std::string(kDirectory) + "/" + service + ".lock";
 }
 
 bool ClientRecords::exist_of(const std::string& service) {
@@ -282,13 +310,6 @@ bool ClientRecords::add(const std::string& hello, std::time_t when, const std::s
   return true;
 }
 
-void ClientRecords::count_unread(const UnreadConnections& more) {
-  unread_.not_tls += more.not_tls;
-  unread_.ssl2 += more.ssl2;
-  unread_.incomplete += more.incomplete;
-  unread_.too_large += more.too_large;
-}
-
 void ClientRecords::cover(std::time_t since, std::time_t until) {
   const bool is_first = since_ == 0 && until_ == 0;
   since_ = is_first ? since : std::min(since_, since);
@@ -340,10 +361,7 @@ Json::Value ClientRecords::summary() const {
                  {"connections", Json::UInt64{connections_}},
                  {"left-out", object({{"hellos", Json::UInt64{left_out_hellos_}},
                                       {"connections", Json::UInt64{left_out_connections_}}})},
-                 {"unread", object({{"not-tls", Json::UInt64{unread_.not_tls}},
-                                    {"ssl2", Json::UInt64{unread_.ssl2}},
-                                    {"incomplete", Json::UInt64{unread_.incomplete}},
-                                    {"too-large", Json::UInt64{unread_.too_large}}})},
+                 {"unread", unread_.json()},
                  {"kernel-drops", Json::UInt64{kernel_drops_}}});
 }
 
@@ -358,9 +376,8 @@ void ClientRecords::save() {
     before = ",\n";
   }
   text += "\n]}\n";
-  std::vector<std::string> made;
-  if (!kelotls::make_directories(kDirectory, kDirectoryMode, made) ||
-      !kelotls::replace_entry(path_of(service_), text, kFileMode)) {
+  make_directory();
+  if (!kelotls::replace_entry(path_of(service_), text, kFileMode)) {
     throw system_failure(path_of(service_));
   }
 }

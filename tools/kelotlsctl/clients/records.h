@@ -30,6 +30,10 @@ struct UnreadConnections {
   std::uint64_t ssl2 = 0;  ///< a hello in the form of SSL 2, which old clients use for TLS too
   std::uint64_t incomplete = 0;
   std::uint64_t too_large = 0;
+
+  UnreadConnections& operator+=(const UnreadConnections& more);
+  bool any() const { return not_tls + ssl2 + incomplete + too_large > 0; }
+  Json::Value json() const;
 };
 
 constexpr std::int64_t kSecondsPerHour = 3600;
@@ -44,6 +48,8 @@ class ClientRecords {
   static constexpr char kDirectory[] = "/usr/kelo/etc/security-profile/tls-profile/clients";
 
   static std::string path_of(const std::string& service);
+  /// What who writes it locks; in the directory, which is made where it is missing.
+  static std::string lock_path_of(const std::string& service);
   static bool exist_of(const std::string& service);
 
   /// None where there is no file. A Failure where the file cannot be used.
@@ -60,7 +66,7 @@ class ClientRecords {
   /// ClientHello.
   bool add(const std::string& hello, std::time_t when, const std::string& address);
 
-  void count_unread(const UnreadConnections& more);
+  void count_unread(const UnreadConnections& more) { unread_ += more; }
   void count_kernel_drops(std::uint64_t more) { kernel_drops_ += more; }
 
   /// This time was watched as well.
