@@ -335,9 +335,8 @@ std::string tls12_outcome(const Offered& offered, std::uint16_t version, const C
         (is_dhe && !one.given.has_dhe)) {
       continue;
     }
-    // The certificate itself has to be signed with what the extension names, too.
-    const bool needs_signature = is_ecdhe || is_dhe || offered.has_signatures;
-    return needs_signature && version == kTls12 && !can_sign(offered, one.is_rsa)
+    // The certificate itself has to be signed with what the client takes, too.
+    return version == kTls12 && !can_sign(offered, one.is_rsa)
                ? "refused"
                : "TLS 1." + std::to_string(version - kTls10) + " " + name;
   }
