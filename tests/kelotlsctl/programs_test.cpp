@@ -39,7 +39,7 @@ class Programs : public PrivateTree {
 
   static std::string notes_of(const std::string& lines) {
     write_script("{\n" + lines + "\n} > " + kNotes + "\n");
-    EXPECT_EQ(run_to_end(kProgram, kLong).status, 0);
+    EXPECT_EQ(run_to_end({kProgram}, kLong).status, 0);
     return read_file(kNotes);
   }
 };
@@ -51,7 +51,7 @@ TEST_F(Programs, MayTakeAMinuteUnlessToldOtherwise) {
 TEST_F(Programs, GiveTheirStatus) {
   for (const int status : {0, 1, 7, 255}) {
     write_script("exit " + std::to_string(status));
-    const ProgramResult result = run_to_end(kProgram, kLong);
+    const ProgramResult result = run_to_end({kProgram}, kLong);
     EXPECT_EQ(result.status, status);
     EXPECT_EQ(result.error, 0);
     EXPECT_EQ(result.end, ProgramResult::End::kByItself);
@@ -60,15 +60,15 @@ TEST_F(Programs, GiveTheirStatus) {
 
 TEST_F(Programs, ThatASignalEndsGive128AndItsNumber) {
   write_script("kill -USR1 $$");
-  EXPECT_EQ(run_to_end(kProgram, kLong).status, 128 + SIGUSR1);
+  EXPECT_EQ(run_to_end({kProgram}, kLong).status, 128 + SIGUSR1);
 }
 
 TEST_F(Programs, ThatCannotBeRunGiveTheReason) {
-  EXPECT_EQ(run_to_end("/tmp/missing", kLong).error, ENOENT);
+  EXPECT_EQ(run_to_end({"/tmp/missing"}, kLong).error, ENOENT);
   write_file(kProgram, "#!/bin/sh\n");
-  EXPECT_EQ(run_to_end(kProgram, kLong).error, EACCES);
+  EXPECT_EQ(run_to_end({kProgram}, kLong).error, EACCES);
   write_program(kProgram, "no format");
-  EXPECT_EQ(run_to_end(kProgram, kLong).error, ENOEXEC);
+  EXPECT_EQ(run_to_end({kProgram}, kLong).error, ENOEXEC);
 }
 
 TEST_F(Programs, HaveACleanEnvironment) {
@@ -110,7 +110,7 @@ TEST_F(Programs, HaveDefaultSignalsAndNoneBlocked) {
 
 TEST_F(Programs, ThatTakeTooLongAreEndedWithTheirGroup) {
   write_script("sleep 1000 & echo $! > /tmp/child\nwait\n");
-  const ProgramResult result = run_to_end(kProgram, seconds(1));
+  const ProgramResult result = run_to_end({kProgram}, seconds(1));
   EXPECT_EQ(result.end, ProgramResult::End::kLate);
   EXPECT_EQ(result.status, 128 + SIGTERM);
   const pid_t child = std::stoi(read_file("/tmp/child"));
@@ -119,14 +119,14 @@ TEST_F(Programs, ThatTakeTooLongAreEndedWithTheirGroup) {
 
 TEST_F(Programs, ThatDoNotListenAreKilled) {
   write_script("trap '' TERM\nwhile :; do sleep 1000; done\n");
-  const ProgramResult result = run_to_end(kProgram, seconds(1));
+  const ProgramResult result = run_to_end({kProgram}, seconds(1));
   EXPECT_EQ(result.end, ProgramResult::End::kLate);
   EXPECT_EQ(result.status, 128 + SIGKILL);
 }
 
 TEST_F(Programs, GoOnAfterOneRequestToEnd) {
   write_script("kill -INT $PPID\nexit 3\n");
-  const ProgramResult result = run_to_end(kProgram, kLong);
+  const ProgramResult result = run_to_end({kProgram}, kLong);
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.end, ProgramResult::End::kByItself);
   EXPECT_EQ(kelotlsctl::interruption(), SIGINT);
@@ -135,7 +135,7 @@ TEST_F(Programs, GoOnAfterOneRequestToEnd) {
 TEST_F(Programs, AreEndedAtTheSecondRequest) {
   // Two different ones: of the same signal, one waits at most.
   write_script("kill -INT $PPID\nkill -TERM $PPID\nsleep 1000\n");
-  const ProgramResult result = run_to_end(kProgram, kLong);
+  const ProgramResult result = run_to_end({kProgram}, kLong);
   EXPECT_EQ(result.end, ProgramResult::End::kInterrupted);
   EXPECT_EQ(result.status, 128 + SIGTERM);
   EXPECT_EQ(kelotlsctl::interruption(), SIGINT);
@@ -143,7 +143,7 @@ TEST_F(Programs, AreEndedAtTheSecondRequest) {
 
 TEST_F(Programs, ThatLeaveAServerBehindDoNotEndIt) {
   write_script("sleep 1000 & echo $! > /tmp/child\n");
-  EXPECT_EQ(run_to_end(kProgram, kLong).status, 0);
+  EXPECT_EQ(run_to_end({kProgram}, kLong).status, 0);
   const pid_t child = std::stoi(read_file("/tmp/child"));
   EXPECT_EQ(::kill(child, 0), 0);
   ::kill(child, SIGKILL);

@@ -46,6 +46,12 @@ struct Arguments {
   std::string limit;
   std::string certificate;
   bool no_addresses = false;
+  std::string confirm;  ///< how long to wait for a confirmation
+  std::string until;    ///< a date
+  std::string then;     ///< the level after it
+  std::string count;
+  bool wait = false;
+  bool before_services = false;
   std::string file;  ///< "-" for the standard input
 
   Confidence confidence() const { return {command, trust_anyway, dry_run}; }
@@ -88,10 +94,10 @@ PrintFunction print_services, print_status, print_service, print_level_of_servic
 // change/: what writes, renders or runs
 CommandFunction set_level, default_level, join_services, leave_services, regenerate,
     render_templates, reload, apply_levels, backup, restore, initialise, recover, make_dh_files,
-    keep_address;
+    keep_address, confirm, revert, settle_due, undo, redo;
 PrintFunction print_set, print_default, print_joined, print_left, print_regenerated, print_rendered,
     print_reloaded, print_applied, print_backup, print_restored, print_initialised, print_recovered,
-    print_dh_files, print_address;
+    print_dh_files, print_address, print_kept, print_reverted, print_settled, print_undone;
 
 /// What "clients" does: each is handed on to by the word that follows it.
 Report manage_clients(Console& console, const Arguments& arguments);

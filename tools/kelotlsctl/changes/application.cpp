@@ -64,7 +64,7 @@ std::string change_text(const Json::Value& change, bool is_done) {
 /// Runs the reloader of the element, and tells it what went wrong.
 void run_listed(Json::Value& reloader, std::chrono::seconds timeout) {
   const std::string path = reloader["path"].asString();
-  const ProgramResult result = run_to_end(path, timeout);
+  const ProgramResult result = run_to_end({path}, timeout);
   if (result.error != 0) {
     reloader["fault"] = std::string("cannot be run: ") + std::strerror(result.error);
     errno = result.error;

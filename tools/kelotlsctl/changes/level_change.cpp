@@ -3,6 +3,7 @@
 
 #include <exception>
 
+#include "changes/snapshot.h"
 #include "service/expected_differences.h"
 #include "store/addresses.h"
 #include "store/history.h"
@@ -89,6 +90,24 @@ Json::Value LevelChange::record() const {
   return changes.empty() ? changes_of(selection.names) : changes;
 }
 
+LevelChange LevelChange::of_own_levels() const {
+  LevelChange change = {before, after, {}};
+  for (const std::string& service : selection.names) {
+    if (before.stored_level(service) != after.stored_level(service)) {
+      change.selection.names.push_back(service);
+    }
+  }
+  return change;
+}
+
+Json::Value LevelChange::snapshot() const {
+  Json::Value snapshot = take_snapshot(before, selection.names, Extent::kLevel);
+  if (before.default_level() != after.default_level()) {
+    add_default_level(snapshot, before);
+  }
+  return snapshot;
+}
+
 void LevelChange::refuse_unreachable() const {
   refuse_unreachable_levels(Addresses::load(), after, selection.names);
 }
@@ -110,6 +129,8 @@ Report bring_into_force(Console& console, const LevelChange& change, const Reloa
   report.document["undone"] =
       services.empty() ? list_of({}) : take_back(console, change, services, options);
   record_result(change, report.document["undone"]);
+  report.is_undone =
+      !change.selection.names.empty() && services.size() == change.selection.names.size();
   return report;
 }
 

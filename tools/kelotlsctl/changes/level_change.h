@@ -16,6 +16,12 @@ struct LevelChange {
   /// What changes, as it is recorded.
   Json::Value record() const;
 
+  /// The same change, as far as services have levels of their own that become others.
+  LevelChange of_own_levels() const;
+
+  /// What there was before it, to be put back.
+  Json::Value snapshot() const;
+
   /// A Failure where a service's server cannot be at its new level, or where what is kept of
   /// servers cannot be used.
   void refuse_unreachable() const;

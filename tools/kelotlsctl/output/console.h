@@ -148,6 +148,7 @@ struct Report {
   std::vector<std::string> notes{};  ///< for people; silent with --quiet
   /// Takes the place of the command's own function where an option asks for another form.
   PrintFunction* print = nullptr;
+  bool is_undone = false;  ///< of a change: nothing of it is left
 };
 
 }  // namespace kelotlsctl

@@ -1,7 +1,6 @@
 // Owns whether a service's level has reached the service.
 #include "service/service_state.h"
 
-#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,8 @@
 #include "service/expected_differences.h"
 #include "service/running_server.h"
 #include "service/templates.h"
+#include "system/clocks.h"
+#include "system/digest.h"
 
 namespace kelotlsctl {
 
@@ -78,23 +79,12 @@ bool needs_root(const RenderResult& result) {
           ::access(result.template_path.c_str(), R_OK) != 0 && errno == EACCES);
 }
 
-std::string sha256(const std::string& text) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_Digest(text.data(), text.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+Json::Value stamp_entry(int effective, const std::string& rendered) {
+  const std::string digest = sha256(rendered);
+  if (digest.empty()) {
     throw Failure(kFailed, "OpenSSL gives no SHA-256");
   }
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string hex;
-  for (unsigned int index = 0; index < length; ++index) {
-    hex += kDigits[digest[index] >> 4];
-    hex += kDigits[digest[index] & 15];
-  }
-  return hex;
-}
-
-Json::Value stamp_entry(int effective, const std::string& rendered) {
-  return object({{"level", effective}, {"rendered", sha256(rendered)}});
+  return object({{"level", effective}, {"rendered", digest}});
 }
 
 bool holds(const Json::Value& recorded, const Json::Value& entry) {
@@ -201,6 +191,9 @@ ServiceStatus ServiceInspector::inspect(const std::string& service) {
   }
   status.document["display-name"] = kelotls::text_member(entry, "display-name");
   status.document["state"] = kStateWords[static_cast<std::size_t>(status.state)].key;
+  if (const DatedLevel* const dated = dates_.find(service)) {
+    status.document["dated"] = dated_json(*dated);
+  }
   if (!status.rendered.fault.empty()) {
     status.document["fault"] = status.rendered.fault;
   }
@@ -266,6 +259,10 @@ std::vector<std::string> state_keys() {
 }
 
 std::string state_text(const std::string& state_key) { return words_of_state(state_key).text; }
+
+std::string date_text(const Json::Value& document) {
+  return document.isMember("dated") ? " until " + document["dated"]["until"].asString() : "";
+}
 
 const char* state_tone(const std::string& state_key) { return words_of_state(state_key).tone; }
 

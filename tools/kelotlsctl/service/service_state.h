@@ -8,6 +8,7 @@
 
 #include "rendering.h"
 #include "store/addresses.h"
+#include "store/dated_levels.h"
 #include "store/store.h"
 
 namespace kelotlsctl {
@@ -101,7 +102,8 @@ struct ServiceStatus {
 /// Looks at services one after another, reading what they share once.
 class ServiceInspector {
  public:
-  explicit ServiceInspector(const Store& store) : store_(store), stamp_(Stamp::load()) {}
+  explicit ServiceInspector(const Store& store)
+      : store_(store), stamp_(Stamp::load()), dates_(DatedLevels::load_usable()) {}
 
   /// From now on, a level that is in force by the service's files has to be seen at its running
   /// server too, where an address is kept. The document then tells what was "asked".
@@ -116,6 +118,7 @@ class ServiceInspector {
 
   const Store& store_;
   Stamp stamp_;
+  DatedLevels dates_;
   std::optional<Addresses> addresses_;
   kelotls::JsonReader reader_;
 };
@@ -125,6 +128,9 @@ std::vector<std::string> state_keys();
 
 /// "pending reload", for people, of "pending-reload", for programs.
 std::string state_text(const std::string& state_key);
+
+/// " until 2027-03-01T00:00:00Z", of a service's document; empty for a level without a date.
+std::string date_text(const Json::Value& document);
 
 /// What a terminal shows the state in: what is in force, what is pending, what is at fault.
 const char* state_tone(const std::string& state_key);

@@ -22,6 +22,8 @@
 #include "output/console.h"
 #include "paths.h"
 #include "store/store.h"
+#include "system/clocks.h"
+#include "system/digest.h"
 
 namespace kelotlsctl {
 
@@ -31,8 +33,10 @@ constexpr Json::ArrayIndex kMostLoggedChanges = 20;
 
 struct OpenRecord {
   bool is_open = false;
+  bool is_waiting = false;
   Json::Value begin;
   Json::Value end;
+  Json::Value next{Json::objectValue};  // what the next one begins with
 };
 
 OpenRecord& current() {
@@ -77,9 +81,11 @@ Json::Value terminal() {
   return {};
 }
 
-std::string new_id() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::to_string(std::chrono::nanoseconds(now).count()) + "-" + std::to_string(::getpid());
+/// Of the data store as it is; null where it cannot be read.
+Json::Value store_digest() {
+  std::string text;
+  return kelotls::read_file(kelotls::kDataStorePath, text) ? Json::Value(sha256(text))
+                                                           : Json::Value();
 }
 
 /// One line, whatever the record holds.
@@ -146,8 +152,7 @@ std::string who_text(const Json::Value& person) {
 }
 
 /// "kelotlsctl set: web old -> modern; by root, login ann, on /dev/pts/0; reason: audit; done"
-std::string log_text() {
-  const Json::Value& begin = current().begin;
+std::string log_text(const Json::Value& begin, const std::string& result) {
   std::string text = "kelotlsctl " + begin["command"].asString() + ": ";
   const Json::Value& changes = begin["changes"];
   for (Json::ArrayIndex index = 0; index < changes.size() && index < kMostLoggedChanges; ++index) {
@@ -163,7 +168,79 @@ std::string log_text() {
   if (!begin["reason"].isNull()) {
     text += "; reason: " + begin["reason"].asString();
   }
-  return printable(text + "; " + current().end["result"].asString());
+  return printable(text + "; " + result);
+}
+
+void log(const Json::Value& begin, const std::string& result) {
+  ::syslog(LOG_AUTHPRIV | LOG_NOTICE, "%s", log_text(begin, result).c_str());
+}
+
+/// The last line that is a record's, of the newer file that has one; null without any.
+Json::Value last_line() {
+  kelotls::JsonReader reader;
+  for (const char* const path : {kHistoryPath, kFormerHistoryPath}) {
+    std::string text;
+    kelotls::read_file(path, text);
+    while (!text.empty()) {
+      text.resize(text.size() - (text.back() == '\n' ? 1 : 0));
+      const std::size_t begin = text.rfind('\n') + 1;
+      Json::Value line;
+      if (reader.parse(text.substr(begin), line) && !kelotls::text_member(line, "id").empty()) {
+        return line;
+      }
+      text.resize(begin);
+    }
+  }
+  return {};
+}
+
+bool is_ended(const Json::Value& line) { return line.isMember("ended"); }
+
+/// The record of a change that no command has made, if the data store is not what it was when the
+/// record was ended; else null.
+Json::Value outside_record(const Json::Value& last) {
+  const Json::Value digest = store_digest();
+  if (!last.isMember("store") || last["store"] == digest) {
+    return {};
+  }
+  const std::string now = now_as_text();
+  return object({{"id", new_record_id()},
+                 {"time", now},
+                 {"ended", now},
+                 {"command", "outside"},
+                 {"who", object({{"user", "not known"}})},
+                 {"terminal", Json::Value()},
+                 {"reason", Json::Value()},
+                 {"changes", list_of({})},
+                 {"result", "done"},
+                 {"store", digest}});
+}
+
+void append_or_fail(const Json::Value& record) {
+  if (!append(record)) {
+    throw Failure(kFailed, std::string(kHistoryPath) + ": " + std::strerror(errno),
+                  "Nothing was changed: a change has to leave a trace.");
+  }
+}
+
+/// Before anything is added to the record: ends the one before it, if that was interrupted, and
+/// records a change of the data store that no command has made.
+void catch_up(const std::string& record) {
+  const Json::Value last = last_line();
+  if (last.isNull() || last["id"] == record) {
+    return;
+  }
+  if (!is_ended(last)) {
+    append_or_fail(object({{"id", last["id"]},
+                           {"ended", now_as_text()},
+                           {"result", "interrupted"},
+                           {"store", store_digest()}}));
+    return;
+  }
+  const Json::Value outside = outside_record(last);
+  if (!outside.isNull()) {
+    append_or_fail(outside);
+  }
 }
 
 /// Adds the records of a file, in the order of their first ones.
@@ -189,12 +266,15 @@ class HistoryReader {
 
   Json::Value changes() { return std::move(changes_); }
 
+  const Json::Value& last_line() const { return last_line_; }
+
  private:
   bool take(const std::string& line) {
     Json::Value record;
     if (!reader_.parse(line, record) || kelotls::text_member(record, "id").empty()) {
       return false;
     }
+    last_line_ = record;
     const std::string id = record["id"].asString();
     const auto [place, is_new] = places_.emplace(id, changes_.size());
     if (is_new) {
@@ -211,6 +291,7 @@ class HistoryReader {
   kelotls::JsonReader reader_;
   std::map<std::string, Json::ArrayIndex> places_;
   Json::Value changes_{Json::arrayValue};
+  Json::Value last_line_;
 };
 
 }  // namespace
@@ -226,23 +307,43 @@ Json::Value level_change(const std::string& service, const std::string& from,
   return object({{"service", service}, {"from", from}, {"to", to}});
 }
 
-void begin_record(const std::string& command, const std::string& reason,
-                  const Json::Value& changes) {
+std::string new_record_id() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  static int count = 0;
+  return std::to_string(std::chrono::nanoseconds(now).count()) + "-" + std::to_string(::getpid()) +
+         "-" + std::to_string(++count);
+}
+
+void begin_record(const std::string& command, const std::string& reason, const Json::Value& changes,
+                  const std::string& id) {
+  catch_up(id);
   begin_new_file_where_full();
-  current().begin = object({{"id", new_id()},
+  current().begin = object({{"id", id},
                             {"time", now_as_text()},
                             {"command", command},
                             {"who", who()},
                             {"terminal", terminal()},
                             {"reason", reason.empty() ? Json::Value() : Json::Value(reason)},
                             {"changes", changes}});
-  if (!append(current().begin)) {
-    throw Failure(kFailed, std::string(kHistoryPath) + ": " + std::strerror(errno),
-                  "Nothing was changed: a change has to leave a trace.");
+  for (const std::string& member : current().next.getMemberNames()) {
+    current().begin[member] = current().next[member];
   }
-  current().end = object({{"id", current().begin["id"]}});
+  current().next.clear();
+  append_or_fail(current().begin);
+  current().end = object({{"id", id}});
   current().is_open = true;
+  current().is_waiting = false;
 }
+
+std::string open_record_id() {
+  return current().is_open ? current().begin["id"].asString() : std::string();
+}
+
+void add_to_next_record(const char* member, const Json::Value& value) {
+  current().next[member] = value;
+}
+
+void set_waiting() { current().is_waiting = true; }
 
 void set_result(const std::string& result, const Json::Value& services) {
   current().end["result"] = result;
@@ -258,21 +359,53 @@ bool end_record(int code, int exit_status) {
   current().is_open = false;
   current().end["ended"] = now_as_text();
   current().end["code"] = exit_status;
-  if (!current().end.isMember("result")) {
+  if (current().is_waiting) {
+    current().end["result"] = "waiting";
+  } else if (!current().end.isMember("result")) {
     current().end["result"] = code == kDone ? "done" : exit_status > 128 ? "interrupted" : "failed";
   }
+  current().end["store"] = store_digest();
   const bool is_written = append(current().end);
   const int error = errno;
-  ::syslog(LOG_AUTHPRIV | LOG_NOTICE, "%s", log_text().c_str());
+  log(current().begin, current().end["result"].asString());
   errno = error;
   return is_written;
+}
+
+void catch_up_history() { catch_up({}); }
+
+void record_taking_back(const std::string& id) {
+  catch_up(id);
+  append_or_fail(object({{"id", id}, {"result", "taking-back"}}));
+}
+
+void record_outcome(const std::string& id, const std::string& command, const std::string& result,
+                    const std::vector<std::string>& services) {
+  catch_up(id);
+  const Json::Value by = object({{"command", command}, {"who", who()}, {"time", now_as_text()}});
+  append_or_fail(object({{"id", id},
+                         {"ended", now_as_text()},
+                         {"result", result},
+                         {"settled", by},
+                         {"store", store_digest()}}));
+  log(object({{"command", command},
+              {"who", by["who"]},
+              {"terminal", terminal()},
+              {"reason", Json::Value()},
+              {"changes", changes_of(services)}}),
+      result);
 }
 
 Json::Value read_history(std::vector<std::string>& faults) {
   HistoryReader reader;
   reader.read(kFormerHistoryPath, faults);
   reader.read(kHistoryPath, faults);
-  return reader.changes();
+  Json::Value changes = reader.changes();
+  const Json::Value outside = outside_record(reader.last_line());
+  if (!outside.isNull()) {
+    changes.append(outside);
+  }
+  return changes;
 }
 
 }  // namespace kelotlsctl

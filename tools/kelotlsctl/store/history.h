@@ -1,6 +1,7 @@
 // Owns the trace that every change leaves: records in a file that only root reads, and a line in
-// the system log. A change has two records: one on the disk before its first effect, and one when
-// it is over. A change that has the first alone was interrupted.
+// the system log. A record is the lines of one "id", later ones adding to the first: one on the
+// disk before the first effect of the change, one when it is over, one more where it was confirmed
+// or taken back later. A change that has the first alone was interrupted.
 #pragma once
 
 #include <json/value.h>
@@ -23,15 +24,27 @@ Json::Value changes_of(const std::vector<std::string>& services);
 Json::Value level_change(const std::string& service, const std::string& from,
                          const std::string& to);
 
-/// Begins the record of the one change that this process makes. changes: a list of what
-/// level_change and changes_of give. Who makes it, from where and when is added. A Failure
-/// when it cannot be written: then nothing may be changed.
-void begin_record(const std::string& command, const std::string& reason,
-                  const Json::Value& changes);
+/// Names a record; no two have the same.
+std::string new_record_id();
 
-/// What came of the change: "done", "failed", "undone", "interrupted"; where it differs among
-/// services, of those for which it is not "done": [{"service", "result"}].
+/// Begins a record. changes: a list of what level_change and changes_of give. Who makes it, from
+/// where and when is added. A Failure when it cannot be written: then nothing may be changed. With
+/// the id of a record that is there, that one goes on. One record is open at a time.
+void begin_record(const std::string& command, const std::string& reason, const Json::Value& changes,
+                  const std::string& id = new_record_id());
+
+/// Of the record that is open; empty without one.
+std::string open_record_id();
+
+/// Adds a member to the first line of the next record that is begun.
+void add_to_next_record(const char* member, const Json::Value& value);
+
+/// What came of the change: "done", "failed", "undone", "interrupted", "waiting"; where it differs
+/// among services, of those for which it is not so: [{"service", "result"}].
 void set_result(const std::string& result, const Json::Value& services = Json::Value());
+
+/// The change waits to be confirmed, whatever set_result says of single services.
+void set_waiting();
 
 /// Ends the record, if one was begun, with the result that was set; else with "done" where the
 /// command was, "interrupted" or "failed". Writes the line to the system log too. exit_status: of
@@ -39,9 +52,25 @@ void set_result(const std::string& result, const Json::Value& services = Json::V
 /// could not be written.
 bool end_record(int code, int exit_status);
 
+/// A change that was recorded is about to be taken back: the data store changes with it. A Failure
+/// when it cannot be written.
+void record_taking_back(const std::string& id);
+
+/// What became of a change after its record was ended: "confirmed", "taken-back",
+/// "take-back-failed". By whom and when is added, and a line written to the system log. command:
+/// what has made it so. A Failure when it cannot be written.
+void record_outcome(const std::string& id, const std::string& command, const std::string& result,
+                    const std::vector<std::string>& services);
+
+/// Ends the record of a change that was interrupted, if that is the last one, and records a change
+/// of the data store that no command has made, as everything does that adds to the history. Nobody
+/// else may be writing. A Failure when it cannot be written.
+void catch_up_history();
+
 /// The changes on record, oldest first: {"id", "time", "command", "who", "terminal", "reason",
-/// "changes", "result", "ended", "code"}. faults: "PATH, line 3: ...", for lines that are no
-/// record.
+/// "changes", "result", "ended", "code"}; "store": the digest of the data store when it was over. A
+/// change that no command has made has the command "outside", also where it is not yet on record.
+/// faults: "PATH, line 3: ...", for lines that are no record.
 Json::Value read_history(std::vector<std::string>& faults);
 
 }  // namespace kelotlsctl

@@ -9,7 +9,6 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <set>
 
 #include "framework_config.h"
@@ -297,12 +296,8 @@ void require_service(const Store& store, const std::string& service) {
   }
 }
 
-std::string now_as_text() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc = {};
-  char text[32];
-  static_cast<void>(std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&now, &utc)));
-  return text;
+bool is_withheld(const char* path) {
+  return ::geteuid() != 0 && ::access(path, R_OK) != 0 && errno == EACCES;
 }
 
 bool read_document(const std::string& path, Json::Value& document, std::string& fault) {

@@ -127,8 +127,8 @@ constexpr const char* kDirectories[] = {kelotls::kFrameworkDir, kelotls::kServic
 /// made. In a dry run nothing is made, and directories above them are not looked at.
 std::vector<std::string> make_missing_directories(bool is_dry_run);
 
-/// "2027-01-31T23:59:59Z"
-std::string now_as_text();
+/// Whether there is a file at the path that only root may read.
+bool is_withheld(const char* path);
 
 /// Reads a JSON file as the library reads its own. On failure the fault says why.
 bool read_document(const std::string& path, Json::Value& document, std::string& fault);

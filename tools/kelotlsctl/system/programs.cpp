@@ -67,9 +67,27 @@ void close_others_at_exec() {
   }
 }
 
+/// The arguments as execve takes them. They stay the command's.
+std::vector<char*> arguments_of(const std::vector<std::string>& command) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : command) {
+    arguments.push_back(const_cast<char*>(argument.c_str()));
+  }
+  arguments.push_back(nullptr);
+  return arguments;
+}
+
+/// In the new process, as execve failed.
+[[noreturn]] void give_reason(int reasons) {
+  const int error = errno;
+  const ssize_t written = ::write(reasons, &error, sizeof error);  // into an empty pipe: at once
+  static_cast<void>(written);
+  ::_exit(127);
+}
+
 /// In the new process: becomes the program, or writes the reason why not. Until then it shares the
 /// memory of its parent, which waits: nothing here may allocate.
-[[noreturn]] void become(const std::string& path, char** environment, pid_t parent, int reasons) {
+[[noreturn]] void become(char** arguments, char** environment, pid_t parent, int reasons) {
   ::setpgid(0, 0);
   ::prctl(PR_SET_PDEATHSIG, SIGTERM);
   const int empty = ::open("/dev/null", O_RDONLY);
@@ -78,22 +96,37 @@ void close_others_at_exec() {
   ::dup2(STDERR_FILENO, STDOUT_FILENO);
   ::umask(022);
   set_default_signals();
-  char* const arguments[] = {const_cast<char*>(path.c_str()), nullptr};
   if (::getppid() == parent && ::chdir("/") == 0) {
-    ::execve(path.c_str(), arguments, environment);
+    ::execve(arguments[0], arguments, environment);
   }
-  const int error = errno;
-  const ssize_t written = ::write(reasons, &error, sizeof error);  // into an empty pipe: at once
-  static_cast<void>(written);
-  ::_exit(127);
+  give_reason(reasons);
+}
+
+/// In the new process: goes on as one that nobody waits for and no terminal belongs to.
+[[noreturn]] void become_detached(char** arguments, char** environment, int reasons) {
+  ::setsid();
+  const pid_t again = ::fork();  // one that leads no session cannot get a terminal either
+  if (again != 0) {
+    ::_exit(again < 0 ? 127 : 0);
+  }
+  const int empty = ::open("/dev/null", O_RDWR);
+  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    ::dup2(empty, standard);
+  }
+  ::close(empty);
+  set_default_signals();
+  if (::chdir("/") == 0) {
+    ::execve("/proc/self/exe", arguments, environment);
+  }
+  give_reason(reasons);
 }
 
 /// A copy of this process, and of its tables of pages, would cost more than most reloaders do.
-pid_t start(const std::string& path, char** environment, int reasons) {
+pid_t start(char** arguments, char** environment, int reasons) {
   const pid_t parent = ::getpid();
   const pid_t program = ::vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
   if (program == 0) {
-    become(path, environment, parent, reasons);
+    become(arguments, environment, parent, reasons);
   }
   return program;
 }
@@ -166,8 +199,9 @@ ProgramResult not_run(int error) {
 
 }  // namespace
 
-ProgramResult run_to_end(const std::string& path, std::chrono::seconds timeout) {
+ProgramResult run_to_end(const std::vector<std::string>& command, std::chrono::seconds timeout) {
   std::vector<char*> environment = clean_environment();
+  std::vector<char*> arguments = arguments_of(command);
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) {
     return not_run(errno);
@@ -175,7 +209,7 @@ ProgramResult run_to_end(const std::string& path, std::chrono::seconds timeout) 
   const kelotls::Descriptor reasons(ends[0]);
   kelotls::Descriptor writer(ends[1]);
   close_others_at_exec();
-  const pid_t program = start(path, environment.data(), writer.get());
+  const pid_t program = start(arguments.data(), environment.data(), writer.get());
   if (program < 0) {
     return not_run(errno);
   }
@@ -184,6 +218,31 @@ ProgramResult run_to_end(const std::string& path, std::chrono::seconds timeout) 
   const int error = reason_from(reasons.get());
   const ProgramResult result = Watch(program, timeout).wait();
   return error != 0 ? not_run(error) : result;
+}
+
+int start_detached(const std::vector<std::string>& arguments) {
+  std::vector<char*> environment = clean_environment();
+  std::vector<char*> words = arguments_of(arguments);
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) {
+    return errno;
+  }
+  const kelotls::Descriptor reasons(ends[0]);
+  kelotls::Descriptor writer(ends[1]);
+  close_others_at_exec();
+  const pid_t process = ::fork();
+  if (process == 0) {
+    become_detached(words.data(), environment.data(), writer.get());
+  }
+  if (process < 0) {
+    return errno;
+  }
+  writer.close();
+  const int error = reason_from(reasons.get());
+  int status = 0;
+  while (::waitpid(process, &status, 0) < 0 && errno == EINTR) {
+  }
+  return error != 0 ? error : status != 0 ? EAGAIN : 0;
 }
 
 }  // namespace kelotlsctl

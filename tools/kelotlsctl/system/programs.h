@@ -1,8 +1,9 @@
-// Owns how reloaders are run: for how long, with which environment, and what ends them.
+// Owns how programs are run: for how long, with which environment, and what ends them.
 #pragma once
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 namespace kelotlsctl {
 
@@ -16,13 +17,18 @@ struct ProgramResult {
   End end = End::kByItself;
 };
 
-/// Runs a program without arguments and waits for its end. It is the leader of a process group of
-/// its own, in the directory "/", with umask 022, an empty standard input, default signals, no
-/// descriptor above 2, and of the environment PATH (a fixed one), LANG, LC_*, TZ and TERM alone.
-/// What it writes to the standard output goes to the standard error.
+/// Runs a program, by its path and with its arguments, and waits for its end. It is the leader of a
+/// process group of its own, in the directory "/", with umask 022, an empty standard input, default
+/// signals, no descriptor above 2, and of the environment PATH (a fixed one), LANG, LC_*, TZ and
+/// TERM alone. What it writes to the standard output goes to the standard error.
 ///
 /// Once its time is over, or at the second signal that asks the command to end, its whole group
 /// gets SIGTERM, and SIGKILL two seconds later. A program whose parent is killed gets SIGTERM.
-ProgramResult run_to_end(const std::string& path, std::chrono::seconds timeout);
+ProgramResult run_to_end(const std::vector<std::string>& command, std::chrono::seconds timeout);
+
+/// Starts this very program again, with these words as its command line, as a process that goes on
+/// after this one: in a session of its own, in the directory "/", with nothing on its standard
+/// descriptors, and in the same environment as above. Why it could not be started; 0 where it was.
+int start_detached(const std::vector<std::string>& arguments);
 
 }  // namespace kelotlsctl

@@ -1,8 +1,10 @@
 // kelotlsctl address: at which address a service's running server is asked.
+#include <optional>
+
+#include "changes/settling.h"
 #include "command_line.h"
 #include "store/addresses.h"
 #include "store/history.h"
-#include "store/lock.h"
 #include "store/store.h"
 
 namespace kelotlsctl {
@@ -74,7 +76,10 @@ Report keep_address(Console& console, const Arguments& arguments) {
   refuse_what_excludes(arguments);
   const bool shows = only_shows(arguments);
   const Json::Value requested = requested_address(arguments);
-  const Lock lock(console, arguments.command, !shows && !arguments.dry_run);
+  std::optional<WriteAccess> access;
+  if (!shows && !arguments.dry_run) {
+    access.emplace(console, arguments.confidence());
+  }
   const Addresses addresses = Addresses::load();
   require_known(addresses, arguments);
   const Json::Value from = json_of(addresses.find(arguments.service));

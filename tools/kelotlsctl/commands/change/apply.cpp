@@ -1,13 +1,15 @@
 // kelotlsctl apply: rendering, reloading and probing as one.
 #include "changes/application.h"
+#include "changes/snapshot.h"
+#include "changes/way_back.h"
 #include "command_line.h"
 #include "store/history.h"
-#include "store/lock.h"
 
 namespace kelotlsctl {
 
 Report apply_levels(Console& console, const Arguments& arguments) {
-  const Lock lock(console, arguments.command, !arguments.dry_run);
+  const WayBack way_back = kelotlsctl::way_back(arguments.confirm, arguments.confidence());
+  const WriteAccess access(console, arguments.confidence(), way_back.joins());
   const Store store = load_store();
   const Selection selection = select_services(store, arguments.services);
   const ReloadOptions options = reload_options(arguments.reload_timeout);
@@ -17,8 +19,12 @@ Report apply_levels(Console& console, const Arguments& arguments) {
     report = foresee_application(console, store, selection, false);
   } else {
     begin_record(arguments.command, arguments.reason, changes_of(selection.names));
-    report = apply_to(console, store, selection, options);
-    record_results(report.document["probed"]);
+    const auto snapshot = [&] { return take_snapshot(store, selection.names, Extent::kLevel); };
+    report = make_change(console, way_back, snapshot, [&] {
+      Report applied = apply_to(console, store, selection, options);
+      record_results(applied.document["probed"]);
+      return applied;
+    });
   }
   report.document["applied"] = !arguments.dry_run;
   return report;

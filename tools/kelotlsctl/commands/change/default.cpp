@@ -1,8 +1,8 @@
 // kelotlsctl default: the level of every service that has none of its own.
 #include "changes/level_change.h"
+#include "changes/way_back.h"
 #include "command_line.h"
 #include "store/history.h"
-#include "store/lock.h"
 
 namespace kelotlsctl {
 
@@ -40,7 +40,9 @@ Report set_and_apply(Console& console, const LevelChange& plan, const Arguments&
     document["default-level"] = level_json(load_store().default_level());
     document["written"] = document["default-level"] != document["former-level"];
   }
-  return {application.code, document};
+  Report report = {application.code, document};
+  report.is_undone = application.is_undone;
+  return report;
 }
 
 Report set_only(const LevelChange& plan, bool is_dry_run) {
@@ -66,18 +68,24 @@ Report default_level(Console& console, const Arguments& arguments) {
     throw Failure(kUsage, "the default level cannot follow itself",
                   "It is modern, intermediate or old.");
   }
-  const Lock lock(console, arguments.command, !arguments.dry_run);
+  const WayBack back = way_back(arguments.confirm, arguments.confidence());
+  const WriteAccess access(console, arguments.confidence(), back.joins());
   const LevelChange plan = make_plan(load_store(), level);
   plan.refuse_unreachable();
-  if (arguments.apply) {
+  const bool applies = arguments.apply || back.wait;
+  if (applies) {
     require_trust(console, walk_places(console, kAllPlaces, plan.selection),
                   arguments.confidence());
   }
-  if (!arguments.dry_run && (arguments.apply || plan.before.default_level() != level)) {
+  if (!arguments.dry_run && (applies || plan.before.default_level() != level)) {
     begin_record(arguments.command, arguments.reason, plan.record());
   }
-  return arguments.apply ? set_and_apply(console, plan, arguments)
-                         : set_only(plan, arguments.dry_run);
+  return make_change(
+      console, back, [&] { return plan.snapshot(); },
+      [&] {
+        return applies ? set_and_apply(console, plan, arguments)
+                       : set_only(plan, arguments.dry_run);
+      });
 }
 
 void print_default(Console& console, const Json::Value& document) {

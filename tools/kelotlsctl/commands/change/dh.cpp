@@ -3,14 +3,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 
+#include "changes/settling.h"
 #include "command_line.h"
 #include "files.h"
 #include "levels/dh_parameters.h"
 #include "paths.h"
 #include "profile.h"
 #include "store/history.h"
-#include "store/lock.h"
 #include "store/store.h"
 
 namespace kelotlsctl {
@@ -67,7 +68,10 @@ void execute(Console& console, const std::vector<Plan>& plans, const Arguments& 
   const bool writes =
       std::any_of(plans.begin(), plans.end(), [](const Plan& plan) { return !plan.text.empty(); });
   const bool has_framework = kelotls::exists_at(kelotls::kFrameworkDir);
-  const Lock lock(console, arguments.command, writes && has_framework);
+  std::optional<WriteAccess> access;
+  if (writes && has_framework) {
+    access.emplace(console, arguments.confidence());
+  }
   if (writes && has_framework) {
     begin_record(arguments.command, arguments.reason, list_of({}));
   }

@@ -1,10 +1,10 @@
 // kelotlsctl init: the first data store of a fresh appliance.
+#include "changes/settling.h"
 #include "command_line.h"
 #include "files.h"
 #include "json_document.h"
 #include "paths.h"
 #include "store/history.h"
-#include "store/lock.h"
 #include "store/store.h"
 
 namespace kelotlsctl {
@@ -30,7 +30,7 @@ Report initialise(Console& console, const Arguments& arguments) {
                   "Nothing was changed. If it cannot be used: kelotlsctl recover");
   }
   const std::vector<std::string> made = make_missing_directories(arguments.dry_run);
-  const Lock lock(console, arguments.command, !arguments.dry_run);
+  const WriteAccess access(console, arguments.confidence());
   const Regeneration first = first_store(level);
   if (!arguments.dry_run) {
     Json::Value changes = changes_of(first.store.names());

@@ -7,6 +7,8 @@
 #include <cerrno>
 
 #include "changes/application.h"
+#include "changes/snapshot.h"
+#include "changes/way_back.h"
 #include "command_line.h"
 #include "files.h"
 #include "framework_config.h"
@@ -16,7 +18,6 @@
 #include "store/addresses.h"
 #include "store/documents.h"
 #include "store/history.h"
-#include "store/lock.h"
 #include "store/spelling.h"
 
 namespace kelotlsctl {
@@ -205,6 +206,23 @@ void warn_of(Console& console, const kelotls::Faults& faults) {
   }
 }
 
+Report with_note_of_pending(const Registration& registration, Report report) {
+  if (any_pending(load_store(), registration.names())) {
+    report.notes.emplace_back("Not in force yet: kelotlsctl apply");
+  }
+  return report;
+}
+
+/// What is to be confirmed has to be in force.
+Report applied(Console& console, const Registration& registration, Report report) {
+  const Report application =
+      apply_to(console, load_store(), {registration.names(), false}, ReloadOptions());
+  record_results(application.document["probed"]);
+  report.code = application.code;
+  report.document["apply"] = application.document;
+  return report;
+}
+
 }  // namespace
 
 Report join_services(Console& console, const Arguments& arguments) {
@@ -212,7 +230,8 @@ Report join_services(Console& console, const Arguments& arguments) {
   require_trust(console, walk_registration(console, kelotls::services_of(registration.document)),
                 arguments.confidence());
   const TemplateVerdicts templates = judge_templates(console, registration.document);
-  const Lock lock(console, arguments.command, !arguments.dry_run);
+  const WayBack back = way_back(arguments.confirm, arguments.confidence());
+  const WriteAccess access(console, arguments.confidence(), back.joins());
   Store store = load_store();
   const std::map<std::string, Address> brought = registration.addresses();
   const Addresses addresses = addresses_with(brought);
@@ -227,18 +246,22 @@ Report join_services(Console& console, const Arguments& arguments) {
   }
   refuse_unreachable_levels(addresses, store, registration.names());
   report.document["written"] = !arguments.dry_run;
-  if (!arguments.dry_run) {
-    begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
+  if (arguments.dry_run) {
+    return report;
+  }
+  begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
+  const auto snapshot = [before = store, &registration] {
+    return take_snapshot(before, registration.names(), Extent::kMembership);
+  };
+  return make_change(console, back, snapshot, [&] {
     execute(registration, store);
     if (!brought.empty()) {
       addresses.save();
     }
     remove_stale(report.document["services"]);
-    if (any_pending(load_store(), registration.names())) {
-      report.notes.emplace_back("Not in force yet: kelotlsctl apply");
-    }
-  }
-  return report;
+    return back.wait ? applied(console, registration, report)
+                     : with_note_of_pending(registration, report);
+  });
 }
 
 namespace {

@@ -4,15 +4,17 @@
 
 #include <algorithm>
 
+#include "changes/snapshot.h"
+#include "changes/way_back.h"
 #include "command_line.h"
 #include "files.h"
 #include "paths.h"
 #include "service/remains.h"
 #include "service/service_state.h"
 #include "store/addresses.h"
+#include "store/dated_levels.h"
 #include "store/documents.h"
 #include "store/history.h"
-#include "store/lock.h"
 
 namespace kelotlsctl {
 
@@ -90,19 +92,26 @@ void require_left(const Json::Value& services) {
   }
 }
 
-/// A file of addresses that cannot be used keeps no service from leaving.
-void drop_addresses(Console& console, const std::vector<std::string>& services) {
+/// What is kept by service in a file of the command's own. One that cannot be used keeps no service
+/// from leaving.
+template <typename Kept>
+void drop_kept_in(Console& console, const std::vector<std::string>& services) {
   try {
-    Addresses addresses = Addresses::load();
-    const auto kept =
+    Kept kept = Kept::load();
+    const auto dropped =
         std::count_if(services.begin(), services.end(),
-                      [&](const std::string& service) { return addresses.remove(service); });
-    if (kept != 0) {
-      addresses.save();
+                      [&](const std::string& service) { return kept.remove(service); });
+    if (dropped != 0) {
+      kept.save();
     }
   } catch (const Failure& failure) {
     console.warn(failure.what());
   }
+}
+
+void drop_kept(Console& console, const std::vector<std::string>& services) {
+  drop_kept_in<Addresses>(console, services);
+  drop_kept_in<DatedLevels>(console, services);
 }
 
 void execute(const Registration& registration, const Json::Value& services) {
@@ -131,16 +140,25 @@ std::vector<std::string> warnings_of_mentions(const Json::Value& services, bool 
 
 Report leave_services(Console& console, const Arguments& arguments) {
   const Registration registration = require_registration(arguments.file, kelotls::Purpose::kLeave);
-  const Lock lock(console, arguments.command, !arguments.dry_run);
-  require_members(registration, load_store());
+  const WayBack back = way_back(arguments.confirm, arguments.confidence());
+  const WriteAccess access(console, arguments.confidence(), back.joins());
+  const Store before = load_store();
+  require_members(registration, before);
   const Json::Value services = plan_json(registration);
-  if (!arguments.dry_run) {
-    begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
-    execute(registration, services);
-    drop_addresses(console, registration.names());
+  Report report = {kDone, object({{"written", !arguments.dry_run}, {"services", services}}),
+                   warnings_of_mentions(services, !arguments.dry_run)};
+  if (arguments.dry_run) {
+    return report;
   }
-  return {kDone, object({{"written", !arguments.dry_run}, {"services", services}}),
-          warnings_of_mentions(services, !arguments.dry_run)};
+  begin_record(arguments.command, arguments.reason, changes_of(registration.names()));
+  const auto snapshot = [&] {
+    return take_snapshot(before, registration.names(), Extent::kMembership);
+  };
+  return make_change(console, back, snapshot, [&] {
+    execute(registration, services);
+    drop_kept(console, registration.names());
+    return report;
+  });
 }
 
 void print_left(Console& console, const Json::Value& document) {

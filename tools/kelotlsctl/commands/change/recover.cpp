@@ -7,13 +7,13 @@
 #include <cerrno>
 #include <optional>
 
+#include "changes/settling.h"
 #include "command_line.h"
 #include "framework_config.h"
 #include "json_document.h"
 #include "paths.h"
 #include "store/documents.h"
 #include "store/history.h"
-#include "store/lock.h"
 
 namespace kelotlsctl {
 
@@ -117,7 +117,7 @@ void execute(Plan& plan) {
 Report recover(Console& console, const Arguments& arguments) {
   Plan plan = read_arguments(arguments);
   make_missing_directories(arguments.dry_run);
-  const Lock lock(console, arguments.command, !arguments.dry_run);
+  const WriteAccess access(console, arguments.confidence());
   require_unusable_store();
   complete(plan);
   if (!arguments.dry_run) {

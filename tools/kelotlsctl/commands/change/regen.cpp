@@ -1,13 +1,13 @@
 // kelotlsctl regen: the data store, brought in line with the descriptor files.
+#include "changes/settling.h"
 #include "command_line.h"
 #include "store/history.h"
-#include "store/lock.h"
 #include "store/store.h"
 
 namespace kelotlsctl {
 
 Report regenerate(Console& console, const Arguments& arguments) {
-  const Lock lock(console, arguments.command, !arguments.dry_run);
+  const WriteAccess access(console, arguments.confidence());
   const Regeneration plan = regenerate_store(load_store());
   if (!arguments.dry_run) {
     std::vector<std::string> changed;

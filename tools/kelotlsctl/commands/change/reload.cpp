@@ -1,13 +1,13 @@
 // kelotlsctl reload: all reloaders, run.
 #include "changes/application.h"
+#include "changes/settling.h"
 #include "command_line.h"
 #include "store/history.h"
-#include "store/lock.h"
 
 namespace kelotlsctl {
 
 Report reload(Console& console, const Arguments& arguments) {
-  const Lock lock(console, arguments.command, !arguments.dry_run);
+  const WriteAccess access(console, arguments.confidence());
   const Store store = load_store();
   const Selection selection = select_services(store, arguments.services);
   const ReloadOptions options = reload_options(arguments.reload_timeout);

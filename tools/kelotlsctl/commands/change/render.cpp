@@ -1,10 +1,11 @@
 // kelotlsctl render: all templates, rendered for the levels of their services.
 #include <algorithm>
+#include <optional>
 
 #include "changes/application.h"
+#include "changes/settling.h"
 #include "command_line.h"
 #include "store/history.h"
-#include "store/lock.h"
 
 namespace kelotlsctl {
 
@@ -33,7 +34,10 @@ Report render_templates(Console& console, const Arguments& arguments) {
     throw Failure(kUsage, "--level goes with --preview: services have their own levels");
   }
   const bool writes = !arguments.check && !arguments.dry_run;
-  const Lock lock(console, arguments.command, writes);
+  std::optional<WriteAccess> access;
+  if (writes) {
+    access.emplace(console, arguments.confidence());
+  }
   const Store store = load_store();
   const Selection selection = select_services(store, arguments.services);
   require_trust(console, walk_places(console, kRenderingPlaces, selection), arguments.confidence());

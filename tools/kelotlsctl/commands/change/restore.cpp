@@ -1,32 +1,77 @@
 // kelotlsctl restore: levels, taken from a backup.
+#include "changes/dating.h"
 #include "changes/level_change.h"
+#include "changes/way_back.h"
 #include "command_line.h"
 #include "framework_config.h"
 #include "store/documents.h"
 #include "store/history.h"
-#include "store/lock.h"
 
 namespace kelotlsctl {
 
-Report restore(Console& console, const Arguments& arguments) {
-  const Lock lock(console, arguments.command, !arguments.dry_run);
-  Store live = load_store();
-  const Store saved = read_backup(arguments.file);
-  Json::Value document = restoration_json(live, saved);
-  document["written"] = !arguments.dry_run;
-  const Store before = live;
-  kelotls::restore_levels(live.root, saved.root);
-  const LevelChange plan = {before, live, {live.names(), true}};
-  plan.refuse_unreachable();
-  Report report = {kDone, document};
-  if (!arguments.dry_run) {
-    begin_record(arguments.command, arguments.reason, plan.record());
-    save_store(live);
-    if (any_pending(live, plan.selection.names)) {
-      report.notes.emplace_back("Not in force yet: kelotlsctl apply");
+namespace {
+
+/// Those whose level, once the default was followed, becomes another.
+Selection changed_services(const Store& before, const Store& after) {
+  Selection selection;
+  for (const std::string& service : before.names()) {
+    if (before.stored_level(service) != after.stored_level(service) ||
+        before.effective_level(service) != after.effective_level(service)) {
+      selection.names.push_back(service);
     }
   }
+  return selection;
+}
+
+Report take_levels(Console& console, const LevelChange& plan, Report report, bool applies) {
+  if (applies) {
+    const Report application = bring_into_force(console, plan, ReloadOptions());
+    report.code = application.code;
+    report.is_undone = application.is_undone;
+    report.document["apply"] = application.document;
+    return report;
+  }
+  save_store(plan.after);
+  if (any_pending(plan.after, plan.after.names())) {
+    report.notes.emplace_back("Not in force yet: kelotlsctl apply");
+  }
   return report;
+}
+
+}  // namespace
+
+Report restore(Console& console, const Arguments& arguments) {
+  const WayBack back = way_back(arguments.confirm, arguments.confidence());
+  const WriteAccess access(console, arguments.confidence(), back.joins());
+  const Store before = load_store();
+  const Store saved = read_backup(arguments.file);
+  Report report = {kDone, restoration_json(before, saved)};
+  report.document["written"] = !arguments.dry_run;
+  Store live = before;
+  kelotls::restore_levels(live.root, saved.root);
+  const LevelChange plan = {before, live, changed_services(before, live)};
+  const LevelChange everything = {before, live, {live.names(), true}};
+  everything.refuse_unreachable();
+  if (arguments.dry_run) {
+    return report;
+  }
+  const bool applies = back.wait.has_value();
+  if (applies) {
+    require_trust(console, walk_places(console, kAllPlaces, plan.selection),
+                  arguments.confidence());
+  }
+  const Dating dating;
+  const LevelChange own = plan.of_own_levels();
+  Json::Value changes = everything.record();
+  dating.tell(changes, own);
+  begin_record(arguments.command, arguments.reason, changes);
+  return make_change(
+      console, back, [&] { return plan.snapshot(); },
+      [&] {
+        Report done = take_levels(console, plan, report, applies);
+        dating.end(own, done.document["apply"]["undone"]);
+        return done;
+      });
 }
 
 void print_restored(Console& console, const Json::Value& document) {

@@ -1,8 +1,9 @@
 // kelotlsctl set: the levels of services, and with --apply their way into force.
+#include "changes/dating.h"
 #include "changes/level_change.h"
+#include "changes/way_back.h"
 #include "command_line.h"
 #include "store/history.h"
-#include "store/lock.h"
 
 namespace kelotlsctl {
 
@@ -106,31 +107,65 @@ Report set_only(const LevelChange& plan, bool is_dry_run) {
   return report;
 }
 
+Report set_and_apply(Console& console, const LevelChange& plan, const ReloadOptions& options,
+                     bool is_dry_run) {
+  Report report = is_dry_run ? foresee(console, plan) : bring_into_force(console, plan, options);
+  Json::Value services = plan_json(plan, !is_dry_run);
+  tell_undone(services, report.document["undone"]);
+  report.document.removeMember("undone");
+  report.document = object({{"services", services}, {"apply", report.document}});
+  return report;
+}
+
+Json::Value undone_in(const Report& report) {
+  Json::Value undone = list_of({});
+  for (const Json::Value& service : report.document["services"]) {
+    if (service["undone"].asBool()) {
+      undone.append(service);
+    }
+  }
+  return undone;
+}
+
 }  // namespace
 
 Report set_level(Console& console, const Arguments& arguments) {
   const Request request = parse_request(arguments);
   const ReloadOptions options = reload_options(arguments.reload_timeout);
-  const Lock lock(console, arguments.command, !arguments.dry_run);
+  WayBack back = way_back(arguments.confirm, arguments.confidence());
+  const WriteAccess access(console, arguments.confidence(), back.joins());
+  const Dating dating(arguments.until, arguments.then, arguments.reason);
   const LevelChange plan = make_plan(request);
   plan.refuse_unreachable();
-  if (arguments.apply) {
+  dating.refuse_pointless(plan);
+  const bool applies = arguments.apply || back.wait;
+  if (applies) {
     require_trust(console, walk_places(console, kAllPlaces, plan.selection),
                   arguments.confidence());
   }
-  if (!arguments.dry_run && (arguments.apply || writes_anything(plan))) {
-    begin_record(arguments.command, arguments.reason, plan.record());
+  if (!arguments.dry_run &&
+      (applies || writes_anything(plan) || dating.concerns(plan.selection.names))) {
+    Json::Value changes = plan.record();
+    dating.tell(changes, plan);
+    begin_record(arguments.command, arguments.reason, changes);
   }
-  if (!arguments.apply) {
-    return set_only(plan, arguments.dry_run);
-  }
-  Report report =
-      arguments.dry_run ? foresee(console, plan) : bring_into_force(console, plan, options);
-  Json::Value services = plan_json(plan, !arguments.dry_run);
-  tell_undone(services, report.document["undone"]);
-  report.document.removeMember("undone");
-  report.document = object({{"services", services}, {"apply", report.document}});
-  return report;
+  // A level that is to end is not to stay for want of its date.
+  back.is_kept = back.is_kept || dating.brings_dates();
+  return make_change(
+      console, back, [&] { return plan.snapshot(); },
+      [&] {
+        if (arguments.dry_run) {
+          return applies ? set_and_apply(console, plan, options, true) : set_only(plan, true);
+        }
+        dating.begin(plan);
+        if (dating.brings_dates()) {
+          have_dates_watched();
+        }
+        Report report =
+            applies ? set_and_apply(console, plan, options, false) : set_only(plan, false);
+        dating.end(plan, undone_in(report));
+        return report;
+      });
 }
 
 void print_set(Console& console, const Json::Value& document) {

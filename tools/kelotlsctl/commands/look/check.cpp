@@ -11,6 +11,7 @@
 #include <regex>
 #include <set>
 
+#include "changes/pending_change.h"
 #include "changes/trusted_places.h"
 #include "command_line.h"
 #include "framework_config.h"
@@ -22,6 +23,7 @@
 #include "service/expected_differences.h"
 #include "service/service_state.h"
 #include "store/addresses.h"
+#include "store/dated_levels.h"
 
 namespace kelotlsctl {
 
@@ -217,6 +219,63 @@ void check_addresses(Findings& findings) {
   if (!fault.empty()) {
     findings.add(kWarning, Addresses::kPath, "cannot be used: " + fault,
                  "mend it, or remove it and keep the addresses anew: kelotlsctl address");
+  }
+}
+
+/// A change that waits, or that could not be taken back.
+void check_pending_change(Findings& findings) {
+  if (is_withheld(PendingChange::kPath)) {
+    return;
+  }
+  const std::string fault = PendingChange::fault();
+  if (!fault.empty()) {
+    findings.add(kError, PendingChange::kPath, "cannot be used: " + fault,
+                 "mend it; or remove it, and everything stays as it is");
+    return;
+  }
+  const std::optional<PendingChange> change = PendingChange::load();
+  if (!change) {
+    return;
+  }
+  const Milliseconds left = change->time_left(this_moment());
+  if (left > Milliseconds::zero()) {
+    findings.add(kNote, PendingChange::kPath,
+                 "a change waits to be confirmed, for " + duration_text(left) + " more",
+                 "kelotlsctl confirm, or kelotlsctl revert");
+  } else {
+    const std::string why = change->fault_text();
+    findings.add(kError, PendingChange::kPath,
+                 "a change is to be taken back" + (why.empty() ? "" : ", which fails: " + why),
+                 "kelotlsctl settle; kelotlsctl confirm leaves everything as it is");
+  }
+}
+
+/// Levels that end at a date, and those that should have ended.
+void check_dates(const Store& store, const Selection& selection, Findings& findings) {
+  if (is_withheld(DatedLevels::kPath)) {
+    return;
+  }
+  const std::string fault = DatedLevels::fault();
+  if (!fault.empty()) {
+    findings.add(kError, DatedLevels::kPath, "cannot be used: " + fault,
+                 "mend it; or remove it, and no level has a date");
+    return;
+  }
+  const Moment now = this_moment();
+  const DatedLevels dates = DatedLevels::load();
+  for (const auto& [service, dated] : dates.all()) {
+    const bool is_selected =
+        std::binary_search(selection.names.begin(), selection.names.end(), service);
+    if (!store.has(service)) {
+      findings.add(kWarning, DatedLevels::kPath, service + " has a date, but has not joined",
+                   "kelotlsctl settle drops the date once it has come");
+    } else if (is_selected && dated.is_over(now)) {
+      findings.add(kError, DatedLevels::kPath,
+                   service + " was to return to " + level_text(level_json(dated.then)) + " at " +
+                       utc_text(dated.until) +
+                       (dated.fault.empty() ? "" : ", which fails: " + dated.fault),
+                   "kelotlsctl settle");
+    }
   }
 }
 
@@ -442,6 +501,7 @@ void check_surroundings(Console& console, const std::optional<Store>& store, Fin
     check_directory(directory, findings);
   }
   check_trust(walk_places(console, kAllPlaces), findings);
+  check_pending_change(findings);
   check_reloaders(store, findings);
   for (const int level :
        {kelotls::TLS_PROFILE_LEVEL_INTERMEDIATE, kelotls::TLS_PROFILE_LEVEL_OLD}) {
@@ -457,6 +517,7 @@ void check_selected(Console& console, const Store& store, const Selection& selec
   check_entries(store, selection, findings);
   check_descriptors(store, selection, findings);
   check_addresses(findings);
+  check_dates(store, selection, findings);
   check_services(console, store, selection, findings);
   if (!selection.is_all) {
     check_reloaders_of(selection, findings);

@@ -120,6 +120,9 @@ Report list_services(Console& console, const Arguments& arguments) {
   if (!unasked.empty() && !console.json() && !arguments.terse) {
     report.notes.push_back(unasked);
   }
+  if (is_withheld(DatedLevels::kPath) && !console.json() && !arguments.terse) {
+    report.notes.emplace_back("Whether a level ends at a date is not known: needs root.");
+  }
   if (services.empty() && !console.json() && !arguments.terse) {
     report.notes.emplace_back(!store.names().empty() ? "No service that has joined is so."
                               : has_descriptors()
@@ -137,10 +140,11 @@ void print_services(Console& console, const Json::Value& document) {
   Table table({"SERVICE", "LEVEL", "STATE", "NAME"});
   for (const Json::Value& service : document["services"]) {
     const std::string state = service["state"].asString();
-    table.add({service["service"].asString(),
-               describe_levels(service["stored-level"], service["effective-level"]),
-               state_text(state), service["display-name"].asString()},
-              {"", "", state_tone(state)});
+    table.add(
+        {service["service"].asString(),
+         describe_levels(service["stored-level"], service["effective-level"]) + date_text(service),
+         state_text(state), service["display-name"].asString()},
+        {"", "", state_tone(state)});
   }
   table.print(console.data(), console.colour(), console.width());
 }

@@ -72,8 +72,13 @@ void print_service(Console& console, const Json::Value& details) {
   if (!details["display-name-i18n"].isNull()) {
     print_line(console, "translation", details["display-name-i18n"].asString());
   }
-  print_line(console, "level",
-             describe_levels(details["stored-level"], details["effective-level"]));
+  print_line(
+      console, "level",
+      describe_levels(details["stored-level"], details["effective-level"]) + date_text(details));
+  if (details.isMember("dated")) {
+    print_line(console, "then", level_text(details["dated"]["then"]));
+    print_line(console, "reason", details["dated"]["reason"].asString());
+  }
   print_line(console, "state", state_text(details["state"].asString()));
   print_line(
       console, "asked",

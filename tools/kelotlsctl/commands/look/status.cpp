@@ -1,8 +1,5 @@
 // kelotlsctl status: on one screen, what is in force, what is pending, and what failed last.
-#include <unistd.h>
-
-#include <cerrno>
-
+#include "changes/pending_change.h"
 #include "command_line.h"
 #include "output/natural_order.h"
 #include "service/service_state.h"
@@ -68,11 +65,15 @@ Json::Value services_that_failed(const Json::Value& record) {
   return names;
 }
 
+bool is_failure(const std::string& result) {
+  return result != "done" && result != "confirmed" && result != "waiting" && result != "taken-back";
+}
+
 /// Null where no change has failed.
 Json::Value last_failure(std::vector<std::string>& warnings) {
   Json::Value failure;
   for (const Json::Value& record : read_history(warnings)) {
-    if (record["result"] != "done") {
+    if (is_failure(record["result"].asString())) {
       failure = record;
     }
   }
@@ -84,9 +85,11 @@ Json::Value last_failure(std::vector<std::string>& warnings) {
                                     {"services", services_that_failed(failure)}});
 }
 
-/// Whether only root may read the history.
-bool is_history_withheld() {
-  return ::geteuid() != 0 && ::access(kHistoryPath, R_OK) != 0 && errno == EACCES;
+/// What waits to be confirmed; null without it.
+Json::Value waiting_change() {
+  const std::optional<PendingChange> change =
+      PendingChange::fault().empty() ? PendingChange::load() : std::nullopt;
+  return change ? change->report(this_moment()) : Json::Value();
 }
 
 void print_line(Console& console, std::string label, const std::string& text) {
@@ -138,6 +141,28 @@ std::string pending_text(const Json::Value& document) {
   return !names.empty() ? names : is_unknown ? kNotKnown : "none";
 }
 
+/// "web: 42 s left, else taken back"
+std::string waiting_text(const Json::Value& document) {
+  const Json::Value& waiting = document["waiting"];
+  if (!document["waiting-known"].asBool()) {
+    return kNotKnown;
+  }
+  const std::string names = names_text(waiting["services"]) + ": ";
+  return waiting["state"] == "waiting"
+             ? names + duration_text(std::chrono::seconds(waiting["seconds-left"].asInt())) +
+                   " left, else taken back"
+         : waiting["state"] == "failed"
+             ? names + "could not be taken back: " + waiting["fault"].asString()
+             : names + waiting["state"].asString();
+}
+
+/// "web until 2027-03-01T00:00:00Z, then modern"
+std::string dated_text(const Json::Value& dated) {
+  return dated["service"].asString() + " until " + dated["until"].asString() + ", then " +
+         level_text(dated["then"]) +
+         (dated.isMember("fault") ? "; the return fails: " + dated["fault"].asString() : "");
+}
+
 std::string failure_text(const Json::Value& document) {
   const Json::Value& failure = document["last-failure"];
   if (failure.isNull()) {
@@ -160,13 +185,19 @@ Report show_status(Console&, const Arguments&) {
                             {"levels", zero_for_each(kServedLevels)},
                             {"states", zero_for_each(state_keys())},
                             {"pending", list_of({})},
-                            {"at-fault", list_of({})}});
+                            {"at-fault", list_of({})},
+                            {"dated", list_of({})}});
   ServiceInspector inspector(store);
   inspector.ask_servers();
   for (const std::string& service : in_natural_order(store.names())) {
     const ServiceStatus status = inspector.inspect(service);
     count(report.document["levels"], status.document["effective-level"]["name"]);
     count(report.document["states"], status.document["state"]);
+    if (status.document.isMember("dated")) {
+      Json::Value dated = status.document["dated"];
+      dated["service"] = service;
+      report.document["dated"].append(dated);
+    }
     if (store.stored_level(service) == 0) {
       count(report.document, "following-default");
     }
@@ -174,9 +205,12 @@ Report show_status(Console&, const Arguments&) {
       report.document[is_pending(status.state) ? "pending" : "at-fault"].append(service);
     }
   }
-  const bool is_withheld = is_history_withheld();
-  report.document["history-known"] = !is_withheld;
-  report.document["last-failure"] = is_withheld ? Json::Value() : last_failure(report.warnings);
+  const bool is_history_known = !is_withheld(kHistoryPath);
+  report.document["history-known"] = is_history_known;
+  report.document["last-failure"] =
+      is_history_known ? last_failure(report.warnings) : Json::Value();
+  report.document["waiting-known"] = !is_withheld(PendingChange::kPath);
+  report.document["waiting"] = waiting_change();
   return report;
 }
 
@@ -190,6 +224,12 @@ void print_status(Console& console, const Json::Value& document) {
   print_line(console, "pending", pending_text(document));
   if (!document["at-fault"].empty()) {
     print_line(console, "at fault", names_text(document["at-fault"]));
+  }
+  if (!document["waiting"].isNull() || !document["waiting-known"].asBool()) {
+    print_line(console, "to confirm", waiting_text(document));
+  }
+  for (const Json::Value& dated : document["dated"]) {
+    print_line(console, "with a date", dated_text(dated));
   }
   print_line(console, "last failure", failure_text(document));
 }
