@@ -1,6 +1,9 @@
-// One connection with what the second argument offers: "protocols=A,B" or "suites=A,B".
+// One connection with what the second argument offers: "protocols=A,B", "suites=A,B" or "name=HOST".
 import java.security.cert.X509Certificate;
+import java.util.List;
+import javax.net.ssl.SNIHostName;
 import javax.net.ssl.SSLContext;
+import javax.net.ssl.SSLParameters;
 import javax.net.ssl.SSLSocket;
 import javax.net.ssl.TrustManager;
 import javax.net.ssl.X509TrustManager;
@@ -23,6 +26,10 @@ public class Client {
         socket.setEnabledProtocols(offer[1].split(","));
       } else if (offer[0].equals("suites")) {
         socket.setEnabledCipherSuites(offer[1].split(","));
+      } else if (offer[0].equals("name")) {
+        SSLParameters parameters = socket.getSSLParameters();
+        parameters.setServerNames(List.of(new SNIHostName(offer[1])));
+        socket.setSSLParameters(parameters);
       }
       socket.startHandshake();
       socket.getOutputStream().write("GET / HTTP/1.0\r\n\r\n".getBytes());

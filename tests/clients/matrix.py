@@ -2,9 +2,10 @@
 """Lets real clients connect to a server at each level with each kind of certificate, and holds what
 kelotlsctl clients judge says of their hellos against what became of the connections.
 
-    matrix.py COMMAND LEVEL_SERVER CERTIFICATES OUTPUT [--only FAMILY,...] [--every N]
+    matrix.py COMMAND LEVEL_SERVER CERTIFICATES OUTPUT [--only FAMILY,...] [--every N] [--least N]
+    matrix.py COMMAND LEVEL_SERVER CERTIFICATES OUTPUT --known
 
-Runs in a private tree. OUTPUT gets the distinct hellos, with the names of those that send them.
+--known: writes the file of known clients instead. Runs in a private tree. OUTPUT gets the distinct hellos, with the names of those that send them.
 """
 import argparse
 import collections
@@ -133,6 +134,22 @@ def clients_of(options):
             yield family.__name__, client
 
 
+def write_known(server, output):
+    """The hellos of clients as they come, with the names that the command tells them by."""
+    named = {}
+    for name, client in offers.as_they_come():
+        told, text = server.connect(client, "intermediate rsa")
+        for one in told:
+            key = hellos.Hello(bytes.fromhex(one["hello"])).key()
+            named.setdefault((key, name), one["hello"])
+        if not told:
+            print(f"said nothing: {name}: {' '.join(text.split())[-120:]}")
+    clients = [{"name": name, "hello": hello} for (_, name), hello in named.items()]
+    with open(output, "w") as file:
+        file.write('{"clients": [\n' + ",\n".join(map(json.dumps, clients)) + "\n]}\n")
+    print(f"{len(clients)} hellos of {len({one['name'] for one in clients})} clients")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("command")
@@ -140,12 +157,16 @@ def main():
     parser.add_argument("certificates")
     parser.add_argument("output")
     parser.add_argument("--only")
+    parser.add_argument("--known", action="store_true")
     parser.add_argument("--every", type=int, default=1)
     parser.add_argument("--least", type=int, default=0)
     options = parser.parse_args()
     prepare()
     join(options.command)
     server = Server(options.level_server, options.certificates)
+    if options.known:
+        write_known(server, options.output)
+        return
     connections, silent = [], []
     for family, client in clients_of(options):
         said = 0

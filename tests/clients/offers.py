@@ -5,6 +5,7 @@ A client is (name, command line, standard input, changes of the environment); in
 """
 import os
 import shutil
+import subprocess
 
 project = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 appliance = project + "/build/appliance-sdk"
@@ -196,7 +197,7 @@ def java():
                   "protocols=TLSv1,TLSv1.1,TLSv1.2", "suites=TLS_AES_256_GCM_SHA384",
                   "suites=TLS_RSA_WITH_AES_128_CBC_SHA",
                   "suites=TLS_ECDHE_ECDSA_WITH_AES_256_GCM_SHA384,TLS_DHE_RSA_WITH_AES_128_GCM_SHA256",
-                  "groups=secp256r1", "groups=x25519", "groups=ffdhe2048"):
+                  "groups=secp256r1", "groups=x25519", "groups=ffdhe2048", "name=a.example"):
         groups = offer[7:] if offer.startswith("groups=") else ""
         yield ("Java " + offer,
                ["/usr/bin/java", "-Xshare:auto", "-XX:TieredStopAtLevel=1",
@@ -232,6 +233,32 @@ def firefox():
 
 FAMILIES = [openssl_30, openssl_35, openssl_111, gnutls, curl, wget, python, nss, node, ruby, java, go,
             chromium, firefox]
+
+
+KNOWN = [("OpenSSL", "openssl", "", openssl_30), ("OpenSSL", "openssl", debian13, openssl_35),
+         ("OpenSSL", "openssl", appliance, openssl_111), ("GnuTLS", "gnutls-bin", "", gnutls),
+         ("curl", "curl", "", curl), ("Wget", "wget", "", wget), ("Python", "python3.11", "", python),
+         ("NSS", "libnss3-tools", "", nss), ("Node.js", "nodejs", "", node), ("Ruby", "ruby3.1", "", ruby),
+         ("Java", "openjdk-17-jdk-headless", "", java), ("Go", "golang-1.19-go", "", go),
+         ("Chromium", "chromium", "", chromium), ("Firefox ESR", "firefox-esr", "", firefox)]
+
+
+def as_they_come():
+    """(name, client) of clients without an option, connecting to an address and to a name."""
+    for name, package, root, family in KNOWN:
+        status = subprocess.run(["dpkg-query", *(["--admindir", root + "/var/lib/dpkg"] if root else []),
+                                 "-W", "-f", "${source:Upstream-Version}", package],
+                                stdout=subprocess.PIPE, text=True, check=True)
+        version = status.stdout.split("~")[0].split("+")[0]
+        for client in family():
+            offer = client[0].split(" ", 1)[1] if " " in client[0] else ""
+            plain = offer.split(" ", 1)[-1] if name in ("OpenSSL", "Firefox ESR") else offer
+            if plain.strip() in ("", "{}", "ESR", "NORMAL", "-V tls1.2:tls1.3", "name=a.example",
+                                 "NAME = 'a.example'", "name", "3.0", "3.5", "1.1.1"):
+                yield f"{name} {version}", client
+                words = [word.replace("127.0.0.1", "localhost") for word in client[1]]
+                if words != client[1]:
+                    yield f"{name} {version}", (client[0], words, *client[2:])
 
 
 def is_there(client):

@@ -267,6 +267,80 @@ TEST_F(ClientsLosses, ShowsWhoComesAndWhatTheyGetToday) {
   EXPECT_TRUE(contains(text.out, "unknown, TLS 1.2"));
 }
 
+TEST_F(ClientsLosses, AreToldBeforeAnythingIsWritten) {
+  write_record(usual_clients());
+
+  const Outcome foreseen = run({"set", "web", "modern", "--dry-run"});
+  EXPECT_EQ(foreseen.status, 0);
+  EXPECT_TRUE(contains(foreseen.err,
+                       "web: 2 of 3 clients of the last 7 days would be lost (192.0.2.7, "
+                       "192.0.2.9)\n"));
+  EXPECT_EQ(stored_level("web"), 0);
+
+  const Outcome written = run({"set", "web", "modern"});
+  EXPECT_EQ(written.status, 0);
+  EXPECT_TRUE(contains(written.err, "2 of 3 clients"));
+  EXPECT_EQ(stored_level("web"), 1);
+  // Now they are refused, and nobody is lost by what changes nothing.
+  EXPECT_EQ(run({"set", "web", "modern"}).err, "");
+  const Outcome laxer = run({"set", "web", "intermediate"});
+  EXPECT_TRUE(contains(laxer.err, "web: none of 3 clients of the last 7 days would be lost\n"));
+}
+
+TEST_F(ClientsLosses, AreRefusedWhereThatIsAskedFor) {
+  write_record(usual_clients());
+  const std::string before = read_file(kDataStore);
+
+  const Outcome outcome = run({"set", "web", "modern", "--refuse-loss"});
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_TRUE(contains(outcome.err, "web: 2 of 3 clients of the last 7 days would be lost"));
+  EXPECT_EQ(run({"set", "web", "modern", "--refuse-loss", "--dry-run"}).status, 3);
+  EXPECT_EQ(run({"set", "web", "modern", "--refuse-loss", "--apply"}).status, 3);
+  // ssh would follow it, too, and nothing is known of its clients.
+  EXPECT_EQ(run({"default", "modern", "--refuse-loss"}).status, 6);
+  const Outcome unknown = run({"set", "ssh", "modern", "--refuse-loss"});
+  EXPECT_EQ(unknown.status, 6);
+  EXPECT_TRUE(
+      contains(unknown.err, "ssh: not known who would be lost: no record of its clients is kept"));
+  EXPECT_EQ(read_file(kDataStore), before);
+
+  EXPECT_EQ(run({"set", "web", "old", "--refuse-loss"}).status, 0);
+  EXPECT_EQ(stored_level("web"), 3);
+}
+
+TEST_F(ClientsLosses, AreToldOfADefaultLevelToo) {
+  write_record(usual_clients());
+
+  const Outcome outcome = run({"default", "modern"});
+
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(contains(outcome.err, "web: 2 of 3 clients of the last 7 days would be lost"));
+}
+
+TEST_F(ClientsLosses, DoNotKeepAChangeForARecordThatIsBroken) {
+  write_record(usual_clients());
+  write_file(kRecord, "{");
+
+  EXPECT_EQ(run({"set", "web", "modern", "--refuse-loss"}).status, 6);
+  EXPECT_EQ(stored_level("web"), 0);
+  const Outcome outcome = run({"set", "web", "modern"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(contains(outcome.err, "web: not known who would be lost: "));
+  EXPECT_EQ(stored_level("web"), 1);
+}
+
+TEST_F(ClientsLosses, AreToldOfTheLevelOfToday) {
+  write_record(usual_clients());
+  constexpr char kText[] =
+      "1 of 4 recorded clients of web are refused at its level: kelotlsctl clients show web\n";
+
+  EXPECT_TRUE(contains(run({"status"}).err, kText));
+  EXPECT_TRUE(contains(run({"explain", "web"}).err, kText));
+  ASSERT_EQ(run({"set", "web", "old"}).status, 0);
+  ASSERT_EQ(run({"clients", "forget", "web"}).status, 0);
+  EXPECT_EQ(run({"status"}).err, "");
+}
+
 TEST_F(ClientsLosses, TakesAServiceWithoutATemplateForItsContext) {
   write_record(usual_clients());
   Json::Value record = read_json(kRecord);

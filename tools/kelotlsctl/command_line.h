@@ -46,6 +46,7 @@ struct Arguments {
   std::string limit;
   std::string certificate;
   bool no_addresses = false;
+  bool refuse_loss = false;
   std::string confirm;  ///< how long to wait for a confirmation
   std::string until;    ///< a date
   std::string then;     ///< the level after it

@@ -9,6 +9,7 @@ namespace {
 constexpr ArgumentRow kDryRun  = {"--dry-run", "Say what would be done, write nothing", &Arguments::dry_run};
 constexpr ArgumentRow kService = {"SERVICE", "The name that the service joined with", nullptr, &Arguments::service, true, true};
 constexpr ArgumentRow kServices = {"SERVICE", "Services, or patterns with * and ?; else all", nullptr, nullptr, false, true, &Arguments::services};
+constexpr ArgumentRow kRefuseLoss = {"--refuse-loss", "Write nothing unless no recorded client is lost", &Arguments::refuse_loss};
 constexpr ArgumentRow kTimeout = {"--reload-timeout", "Seconds that a reloader may take; else 60", nullptr, &Arguments::reload_timeout};
 constexpr ArgumentRow kConfirm = {"--confirm", "Taken back unless confirmed within this time: 90, 5m, 2h", nullptr, &Arguments::confirm};
 constexpr ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
@@ -93,13 +94,13 @@ const std::vector<CommandRow>& commands() {
       {"--all", "All services", &Arguments::all},
       {"--apply", "Render, reload and probe; undo what fails", &Arguments::apply}, kConfirm,
       {"--until", "The date at which the level ends; needs --reason", nullptr, &Arguments::until},
-      {"--then", "The level after the date; else the one before it", nullptr, &Arguments::then}, kTimeout},
+      {"--then", "The level after the date; else the one before it", nullptr, &Arguments::then}, kRefuseLoss, kTimeout},
      "0, 1, 2, 3, 4, 5, 6, 10", "kelotlsctl set nginx modern --apply",
      set_level, print_set, always<kFrameworkPlaces>},
     {"default", "Show or set the default level",
      {kDryRun,
       {"LEVEL", "modern, intermediate, old, or 1 to 3", nullptr, &Arguments::level},
-      {"--apply", "Render, reload and probe who follows it; undo what fails", &Arguments::apply}, kConfirm, kTimeout},
+      {"--apply", "Render, reload and probe who follows it; undo what fails", &Arguments::apply}, kConfirm, kRefuseLoss, kTimeout},
      "0, 1, 2, 3, 4, 5, 6", "kelotlsctl default intermediate --apply",
      default_level, print_default, of_default},
 

@@ -195,17 +195,52 @@ std::string count_text(const Json::Value& counts, const std::string& of_when) {
          (all == 1 ? " client" : " clients") + of_when + " would be lost";
 }
 
-Json::Value foretold(const std::string& service, const LevelQuestion& question) {
-  const Json::Value judged = judge_record(ClientRecords::load(service), question, nullptr);
-  Json::Value element = object({{"service", service},
-                                {"level", judged["level"]},
-                                {"verdict", judged["verdict"]},
-                                {"addresses", judged["addresses"]},
-                                {"text", loss_text(judged)}});
-  for (const Span& span : kSpans) {
-    element[span.key] = judged[span.key];
+LevelQuestion question_of(const std::string& service, int today, int level) {
+  LevelQuestion question;
+  question.today = today;
+  question.level = level;
+  question.shown = shown_certificates(Addresses::load_usable(), service, kShortPatience);
+  question.now = std::time(nullptr);
+  return question;
+}
+
+/// A service of a name that no file can have has no record.
+bool is_recorded(const std::string& service) {
+  try {
+    return ClientRecords::exist_of(service);
+  } catch (const Failure&) {
+    return false;
   }
-  return element;
+}
+
+/// A Failure where it is not known, and why.
+Json::Value judged_change(const std::string& service, int today, int level) {
+  if (!is_recorded(service)) {
+    throw Failure(kCannotTell, "no record of its clients is kept");
+  }
+  try {
+    return judge_record(ClientRecords::load(service), question_of(service, today, level), nullptr);
+  } catch (const Failure& failure) {
+    throw Failure(kCannotTell, failure.what());
+  } catch (const std::runtime_error& error) {
+    throw Failure(kCannotTell, error.what());
+  }
+}
+
+[[noreturn]] void refuse_loss(ExitCode code, const std::string& service, const std::string& text) {
+  throw Failure(code, printable(service) + ": " + text,
+                "Nothing was written, because of --refuse-loss.");
+}
+
+void tell_loss(Console& console, const std::string& service, const Json::Value& judged,
+               bool is_refused) {
+  const std::string text = loss_text(judged);
+  const bool is_none_lost = judged["verdict"] == "none-lost";
+  if (is_refused && !is_none_lost) {
+    refuse_loss(judged["verdict"] == "some-lost" ? kNotSo : kCannotTell, service, text);
+  }
+  const std::string sentence = printable(service) + ": " + text;
+  is_none_lost ? console.say(sentence) : console.warn(sentence);
 }
 
 }  // namespace
@@ -252,40 +287,46 @@ std::string subject_text(const Addresses& addresses, const std::string& service)
          (address != nullptr ? " at " + address_text(*address) : std::string()) + " may differ.";
 }
 
-Json::Value foretell_losses(const Store& before, const Store& after,
-                            const std::vector<std::string>& services) {
-  const Addresses addresses = Addresses::load_usable();
-  Json::Value losses(Json::arrayValue);
+void tell_losses(Console& console, const Store& before, const Store& after,
+                 const std::vector<std::string>& services, bool are_refused) {
   for (const std::string& service : services) {
-    LevelQuestion question;
-    question.today = before.effective_level(service);
-    question.level = after.effective_level(service);
-    if (question.today != question.level && question.level >= 0 &&
-        ClientRecords::exist_of(service)) {
-      question.shown = shown_certificates(addresses, service, kShortPatience);
-      question.now = std::time(nullptr);
-      losses.append(foretold(service, question));
+    const int today = before.effective_level(service);
+    const int level = after.effective_level(service);
+    if (today == level || level < 0 || (!is_recorded(service) && !are_refused)) {
+      continue;
     }
+    Json::Value judged;
+    try {
+      judged = judged_change(service, today, level);
+    } catch (const Failure& failure) {
+      const std::string text = std::string("not known who would be lost: ") + failure.what();
+      if (are_refused) {
+        refuse_loss(kCannotTell, service, text);
+      }
+      console.warn(printable(service) + ": " + text);
+      continue;
+    }
+    tell_loss(console, service, judged, are_refused);
   }
-  return losses;
 }
 
-std::vector<std::string> loss_warnings(const Json::Value& losses) {
-  std::vector<std::string> warnings;
-  for (const Json::Value& loss : losses) {
-    warnings.push_back(printable(loss["service"]) + ": " + loss["text"].asString() + ".");
+std::string refused_text(const std::string& service, int level) {
+  if (level < 0 || !is_recorded(service)) {
+    return "";
   }
-  return warnings;
-}
-
-void refuse_losses(const Json::Value& losses) {
-  for (const Json::Value& loss : losses) {
-    if (loss["verdict"] != "none-lost") {
-      throw Failure(loss["verdict"] == "some-lost" ? kNotSo : kCannotTell,
-                    printable(loss["service"]) + ": " + loss["text"].asString(),
-                    "Nothing was written. kelotlsctl clients judge " + printable(loss["service"]) +
-                        " " + level_text(loss["level"]) + " shows them.");
-    }
+  try {
+    const Json::Value judged = judged_change(service, level, level);
+    const auto refused = std::count_if(
+        judged["clients"].begin(), judged["clients"].end(),
+        [](const Json::Value& client) { return !client["today"]["answered"].asBool(); });
+    const std::string name = printable(service);
+    return refused == 0 ? ""
+                        : std::to_string(refused) + " of " +
+                              std::to_string(judged["clients"].size()) + " recorded clients of " +
+                              name + " are refused at its level: kelotlsctl clients show " + name;
+  } catch (const Failure& failure) {
+    return "Not known what becomes of the recorded clients of " + printable(service) + ": " +
+           failure.what();
   }
 }
 

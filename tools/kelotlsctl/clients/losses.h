@@ -11,6 +11,7 @@
 #include "clients/records.h"
 #include "clients/shown_certificates.h"
 #include "levels/survey.h"
+#include "output/console.h"
 #include "store/store.h"
 
 namespace kelotlsctl {
@@ -40,16 +41,14 @@ std::string loss_text(const Json::Value& judged);
 /// the service; else what there is to say about it.
 std::string subject_text(const Addresses& addresses, const std::string& service);
 
-/// The same for a change of levels, before it is made: an element {"service", "level", "verdict",
-/// "lost-clients", "clients", "lost-connections", "connections", "addresses", "text"} for each of
-/// the services that has a record and whose effective level changes.
-Json::Value foretell_losses(const Store& before, const Store& after,
-                            const std::vector<std::string>& services);
+/// Tells on the console, before a change of levels is made, who would be lost by it: of each of the
+/// services that has a record and whose effective level changes. A Failure, where losses are
+/// refused, unless it is known of each service that nobody is lost.
+void tell_losses(Console& console, const Store& before, const Store& after,
+                 const std::vector<std::string>& services, bool are_refused);
 
-/// A sentence for each element of foretell_losses.
-std::vector<std::string> loss_warnings(const Json::Value& losses);
-
-/// A Failure (a check says no) where anybody would be lost, or where it is not known.
-void refuse_losses(const Json::Value& losses);
+/// "2 of 214 recorded clients of web are refused at its level, which kelotlsctl clients show web
+/// tells about"; empty where none is, or no record is kept.
+std::string refused_text(const std::string& service, int level);
 
 }  // namespace kelotlsctl
