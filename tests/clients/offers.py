@@ -28,7 +28,7 @@ def openssl(name, command, environment):
     lax = "DEFAULT:@SECLEVEL=0"
     offers = [("", [])]
     for version in VERSIONS:
-        offers += [(version, [version, "-cipher", lax] if version else ["-cipher", lax])]
+        offers += [(version or "lax", [version, "-cipher", lax] if version else ["-cipher", lax])]
     for suites in LISTS:
         offers += [(suites + " " + version, ["-cipher", suites + ":@SECLEVEL=0", version])
                    for version in ("-no_tls1_3", "-tls1_1", "-tls1_3")[:2]]
@@ -235,26 +235,37 @@ FAMILIES = [openssl_30, openssl_35, openssl_111, gnutls, curl, wget, python, nss
             chromium, firefox]
 
 
-KNOWN = [("OpenSSL", "openssl", "", openssl_30), ("OpenSSL", "openssl", debian13, openssl_35),
-         ("OpenSSL", "openssl", appliance, openssl_111), ("GnuTLS", "gnutls-bin", "", gnutls),
-         ("curl", "curl", "", curl), ("Wget", "wget", "", wget), ("Python", "python3.11", "", python),
-         ("NSS", "libnss3-tools", "", nss), ("Node.js", "nodejs", "", node), ("Ruby", "ruby3.1", "", ruby),
-         ("Java", "openjdk-17-jdk-headless", "", java), ("Go", "golang-1.19-go", "", go),
-         ("Chromium", "chromium", "", chromium), ("Firefox ESR", "firefox-esr", "", firefox)]
+KNOWN = [("OpenSSL", "", openssl_30), ("OpenSSL", "", openssl_35), ("OpenSSL", "", openssl_111),
+         ("GnuTLS", "gnutls-bin", gnutls), ("curl", "curl", curl), ("Wget", "wget", wget),
+         ("Python", "python3.11", python), ("NSS", "libnss3-tools", nss),
+         ("Node.js", "nodejs", node), ("Ruby", "ruby3.1", ruby),
+         ("Java", "openjdk-17-jdk-headless", java), ("Go", "golang-1.19-go", go),
+         ("Chromium", "chromium", chromium), ("Firefox ESR", "firefox-esr", firefox)]
+
+# What of an offer leaves a client as it comes, or gives it a name to ask for.
+PLAIN = ("", "{}", "NORMAL", "-V tls1.2:tls1.3", "name=a.example", "NAME = 'a.example'", "name")
+
+
+def version_of(package, command):
+    """Of openssl the one that it tells: a root's packages may only be unpacked."""
+    if package:
+        told = subprocess.run(["dpkg-query", "-W", "-f", "${source:Upstream-Version}", package],
+                              stdout=subprocess.PIPE, text=True, check=True).stdout
+        return told.split("~")[0].split("+")[0]
+    told = subprocess.run([*command[:command.index("s_client")], "version"], stdout=subprocess.PIPE,
+                          text=True, check=True)
+    return told.stdout.split()[1]
 
 
 def as_they_come():
     """(name, client) of clients without an option, connecting to an address and to a name."""
-    for name, package, root, family in KNOWN:
-        status = subprocess.run(["dpkg-query", *(["--admindir", root + "/var/lib/dpkg"] if root else []),
-                                 "-W", "-f", "${source:Upstream-Version}", package],
-                                stdout=subprocess.PIPE, text=True, check=True)
-        version = status.stdout.split("~")[0].split("+")[0]
-        for client in family():
-            offer = client[0].split(" ", 1)[1] if " " in client[0] else ""
-            plain = offer.split(" ", 1)[-1] if name in ("OpenSSL", "Firefox ESR") else offer
-            if plain.strip() in ("", "{}", "ESR", "NORMAL", "-V tls1.2:tls1.3", "name=a.example",
-                                 "NAME = 'a.example'", "name", "3.0", "3.5", "1.1.1"):
+    for name, package, family in KNOWN:
+        offers = list(family())
+        version = version_of(package, offers[0][1])
+        words_of_name = len(offers[0][0].split(" ")) if name in ("OpenSSL", "Firefox ESR") else 2
+        for client in offers:
+            offer = client[0].split(" ", words_of_name - 1)[-1] if " " in client[0] else ""
+            if offer.strip() in PLAIN:
                 yield f"{name} {version}", client
                 words = [word.replace("127.0.0.1", "localhost") for word in client[1]]
                 if words != client[1]:
