@@ -102,7 +102,7 @@ TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
     EXPECT_EQ(bash.count(name), 1u) << name;
     EXPECT_TRUE(contains(zsh, "\n    '" + name + ":"));
   }
-  EXPECT_EQ(commands, 24u);
+  EXPECT_EQ(commands, 25u);
   EXPECT_EQ(bash.size(), commands + 6) << "the options before a command are six";
 }
 

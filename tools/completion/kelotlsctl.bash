@@ -3,14 +3,14 @@
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
   local commands='list status show get set default levels explain probe check history validate join leave
-    address regen render reload apply backup restore init recover dh'
+    address clients regen render reload apply backup restore init recover dh'
   local levels='modern intermediate old default'
   local command='' position=0 index word
   for ((index = 1; index < COMP_CWORD; index++)); do
     word=${COMP_WORDS[index]}
     case $word in
       --default | --from | --connect | --preview | --level | --state | --reason | --reload-timeout | \
-        --starttls | --servername) ((index++)) ;;
+        --starttls | --servername | --for | --interface | --port | --prefix | --prefix6 | --limit) ((index++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=$word; else ((position++)); fi ;;
     esac
@@ -27,7 +27,8 @@ _kelotlsctl() {
       words='in-force pending-render pending-reload next-context cannot-render unusable-level needs-root differs cannot-tell no-answer as-expected unreachable'
       ;;
     --starttls) words='smtp imap pop3 ftp ldap postgres mysql sieve xmpp nntp' ;;
-    --connect | --reason | --reload-timeout | --servername) return ;;
+    --connect | --reason | --reload-timeout | --servername | --for | --interface | --port | --prefix | \
+      --prefix6 | --limit) return ;;
     *)
       case $command in
         '') words="$commands --json --quiet --reason --trust-anyway --version --help" ;;
@@ -38,6 +39,9 @@ _kelotlsctl() {
   if [[ -z $words && $current != -* ]]; then
     case $command:$position in
       show:0 | get:0 | set:0 | probe:0 | history:0 | address:0) _kelotlsctl_services "$current"; return ;;
+      clients:0) words='record import show judge forget' ;;
+      clients:1) _kelotlsctl_services "$current"; return ;;
+      clients:*) _kelotlsctl_services "$current"; _kelotlsctl_files "$current"; words=$levels ;;
       set:*) _kelotlsctl_services "$current"; words=$levels ;;
       render:* | reload:* | apply:* | check:*) _kelotlsctl_services "$current"; return ;;
       explain:0) _kelotlsctl_services "$current"; words=$levels ;;
@@ -62,6 +66,7 @@ _kelotlsctl_options() {
     leave | regen | backup | restore) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
+    clients) options+=' --for --interface --port --no-addresses --prefix --prefix6 --limit' ;;
     address) options+=' --dry-run --starttls --servername --remove' ;;
     dh) options+=' --dry-run --force' ;;
     init) options+=' --dry-run --default' ;;

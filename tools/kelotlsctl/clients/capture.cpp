@@ -42,7 +42,7 @@ class Capture {
       static char buffer[1 << 16];
       std::FILE* const file = ::fdopen(source.file, "rb");
       // A buffer of its own: the library would ask for the file's status in order to choose one.
-      std::setvbuf(file, buffer, _IOFBF, sizeof buffer);
+      static_cast<void>(std::setvbuf(file, buffer, _IOFBF, sizeof buffer));
       confine();
       handle = open_file(file);
     } else {

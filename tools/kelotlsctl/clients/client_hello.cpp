@@ -13,9 +13,9 @@ constexpr std::size_t kMostSessionId = 32;
 constexpr std::uint16_t kGrease = 0x0a0a;
 
 /// Takes fields from the front of bytes. Once one does not fit, nothing more is taken.
-class Reader {
+class Fields {
  public:
-  explicit Reader(const Bytes& bytes) : bytes_(bytes) {}
+  explicit Fields(const Bytes& bytes) : bytes_(bytes) {}
 
   bool is_good() const { return is_good_; }
   bool at_end() const { return used_ == bytes_.size(); }
@@ -52,7 +52,7 @@ class Reader {
 
 /// What is left over of an odd number of bytes counts as a fault.
 bool read_numbers(const Bytes& bytes, Numbers& numbers) {
-  Reader reader(bytes);
+  Fields reader(bytes);
   Numbers read;
   while (reader.is_good() && !reader.at_end()) {
     read.push_back(reader.short_number());
@@ -65,7 +65,7 @@ bool read_numbers(const Bytes& bytes, Numbers& numbers) {
 Numbers numbers_of(const Extension* extension, std::size_t length_bytes) {
   Numbers numbers;
   if (extension != nullptr) {
-    Reader reader(extension->body);
+    Fields reader(extension->body);
     const Bytes list = reader.vector_of(length_bytes);
     if (reader.is_through()) {
       read_numbers(list, numbers);
@@ -79,9 +79,9 @@ std::vector<KeyShare> key_shares_of(const Extension* extension) {
   if (extension == nullptr) {
     return shares;
   }
-  Reader body(extension->body);
+  Fields body(extension->body);
   const Bytes list = body.vector_of(2);
-  Reader reader(list);
+  Fields reader(list);
   while (reader.is_good() && !reader.at_end()) {
     const std::uint16_t group = reader.short_number();
     shares.push_back({group, reader.vector_of(2)});
@@ -94,9 +94,9 @@ std::vector<std::string> alpn_of(const Extension* extension) {
   if (extension == nullptr) {
     return names;
   }
-  Reader body(extension->body);
+  Fields body(extension->body);
   const Bytes list = body.vector_of(2);
-  Reader reader(list);
+  Fields reader(list);
   while (reader.is_good() && !reader.at_end()) {
     names.push_back(reader.vector_of(1));
   }
@@ -108,9 +108,9 @@ std::string server_name_of(const Extension* extension) {
   if (extension == nullptr) {
     return {};
   }
-  Reader body(extension->body);
+  Fields body(extension->body);
   const Bytes list = body.vector_of(2);
-  Reader reader(list);
+  Fields reader(list);
   const bool is_host = reader.number(1) == 0;
   const std::string name = reader.vector_of(2);
   return body.is_through() && reader.is_good() && is_host ? name : std::string();
@@ -127,13 +127,13 @@ void read_bodies(ClientHello& hello) {
 }
 
 /// Hellos from before extensions end behind the compressions.
-bool read_extensions(Reader& reader, ClientHello& hello) {
+bool read_extensions(Fields& reader, ClientHello& hello) {
   hello.has_extensions = reader.is_good() && !reader.at_end();
   if (!hello.has_extensions) {
     return reader.is_through();
   }
   const Bytes list = reader.vector_of(2);
-  Reader each(list);
+  Fields each(list);
   while (each.is_good() && !each.at_end()) {
     const std::uint16_t kind = each.short_number();
     hello.extensions.push_back({kind, each.vector_of(2)});
@@ -205,13 +205,13 @@ bool is_grease(std::uint16_t number) {
 }
 
 std::optional<ClientHello> read_client_hello(const Bytes& message) {
-  Reader reader(message);
+  Fields reader(message);
   const bool is_hello = reader.number(1) == kClientHello;
   const Bytes body = reader.vector_of(3);
   if (!is_hello || !reader.is_through()) {
     return std::nullopt;
   }
-  Reader fields(body);
+  Fields fields(body);
   ClientHello hello;
   hello.version = fields.short_number();
   hello.random = fields.take(kRandomBytes);

@@ -67,9 +67,9 @@ class WaitingSignals {
 };
 
 /// The process that reads packets.
-class Reader {
+class ReadingProcess {
  public:
-  Reader(const CaptureSource& source, const std::vector<WatchedService>& services) {
+  ReadingProcess(const CaptureSource& source, const std::vector<WatchedService>& services) {
     int ends[2] = {-1, -1};
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
       throw system_failure("a channel between processes");
@@ -85,14 +85,14 @@ class Reader {
       start(source, services, other.get(), parent);
     }
   }
-  ~Reader() {
+  ~ReadingProcess() {
     if (process_ > 0) {
       ::kill(process_, SIGKILL);
       wait();
     }
   }
-  Reader(const Reader&) = delete;
-  Reader& operator=(const Reader&) = delete;
+  ReadingProcess(const ReadingProcess&) = delete;
+  ReadingProcess& operator=(const ReadingProcess&) = delete;
 
   int channel() const { return channel_->get(); }
 
@@ -169,7 +169,7 @@ class Recorder {
       locks_.emplace_back(service.name);
     }
     // Before there is anything in memory that is no business of the one that reads packets.
-    reader_ = std::make_unique<Reader>(source, watched);
+    reader_ = std::make_unique<ReadingProcess>(source, watched);
     for (const RecordedService& service : services) {
       records_.push_back(ClientRecords::load(service.name));
       records_.back().set_limit(options.limit);
@@ -329,7 +329,7 @@ class Recorder {
   Clock::time_point next_save_ = started_ + kSavingInterval;
   const WaitingSignals signals_;
   std::list<RecordLock> locks_;
-  std::unique_ptr<Reader> reader_;
+  std::unique_ptr<ReadingProcess> reader_;
   std::vector<ClientRecords> records_;
   Recording recording_;
   CaptureMessage end_;

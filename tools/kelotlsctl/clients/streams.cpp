@@ -75,7 +75,8 @@ void Streams::add(Place stream, const Segment& segment, std::time_t when) {
   const std::uint32_t first = segment.sequence + (segment.is_syn ? 1 : 0);
   const auto offset = static_cast<std::int32_t>(first - stream->start);
   std::string_view bytes = segment.payload;
-  bytes.remove_prefix(offset < 0 ? std::min<std::size_t>(bytes.size(), -std::int64_t{offset}) : 0);
+  bytes.remove_prefix(
+      offset < 0 ? std::min(bytes.size(), static_cast<std::size_t>(-std::int64_t{offset})) : 0);
   const std::size_t at = offset < 0 ? 0 : static_cast<std::size_t>(offset);
   bytes = bytes.substr(0, at < kMostOpeningBytes ? kMostOpeningBytes - at : 0);
   cost_ -= stream->pieces.cost();

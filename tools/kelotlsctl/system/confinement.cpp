@@ -102,9 +102,9 @@ void filter_system_calls() {
   const int mmap_number = ::seccomp_syscall_resolve_name("mmap2") >= 0
                               ? ::seccomp_syscall_resolve_name("mmap2")
                               : SCMP_SYS(mmap);
-  allow_where(filter, mmap_number, SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0));
+  allow_where(filter, mmap_number, {2, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0});
   // libpcap asks it whether an interface is gone or only down.
-  allow_where(filter, SCMP_SYS(ioctl), SCMP_A1(SCMP_CMP_EQ, SIOCGIFFLAGS));
+  allow_where(filter, SCMP_SYS(ioctl), {1, SCMP_CMP_EQ, SIOCGIFFLAGS, 0});
   const int result = ::seccomp_load(filter.get());
   errno = -result;
   require(result == 0, "filter system calls");
@@ -118,7 +118,7 @@ void close_descriptors_but(std::initializer_list<int> kept) {
   std::vector<std::string> names;
   require(kelotls::list_directory("/proc/self/fd", names), "list open files");
   for (const std::string& name : names) {
-    const int descriptor = std::atoi(name.c_str());
+    const int descriptor = std::stoi(name);
     if (descriptor > STDERR_FILENO &&
         std::find(kept.begin(), kept.end(), descriptor) == kept.end()) {
       ::close(descriptor);  // the one that the list was read with is closed already
