@@ -2,12 +2,15 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "clients/judgement.h"
+#include "clients/known_clients.h"
 #include "clients/rewriting.h"
 #include "first_message.h"
+#include "framework.h"
 #include "levels/offer.h"
 #include "levels/report.h"
 #include "loopback_server.h"
@@ -416,6 +419,36 @@ TEST_F(ClientsJudge, UsesACertificateLikeTheServices) {
   EXPECT_EQ(judged_with("RSA", 3072, "").signature, "RSA-PSS+SHA512");
   EXPECT_EQ(join(judged_with("Ed25519", 0, "").lacks), "signature-algorithm");
   EXPECT_THROW(judged_with("DSA", 2048, ""), std::runtime_error);
+}
+
+TEST_F(ClientsJudge, NamesKnownClients) {
+  const Bytes hello = first_message(make_client({"", 0, 0, "", "", "P-256", ""}).get());
+  const Bytes again = first_message(make_client({"", 0, 0, "", "", "P-256", ""}).get());
+  const Bytes other = first_message(make_client({"", 0, 0, "", "", "P-384", ""}).get());
+  const std::string digits = kelotlsctl::hexadecimal_digits(hello);
+  write_file("/tmp/known.json", R"({"clients": [{"name": "A 1", "hello": ")" + digits +
+                                    R"("}, {"name": "B 2", "hello": ")" + digits +
+                                    R"("}, {"name": "C 3", "hello": "zz"}]})");
+
+  const auto known = kelotlsctl::KnownClients::load("/tmp/known.json");
+
+  EXPECT_NE(hello, again);
+  EXPECT_EQ(join(known.names_of(again)), "A 1 B 2");
+  EXPECT_EQ(join(known.names_of(other)), "");
+  write_file("/tmp/known.json", "[");
+  EXPECT_EQ(join(kelotlsctl::KnownClients::load("/tmp/known.json").names_of(hello)), "");
+}
+
+TEST_F(ClientsJudge, KnowsThePackagedClientsOfItsOwnFile) {
+  const auto known = kelotlsctl::KnownClients::load(KELOTLS_KNOWN_CLIENTS);
+  const Json::Value clients = read_json(KELOTLS_KNOWN_CLIENTS)["clients"];
+
+  EXPECT_GE(clients.size(), 20U);
+  for (const Json::Value& client : clients) {
+    const Lines names = known.names_of(kelotlsctl::octets_of(client["hello"].asString()));
+    EXPECT_NE(std::find(names.begin(), names.end(), client["name"].asString()), names.end())
+        << client["name"].asString();
+  }
 }
 
 }  // namespace

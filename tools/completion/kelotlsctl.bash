@@ -58,15 +58,15 @@ _kelotlsctl_options() {
   local options='--json --quiet --reason --trust-anyway --help'
   case $1 in
     list) options+=' --level --state --terse --names' ;;
-    set) options+=' --dry-run --apply --all --reload-timeout' ;;
-    default) options+=' --dry-run --apply --reload-timeout' ;;
+    set) options+=' --dry-run --apply --all --refuse-loss --reload-timeout' ;;
+    default) options+=' --dry-run --apply --refuse-loss --reload-timeout' ;;
     reload | apply) options+=' --dry-run --reload-timeout' ;;
     check) options+=' --all' ;;
     join) options+=' --dry-run --replace' ;;
     leave | regen | backup | restore) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
-    clients) options+=' --for --interface --port --no-addresses --prefix --prefix6 --limit' ;;
+    clients) options+=' --for --interface --port --no-addresses --prefix --prefix6 --limit --certificate' ;;
     address) options+=' --dry-run --starttls --servername --remove' ;;
     dh) options+=' --dry-run --force' ;;
     init) options+=' --dry-run --default' ;;
