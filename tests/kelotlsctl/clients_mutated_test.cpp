@@ -384,46 +384,64 @@ std::map<std::uint16_t, std::string> suites_of_openssl() {
   return names;
 }
 
+/// What a client of OpenSSL would be told to offer.
+struct Told {
+  Numbers newer;  // suites of TLS 1.3
+  Numbers older;
+  Numbers versions;
+};
+
+Told told_by(const Offered& offered) {
+  Told told;
+  for (const std::uint16_t suite : offered.suites) {
+    if (suite != kRenegotiation && suite != kFallback) {
+      (suite >> 8 == 0x13 ? told.newer : told.older).push_back(suite);
+    }
+  }
+  told.versions = offered.versions;
+  std::sort(told.versions.begin(), told.versions.end());
+  if (!offered.has_versions) {
+    told.versions = {kTls10, std::min(offered.base.version, kTls12)};
+  }
+  return told;
+}
+
+/// It offers each version between two, suites for all of them, and the extensions that go with TLS
+/// 1.2 and later.
+bool can_offer(const Offered& offered, const Told& told,
+               const std::map<std::uint16_t, std::string>& known_suites) {
+  const std::uint16_t newest = told.versions.back();
+  const std::uint16_t oldest = told.versions.front();
+  const bool is_whole =
+      !offered.has_versions || std::size_t{newest} - oldest + 1 == told.versions.size();
+  return is_whole && newest >= kTls12 && told.newer.empty() == (newest < kTls13) &&
+         told.older.empty() == (oldest == kTls13) && offered.has_groups && offered.has_signatures &&
+         (newest < kTls13 || offered.has_shares) && all_known(told.newer, known_suites) &&
+         all_known(told.older, known_suites) && all_known(offered.groups, openssl_groups()) &&
+         all_known(offered.signatures, openssl_signatures());
+}
+
 /// Null where no client of OpenSSL can offer just this.
 ContextOwner client_that_offers(const Offered& offered,
                                 const std::map<std::uint16_t, std::string>& known_suites) {
-  Numbers newer;
-  Numbers older;
-  for (const std::uint16_t suite : offered.suites) {
-    if (suite != kRenegotiation && suite != kFallback) {
-      (suite >> 8 == 0x13 ? newer : older).push_back(suite);
-    }
-  }
-  Numbers versions = offered.versions;
-  std::sort(versions.begin(), versions.end());
-  if (!offered.has_versions) {
-    versions = {kTls10, std::min(offered.base.version, kTls12)};
-  }
-  const bool is_whole = !offered.has_versions ||
-                        std::size_t{versions.back()} - versions.front() + 1 == versions.size();
-  const bool is_new = versions.back() == kTls13;
-  const bool is_old = versions.front() < kTls13;
-  if (!is_whole || !all_known(newer, known_suites) || !all_known(older, known_suites) ||
-      newer.empty() == is_new || older.empty() == is_old || !offered.has_groups ||
-      !offered.has_signatures || (is_new && !offered.has_shares) || versions.back() < kTls12 ||
-      !all_known(offered.groups, openssl_groups()) ||
-      !all_known(offered.signatures, openssl_signatures())) {
+  const Told told = told_by(offered);
+  if (!can_offer(offered, told, known_suites)) {
     return nullptr;
   }
   ContextOwner context(SSL_CTX_new(TLS_client_method()));
   SSL_CTX* const raw = context.get();
   SSL_CTX_set_security_level(raw, 0);
   SSL_CTX_set_mode(raw, has(offered.suites, kFallback) ? SSL_MODE_SEND_FALLBACK_SCSV : 0);
-  const bool is_set =
-      SSL_CTX_set_min_proto_version(raw, versions.front()) == 1 &&
-      SSL_CTX_set_max_proto_version(raw, versions.back()) == 1 &&
-      (newer.empty() ||
-       SSL_CTX_set_ciphersuites(raw, list_of_names(newer, known_suites).c_str()) == 1) &&
-      (older.empty() ||
-       SSL_CTX_set_cipher_list(raw, list_of_names(older, known_suites).c_str()) == 1) &&
-      SSL_CTX_set1_groups_list(raw, list_of_names(offered.groups, openssl_groups()).c_str()) == 1 &&
-      SSL_CTX_set1_sigalgs_list(
-          raw, list_of_names(offered.signatures, openssl_signatures()).c_str()) == 1;
+  const std::string newer = list_of_names(told.newer, known_suites);
+  const std::string older = list_of_names(told.older, known_suites);
+  const std::string groups = list_of_names(offered.groups, openssl_groups());
+  const std::string signatures = list_of_names(offered.signatures, openssl_signatures());
+  const bool is_set = SSL_CTX_set_min_proto_version(raw, told.versions.front()) == 1 &&
+                      SSL_CTX_set_max_proto_version(raw, told.versions.back()) == 1 &&
+                      (newer.empty() || SSL_CTX_set_ciphersuites(raw, newer.c_str()) == 1) &&
+                      (older.empty() || SSL_CTX_set_cipher_list(raw, older.c_str()) == 1) &&
+                      SSL_CTX_set1_groups_list(raw, groups.c_str()) == 1 &&
+                      SSL_CTX_set1_sigalgs_list(raw, signatures.c_str()) == 1;
   ERR_clear_error();
   return is_set ? std::move(context) : nullptr;
 }
@@ -524,19 +542,24 @@ Given given_by(SSL_CTX* server, const std::map<std::uint16_t, std::string>& suit
   return given;
 }
 
-TEST_F(ClientsMutated, AreJudgedAsTheProtocolHasIt) {
-  const unsigned count = number_of("KELOTLS_HELLOS", 400);
-  const unsigned seed = number_of("KELOTLS_SEED", std::random_device()());
-  const std::vector<Offered> bases = real_hellos();
-  ASSERT_GE(bases.size(), 200U);
-  const auto known_suites = suites_of_openssl();
-  const Numbers common_suites = numbers_in(known_suites);
-  Mutator mutator(seed);
-  struct Setting {
-    ContextOwner served;
-    ContextOwner judged;
-    Case one;
-  };
+using Suites = std::map<std::uint16_t, std::string>;
+
+/// A level with a kind of certificate.
+struct Setting {
+  ContextOwner served;
+  ContextOwner judged;
+  Case one;
+
+  kelotlsctl::Judgement judge(const Bytes& hello) const {
+    kelotlsctl::CertificateFacts certificate;
+    certificate.kind = one.is_rsa ? "RSA" : "ECDSA";
+    certificate.bits = 2048;
+    certificate.curve = "prime256v1";
+    return kelotlsctl::Judge(judged.get(), {certificate}).judge(hello);
+  }
+};
+
+std::vector<Setting> all_settings(const Suites& known_suites) {
   std::vector<Setting> settings;
   for (const int level : {1, 2, 3}) {
     for (const bool is_rsa : {true, false}) {
@@ -548,42 +571,59 @@ TEST_F(ClientsMutated, AreJudgedAsTheProtocolHasIt) {
       settings.push_back(std::move(setting));
     }
   }
-  unsigned handshakes = 0;
+  return settings;
+}
+
+/// How many hellos came out how, and how many of them stood beside a real handshake.
+struct Tally {
   std::map<std::string, unsigned> outcomes;
-  unsigned failures = 0;
-  for (unsigned index = 0; index < count && failures < 10; ++index) {
+  unsigned handshakes = 0;
+};
+
+void hold(const Offered& offered, const Setting& setting, const Suites& known_suites,
+          Tally& tally) {
+  const Bytes hello = written(offered);
+
+  const kelotlsctl::Judgement judgement = setting.judge(hello);
+
+  const std::string judged = text_of(judgement);
+  const std::string by_rules = outcome_by_rules(offered, setting.one);
+  const ContextOwner client = client_that_offers(offered, known_suites);
+  const std::string real =
+      client != nullptr ? outcome_of_handshake(setting.served.get(), client.get()) : "";
+  EXPECT_TRUE(judged == by_rules && (real.empty() || real == judged))
+      << "at level " << setting.one.level << (setting.one.is_rsa ? " RSA" : " ECDSA") << ": judged "
+      << judged << " (" << judgement.text << "), by the rules " << by_rules << ", handshake "
+      << real << "\n"
+      << kelotlsctl::hexadecimal_digits(hello);
+  tally.handshakes += real.empty() ? 0 : 1;
+  ++tally.outcomes[judgement.is_answered ? judged.substr(0, 7) : judgement.lacks.front()];
+}
+
+TEST_F(ClientsMutated, AreJudgedAsTheProtocolHasIt) {
+  const unsigned count = number_of("KELOTLS_HELLOS", 400);
+  const unsigned seed = number_of("KELOTLS_SEED", std::random_device()());
+  const std::vector<Offered> bases = real_hellos();
+  ASSERT_GE(bases.size(), 200U);
+  const Suites known_suites = suites_of_openssl();
+  const Numbers common_suites = numbers_in(known_suites);
+  const std::vector<Setting> settings = all_settings(known_suites);
+  Mutator mutator(seed);
+  Tally tally;
+
+  for (unsigned index = 0; index < count && !HasFailure(); ++index) {
+    SCOPED_TRACE("seed " + std::to_string(seed) + ", hello " + std::to_string(index));
     const Offered offered = mutator.mutate(bases[mutator.below(bases.size())], common_suites);
-    const Setting& setting = settings[mutator.below(settings.size())];
-    kelotlsctl::CertificateFacts certificate;
-    certificate.kind = setting.one.is_rsa ? "RSA" : "ECDSA";
-    certificate.bits = 2048;
-    certificate.curve = "prime256v1";
-    const Bytes hello = written(offered);
-
-    const auto judgement = kelotlsctl::Judge(setting.judged.get(), {certificate}).judge(hello);
-
-    const std::string judged = text_of(judgement);
-    const std::string by_rules = outcome_by_rules(offered, setting.one);
-    const ContextOwner client = client_that_offers(offered, known_suites);
-    const std::string real =
-        client != nullptr ? outcome_of_handshake(setting.served.get(), client.get()) : "";
-    const bool is_equal = judged == by_rules && (real.empty() || real == judged);
-    EXPECT_TRUE(is_equal) << "seed " << seed << ", hello " << index << " at level "
-                          << setting.one.level << (setting.one.is_rsa ? " RSA" : " ECDSA")
-                          << ": judged " << judged << " (" << judgement.text << "), by the rules "
-                          << by_rules << ", handshake " << real << "\n"
-                          << kelotlsctl::hexadecimal_digits(hello);
-    failures += is_equal ? 0 : 1;
-    handshakes += real.empty() ? 0 : 1;
-    ++outcomes[judgement.is_answered ? judged.substr(0, 7) : judgement.lacks.front()];
+    hold(offered, settings[mutator.below(settings.size())], known_suites, tally);
   }
-  std::cout << count << " hellos with seed " << seed << ", " << handshakes
+
+  std::cout << count << " hellos with seed " << seed << ", " << tally.handshakes
             << " of them beside a real handshake:";
-  for (const auto& [outcome, number] : outcomes) {
+  for (const auto& [outcome, number] : tally.outcomes) {
     std::cout << ' ' << outcome << ' ' << number << ';';
   }
   std::cout << '\n';
-  EXPECT_GT(handshakes, count / 10);
+  EXPECT_GT(tally.handshakes, count / 10);
 }
 
 }  // namespace
