@@ -261,7 +261,7 @@ TEST_F(ClientsLosses, ShowsWhoComesAndWhatTheyGetToday) {
                      {"newest-protocol": "TLS 1.2", "clients": 2, "connections": 13},
                      {"newest-protocol": "TLS 1.3", "clients": 1, "connections": 200}])"));
   EXPECT_EQ(outcome.document["by-answer"][1]["answer"], "TLS 1.3, TLS_AES_256_GCM_SHA384");
-  EXPECT_EQ(outcome.document["by-answer"][2]["answer"], "refused: It offers TLS 1.1 at most.");
+  EXPECT_EQ(outcome.document["by-answer"][2]["answer"], "refused: version");
   const Outcome text = run({"clients", "show", "web"});
   EXPECT_TRUE(contains(text.out, "web: 214 connections from "));
   EXPECT_TRUE(contains(text.out, "unknown, TLS 1.2"));

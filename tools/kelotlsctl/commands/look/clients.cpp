@@ -58,11 +58,11 @@ std::string joined(const Json::Value& texts, const std::string& if_none) {
   return text.empty() ? if_none : text;
 }
 
-/// "TLS 1.2, ECDHE-RSA-AES128-GCM-SHA256", or why not.
+/// "TLS 1.2, ECDHE-RSA-AES128-GCM-SHA256", or what the hello lacks.
 std::string answer_text(const Json::Value& judgement) {
   return judgement.isNull() ? "the service gets no context"
          : !judgement["answered"].asBool()
-             ? "refused: " + judgement["text"].asString()
+             ? "refused: " + joined(judgement["lacks"], "")
              : judgement["protocol"].asString() + ", " + judgement["cipher-suite"].asString();
 }
 
