@@ -251,6 +251,7 @@ TEST(PiecesOfBytes, KeepTheBytesThatCameFirst) {
   EXPECT_EQ(pieces.beginning(), "");
   EXPECT_TRUE(pieces.insert(0, "ab"));
   EXPECT_EQ(pieces.beginning(), "abXXefghXXklXX");
+  EXPECT_EQ(pieces.cost(), 14U);
 }
 
 TEST(PiecesOfBytes, RefuseWhatNobodySendsByChance) {

@@ -330,6 +330,9 @@ TEST_F(KelotlsctlClientsLive, AreReadByAProcessWithoutPrivileges) {
   }
   const Lines descriptors = names_in(reader + "/fd");
   EXPECT_EQ(descriptors.size(), 5U) << "the standard ones, packets, and the channel";
+  for (const char* const standard : {"/fd/0", "/fd/1", "/fd/2"}) {
+    EXPECT_EQ(link_target(reader + standard), "/dev/null");
+  }
   EXPECT_EQ(recorder->end(), 0);
 }
 

@@ -110,7 +110,7 @@ TEST_F(KelotlsctlConsole, GivesAnExampleOfEachCommandThatParses) {
     EXPECT_EQ(run(example).err.find("Run with --help"), std::string::npos) << name;
     EXPECT_NE(run(example).status, 2) << name;
   }
-  EXPECT_EQ(commands, 24u);
+  EXPECT_EQ(commands, 25u);
 }
 
 /// The codes behind "Exit codes: " in the help of a command.

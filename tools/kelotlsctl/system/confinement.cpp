@@ -1,6 +1,7 @@
 // Owns giving up privileges and system calls.
 #include "system/confinement.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
 #include <linux/sockios.h>
@@ -64,6 +65,13 @@ void drop_capabilities() {
   require(::syscall(SYS_capset, &header, none) == 0, "drop capabilities");
 }
 
+void leave_terminal() {
+  const kelotls::Descriptor nowhere(::open("/dev/null", O_RDWR | O_NOCTTY));
+  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    require(::dup2(nowhere.get(), standard) >= 0, "leave the terminal");
+  }
+}
+
 struct FilterRelease {
   void operator()(void* filter) const { ::seccomp_release(filter); }
 };
@@ -115,6 +123,7 @@ void filter_system_calls() {
 void end_with_parent() { static_cast<void>(::prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0)); }
 
 void close_descriptors_but(std::initializer_list<int> kept) {
+  leave_terminal();
   std::vector<std::string> names;
   require(kelotls::list_directory("/proc/self/fd", names), "list open files");
   for (const std::string& name : names) {
