@@ -124,7 +124,8 @@ Plain read_ldap(std::string_view bytes) {
   std::size_t at = 0;
   for (;;) {
     if (bytes.size() < at + 2) {
-      return bytes.size() > at && byte_at(bytes, at) != 0x30 ? never_asks() : unfinished(at + 2);
+      return bytes.size() > at && byte_at(bytes, at) != 0x30 ? never_asks()
+                                                             : unfinished(bytes.size() + 1);
     }
     const std::size_t first = byte_at(bytes, at + 1);
     const std::size_t digits = first > 0x80 ? first - 0x80 : 0;
@@ -263,6 +264,13 @@ OpeningResult judge_message(const Bytes& message) {
                                   : OpeningResult{Opening::kNotTls, 0, {}};
 }
 
+/// With fewer more bytes nothing changes.
+std::size_t missing_bytes(const Bytes& message) {
+  return message.size() < kHandshakeHeader
+             ? 1
+             : kHandshakeHeader + number(message, 1, 3) - message.size();
+}
+
 OpeningResult read_records(std::string_view bytes) {
   Bytes message;
   std::size_t at = 0;
@@ -273,7 +281,7 @@ OpeningResult read_records(std::string_view bytes) {
       return {Opening::kNotTls, 0, {}};
     }
     if (left < kRecordHeader) {
-      return {Opening::kUnfinished, at + kRecordHeader, {}};
+      return {Opening::kUnfinished, bytes.size() + 1, {}};
     }
     const std::size_t size = number(bytes, at + 3, 2);
     if (size == 0 || size > kMostRecord) {
@@ -286,7 +294,9 @@ OpeningResult read_records(std::string_view bytes) {
       return result;
     }
     if (left < kRecordHeader + size) {
-      return {Opening::kUnfinished, at + kRecordHeader + size, {}};
+      const std::size_t to_record_end = kRecordHeader + size - left;
+      return {
+          Opening::kUnfinished, bytes.size() + std::min(to_record_end, missing_bytes(message)), {}};
     }
     at += kRecordHeader + size;
   }
