@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -24,7 +25,6 @@ namespace {
 constexpr int kSnapshotBytes = 262144;  // nothing that a network card puts together is larger
 constexpr int kBufferBytes = 16 << 20;  // what comes while a record is being written waits here
 constexpr int kWaitMilliseconds = 100;
-constexpr std::time_t kMostTime = 253402300799;
 
 using Clock = std::chrono::steady_clock;
 using Handle = std::unique_ptr<pcap_t, decltype(&::pcap_close)>;
@@ -135,9 +135,8 @@ class Capture {
   }
 
   void take(const pcap_pkthdr& header, const unsigned char* bytes) {
-    const std::time_t when = header.ts.tv_sec < 0           ? 0
-                             : header.ts.tv_sec > kMostTime ? kMostTime
-                                                            : header.ts.tv_sec;
+    const auto when =
+        static_cast<std::time_t>(std::clamp<std::int64_t>(header.ts.tv_sec, 0, kMostMessageTime));
     first_ = count_ == 0 ? when : std::min(first_, when);
     last_ = std::max(last_, when);
     ++count_;

@@ -14,7 +14,7 @@ constexpr std::size_t kNumbers = 9;
 constexpr std::size_t kNumberBytes = 8;
 constexpr std::size_t kHead = kNumbers * kNumberBytes + 17;
 constexpr std::uint64_t kMostCount = 0xffffffff;
-constexpr std::uint64_t kMostTime = 253402300799;  // 9999-12-31T23:59:59Z
+constexpr auto kMostTime = static_cast<std::uint64_t>(kMostMessageTime);
 constexpr std::size_t kMostFault = 1000;
 
 void append(std::string& bytes, std::uint64_t number) {

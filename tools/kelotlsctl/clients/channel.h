@@ -2,7 +2,9 @@
 // trust it: each message is checked.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 
@@ -29,14 +31,18 @@ struct CaptureMessage {
   std::string text;
 };
 
+/// 9999-12-31T23:59:59Z, or the last second that this machine can count to.
+constexpr std::int64_t kMostMessageTime =
+    std::min<std::int64_t>(253402300799, std::numeric_limits<std::time_t>::max());
+
 /// No message takes more.
 constexpr std::size_t kMostMessageBytes = (std::size_t{64} << 10) + 256;
 
 std::string encode_message(const CaptureMessage& message);
 
 /// Nothing where the bytes are no message about one of so many services, or one of its values
-/// cannot be: a time before 1970 or after 9999, a count beyond four thousand millions, an address
-/// that is none, a hello that is none.
+/// cannot be: a time before 1970 or after kMostMessageTime, a count beyond four thousand millions,
+/// an address that is none, a hello that is none.
 std::optional<CaptureMessage> decode_message(const std::string& bytes, std::size_t services);
 
 }  // namespace kelotlsctl

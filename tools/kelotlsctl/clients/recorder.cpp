@@ -277,7 +277,7 @@ class Recorder {
   }
 
   void add(const CaptureMessage& message, ClientRecords& records, RecordingResult& result) {
-    const std::size_t before = records.hellos().size() + records.left_out_hellos();
+    const std::uint64_t before = records.hellos().size() + records.left_out_hellos();
     records.add(message.text, is_live_ ? std::time(nullptr) : message.first,
                 kept_address(message.source, options_.addresses));
     ++result.connections;

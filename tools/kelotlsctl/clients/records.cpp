@@ -101,7 +101,8 @@ std::string bytes_of(const std::string& hex) {
 Json::Value json_of(const RecordedHello& hello) {
   Json::Value hours(Json::objectValue);
   for (const auto& [hour, count] : hello.hours) {
-    hours[formatted(hour * kSecondsPerHour, kHourFormat)] = Json::UInt64{count};
+    hours[formatted(static_cast<std::time_t>(hour * kSecondsPerHour), kHourFormat)] =
+        Json::UInt64{count};
   }
   return object({{"hello", hex_of(hello.hello)},
                  {"count", Json::UInt64{hello.count}},
@@ -321,7 +322,7 @@ void ClientRecords::drop_down_to(std::size_t bytes) {
   for (const RecordedHello& hello : hellos_) {
     newest = std::max(newest, hello.last);
   }
-  const std::time_t recent = newest - kRecordedHours * kSecondsPerHour;
+  const std::int64_t recent = newest - kRecordedHours * kSecondsPerHour;
   std::vector<RecordedHello> sorted = std::move(hellos_);
   const auto goes_later = [recent](const RecordedHello& one, const RecordedHello& other) {
     const bool is_recent = one.last > recent;
