@@ -37,30 +37,15 @@ class Capture {
         streams_(services, [this](const Sighting& sighting) { see(sighting); }) {}
 
   void run(const CaptureSource& source, const std::vector<WatchedService>& services) {
-    Handle handle(nullptr, ::pcap_close);
-    if (source.interface.empty()) {
-      static char buffer[1 << 16];
-      std::FILE* const file = ::fdopen(source.file, "rb");
-      // A buffer of its own: the library would ask for the file's status in order to choose one.
-      static_cast<void>(std::setvbuf(file, buffer, _IOFBF, sizeof buffer));
-      confine();
-      handle = open_file(file);
-    } else {
-      handle = open_live(source.interface, services);
-      confine();
-    }
-    const int link = ::pcap_datalink(handle.get());
-    if (!is_known_link(link)) {
-      throw Failure(kFailed, "packets of the link " + std::to_string(link) +
-                                 " are not understood; Ethernet, Linux's own, raw IP, loopback "
-                                 "and PPP are");
-    }
-    packets_ = std::make_unique<PacketReader>(link);
+    const bool is_live = !source.interface.empty();
+    Handle handle = is_live ? open_live(source.interface, services) : open_file(source.file);
+    require_known(::pcap_datalink(handle.get()));
+    packets_ = std::make_unique<PacketReader>(::pcap_datalink(handle.get()));
     tell(CaptureMessage());
-    if (source.interface.empty()) {
-      read_file(handle.get());
-    } else {
+    if (is_live) {
       read_live(handle.get());
+    } else {
+      read_file(handle.get());
     }
     streams_.end(last_);
     tell_unread();
@@ -86,13 +71,30 @@ class Capture {
   }
 
  private:
-  static Handle open_file(std::FILE* file) {
+  /// The headers of a file are a stranger's already.
+  static Handle open_file(int descriptor) {
+    static char buffer[1 << 16];
+    std::FILE* const file = ::fdopen(descriptor, "rb");
+    if (file == nullptr) {
+      throw system_failure("the file of packets");
+    }
+    // A buffer of its own: the library would ask for the file's status in order to choose one.
+    static_cast<void>(std::setvbuf(file, buffer, _IOFBF, sizeof buffer));
+    confine();
     char fault[PCAP_ERRBUF_SIZE] = "";
     Handle handle(::pcap_fopen_offline(file, fault), ::pcap_close);
     if (handle == nullptr) {
       throw Failure(kFailed, fault);
     }
     return handle;
+  }
+
+  static void require_known(int link) {
+    if (!is_known_link(link)) {
+      throw Failure(kFailed, "packets of the link " + std::to_string(link) +
+                                 " are not understood; Ethernet, Linux's own, raw IP, loopback "
+                                 "and PPP are");
+    }
   }
 
   static void require(int result, pcap_t* handle) {
@@ -116,6 +118,13 @@ class Capture {
     ::pcap_set_buffer_size(live, kBufferBytes);
     require(::pcap_activate(live), live);
     require(::pcap_setdirection(live, PCAP_D_IN), live);
+    set_filter(live, services);
+    require(::pcap_setnonblock(live, 1, fault), live);
+    confine();
+    return handle;
+  }
+
+  static void set_filter(pcap_t* live, const std::vector<WatchedService>& services) {
     bpf_program program = {};
     int result = ::pcap_compile(live, &program, capture_filter(services, true).c_str(), 1,
                                 PCAP_NETMASK_UNKNOWN);
@@ -126,8 +135,6 @@ class Capture {
     require(result, live);
     require(::pcap_setfilter(live, &program), live);
     ::pcap_freecode(&program);
-    require(::pcap_setnonblock(live, 1, fault), live);
-    return handle;
   }
 
   static void take(unsigned char* capture, const pcap_pkthdr* header, const unsigned char* bytes) {

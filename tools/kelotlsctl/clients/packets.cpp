@@ -203,24 +203,28 @@ std::optional<Segment> PacketReader::read_behind_ipv6(Segment segment, std::uint
   return protocol == kTcp ? read_tcp(segment, rest) : std::nullopt;
 }
 
-bool PacketReader::complete(const Segment& segment, const Fragment& fragment,
-                            std::string_view bytes, std::time_t when) {
-  auto datagram = std::find_if(datagrams_.begin(), datagrams_.end(), [&](const Datagram& one) {
-    return one.identification == fragment.identification && one.source == segment.source &&
+std::list<PacketReader::Datagram>::iterator PacketReader::datagram_of(const Segment& segment,
+                                                                      std::uint32_t identification,
+                                                                      std::time_t when) {
+  const auto known = std::find_if(datagrams_.begin(), datagrams_.end(), [&](const Datagram& one) {
+    return one.identification == identification && one.source == segment.source &&
            one.destination == segment.destination;
   });
-  if (datagram != datagrams_.end() && when > datagram->begun + kMostDatagramSeconds) {
-    drop(datagram);
-    datagram = datagrams_.end();
+  if (known != datagrams_.end() && when <= known->begun + kMostDatagramSeconds) {
+    return known;
   }
-  if (datagram == datagrams_.end()) {
-    if (datagrams_.size() == kMostDatagrams) {
-      drop(datagrams_.begin());
-    }
-    datagrams_.push_back(
-        {segment.source, segment.destination, fragment.identification, when, 0, 0, {}});
-    datagram = std::prev(datagrams_.end());
+  if (known != datagrams_.end()) {
+    drop(known);
+  } else if (datagrams_.size() == kMostDatagrams) {
+    drop(datagrams_.begin());
   }
+  datagrams_.push_back({segment.source, segment.destination, identification, when, 0, 0, {}});
+  return std::prev(datagrams_.end());
+}
+
+bool PacketReader::complete(const Segment& segment, const Fragment& fragment,
+                            std::string_view bytes, std::time_t when) {
+  const auto datagram = datagram_of(segment, fragment.identification, when);
   cost_ -= datagram->pieces.cost();
   const std::size_t end = fragment.offset + bytes.size();
   const bool fits = end <= kMostDatagramBytes && datagram->pieces.insert(fragment.offset, bytes);

@@ -73,6 +73,8 @@ class PacketReader {
   std::optional<Segment> read_ipv6(std::string_view packet, std::time_t when);
   std::optional<Segment> read_behind_ipv6(Segment segment, std::uint8_t protocol,
                                           std::string_view rest, std::time_t when);
+  std::list<Datagram>::iterator datagram_of(const Segment& segment, std::uint32_t identification,
+                                            std::time_t when);
   /// The whole content, once it is there, in whole_.
   bool complete(const Segment& segment, const Fragment& fragment, std::string_view bytes,
                 std::time_t when);

@@ -15,8 +15,8 @@ void confine();
 /// Has this process killed once its parent has ended. A change of the user undoes it.
 void end_with_parent();
 
-/// Closes every descriptor but these, which are above the standard ones; those lead nowhere from then
-/// on. A Failure where that cannot be done.
+/// Closes every descriptor but these, which are above the standard ones; those lead nowhere from
+/// then on. A Failure where that cannot be done.
 void close_descriptors_but(std::initializer_list<int> kept);
 
 }  // namespace kelotlsctl
