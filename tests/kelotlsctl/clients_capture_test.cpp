@@ -183,7 +183,7 @@ TEST(PacketReading, GivesNothingOfOtherProtocols) {
   EXPECT_FALSE(PacketReader(DLT_EN10MB).read(ethernet(ipv4(tcp({})), 0x0806), kWhen));
 }
 
-/// A segment in fragments of IPv4 or IPv6, of 16 bytes each.
+/// A segment in fragments of IPv4 or IPv6, of 16 bytes each. What follows, the first of them says.
 std::vector<std::string> fragments_of(const std::string& segment, bool is_ipv6, unsigned number) {
   constexpr unsigned kSize = 16;
   std::vector<std::string> packets;
@@ -194,8 +194,9 @@ std::vector<std::string> fragments_of(const std::string& segment, bool is_ipv6, 
     header.identification = number;
     header.offset = at;
     header.is_more = is_more;
-    packets.push_back(is_ipv6 ? ipv6(ipv6_fragment(60, at, is_more, number) + part, 44)
-                              : ipv4(part, header));
+    packets.push_back(is_ipv6
+                          ? ipv6(ipv6_fragment(at == 0 ? 60 : 59, at, is_more, number) + part, 44)
+                          : ipv4(part, header));
   }
   return packets;
 }
