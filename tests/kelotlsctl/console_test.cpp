@@ -110,7 +110,7 @@ TEST_F(KelotlsctlConsole, GivesAnExampleOfEachCommandThatParses) {
     EXPECT_EQ(run(example).err.find("Run with --help"), std::string::npos) << name;
     EXPECT_NE(run(example).status, 2) << name;
   }
-  EXPECT_EQ(commands, 30u);
+  EXPECT_EQ(commands, 31u);
 }
 
 /// The codes behind "Exit codes: " in the help of a command.

@@ -3,14 +3,15 @@
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
   local commands='list status show get set default levels explain probe check metrics history confirm revert
-    undo redo settle validate join leave address regen render reload apply backup restore init recover dh'
+    undo redo settle validate join leave address clients regen render reload apply backup restore init recover dh'
   local levels='modern intermediate old default'
   local command='' position=0 index word
   for ((index = 1; index < COMP_CWORD; index++)); do
     word=${COMP_WORDS[index]}
     case $word in
       --default | --from | --connect | --preview | --level | --state | --reason | --reload-timeout | \
-        --starttls | --servername | --confirm | --until | --then | --textfile) ((index++)) ;;
+        --starttls | --servername | --confirm | --until | --then | --textfile | --for | --interface | \
+        --port | --prefix | --prefix6 | --limit | --certificate) ((index++)) ;;
       -*) ;;
       *) if [[ -z $command ]]; then command=$word; else ((position++)); fi ;;
     esac
@@ -28,7 +29,8 @@ _kelotlsctl() {
       ;;
     --starttls) words='smtp imap pop3 ftp ldap postgres mysql sieve xmpp nntp' ;;
     --confirm) words='90 5m 2h' ;;
-    --connect | --reason | --reload-timeout | --servername | --until) return ;;
+    --connect | --reason | --reload-timeout | --servername | --until | --for | --interface | --port | \
+      --prefix | --prefix6 | --limit | --certificate) return ;;
     *)
       case $command in
         '') words="$commands --json --quiet --reason --trust-anyway --version --help" ;;
@@ -39,6 +41,9 @@ _kelotlsctl() {
   if [[ -z $words && $current != -* ]]; then
     case $command:$position in
       show:0 | get:0 | set:0 | probe:0 | history:0 | address:0) _kelotlsctl_services "$current"; return ;;
+      clients:0) words='record import show judge forget' ;;
+      clients:1) _kelotlsctl_services "$current"; return ;;
+      clients:*) _kelotlsctl_services "$current"; _kelotlsctl_files "$current"; words=$levels ;;
       set:*) _kelotlsctl_services "$current"; words=$levels ;;
       render:* | reload:* | apply:* | check:*) _kelotlsctl_services "$current"; return ;;
       explain:0) _kelotlsctl_services "$current"; words=$levels ;;
@@ -55,8 +60,8 @@ _kelotlsctl_options() {
   local options='--json --quiet --reason --trust-anyway --help'
   case $1 in
     list) options+=' --level --state --terse --names' ;;
-    set) options+=' --dry-run --apply --all --confirm --until --then --reload-timeout' ;;
-    default) options+=' --dry-run --apply --confirm --reload-timeout' ;;
+    set) options+=' --dry-run --apply --all --refuse-loss --confirm --until --then --reload-timeout' ;;
+    default) options+=' --dry-run --apply --refuse-loss --confirm --reload-timeout' ;;
     apply) options+=' --dry-run --confirm --reload-timeout' ;;
     reload | undo | redo) options+=' --dry-run --reload-timeout' ;;
     settle) options+=' --wait --before-services' ;;
@@ -67,6 +72,7 @@ _kelotlsctl_options() {
     regen | backup) options+=' --dry-run' ;;
     render) options+=' --dry-run --check --preview --level' ;;
     probe) options+=' --connect' ;;
+    clients) options+=' --for --interface --port --no-addresses --prefix --prefix6 --limit --certificate' ;;
     address) options+=' --dry-run --starttls --servername --remove' ;;
     dh) options+=' --dry-run --force' ;;
     init) options+=' --dry-run --default' ;;

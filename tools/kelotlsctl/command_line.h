@@ -41,6 +41,15 @@ struct Arguments {
   std::string deadline;
   std::string preview;
   std::string textfile;
+  std::string duration;
+  std::string interface;
+  std::string port;
+  std::string prefix;
+  std::string prefix6;
+  std::string limit;
+  std::string certificate;
+  bool no_addresses = false;
+  bool refuse_loss = false;
   std::string confirm;  ///< how long to wait for a confirmation
   std::string until;    ///< a date
   std::string then;     ///< the level after it
@@ -93,6 +102,12 @@ CommandFunction set_level, default_level, join_services, leave_services, regener
 PrintFunction print_set, print_default, print_joined, print_left, print_regenerated, print_rendered,
     print_reloaded, print_applied, print_backup, print_restored, print_initialised, print_recovered,
     print_dh_files, print_address, print_kept, print_reverted, print_settled, print_undone;
+
+/// What "clients" does: each is handed on to by the word that follows it.
+Report manage_clients(Console& console, const Arguments& arguments);
+CommandFunction record_clients, import_clients, show_clients, judge_clients,
+    forget_recorded_clients;
+PrintFunction print_recorded, print_clients, print_judged, print_forgotten;
 
 /// What "render --preview" does.
 Report preview_templates(Console& console, const Arguments& arguments);

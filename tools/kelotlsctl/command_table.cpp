@@ -9,6 +9,7 @@ namespace {
 constexpr ArgumentRow kDryRun  = {"--dry-run", "Say what would be done, write nothing", &Arguments::dry_run};
 constexpr ArgumentRow kService = {"SERVICE", "The name that the service joined with", nullptr, &Arguments::service, true, true};
 constexpr ArgumentRow kServices = {"SERVICE", "Services, or patterns with * and ?; else all", nullptr, nullptr, false, true, &Arguments::services};
+constexpr ArgumentRow kRefuseLoss = {"--refuse-loss", "Write nothing unless no recorded client is lost", &Arguments::refuse_loss};
 constexpr ArgumentRow kTimeout = {"--reload-timeout", "Seconds that a reloader may take; else 60", nullptr, &Arguments::reload_timeout};
 constexpr ArgumentRow kConfirm = {"--confirm", "Taken back unless confirmed within this time: 90, 5m, 2h", nullptr, &Arguments::confirm};
 constexpr ArgumentRow kFile    = {"FILE", "A registration; - for the standard input", nullptr, &Arguments::file, true, true};
@@ -27,6 +28,13 @@ Places of_render(const Arguments& arguments) {
 /// Without a new address it only shows.
 Places of_address(const Arguments& arguments) {
   return arguments.address.empty() && !arguments.remove ? kNoPlaces : kFrameworkPlaces;
+}
+
+/// What looks only writes nothing.
+Places of_clients(const Arguments& arguments) {
+  const bool writes = arguments.subject == "record" || arguments.subject == "import" ||
+                      arguments.subject == "forget";
+  return writes ? kFrameworkPlaces : kNoPlaces;
 }
 
 Places of_default(const Arguments& arguments) {
@@ -93,13 +101,13 @@ const std::vector<CommandRow>& commands() {
       {"--all", "All services", &Arguments::all},
       {"--apply", "Render, reload and probe; undo what fails", &Arguments::apply}, kConfirm,
       {"--until", "The date at which the level ends; needs --reason", nullptr, &Arguments::until},
-      {"--then", "The level after the date; else the one before it", nullptr, &Arguments::then}, kTimeout},
+      {"--then", "The level after the date; else the one before it", nullptr, &Arguments::then}, kRefuseLoss, kTimeout},
      "0, 1, 2, 3, 4, 5, 6, 10", "kelotlsctl set nginx modern --apply",
      set_level, print_set, always<kFrameworkPlaces>},
     {"default", "Show or set the default level",
      {kDryRun,
       {"LEVEL", "modern, intermediate, old, or 1 to 3", nullptr, &Arguments::level},
-      {"--apply", "Render, reload and probe who follows it; undo what fails", &Arguments::apply}, kConfirm, kTimeout},
+      {"--apply", "Render, reload and probe who follows it; undo what fails", &Arguments::apply}, kConfirm, kRefuseLoss, kTimeout},
      "0, 1, 2, 3, 4, 5, 6", "kelotlsctl default intermediate --apply",
      default_level, print_default, of_default},
 
@@ -141,6 +149,19 @@ const std::vector<CommandRow>& commands() {
       {"--remove", "Keep no address any more", &Arguments::remove}},
      "0, 1, 2, 4, 10", "kelotlsctl address mail localhost:25 --starttls smtp",
      keep_address, print_address, of_address},
+    {"clients", "Record who connects to services, and judge who a level would lose",
+     {{"ACTION", "record SERVICE..., import SERVICE FILE, show SERVICE, judge SERVICE LEVEL, or forget SERVICE", nullptr, &Arguments::subject, true},
+      {"WORD", "Services, and what the action takes beside them", nullptr, nullptr, true, true, &Arguments::services},
+      {"--for", "How long to record, as 90s, 30m, 24h or 7d; else until it is interrupted", nullptr, &Arguments::duration},
+      {"--interface", "The network interface to watch; else any", nullptr, &Arguments::interface},
+      {"--port", "The port of the service, where no address is kept", nullptr, &Arguments::port},
+      {"--no-addresses", "Keep no client's address", &Arguments::no_addresses},
+      {"--prefix", "Keep of an IPv4 address these first bits alone", nullptr, &Arguments::prefix},
+      {"--prefix6", "The same of an IPv6 address; 64 where --prefix is given", nullptr, &Arguments::prefix6},
+      {"--limit", "How many bytes the record of a service may take; else 10485760", nullptr, &Arguments::limit},
+      {"--certificate", "Judge with this, as rsa:2048 or ecdsa:P-256; else as the server shows", nullptr, &Arguments::certificate}},
+     "0, 1, 2, 3, 4, 6, 10", "kelotlsctl clients record nginx --for 24h",
+     manage_clients, print_recorded, of_clients},
 
     {"regen", "Bring the data store in line with the descriptors", {kDryRun},
      "0, 1, 4", "kelotlsctl regen --dry-run",

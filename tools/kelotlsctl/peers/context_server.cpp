@@ -22,8 +22,19 @@ using KeyMaker = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
 /// What nearly every configuration of OpenSSL asks for.
 constexpr int kKnownRsaBits = 2048;
 
-/// strength: of an RSA key its least bits, of any other its curve. An RSA key gets three primes,
-/// which are found in a third of the time that two take and are as good to a client.
+void set_strength(EVP_PKEY_CTX* maker, int kind, int strength) {
+  if (kind == EVP_PKEY_EC) {
+    require(EVP_PKEY_CTX_set_ec_paramgen_curve_nid(maker, strength) == 1,
+            "no key on this curve can be made");
+  } else if (kind == EVP_PKEY_RSA || kind == EVP_PKEY_RSA_PSS) {
+    require(EVP_PKEY_CTX_set_rsa_keygen_bits(maker, strength) == 1 &&
+                EVP_PKEY_CTX_set_rsa_keygen_primes(maker, 3) == 1,
+            "no key of this strength can be made");
+  }
+}
+
+/// An RSA key gets three primes, which are found in a third of the time that two take and are as
+/// good to a client.
 KeyOwner make_key(int kind, int strength) {
   if (kind == EVP_PKEY_RSA && strength == kKnownRsaBits) {
     KeyOwner key = make_known_rsa_key();
@@ -33,10 +44,7 @@ KeyOwner make_key(int kind, int strength) {
   const KeyMaker maker(EVP_PKEY_CTX_new_id(kind, nullptr));
   EVP_PKEY_CTX* const raw = maker.get();
   require(EVP_PKEY_keygen_init(raw) == 1, "no key can be made");
-  require(kind == EVP_PKEY_RSA ? EVP_PKEY_CTX_set_rsa_keygen_bits(raw, strength) == 1 &&
-                                     EVP_PKEY_CTX_set_rsa_keygen_primes(raw, 3) == 1
-                               : EVP_PKEY_CTX_set_ec_paramgen_curve_nid(raw, strength) == 1,
-          "no key of this strength can be made");
+  set_strength(raw, kind, strength);
   EVP_PKEY* key = nullptr;
   require(EVP_PKEY_keygen(raw, &key) == 1, "no key can be made");
   return KeyOwner(key);
@@ -44,11 +52,14 @@ KeyOwner make_key(int kind, int strength) {
 
 CertificateOwner sign_certificate(EVP_PKEY* key) {
   constexpr long kDay = 24L * 60 * 60;
+  const int kind = EVP_PKEY_base_id(key);
+  const bool has_own_digest = kind == EVP_PKEY_ED25519 || kind == EVP_PKEY_ED448;
   CertificateOwner certificate(X509_new());
   X509* const raw = certificate.get();
   require(X509_gmtime_adj(X509_getm_notBefore(raw), -kDay) != nullptr &&
               X509_gmtime_adj(X509_getm_notAfter(raw), kDay) != nullptr &&
-              X509_set_pubkey(raw, key) == 1 && X509_sign(raw, key, EVP_sha256()) != 0,
+              X509_set_pubkey(raw, key) == 1 &&
+              X509_sign(raw, key, has_own_digest ? nullptr : EVP_sha256()) != 0,
           "no certificate can be made");
   return certificate;
 }
@@ -80,15 +91,19 @@ std::array<const Identity*, 2> identities_at(int security_level) {
 }
 
 /// Loaded at security level 0: a refusal would tell nothing about the service's own certificates.
-void use_throw_away_certificates(SSL* server) {
+void use_identity(SSL* server, const Identity& identity) {
   const int security_level = SSL_get_security_level(server);
   SSL_set_security_level(server, 0);
-  for (const Identity* identity : identities_at(security_level)) {
-    require(SSL_use_certificate(server, identity->certificate.get()) == 1 &&
-                SSL_use_PrivateKey(server, identity->key.get()) == 1,
-            "the throw-away certificate is refused");
-  }
+  require(SSL_use_certificate(server, identity.certificate.get()) == 1 &&
+              SSL_use_PrivateKey(server, identity.key.get()) == 1,
+          "the throw-away certificate is refused");
   SSL_set_security_level(server, security_level);
+}
+
+void use_throw_away_certificates(SSL* server) {
+  for (const Identity* identity : identities_at(SSL_get_security_level(server))) {
+    use_identity(server, *identity);
+  }
 }
 
 }  // namespace
@@ -117,6 +132,10 @@ Answer ask_context(SSL_CTX* context, const Hello& hello, const std::function<voi
   answer.verdict = answer.verdict == Verdict::kNotKnown ? Verdict::kRefused : answer.verdict;
   answer.reason = ERR_peek_error() != 0 ? take_openssl_reason() : answer.reason;
   return answer;
+}
+
+void use_throw_away_certificate(SSL* server, int kind, int strength) {
+  use_identity(server, throw_away_identity(kind, strength));
 }
 
 std::vector<Bytes> throw_away_certificates(SSL_CTX* context) {

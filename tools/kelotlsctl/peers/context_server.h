@@ -17,6 +17,11 @@ namespace kelotlsctl {
 Answer ask_context(SSL_CTX* context, const Hello& hello,
                    const std::function<void(SSL* server)>& adjust = nullptr);
 
+/// Gives the connection object a throw-away certificate with a key of this kind (EVP_PKEY_RSA...).
+/// strength: of an RSA key its least bits, on a curve the curve, else 0. Throws std::runtime_error
+/// where OpenSSL makes none.
+void use_throw_away_certificate(SSL* server, int kind, int strength);
+
 /// The certificates that the context is asked with, in DER.
 std::vector<Bytes> throw_away_certificates(SSL_CTX* context);
 

@@ -1,6 +1,7 @@
 // kelotlsctl default: the level of every service that has none of its own.
 #include "changes/level_change.h"
 #include "changes/way_back.h"
+#include "clients/losses.h"
 #include "command_line.h"
 #include "store/history.h"
 
@@ -72,6 +73,7 @@ Report default_level(Console& console, const Arguments& arguments) {
   const WriteAccess access(console, arguments.confidence(), back.joins());
   const LevelChange plan = make_plan(load_store(), level);
   plan.refuse_unreachable();
+  tell_losses(console, plan.before, plan.after, plan.selection.names, arguments.refuse_loss);
   const bool applies = arguments.apply || back.wait;
   if (applies) {
     require_trust(console, walk_places(console, kAllPlaces, plan.selection),

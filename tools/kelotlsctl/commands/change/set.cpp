@@ -2,6 +2,7 @@
 #include "changes/dating.h"
 #include "changes/level_change.h"
 #include "changes/way_back.h"
+#include "clients/losses.h"
 #include "command_line.h"
 #include "store/history.h"
 
@@ -138,6 +139,7 @@ Report set_level(Console& console, const Arguments& arguments) {
   const LevelChange plan = make_plan(request);
   plan.refuse_unreachable();
   dating.refuse_pointless(plan);
+  tell_losses(console, plan.before, plan.after, plan.selection.names, arguments.refuse_loss);
   const bool applies = arguments.apply || back.wait;
   if (applies) {
     require_trust(console, walk_places(console, kAllPlaces, plan.selection),

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "changes/application.h"
+#include "clients/losses.h"
 #include "command_line.h"
 #include "levels/report.h"
 #include "output/suggestion.h"
@@ -54,6 +55,9 @@ Report explain(Console&, const Arguments& arguments) {
         "This is about OpenSSL. The service takes its settings from a template: its server may be "
         "another, which kelotlsctl probe asks.");
   }
+  const std::string refused =
+      refused_text(arguments.subject, store.effective_level(arguments.subject));
+  report.notes.insert(report.notes.end(), refused.empty() ? 0 : 1, refused);
   return report;
 }
 

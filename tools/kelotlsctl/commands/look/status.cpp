@@ -1,5 +1,6 @@
 // kelotlsctl status: on one screen, what is in force, what is pending, and what failed last.
 #include "changes/pending_change.h"
+#include "clients/losses.h"
 #include "command_line.h"
 #include "output/natural_order.h"
 #include "service/service_state.h"
@@ -201,6 +202,8 @@ Report show_status(Console&, const Arguments&) {
     if (store.stored_level(service) == 0) {
       count(report.document, "following-default");
     }
+    const std::string refused = refused_text(service, store.effective_level(service));
+    report.notes.insert(report.notes.end(), refused.empty() ? 0 : 1, refused);
     if (is_pending(status.state) || is_at_fault(status.state)) {
       report.document[is_pending(status.state) ? "pending" : "at-fault"].append(service);
     }
