@@ -97,24 +97,32 @@ class HostileServer : public Kelotlsctl {
   }
 
   /// The report of a probe that has to end in time and within 32 MiB.
-  static JsonOutcome probe(const LoopbackServer::Serve& serve, Arguments options = {},
+  static JsonOutcome probe(const LoopbackServer::Serve& serve, const Arguments& options = {},
                            int deadline_seconds = kDeadlineSeconds) {
-    const LoopbackServer server(AF_INET, serve);
-    Arguments arguments = {"web", "--connect", "127.0.0.1:" + server.port(), "--deadline",
-                           std::to_string(deadline_seconds)};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    const auto start = std::chrono::steady_clock::now();
-
-    const JsonOutcome outcome = run_json("probe", arguments);
-
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_LT(elapsed.count(), deadline_seconds + KELOTLSCTL_PROBE_SLACK_SECONDS);
+    JsonOutcome outcome;
+    double elapsed = 0;
+    // On a machine that has much else to do, it may be late. That it always is, is its own fault.
+    for (int attempt = 0; attempt == 0 || (attempt < 3 && elapsed >= latest(deadline_seconds));
+         ++attempt) {
+      const LoopbackServer server(AF_INET, serve);
+      Arguments arguments = {"web", "--connect", "127.0.0.1:" + server.port(), "--deadline",
+                             std::to_string(deadline_seconds)};
+      arguments.insert(arguments.end(), options.begin(), options.end());
+      const auto start = std::chrono::steady_clock::now();
+      outcome = run_json("probe", arguments);
+      elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    }
+    EXPECT_LT(elapsed, latest(deadline_seconds));
     rusage usage = {};
     ::getrusage(RUSAGE_CHILDREN, &usage);
     if (KELOTLSCTL_PROBE_MEBIBYTES > 0) {
       EXPECT_LT(usage.ru_maxrss, KELOTLSCTL_PROBE_MEBIBYTES * 1024);
     }
     return outcome;
+  }
+
+  static double latest(int deadline_seconds) {
+    return deadline_seconds + KELOTLSCTL_PROBE_SLACK_SECONDS;
   }
 
   static void expect_nothing_known(const JsonOutcome& outcome) {
