@@ -172,6 +172,12 @@ TEST_F(DocumentFaults, OfAStringAreThatItIsMissingEmptyOrNone) {
   EXPECT_TRUE(breaks_rule("{}"));
 }
 
+TEST_F(DocumentFaults, AreOfMembersThatAreKnown) {
+  EXPECT_EQ(registration_members(), (Lines{"services", "system-service"}));
+  EXPECT_EQ(service_members(), (Lines{"service", "display-name", "display-name-i18n",
+                                      "mustache-path", "reloader-path"}));
+}
+
 // Places
 
 TEST_F(DocumentFaults, HaveAPathThatIsReadInOneWay) {

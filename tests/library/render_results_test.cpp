@@ -247,5 +247,25 @@ TEST_F(RenderResults, NameARenderedTextThatCannotBeRead) {
   EXPECT_EQ(result.path.compare(0, 14, "/proc/self/fd/"), 0) << result.path;
 }
 
+// Whether a service has joined with it or not
+
+TEST_F(RenderResults, ArePreviewedForEachLevel) {
+  remove_all(descriptor_path("web"));
+  std::string modern;
+  EXPECT_TRUE(preview_template(kTemplate, 1, modern));
+  EXPECT_EQ(modern, "modern\n");
+  std::string text;
+  EXPECT_TRUE(preview_template(kTemplate, 3, text));
+  EXPECT_EQ(text, "old\n");
+
+  write_file(kTemplate, "{{#open}}");
+  EXPECT_FALSE(preview_template(kTemplate, 1, text));
+  EXPECT_EQ(errno, 0);
+  remove_all(kTemplate);
+  EXPECT_FALSE(preview_template(kTemplate, 1, text));
+  EXPECT_EQ(log(), Lines());
+  EXPECT_FALSE(exists(kRendered));
+}
+
 }  // namespace
 }  // namespace kelotls::test
