@@ -78,7 +78,8 @@ TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
             "--json --quiet --reason --trust-anyway --help --wait --before-services\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
   EXPECT_EQ(complete("kelotlsctl list --"),
-            "--json --quiet --reason --trust-anyway --help --level --state --terse --names\n");
+            "--json --quiet --reason --trust-anyway --help --level --state --terse --names "
+            "--findings\n");
 }
 
 TEST_F(KelotlsctlCompletion, OffersFiles) {

@@ -59,7 +59,7 @@ _kelotlsctl() {
 _kelotlsctl_options() {
   local options='--json --quiet --reason --trust-anyway --help'
   case $1 in
-    list) options+=' --level --state --terse --names' ;;
+    list) options+=' --level --state --terse --names --findings' ;;
     set) options+=' --dry-run --apply --all --refuse-loss --confirm --until --then --reload-timeout' ;;
     default) options+=' --dry-run --apply --refuse-loss --confirm --reload-timeout' ;;
     apply) options+=' --dry-run --confirm --reload-timeout' ;;

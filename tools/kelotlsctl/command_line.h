@@ -21,6 +21,7 @@ struct Arguments {
   bool replace = false;
   bool context = false;
   bool terse = false;
+  bool findings = false;
   bool plugin = false;
   bool survey = false;
   std::string command;  ///< its name

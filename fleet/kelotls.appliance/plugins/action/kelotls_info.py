@@ -10,6 +10,8 @@ from ansible_collections.kelotls.appliance.plugins.plugin_utils.appliance import
 
 SUBSETS = ("levels", "findings", "version", "history")
 WORDS = {"levels": ["list"], "findings": ["check"], "version": ["--version"], "history": ["history"]}
+# One start of the command tells all of these, and asks each running server once.
+TOGETHER = ("levels", "findings", "version")
 
 
 class ActionModule(ApplianceAction):
@@ -17,7 +19,7 @@ class ActionModule(ApplianceAction):
 
     ARGUMENTS = {
         "gather_subset": {"type": "list", "elements": "str", "choices": list(SUBSETS),
-                          "default": ["levels", "version"]},
+                          "default": list(TOGETHER)},
     }
 
     def work(self, arguments: Document) -> Document:
@@ -25,15 +27,25 @@ class ActionModule(ApplianceAction):
         if not subsets:
             return {"changed": False}
         script = self.script(arguments)
-        for subset in subsets:
-            script.run(*WORDS[subset])
+        questions = questions_for(subsets)
+        for words, _told in questions:
+            script.run(*words)
         result: Document = {"changed": False}
-        for subset, answer in zip(subsets, self.send(script)):
+        for (_words, told), answer in zip(questions, self.send(script)):
             # A finding is no failure of the one who asks.
             if answer.rc not in (0, DIFFERS) or answer.document is None:
                 raise CommandFailed(answer)
-            result.update(FACTS[subset](answer.document))
+            for subset in told:
+                result.update(FACTS[subset](answer.document))
         return result
+
+
+def questions_for(subsets: list[str]) -> list[tuple[list[str], list[str]]]:
+    """The words of each run of the command, and which subsets it tells."""
+    if not {"levels", "findings"} <= set(subsets):
+        return [(WORDS[subset], [subset]) for subset in subsets]
+    return [(["list", "--findings"], [subset for subset in subsets if subset in TOGETHER]),
+            *((WORDS[subset], [subset]) for subset in subsets if subset not in TOGETHER)]
 
 
 def level_facts(document: Document) -> Document:
@@ -55,8 +67,9 @@ def finding_facts(document: Document) -> Document:
     return {"healthy": document["healthy"], "findings": document["findings"]}
 
 
-def version_facts(text: Any) -> Document:
-    return {"version": text.split()[-1]}
+def version_facts(told: Any) -> Document:
+    """told: a document, or what --version prints."""
+    return {"version": told["version"] if isinstance(told, dict) else told.split()[-1]}
 
 
 def history_facts(document: Document) -> Document:

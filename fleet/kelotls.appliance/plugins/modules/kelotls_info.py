@@ -11,18 +11,19 @@ module: kelotls_info
 short_description: Tell what TLS levels an appliance has
 version_added: 1.0.0
 description:
-  - Tells levels, states, findings and version of an appliance in one round trip.
+  - Tells levels, states, findings and version of an appliance in one round trip and one run of the
+    command.
   - Levels and findings ask the running servers whose addresses are kept.
 options:
   gather_subset:
     description:
       - What is told. C(levels) are levels and states of the services, C(findings) whatever is wrong,
         C(history) who changed what and why.
-      - Findings walk all files that the command trusts, and ask the running servers once more.
+      - Findings walk all files that the command trusts. Beside levels, they ask no running server again.
     type: list
     elements: str
     choices: [levels, findings, version, history]
-    default: [levels, version]
+    default: [levels, findings, version]
 extends_documentation_fragment:
   - kelotls.appliance.command
 attributes:

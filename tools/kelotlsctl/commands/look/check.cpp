@@ -588,6 +588,11 @@ std::vector<std::string> finding_kinds() {
           kTrust,  kDirectory, kLeftover,   kDhParameters, kNotKnown};
 }
 
+bool is_healthy(const Json::Value& findings) {
+  return std::all_of(findings.begin(), findings.end(),
+                     [](const Json::Value& finding) { return finding["severity"] == kNote; });
+}
+
 Json::Value find_faults(Console& console, const std::optional<Store>& store,
                         const std::vector<std::string>& services, const SeeServer& see) {
   Json::Value list = list_of({});
@@ -614,11 +619,8 @@ Report check_framework(Console& console, const Arguments& arguments) {
   }
   const Json::Value findings =
       find_faults(console, try_store(), arguments.services, ask_with_short_patience);
-  const bool is_healthy =
-      std::all_of(findings.begin(), findings.end(),
-                  [](const Json::Value& finding) { return finding["severity"] == kNote; });
-  return {is_healthy ? kDone : kNotSo,
-          object({{"healthy", is_healthy}, {"findings", findings}}),
+  return {is_healthy(findings) ? kDone : kNotSo,
+          object({{"healthy", is_healthy(findings)}, {"findings", findings}}),
           {},
           {},
           arguments.all ? print_all_findings : nullptr};

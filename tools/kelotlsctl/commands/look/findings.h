@@ -29,6 +29,9 @@ std::vector<std::string> finding_kinds();
 Json::Value find_faults(Console& console, const std::optional<Store>& store,
                         const std::vector<std::string>& services, const SeeServer& see);
 
+/// Whether there is no error and no warning among them.
+bool is_healthy(const Json::Value& findings);
+
 // What a monitoring plugin ends with
 enum PluginState : int { kOk = 0, kWarn = 1, kCritical = 2, kUnknown = 3 };
 

@@ -1,7 +1,9 @@
 // kelotlsctl list: services, their levels, and whether these are in force.
 #include <algorithm>
+#include <map>
 
 #include "command_line.h"
+#include "commands/look/findings.h"
 #include "output/natural_order.h"
 #include "output/suggestion.h"
 #include "output/text.h"
@@ -66,9 +68,9 @@ void require_state(const std::string& state) {
 
 /// What "list --json" gives for each of the services that is in the state; in any, if empty.
 Json::Value inspect_services(const Store& store, const std::vector<std::string>& names,
-                             const std::string& state) {
+                             const std::string& state, const SeeServer& see) {
   ServiceInspector inspector(store);
-  inspector.ask_servers();
+  inspector.see_servers(see);
   Json::Value services(Json::arrayValue);
   for (const std::string& service : names) {
     const Json::Value document = inspector.inspect(service).document;
@@ -77,6 +79,29 @@ Json::Value inspect_services(const Store& store, const std::vector<std::string>&
     }
   }
   return services;
+}
+
+/// Asks each server once, however often it is looked at. seen: by service; outlives what is given.
+SeeServer ask_once(std::map<std::string, Json::Value>& seen) {
+  return [&seen](const Addresses& addresses, const std::string& service, int level) {
+    if (seen.count(service) == 0) {
+      seen[service] = ask_with_short_patience(addresses, service, level);
+    }
+    return seen[service];
+  };
+}
+
+void print_with_findings(Console& console, const Json::Value& document) {
+  print_services(console, document);
+  print_findings(console, document);
+}
+
+void add_findings(Console& console, const Store& store, const SeeServer& see, Report& report) {
+  const Json::Value findings = find_faults(console, store, {}, see);
+  report.document["findings"] = findings;
+  report.document["healthy"] = is_healthy(findings);
+  report.document["version"] = KELOTLSCTL_VERSION;
+  report.print = print_with_findings;
 }
 
 /// What keeps "in force" from meaning more than it does. Empty where every server was asked.
@@ -103,12 +128,17 @@ std::vector<std::string> names_of(const Json::Value& services) {
 
 Report list_services(Console& console, const Arguments& arguments) {
   require_state(arguments.state);
+  if (arguments.findings && (arguments.names || arguments.terse)) {
+    throw Failure(kUsage, "--findings excludes --names and --terse");
+  }
   const Store store = load_store();
   const std::vector<std::string> names = services_at(store, arguments.level);
   if (arguments.names && arguments.state.empty()) {
     return report_names(console, names);
   }
-  const Json::Value services = inspect_services(store, names, arguments.state);
+  std::map<std::string, Json::Value> seen;
+  const SeeServer see = ask_once(seen);
+  const Json::Value services = inspect_services(store, names, arguments.state, see);
   if (arguments.names) {
     return report_names(console, names_of(services));
   }
@@ -116,6 +146,9 @@ Report list_services(Console& console, const Arguments& arguments) {
   report.document =
       object({{"default-level", level_json(store.default_level())}, {"services", services}});
   report.print = arguments.terse ? print_terse : print_services;
+  if (arguments.findings) {
+    add_findings(console, store, see, report);
+  }
   const std::string unasked = unasked_note(services);
   if (!unasked.empty() && !console.json() && !arguments.terse) {
     report.notes.push_back(unasked);
