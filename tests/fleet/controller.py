@@ -8,11 +8,6 @@ import subprocess
 
 from trees import HERE
 
-# What a run tells of itself, and nobody can know beforehand.
-UNFORESEEABLE = ("surveyed", "warnings", "_ansible_no_log", "_ansible_verbose_always",
-                 "_ansible_delegated_vars")
-
-
 @dataclasses.dataclass
 class Run:
     """One run of a playbook."""
@@ -33,21 +28,6 @@ class Run:
     def must_pass(self) -> "Run":
         assert self.status == 0, f"status {self.status}:\n{self.output[-6000:]}"
         return self
-
-    def predictions(self) -> dict:
-        """What each of our tasks returned, by host and task, without what nobody can foresee."""
-        return {(row["host"], row["task"]): {
-            "kind": row["kind"], **without_unforeseeable(row["result"])}
-            for row in self.rows if row["action"].startswith("kelotls.appliance.")}
-
-
-def without_unforeseeable(value):
-    if isinstance(value, dict):
-        return {key: without_unforeseeable(element) for key, element in value.items()
-                if key not in UNFORESEEABLE}
-    if isinstance(value, list):
-        return [without_unforeseeable(element) for element in value]
-    return value
 
 
 @dataclasses.dataclass
@@ -81,21 +61,3 @@ class Controller:
         with open(self.directory / "log", "a", encoding="utf-8") as log:
             log.write(f"== {playbook} {' '.join(options)}\n{done.stdout}\n")
         return Run(done.returncode, done.stdout, rows)
-
-    def predict_and_play(self, playbook: str, *options: str, **variables) -> Run:
-        """In check mode first, whose every result has to be the real one's, host by host."""
-        predicted = self.play(playbook, "--check", *options, **variables).predictions()
-        run = self.play(playbook, *options, **variables)
-        real = run.predictions()
-        assert real, f"no task has run:\n{run.output[-3000:]}"
-        assert_same(predicted, real)
-        return run
-
-
-def assert_same(predicted: dict, real: dict) -> None:
-    wrong = [key for key in sorted({*predicted, *real}) if predicted.get(key) != real.get(key)]
-    if wrong:
-        raise AssertionError(
-            f"the prediction was wrong {len(wrong)} times, first of {' on '.join(reversed(wrong[0]))}:\n"
-            f"  predicted {json.dumps(predicted.get(wrong[0]))}\n"
-            f"  came      {json.dumps(real.get(wrong[0]))}")

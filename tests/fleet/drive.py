@@ -9,6 +9,8 @@ built. SERVICES: the directory of the services as it is installed. Runs in a pri
 
 import argparse
 import contextlib
+import dataclasses
+import functools
 import hashlib
 import json
 import os
@@ -20,6 +22,8 @@ import sys
 import time
 
 from controller import Controller, Run
+from prediction import (
+    Expectation, hold_files, hold_levels, hold_report, hold_results, predicted_levels, rendered_files)
 from secure_shell import SecureShell
 from trees import HERE, Tree, make_trees, wait_until
 
@@ -173,17 +177,51 @@ def assert_no_python(trees: list[Tree]) -> None:
         assert result.returncode == 127, f"{tree.name} runs Python: {result}"
 
 
-# What is done
+# What is predicted, and done
+
+
+def predict_and_play(fleet: Fleet, playbook: str, *options: str,
+                     expected: Expectation = Expectation(), **variables) -> Run:
+    """In check mode first, which touches nothing. What it says has to be what comes of the real run,
+    in what the tasks return and on the appliances, host by host."""
+    predicted = predict(fleet, playbook, *options, **variables)
+    before = {tree.name: rendered_files(tree) for tree in fleet.trees}
+    run = fleet.controller.play(playbook, *options, **variables)
+    hold(fleet, predicted, run, before, expected)
+    return run
+
+
+def predict(fleet: Fleet, playbook: str, *options: str, **variables) -> Run:
+    before = images_of(fleet.trees)
+    predicted = fleet.controller.play(playbook, "--check", *options, **variables)
+    assert_untouched(fleet.trees, before)
+    return predicted
+
+
+def hold(fleet: Fleet, predicted: Run, run: Run, before: dict[str, dict[str, str]],
+         expected: Expectation) -> None:
+    hold_results(predicted, run, expected)
+    failed = run.hosts("failed")
+    for tree in fleet.trees:
+        if expected.is_whole(tree.name) and tree.name not in failed:
+            hold_levels(tree, predicted_levels(predicted, tree.name), stored(tree))
+            hold_files(tree, predicted, before[tree.name])
+
+
+# The steps
 
 
 def install(fleet: Fleet) -> None:
     """The levels of the inventory get to appliances that have nothing yet."""
     assert_no_python(fleet.trees)
-    play = fleet.controller.predict_and_play
+    play = functools.partial(predict_and_play, fleet)
     join = play("cookbook/install.yml", "--tags", "join").must_pass()
     assert join.changed() == {tree.name for tree in fleet.trees}
     play("cookbook/install.yml", "--tags", "render").must_pass()
-    fleet.controller.play("cookbook/install.yml", "--tags", "start").must_pass()
+    start = "cookbook/install.yml", "--tags", "start"
+    # A command of the maker's: of it, check mode says nothing.
+    assert predict(fleet, *start).must_pass().hosts("skipped") == {tree.name for tree in fleet.trees}
+    fleet.controller.play(*start).must_pass()
     fleet.set_wish(nginx="intermediate", tls_service="default")
     # One after the other: what a task finds is predicted, not what the one before it would leave.
     for tag in ("levels", "default", "apply"):
@@ -195,7 +233,7 @@ def install(fleet: Fleet) -> None:
 def run_again(fleet: Fleet) -> None:
     """Where all is there, nothing is touched: no file, no history, no reloader."""
     before = images_of(fleet.trees)
-    run = fleet.controller.predict_and_play("cookbook/install.yml").must_pass()
+    run = predict_and_play(fleet, "cookbook/install.yml").must_pass()
     assert run.changed() == set(), f"changed again: {sorted(run.changed())}"
     assert_untouched(fleet.trees, before)
 
@@ -228,7 +266,8 @@ def roll_out_to_a_server_that_cannot_follow(fleet: Fleet) -> None:
     fleet.set_wish(tls_service="modern", nginx="modern")
     before = images_of(others)
     with own_versions(canary):
-        report, run = roll_out(fleet)
+        report, run = roll_out(fleet, Expectation(
+            not_begun=frozenset(tree.name for tree in others)))
     assert run.status != 0, "the rollout passed over a server that cannot follow"
     assert run.hosts("failed") == {canary.name}
     assert_untouched(others, before)
@@ -251,6 +290,7 @@ def roll_out_past_a_canary_that_is_off(fleet: Fleet) -> None:
     canary, *others = fleet.trees
     canary.stop()
     before = images_of(fleet.trees)
+    # Check mode comes to the same.
     report, run = roll_out(fleet)
     assert run.status != 0
     assert report.pop(canary.name) == {"outcome": "begun"}, report
@@ -268,11 +308,33 @@ def roll_out_past_a_canary_that_is_off(fleet: Fleet) -> None:
     canary.wait()
 
 
-def roll_out(fleet: Fleet, **variables) -> tuple[dict, Run]:
+def roll_out(fleet: Fleet, expected: Expectation = Expectation(), **variables) -> tuple[dict, Run]:
+    """Predicts it, and does it. The report's prediction stands for the tasks that find what those
+    before them have left, and for the survey, which check mode leaves out."""
+    expected = dataclasses.replace(
+        expected, taken_back=frozenset({"Restore the former levels"}), unsaid=frozenset({
+            "Set the default level", "Survey the running servers", "See what the appliance has now"}))
     path = fleet.controller.directory / "report.json"
+    play = functools.partial(reported, path, "kelotls.appliance.rollout", kelotls_rollout_report=str(path),
+                             **variables)
+    before = {tree.name: rendered_files(tree) for tree in fleet.trees}
+    foreseen, predicted = play(functools.partial(predict, fleet))
+    report, run = play(fleet.controller.play)
+    hold(fleet, predicted, run, before, expected)
+    hold_report(foreseen, report)
+    for tree in fleet.trees:
+        if report[tree.name]["outcome"] == "changed":
+            levels = {name: service["level"] for name, service in foreseen[tree.name]["services"].items()}
+            hold_levels(tree, {"default": foreseen[tree.name]["default_level"], **levels}, stored(tree))
+            assert sorted(foreseen[tree.name]["rendered"]) == sorted(
+                name.rpartition("/")[2].removesuffix(".conf") for name, text in rendered_files(tree).items()
+                if before[tree.name].get(name) != text), foreseen[tree.name]
+    return report, run
+
+
+def reported(path: pathlib.Path, playbook: str, play, *options: str, **variables) -> tuple[dict, Run]:
     path.unlink(missing_ok=True)
-    run = fleet.controller.play("kelotls.appliance.rollout", kelotls_rollout_report=str(path),
-                                **variables)
+    run = play(playbook, *options, **variables)
     assert path.exists(), f"there is no report:\n{run.output[-6000:]}"
     return json.loads(path.read_text()), run
 
@@ -291,14 +353,13 @@ def roll_out_to_all(fleet: Fleet) -> None:
 
 def find_drift(fleet: Fleet, status: int = 0) -> dict:
     path = fleet.controller.directory / "drift.json"
-    path.unlink(missing_ok=True)
     before = images_of(fleet.trees)
-    run = fleet.controller.play("kelotls.appliance.drift", kelotls_drift_report=str(path))
+    found, run = reported(path, "kelotls.appliance.drift", fleet.controller.play,
+                          kelotls_drift_report=str(path))
     assert run.status == status, run.output[-6000:]
-    assert path.exists(), f"there is no report:\n{run.output[-6000:]}"
     assert run.changed() == set(), sorted(run.changed())
     assert_untouched(fleet.trees, before)
-    return json.loads(path.read_text())
+    return found
 
 
 def find_what_was_changed_by_hand(fleet: Fleet) -> None:
@@ -322,7 +383,7 @@ def find_what_was_changed_by_hand(fleet: Fleet) -> None:
 
 def heal_what_was_changed_by_hand(fleet: Fleet) -> None:
     in_server = fleet.trees[-1]
-    run = fleet.controller.predict_and_play("cookbook/install.yml", "--tags", "levels").must_pass()
+    run = predict_and_play(fleet, "cookbook/install.yml", "--tags", "levels").must_pass()
     assert run.changed() == {tree.name for tree in (
         fleet.trees[1], fleet.trees[len(fleet.trees) // 2], in_server)}, sorted(run.changed())
     assert_stored(fleet.trees, default=2, nginx=1, tls_service=1)
@@ -337,7 +398,8 @@ def die_in_the_middle(fleet: Fleet) -> None:
     (directory / "reloader").rename(directory / "reloader.good")
     write_program(directory / "reloader", DYING_RELOADER)
     fleet.set_wish(nginx="intermediate", tls_service="intermediate")
-    run = fleet.controller.play("cookbook/install.yml", "--tags", "levels")
+    levels = "cookbook/install.yml", "--tags", "levels"
+    run = predict_and_play(fleet, *levels, expected=Expectation(dying=frozenset({dying.name})))
     assert run.hosts("unreachable") == {dying.name}, run.output[-3000:]
     wait_until(lambda: not dying.is_running(), f"{dying.name} is off")
     others = [tree for tree in fleet.trees if tree is not dying]
@@ -353,7 +415,7 @@ def die_in_the_middle(fleet: Fleet) -> None:
         record["id"] for record in history(dying) if "ended" in record}
     assert len(interrupted) == 1, "it did not die in the middle of a change"
     before = images_of(others)
-    run = fleet.controller.predict_and_play("cookbook/install.yml", "--tags", "levels").must_pass()
+    run = predict_and_play(fleet, "cookbook/install.yml", "--tags", "levels").must_pass()
     assert run.changed() == {dying.name}, sorted(run.changed())
     assert_untouched(others, before)
     assert_served(fleet.trees, "intermediate", "intermediate")
@@ -364,20 +426,20 @@ def cook(fleet: Fleet) -> None:
     """The other playbooks of the cookbook."""
     kept = fleet.controller.directory / "kept"
     kept.mkdir()
-    play = fleet.controller.play
+    play = functools.partial(predict_and_play, fleet)
     play("cookbook/survey.yml").must_pass()
     play("cookbook/keep_levels.yml", kelotls_kept_levels=str(kept)).must_pass()
     fleet.set_wish(nginx="modern", tls_service="default")
-    fleet.controller.predict_and_play("cookbook/install.yml", "--tags", "levels").must_pass()
+    predict_and_play(fleet, "cookbook/install.yml", "--tags", "levels").must_pass()
     assert_served(fleet.trees, "modern", "intermediate")
-    back = fleet.controller.predict_and_play("cookbook/bring_back.yml", kelotls_kept_levels=str(kept))
+    back = predict_and_play(fleet, "cookbook/bring_back.yml", kelotls_kept_levels=str(kept))
     assert back.must_pass().changed() == {tree.name for tree in fleet.trees}
     assert_stored(fleet.trees, default=2, nginx=2, tls_service=2)
     assert_served(fleet.trees, "intermediate", "intermediate")
     again = play("cookbook/bring_back.yml", kelotls_kept_levels=str(kept)).must_pass()
     assert again.changed() == set()
 
-    retired = fleet.controller.predict_and_play("cookbook/retire_service.yml",
+    retired = predict_and_play(fleet, "cookbook/retire_service.yml",
                                                 kelotls_retired_service="tls_service").must_pass()
     assert retired.changed() == {tree.name for tree in fleet.trees}
     assert_stored(fleet.trees, default=2, nginx=2)

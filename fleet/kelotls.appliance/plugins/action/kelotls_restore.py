@@ -10,7 +10,7 @@ from ansible.errors import AnsibleActionFail, AnsibleError
 from ansible_collections.kelotls.appliance.plugins.module_utils.levels import (
     LEVELS, STORED_LEVELS, is_settled)
 from ansible_collections.kelotls.appliance.plugins.plugin_utils.appliance import (
-    ApplianceAction, Document, Script, level_difference, reason_words, timeout_words)
+    NOT_KNOWN, ApplianceAction, Document, Script, level_difference, reason_words, timeout_words)
 
 VALUES = {"default": 0, "modern": 1, "intermediate": 2, "old": 3}
 
@@ -42,7 +42,7 @@ class ActionModule(ApplianceAction):
         is_level_changed = bool(plan["changes"]) or is_default_changed(plan)
         result = result_of(plan, is_level_changed, affected)
         if self.is_check:
-            return result
+            return {**result, "not_known": list(NOT_KNOWN)} if affected else result
         if is_level_changed:
             script = self.script(arguments)
             self.restore(script, ["restore", *reason_words(arguments)], arguments, text)

@@ -45,7 +45,8 @@ attributes:
   check_mode:
     support: full
     description:
-      - Predicts what a real run does, to the last value that it returns but for C(surveyed).
+      - Predicts what a real run does, to the last value that it returns but for those
+        that C(not_known) names.
       - Whether a running server can follow, nobody knows before it is tried. The prediction then says
         what is tried.
   diff_mode:
@@ -123,6 +124,13 @@ applied:
       description: The reloaders that run, in this order.
       type: list
       elements: str
+not_known:
+  description: The returned values that check mode cannot foresee, because the servers decide them. Where
+    a server cannot follow, the command gives its service the former level back, and the task fails.
+  returned: in check mode, where levels would be brought into force
+  type: list
+  elements: str
+  sample: [surveyed, warnings]
 surveyed:
   description: What the servers, or the library's contexts, showed. Nobody can know it beforehand.
   returned: after a real change that brings levels into force

@@ -26,6 +26,9 @@ CANNOT_TELL = 6
 DIFFERS = 3
 NO_SUCH_SERVICE = 10
 
+# What check mode cannot know of a change that is brought into force: what the servers will show.
+NOT_KNOWN = ("surveyed", "warnings")
+
 
 class Answer(NamedTuple):
     """What one run of the command said. document is None where it printed none."""
@@ -208,7 +211,9 @@ class ApplianceAction(ActionBase):
             raise CommandFailed(answer)
         result = result_of(answer.document)
         report = answer.document.get("apply") or answer.document
-        if not self.is_check and report.get("probed"):
+        if self.is_check and "probed" in report:
+            result["not_known"] = list(NOT_KNOWN)
+        elif "probed" in report:
             result["surveyed"] = surveyed(report)
             result["warnings"] = [element["not-seen"] for element in report["probed"]
                                   if element.get("not-seen")]
