@@ -440,7 +440,7 @@ def cook(fleet: Fleet) -> None:
     assert again.changed() == set()
 
     retired = predict_and_play(fleet, "cookbook/retire_service.yml",
-                                                kelotls_retired_service="tls_service").must_pass()
+                               kelotls_retired_service="tls_service").must_pass()
     assert retired.changed() == {tree.name for tree in fleet.trees}
     assert_stored(fleet.trees, default=2, nginx=2)
     again = play("cookbook/retire_service.yml", kelotls_retired_service="tls_service").must_pass()
@@ -448,6 +448,32 @@ def cook(fleet: Fleet) -> None:
     fleet.trees[-1].must("kill $(cat /usr/kelo/run/nginx.pid)")
     survey = play("cookbook/survey.yml")
     assert survey.hosts("failed") == {fleet.trees[-1].name}, "a server that is down was not noticed"
+
+
+def become_another_user(fleet: Fleet) -> None:
+    """Over ssh, sudo asks for a password before the script can follow on the same input. An ordinary
+    user is told what the command tells."""
+    host = fleet.trees[0]
+    level = "old" if stored(host)["nginx"] == 1 else "modern"
+    playbook = fleet.controller.directory / "become.json"
+    playbook.write_text(json.dumps([{
+        "name": "Become", "hosts": [host.name], "gather_facts": False, "become": True, "tasks": [
+            {"name": "Set", "kelotls.appliance.kelotls_level": {
+                "services": ["nginx"], "level": level, "apply": True}}]}]))
+    with_sudo = {"ansible_become_method": "ansible.builtin.sudo"}
+
+    wrong = fleet.controller.play(str(playbook), **with_sudo, ansible_become_password="another")
+    assert wrong.hosts("failed") == {host.name} and "Incorrect sudo password" in wrong.output, wrong.output
+    run = predict_and_play(fleet, str(playbook), **with_sudo, ansible_become_password="a password")
+    assert run.must_pass().changed() == {host.name}
+    assert stored(host)["nginx"] == {"old": 3, "modern": 1}[level]
+
+    ordinary = fleet.controller.play(str(playbook), ansible_become_method="ansible.builtin.su",
+                                     ansible_become_user="operator")
+    assert ordinary.hosts("failed") == {host.name}, ordinary.output
+    result = ordinary.of(host.name)[-1]["result"]
+    assert "Permission denied" in result["kelotlsctl_message"], result
+    assert stored(host)["nginx"] == {"old": 3, "modern": 1}[level]
 
 
 def try_each_module(fleet: Fleet) -> None:
@@ -463,7 +489,7 @@ def try_each_module(fleet: Fleet) -> None:
 
 STEPS = (install, run_again, look_without_touching, roll_out_to_a_server_that_cannot_follow,
          roll_out_past_a_canary_that_is_off, roll_out_to_all, find_what_was_changed_by_hand, heal_what_was_changed_by_hand,
-         die_in_the_middle, cook, try_each_module)
+         die_in_the_middle, cook, become_another_user, try_each_module)
 STEPS_BY_NAME = {step.__name__: step for step in STEPS}
 
 

@@ -130,6 +130,33 @@ TEST_F(KelotlsctlLook, KeepsALineALineWhenItListsTersely) {
             "d\t-1\tunusable\tunusable-level\n");
 }
 
+TEST_F(KelotlsctlLook, ListsWithWhatCheckFinds) {
+  join_both();
+  ASSERT_EQ(run({"set", "web", "old"}).status, 0);
+  write_file("/usr/kelo/etc/security-profile/tls-profile/services/gone.conf", "{");
+
+  const JsonOutcome all = run_json("list", {"--findings"});
+
+  const Json::Value listed = run_json("list").document;
+  const Json::Value checked = run_json("check").document;
+  EXPECT_EQ(all.status, 0);
+  EXPECT_EQ(all.document["services"], listed["services"]);
+  EXPECT_EQ(all.document["default-level"], listed["default-level"]);
+  EXPECT_EQ(all.document["findings"], checked["findings"]);
+  EXPECT_GE(checked["findings"].size(), 2U);
+  EXPECT_FALSE(all.document["healthy"].asBool());
+  EXPECT_EQ("kelotlsctl " + all.document["version"].asString() + "\n", run({"--version"}).out);
+  EXPECT_EQ(run({"list", "--findings"}).out, run({"list"}).out + run({"check"}).out);
+}
+
+TEST_F(KelotlsctlLook, ListsFindingsNeitherTerselyNorByName) {
+  for (const char* const other : {"--terse", "--names"}) {
+    const Outcome outcome = run({"list", "--findings", other});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(contains(outcome.err, "--findings excludes --names and --terse"));
+  }
+}
+
 TEST_F(KelotlsctlLook, ListsNamesAloneForShells) {
   join_both();
   EXPECT_EQ(run({"list", "--names"}).out, "ssh\nweb\n");

@@ -2,6 +2,8 @@
 // our own example, at an address that is kept.
 #include <sys/socket.h>
 
+#include <atomic>
+
 #include "kelotlsctl.h"
 #include "loopback_server.h"
 #include "nginx.h"
@@ -120,6 +122,26 @@ TEST_F(KelotlsctlRunningServer, ThatDoesNotSayEnoughKeepsItsNewLevelAndIsSaidToB
   EXPECT_EQ(outcome.err.find("is back at"), std::string::npos);
   EXPECT_EQ(stored_level("nginx"), 1);
   EXPECT_EQ(run_json("list").document["services"][0]["state"], "cannot-tell");
+}
+
+TEST_F(KelotlsctlRunningServer, IsAskedOnceForItsLevelAndForWhatIsWrong) {
+  ASSERT_EQ(run({"apply"}).status, 0);
+  std::atomic<int> asked{0};
+  const LoopbackServer counts(AF_INET, [&asked](int descriptor) {
+    ++asked;
+    char hello[4096];
+    static_cast<void>(::recv(descriptor, hello, sizeof hello, 0));
+  });
+  ASSERT_EQ(run({"address", "nginx", "127.0.0.1:" + counts.port()}).status, 0);
+  ASSERT_EQ(run({"list"}).status, 0);
+  const int by_list = asked.exchange(0);
+  ASSERT_GT(by_list, 0);
+
+  const JsonOutcome all = run_json("list", {"--findings"});
+
+  EXPECT_EQ(asked, by_list);
+  EXPECT_EQ(all.document["services"][0]["state"], "cannot-tell");
+  EXPECT_EQ(all.document["findings"][0]["kind"], "not-known");
 }
 
 TEST_F(KelotlsctlRunningServer, IsNotAskedWhereItsAddressIsNotKept) {
