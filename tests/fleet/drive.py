@@ -488,7 +488,8 @@ def try_each_module(fleet: Fleet) -> None:
 
 
 STEPS = (install, run_again, look_without_touching, roll_out_to_a_server_that_cannot_follow,
-         roll_out_past_a_canary_that_is_off, roll_out_to_all, find_what_was_changed_by_hand, heal_what_was_changed_by_hand,
+         roll_out_past_a_canary_that_is_off, roll_out_to_all, find_what_was_changed_by_hand,
+         heal_what_was_changed_by_hand,
          die_in_the_middle, cook, become_another_user, try_each_module)
 STEPS_BY_NAME = {step.__name__: step for step in STEPS}
 
