@@ -55,6 +55,16 @@ std::string octets(const std::string& hex) {
   return bytes;
 }
 
+std::string hexadecimal(const std::string& octets) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const char octet : octets) {
+    text += kDigits[static_cast<unsigned char>(octet) >> 4];
+    text += kDigits[static_cast<unsigned char>(octet) & 15];
+  }
+  return text;
+}
+
 std::string tcp(const TcpSegment& segment) {
   const std::size_t words = 5 + segment.options.size() / 4;
   return number(segment.source_port, 2) + number(segment.destination_port, 2) +

@@ -11,8 +11,9 @@ namespace kelotls::test {
 /// A number in network order.
 std::string number(std::uint64_t value, int length);
 
-/// "160301": three octets.
+/// "160301": three octets; and back.
 std::string octets(const std::string& hex);
+std::string hexadecimal(const std::string& octets);
 
 /// One segment of TCP from a client to a service.
 struct TcpSegment {

@@ -28,16 +28,6 @@ std::string record_of(unsigned suite) {
   return number(0x160301, 3) + number(message.size(), 2) + message;
 }
 
-std::string hex_of(const std::string& bytes) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const char one : bytes) {
-    text += kDigits[static_cast<unsigned char>(one) >> 4];
-    text += kDigits[static_cast<unsigned char>(one) & 15];
-  }
-  return text;
-}
-
 std::vector<std::string> joined(std::vector<std::string> one,
                                 const std::vector<std::string>& other) {
   one.insert(one.end(), other.begin(), other.end());
@@ -93,7 +83,7 @@ TEST_F(KelotlsctlClients, AreImportedFromEveryFormatOfFiles) {
     EXPECT_EQ(record["since"], "2026-11-16T12:00:00Z");
     EXPECT_EQ(record["until"], "2026-11-16T14:00:00Z");
     ASSERT_EQ(record["hellos"].size(), 1U);
-    EXPECT_EQ(record["hellos"][0]["hello"], hex_of(record_of(0x002f).substr(5)));
+    EXPECT_EQ(record["hellos"][0]["hello"], hexadecimal(record_of(0x002f).substr(5)));
     EXPECT_EQ(record["hellos"][0]["first"], "2026-11-16T13:00:00Z");
     EXPECT_EQ(record["hellos"][0]["hours"], json(R"({"2026-11-16T13": 1})"));
     EXPECT_EQ(record["hellos"][0]["addresses"], json(R"(["192.0.2.7"])"));
@@ -127,7 +117,7 @@ TEST_F(KelotlsctlClients, LeaveNothingBehindButTheirHellos) {
   ASSERT_EQ(read_json(kRecord)["hellos"].size(), 2U);
   for (const std::string& line : tree()) {
     EXPECT_EQ(line.find(kSecret), std::string::npos);
-    EXPECT_EQ(line.find(hex_of(kSecret)), std::string::npos);
+    EXPECT_EQ(line.find(hexadecimal(kSecret)), std::string::npos);
   }
 }
 
@@ -146,7 +136,7 @@ TEST_F(KelotlsctlClients, AreThoseOfThePortAndTheAddress) {
   const auto packets =
       joined(connection(record_of(0x002f), 40000), connection(record_of(0x0035), 40001, 8443));
   import(packets, {"--port", "8443"});
-  EXPECT_EQ(read_json(kRecord)["hellos"][0]["hello"], hex_of(record_of(0x0035).substr(5)));
+  EXPECT_EQ(read_json(kRecord)["hellos"][0]["hello"], hexadecimal(record_of(0x0035).substr(5)));
   remove_all(kRecord);
   ASSERT_EQ(run({"address", "web", "198.51.100.1:443"}).status, 0);
   import(packets);

@@ -1,8 +1,9 @@
 // Owns looking up the names of clients.
 #include "clients/known_clients.h"
 
-#include "clients/rewriting.h"
+#include "clients/client_hello.h"
 #include "json_document.h"
+#include "system/hexadecimal.h"
 
 namespace kelotlsctl {
 

@@ -15,6 +15,7 @@
 #include "output/console.h"
 #include "registration.h"
 #include "store/documents.h"
+#include "system/hexadecimal.h"
 
 namespace kelotlsctl {
 
@@ -69,42 +70,13 @@ std::uint64_t count_of(const Json::Value& value, const char* key) {
   return member->asUInt64();
 }
 
-std::string hex_of(const std::string& bytes) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(2 * bytes.size());
-  for (const char byte : bytes) {
-    text += kDigits[static_cast<std::uint8_t>(byte) >> 4];
-    text += kDigits[static_cast<std::uint8_t>(byte) & 15];
-  }
-  return text;
-}
-
-int digit_of(char digit) {
-  const bool is_number = digit >= '0' && digit <= '9';
-  const bool is_letter = digit >= 'a' && digit <= 'f';
-  if (!is_number && !is_letter) {
-    throw Unusable{"a hello holds what is no hexadecimal digit"};
-  }
-  return is_number ? digit - '0' : digit - 'a' + 10;
-}
-
-std::string bytes_of(const std::string& hex) {
-  std::string bytes;
-  bytes.reserve(hex.size() / 2);
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes += static_cast<char>(digit_of(hex[i]) << 4 | digit_of(hex[i + 1]));
-  }
-  return bytes;
-}
-
 Json::Value json_of(const RecordedHello& hello) {
   Json::Value hours(Json::objectValue);
   for (const auto& [hour, count] : hello.hours) {
     hours[formatted(static_cast<std::time_t>(hour * kSecondsPerHour), kHourFormat)] =
         Json::UInt64{count};
   }
-  return object({{"hello", hex_of(hello.hello)},
+  return object({{"hello", hexadecimal_digits(hello.hello)},
                  {"count", Json::UInt64{hello.count}},
                  {"first", time_text(hello.first)},
                  {"last", time_text(hello.last)},
@@ -114,7 +86,7 @@ Json::Value json_of(const RecordedHello& hello) {
 
 RecordedHello hello_of(const Json::Value& value) {
   RecordedHello hello;
-  hello.hello = bytes_of(kelotls::text_member(value, "hello"));
+  hello.hello = octets_of(kelotls::text_member(value, "hello"));
   hello.count = count_of(value, "count");
   hello.first = time_of(value["first"], kTimeFormat);
   hello.last = time_of(value["last"], kTimeFormat);

@@ -2,15 +2,8 @@
 #include "clients/rewriting.h"
 
 #include <algorithm>
-#include <string_view>
 
 namespace kelotlsctl {
-
-namespace {
-
-constexpr std::string_view kDigits = "0123456789abcdef";
-
-}  // namespace
 
 Bytes number_bytes(std::size_t value, int length) {
   Bytes bytes;
@@ -28,26 +21,6 @@ Bytes list_bytes(const Numbers& numbers) {
     bytes += number_bytes(number, 2);
   }
   return bytes;
-}
-
-std::string hexadecimal_digits(const Bytes& bytes) {
-  std::string text;
-  for (const char byte : bytes) {
-    text += kDigits[static_cast<unsigned char>(byte) >> 4];
-    text += kDigits[static_cast<unsigned char>(byte) & 0xf];
-  }
-  return text;
-}
-
-Bytes octets_of(const std::string& digits) {
-  if (digits.size() % 2 != 0 || digits.find_first_not_of(kDigits) != std::string::npos) {
-    return {};
-  }
-  Bytes octets;
-  for (std::size_t at = 0; at < digits.size(); at += 2) {
-    octets += static_cast<char>(kDigits.find(digits[at]) << 4 | kDigits.find(digits[at + 1]));
-  }
-  return octets;
 }
 
 Bytes write_client_hello(const ClientHello& hello) {

@@ -11,10 +11,6 @@ Bytes number_bytes(std::size_t value, int length);
 Bytes counted(const Bytes& bytes, int length);
 Bytes list_bytes(const Numbers& numbers);
 
-/// Octets as a text of hexadecimal digits, and back: none of a text that is no such.
-std::string hexadecimal_digits(const Bytes& bytes);
-Bytes octets_of(const std::string& digits);
-
 /// The handshake message of the fields and of the bodies of the extensions: what was read out of
 /// these has no effect.
 Bytes write_client_hello(const ClientHello& hello);

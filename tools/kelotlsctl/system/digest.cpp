@@ -3,6 +3,8 @@
 
 #include <openssl/evp.h>
 
+#include "system/hexadecimal.h"
+
 namespace kelotlsctl {
 
 std::string sha256(const std::string& text) {
@@ -11,13 +13,7 @@ std::string sha256(const std::string& text) {
   if (EVP_Digest(text.data(), text.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
     return {};
   }
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string hex;
-  for (unsigned int index = 0; index < length; ++index) {
-    hex += kDigits[digest[index] >> 4];
-    hex += kDigits[digest[index] & 15];
-  }
-  return hex;
+  return hexadecimal_digits({reinterpret_cast<char*>(digest), length});
 }
 
 }  // namespace kelotlsctl

@@ -5,6 +5,8 @@
 #include <array>
 #include <cstring>
 
+#include "system/hexadecimal.h"
+
 namespace kelotlsctl {
 namespace {
 
@@ -67,12 +69,7 @@ bool is_of_tls13(const char* name) {
 }  // namespace
 
 std::string hexadecimal(std::uint16_t number) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text = "0x";
-  for (int shift = 12; shift >= 0; shift -= 4) {
-    text += kDigits[(number >> shift) & 0xf];
-  }
-  return text;
+  return "0x" + hexadecimal_digits({static_cast<char>(number >> 8), static_cast<char>(number)});
 }
 
 const std::vector<CipherSuite>& all_suites() {
