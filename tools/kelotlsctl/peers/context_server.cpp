@@ -10,7 +10,7 @@
 #include <map>
 #include <utility>
 
-#include "peers/known_key.h"
+#include "peers/blank_key.h"
 #include "tls/openssl.h"
 
 namespace kelotlsctl {
@@ -19,35 +19,25 @@ namespace {
 
 using KeyMaker = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
 
-/// What nearly every configuration of OpenSSL asks for.
-constexpr int kKnownRsaBits = 2048;
-
-void set_strength(EVP_PKEY_CTX* maker, int kind, int strength) {
-  if (kind == EVP_PKEY_EC) {
-    require(EVP_PKEY_CTX_set_ec_paramgen_curve_nid(maker, strength) == 1,
-            "no key on this curve can be made");
-  } else if (kind == EVP_PKEY_RSA || kind == EVP_PKEY_RSA_PSS) {
-    require(EVP_PKEY_CTX_set_rsa_keygen_bits(maker, strength) == 1 &&
-                EVP_PKEY_CTX_set_rsa_keygen_primes(maker, 3) == 1,
-            "no key of this strength can be made");
-  }
-}
-
-/// An RSA key gets three primes, which are found in a third of the time that two take and are as
-/// good to a client.
-KeyOwner make_key(int kind, int strength) {
-  if (kind == EVP_PKEY_RSA && strength == kKnownRsaBits) {
-    KeyOwner key = make_known_rsa_key();
-    require(key != nullptr, "no key can be made");
-    return key;
-  }
+/// An RSA-PSS key gets three primes, which are found in a third of the time that two take and are
+/// as good to a client.
+KeyOwner make_real_key(int kind, int strength) {
   const KeyMaker maker(EVP_PKEY_CTX_new_id(kind, nullptr));
   EVP_PKEY_CTX* const raw = maker.get();
-  require(EVP_PKEY_keygen_init(raw) == 1, "no key can be made");
-  set_strength(raw, kind, strength);
+  require(EVP_PKEY_keygen_init(raw) == 1 &&
+              (kind != EVP_PKEY_RSA_PSS || (EVP_PKEY_CTX_set_rsa_keygen_bits(raw, strength) == 1 &&
+                                            EVP_PKEY_CTX_set_rsa_keygen_primes(raw, 3) == 1)),
+          "no key of this strength can be made");
   EVP_PKEY* key = nullptr;
   require(EVP_PKEY_keygen(raw, &key) == 1, "no key can be made");
   return KeyOwner(key);
+}
+
+/// Blank ones of the kinds for which OpenSSL lets a caller sign.
+KeyOwner make_key(int kind, int strength) {
+  return kind == EVP_PKEY_RSA  ? make_blank_rsa_key(strength)
+         : kind == EVP_PKEY_EC ? make_blank_ecdsa_key(strength)
+                               : make_real_key(kind, strength);
 }
 
 CertificateOwner sign_certificate(EVP_PKEY* key) {
