@@ -15,6 +15,7 @@
 #include "levels/report.h"
 #include "loopback_server.h"
 #include "private_tree.h"
+#include "system/hexadecimal.h"
 #include "tls/openssl.h"
 #include "tls/registry.h"
 
@@ -205,7 +206,10 @@ class ClientsJudge : public PrivateTree {
 
   static Judgement judge(int level, const std::string& kind, const Bytes& hello) {
     const ContextOwner context = kelotlsctl::make_level_context(level);
-    return Judge(context.get(), {certificate(kind)}).judge(hello);
+    const Judge judge(context.get(), {certificate(kind)});
+    const Judgement judgement = judge.judge(hello);
+    EXPECT_EQ(judge.answers(hello), judgement.is_answered);
+    return judgement;
   }
 };
 
@@ -231,6 +235,7 @@ TEST_F(ClientsJudge, ForetellsEveryHandshakeOfManyClients) {
             << client.name << " " << client.suites << client.tls13_suites << client.groups
             << client.signatures << ", level " << level << ", " << kind << ", "
             << join(judgement.lacks) << ": " << judgement.text;
+        EXPECT_EQ(judge.answers(hello), judgement.is_answered) << client.name;
         ++(judgement.is_answered ? answered : refused);
       }
     }
@@ -411,7 +416,10 @@ TEST_F(ClientsJudge, UsesACertificateLikeTheServices) {
     facts.kind = kind;
     facts.bits = bits;
     facts.curve = curve;
-    return Judge(context.get(), {facts}).judge(hello);
+    const Judge judge(context.get(), {facts});
+    const Judgement judgement = judge.judge(hello);
+    EXPECT_EQ(judge.answers(hello), judgement.is_answered);
+    return judgement;
   };
 
   EXPECT_EQ(judged_with("ECDSA", 384, "secp384r1").signature, "ECDSA+SHA384");

@@ -21,6 +21,7 @@
 #include "levels/report.h"
 #include "loopback_server.h"
 #include "private_tree.h"
+#include "system/hexadecimal.h"
 #include "tls/openssl.h"
 #include "tls/registry.h"
 
@@ -555,7 +556,10 @@ struct Setting {
     certificate.kind = one.is_rsa ? "RSA" : "ECDSA";
     certificate.bits = 2048;
     certificate.curve = "prime256v1";
-    return kelotlsctl::Judge(judged.get(), {certificate}).judge(hello);
+    const kelotlsctl::Judge judge(judged.get(), {certificate});
+    const kelotlsctl::Judgement judgement = judge.judge(hello);
+    EXPECT_EQ(judge.answers(hello), judgement.is_answered);
+    return judgement;
   }
 };
 

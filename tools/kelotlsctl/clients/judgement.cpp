@@ -83,6 +83,20 @@ Bytes second_hello(ClientHello hello, std::uint16_t group) {
   return write_client_hello(hello);
 }
 
+/// A hello that a server of TLS 1.3 answers with the wish for a key share: it has decided all by
+/// then, and computed no secret yet, which is what takes longest. The same, where a key share is
+/// wrong.
+Bytes without_keys(ClientHello hello, const Bytes& message) {
+  const bool are_offered =
+      std::all_of(hello.key_shares.begin(), hello.key_shares.end(),
+                  [&](const KeyShare& share) { return contains(hello.groups, share.group); });
+  if (hello.key_shares.empty() || !are_offered) {
+    return message;
+  }
+  set_extension(hello, kKeySharesExtension, counted("", 2));
+  return write_client_hello(hello);
+}
+
 std::size_t number_at(const Bytes& message, std::size_t at, std::size_t length) {
   std::size_t value = 0;
   for (std::size_t index = at; index < at + length && index < message.size(); ++index) {
@@ -330,6 +344,19 @@ Judgement Judge::judge(const Bytes& message) const {
   return judgement;
 }
 
+bool Judge::answers(const Bytes& message) const {
+  const std::optional<ClientHello> hello = read_client_hello(message);
+  if (!hello) {
+    return false;
+  }
+  const Bytes quick = without_keys(*hello, message);
+  MemoryConnection connection(context_, certificates_);
+  const bool waits = connection.say(quick);
+  const Answer answer = connection.answer_to(*hello);
+  ERR_clear_error();
+  return waits && (answer.wants_key_share || answer.version != 0);
+}
+
 void Judge::explain(const ClientHello& hello, bool is_about_version, const std::string& reason,
                     Judgement& judgement) const {
   if (is_about_version) {
@@ -344,7 +371,8 @@ void Judge::explain(const ClientHello& hello, bool is_about_version, const std::
         kMore[row].offer(more);
       }
     }
-    if (!play(context_, certificates_, more, write_client_hello(more)).is_answered) {
+    const Bytes message = write_client_hello(more);
+    if (!answers(message) || !play(context_, certificates_, more, message).is_answered) {
       continue;
     }
     for (unsigned row = 0; row < std::size(kMore); ++row) {

@@ -44,6 +44,10 @@ class Judge {
   /// with more suites, groups or signature algorithms.
   Judgement judge(const Bytes& hello) const;
 
+  /// Whether judge would say that it is answered, in a fraction of the time; but the keys of its
+  /// key shares are taken for good ones.
+  bool answers(const Bytes& hello) const;
+
  private:
   void explain(const ClientHello& hello, bool is_about_version, const std::string& reason,
                Judgement& judgement) const;

@@ -4,15 +4,16 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <set>
 
 #include "clients/judgement.h"
 #include "clients/known_clients.h"
-#include "clients/rewriting.h"
 #include "levels/offer.h"
 #include "levels/report.h"
 #include "peers/connection.h"
 #include "service/running_server.h"
 #include "service/service_state.h"
+#include "system/hexadecimal.h"
 #include "tls/registry.h"
 
 namespace kelotlsctl {
@@ -98,37 +99,52 @@ void sort_clients(Json::Value& clients) {
   clients = list_of(sorted, [](const Json::Value& client) { return client; });
 }
 
-Json::Value count(const Json::Value& clients, const Span& span) {
-  std::map<std::string, std::uint64_t> counts = {
-      {"clients", 0}, {"connections", 0}, {"lost-clients", 0}, {"lost-connections", 0}};
-  for (const Json::Value& client : clients) {
-    const std::uint64_t connections = client["connections"][span.key].asUInt64();
-    const bool is_lost = client["lost"].asBool();
-    counts["clients"] += connections != 0 ? 1 : 0;
-    counts["connections"] += connections;
-    counts["lost-clients"] += is_lost && connections != 0 ? 1 : 0;
-    counts["lost-connections"] += is_lost ? connections : 0;
+// What is counted
+
+/// Of one client. The addresses are the record's.
+struct Fate {
+  const RecordedHello* client = nullptr;
+  bool is_lost = false;
+};
+
+Json::Value count(const std::vector<Fate>& fates, const Span& span, std::time_t now) {
+  std::uint64_t clients = 0;
+  std::uint64_t connections = 0;
+  std::uint64_t lost_clients = 0;
+  std::uint64_t lost_connections = 0;
+  for (const Fate& fate : fates) {
+    const std::uint64_t came = connections_in(*fate.client, span, now);
+    clients += came != 0 ? 1 : 0;
+    connections += came;
+    lost_clients += fate.is_lost && came != 0 ? 1 : 0;
+    lost_connections += fate.is_lost ? came : 0;
   }
-  Json::Value json(Json::objectValue);
-  for (const auto& [key, value] : counts) {
-    json[key] = Json::UInt64{value};
-  }
-  return json;
+  return object({{"clients", Json::UInt64{clients}},
+                 {"connections", Json::UInt64{connections}},
+                 {"lost-clients", Json::UInt64{lost_clients}},
+                 {"lost-connections", Json::UInt64{lost_connections}}});
 }
 
-Json::Value addresses_of_lost(const Json::Value& clients) {
+/// Of those that came most often first.
+Json::Value addresses_of_lost(std::vector<Fate> fates) {
+  std::stable_sort(fates.begin(), fates.end(), [](const Fate& one, const Fate& other) {
+    return one.client->count > other.client->count;
+  });
+  std::set<std::string> known;
   Json::Value addresses(Json::arrayValue);
-  for (const Json::Value& client : clients) {
-    for (const Json::Value& address :
-         client["lost"].asBool() ? client["addresses"] : Json::Value()) {
-      append_once(addresses, address);
+  for (const Fate& fate : fates) {
+    for (const std::string& address :
+         fate.is_lost ? fate.client->addresses : std::vector<std::string>()) {
+      if (known.insert(address).second) {
+        addresses.append(address);
+      }
     }
   }
   return addresses;
 }
 
-const char* verdict_of(const Json::Value& judged, const ClientRecords& records) {
-  return judged["all"]["lost-clients"].asUInt64() != 0                     ? "some-lost"
+const char* verdict_of(const Json::Value& all, const ClientRecords& records) {
+  return all["lost-clients"].asUInt64() != 0                               ? "some-lost"
          : records.hellos().empty() || records.left_out_connections() != 0 ? "not-known"
                                                                            : "none-lost";
 }
@@ -148,30 +164,54 @@ struct LevelJudge {
   Judge judge;
 };
 
-Json::Value judge_clients(const ClientRecords& records, const LevelQuestion& question,
-                          const Progress& progress) {
-  const KnownClients known = KnownClients::load();
-  const auto judge_of = [&](int level) {
-    return level < 0 ? nullptr : std::make_unique<LevelJudge>(level, question.shown);
-  };
-  const auto today = judge_of(question.today);
-  const auto then = question.level != question.today ? judge_of(question.level) : nullptr;
-  Json::Value clients(Json::arrayValue);
-  for (const RecordedHello& hello : records.hellos()) {
-    Json::Value client = client_json(hello, known, question.now);
-    client["today"] =
-        today != nullptr ? judgement_json(today->judge.judge(hello.hello)) : Json::Value();
-    client["then"] =
-        then != nullptr ? judgement_json(then->judge.judge(hello.hello)) : client["today"];
-    client["lost"] = !client["then"].isNull() && !client["then"]["answered"].asBool() &&
-                     (today == nullptr || client["today"]["answered"].asBool());
-    clients.append(client);
-    if (progress) {
-      progress(clients.size(), records.hellos().size());
-    }
+/// Those of today and of the level in question; null for a level that no service can be at, and
+/// the second for one that is today's.
+struct Judges {
+  explicit Judges(const LevelQuestion& question)
+      : today(make(question.today, question.shown)),
+        then(question.level != question.today ? make(question.level, question.shown) : nullptr) {}
+
+  static std::unique_ptr<LevelJudge> make(int level, const ShownCertificates& shown) {
+    return level < 0 ? nullptr : std::make_unique<LevelJudge>(level, shown);
   }
-  sort_clients(clients);
-  return clients;
+
+  /// Without the reasons, and without asking what does not matter.
+  bool is_lost(const Bytes& hello) const {
+    return then != nullptr && !then->judge.answers(hello) &&
+           (today == nullptr || today->judge.answers(hello));
+  }
+
+  const std::unique_ptr<LevelJudge> today;
+  const std::unique_ptr<LevelJudge> then;
+};
+
+Json::Value judged_client(const RecordedHello& hello, const Judges& judges,
+                          const KnownClients& known, std::time_t now) {
+  const auto judged_by = [&](const std::unique_ptr<LevelJudge>& level) {
+    return level != nullptr ? judgement_json(level->judge.judge(hello.hello)) : Json::Value();
+  };
+  Json::Value client = client_json(hello, known, now);
+  client["today"] = judged_by(judges.today);
+  client["then"] = judges.then != nullptr ? judged_by(judges.then) : client["today"];
+  client["lost"] = !client["then"].isNull() && !client["then"]["answered"].asBool() &&
+                   (judges.today == nullptr || client["today"]["answered"].asBool());
+  return client;
+}
+
+/// All but the clients themselves.
+Json::Value counted(const ClientRecords& records, const LevelQuestion& question,
+                    const std::vector<Fate>& fates) {
+  Json::Value judged = object({{"service", records.service()},
+                               {"today", level_json(question.today)},
+                               {"level", level_json(question.level)},
+                               {"certificates", certificates_json(question.shown)},
+                               {"record", records.summary()},
+                               {"addresses", addresses_of_lost(fates)}});
+  for (const Span& span : kSpans) {
+    judged[span.key] = count(fates, span, question.now);
+  }
+  judged["verdict"] = verdict_of(judged["all"], records);
+  return judged;
 }
 
 /// In brackets; a few, and how many more there are.
@@ -219,7 +259,7 @@ Json::Value judged_change(const std::string& service, int today, int level) {
     throw Failure(kCannotTell, "no record of its clients is kept");
   }
   try {
-    return judge_record(ClientRecords::load(service), question_of(service, today, level), nullptr);
+    return count_losses(ClientRecords::load(service), question_of(service, today, level));
   } catch (const Failure& failure) {
     throw Failure(kCannotTell, failure.what());
   } catch (const std::runtime_error& error) {
@@ -227,38 +267,54 @@ Json::Value judged_change(const std::string& service, int today, int level) {
   }
 }
 
-[[noreturn]] void refuse_loss(ExitCode code, const std::string& service, const std::string& text) {
-  throw Failure(code, printable(service) + ": " + text,
-                "Nothing was written, because of --refuse-loss.");
-}
-
-void tell_loss(Console& console, const std::string& service, const Json::Value& judged,
-               bool is_refused) {
-  const std::string text = loss_text(judged);
-  const bool is_none_lost = judged["verdict"] == "none-lost";
-  if (is_refused && !is_none_lost) {
-    refuse_loss(judged["verdict"] == "some-lost" ? kNotSo : kCannotTell, service, text);
+/// As it is told of one service; without counts where nothing is known.
+Json::Value loss_json(const std::string& service, int today, int level) {
+  Json::Value loss = object({{"service", service},
+                             {"today", level_json(today)},
+                             {"level", level_json(level)},
+                             {"verdict", "not-known"},
+                             {"last-day", Json::Value()},
+                             {"last-week", Json::Value()},
+                             {"all", Json::Value()},
+                             {"addresses", list_of({})}});
+  try {
+    const Json::Value judged = judged_change(service, today, level);
+    for (const char* const member : {"verdict", "last-day", "last-week", "all", "addresses"}) {
+      loss[member] = judged[member];
+    }
+    loss["text"] = loss_text(judged);
+  } catch (const Failure& failure) {
+    loss["text"] = std::string("not known who would be lost: ") + failure.what();
   }
-  const std::string sentence = printable(service) + ": " + text;
-  is_none_lost ? console.say(sentence) : console.warn(sentence);
+  return loss;
 }
 
 }  // namespace
 
 Json::Value judge_record(const ClientRecords& records, const LevelQuestion& question,
                          const Progress& progress) {
-  Json::Value judged = object({{"service", records.service()},
-                               {"today", level_json(question.today)},
-                               {"level", level_json(question.level)},
-                               {"certificates", certificates_json(question.shown)},
-                               {"record", records.summary()},
-                               {"clients", judge_clients(records, question, progress)}});
-  for (const Span& span : kSpans) {
-    judged[span.key] = count(judged["clients"], span);
+  const KnownClients known = KnownClients::load();
+  const Judges judges(question);
+  std::vector<Fate> fates;
+  Json::Value clients(Json::arrayValue);
+  for (const RecordedHello& hello : records.hellos()) {
+    clients.append(judged_client(hello, judges, known, question.now));
+    fates.push_back({&hello, clients[clients.size() - 1]["lost"].asBool()});
+    progress(clients.size(), records.hellos().size());
   }
-  judged["addresses"] = addresses_of_lost(judged["clients"]);
-  judged["verdict"] = verdict_of(judged, records);
+  sort_clients(clients);
+  Json::Value judged = counted(records, question, fates);
+  judged["clients"] = clients;
   return judged;
+}
+
+Json::Value count_losses(const ClientRecords& records, const LevelQuestion& question) {
+  const Judges judges(question);
+  std::vector<Fate> fates;
+  for (const RecordedHello& hello : records.hellos()) {
+    fates.push_back({&hello, judges.is_lost(hello.hello)});
+  }
+  return counted(records, question, fates);
 }
 
 std::string loss_text(const Json::Value& judged) {
@@ -287,27 +343,25 @@ std::string subject_text(const Addresses& addresses, const std::string& service)
          (address != nullptr ? " at " + address_text(*address) : std::string()) + " may differ.";
 }
 
-void tell_losses(Console& console, const Store& before, const Store& after,
-                 const std::vector<std::string>& services, bool are_refused) {
+Json::Value tell_losses(Console& console, const Store& before, const Store& after,
+                        const std::vector<std::string>& services, bool are_refused) {
+  Json::Value losses = list_of({});
   for (const std::string& service : services) {
     const int today = before.effective_level(service);
     const int level = after.effective_level(service);
     if (today == level || level < 0 || (!is_recorded(service) && !are_refused)) {
       continue;
     }
-    Json::Value judged;
-    try {
-      judged = judged_change(service, today, level);
-    } catch (const Failure& failure) {
-      const std::string text = std::string("not known who would be lost: ") + failure.what();
-      if (are_refused) {
-        refuse_loss(kCannotTell, service, text);
-      }
-      console.warn(printable(service) + ": " + text);
-      continue;
+    const Json::Value& loss = losses.append(loss_json(service, today, level));
+    const std::string sentence = printable(service) + ": " + loss["text"].asString();
+    const bool is_none_lost = loss["verdict"] == "none-lost";
+    if (are_refused && !is_none_lost) {
+      throw Failure(loss["verdict"] == "some-lost" ? kNotSo : kCannotTell, sentence,
+                    "Nothing was written, because of --refuse-loss.");
     }
-    tell_loss(console, service, judged, are_refused);
+    is_none_lost ? console.say(sentence) : console.warn(sentence);
   }
+  return losses;
 }
 
 std::string refused_text(const std::string& service, int level) {
@@ -315,16 +369,18 @@ std::string refused_text(const std::string& service, int level) {
     return "";
   }
   try {
-    const Json::Value judged = judged_change(service, level, level);
+    const ClientRecords records = ClientRecords::load(service);
+    const Judges judges(question_of(service, level, level));
+    const std::vector<RecordedHello>& hellos = records.hellos();
     const auto refused = std::count_if(
-        judged["clients"].begin(), judged["clients"].end(),
-        [](const Json::Value& client) { return !client["today"]["answered"].asBool(); });
+        hellos.begin(), hellos.end(),
+        [&](const RecordedHello& client) { return !judges.today->judge.answers(client.hello); });
     const std::string name = printable(service);
     return refused == 0 ? ""
-                        : std::to_string(refused) + " of " +
-                              std::to_string(judged["clients"].size()) + " recorded clients of " +
-                              name + " are refused at its level: kelotlsctl clients show " + name;
-  } catch (const Failure& failure) {
+                        : std::to_string(refused) + " of " + std::to_string(hellos.size()) +
+                              " recorded clients of " + name +
+                              " are refused at its level: kelotlsctl clients show " + name;
+  } catch (const std::runtime_error& failure) {
     return "Not known what becomes of the recorded clients of " + printable(service) + ": " +
            failure.what();
   }
