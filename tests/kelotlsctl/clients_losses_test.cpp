@@ -8,6 +8,7 @@
 #include "first_message.h"
 #include "kelotlsctl.h"
 #include "loopback_server.h"
+#include "packets.h"
 
 namespace kelotls::test {
 namespace {
@@ -25,16 +26,6 @@ std::string hello_up_to(int version, const char* groups = nullptr) {
   const std::string hello = first_message(context);
   SSL_CTX_free(context);
   return hello;
-}
-
-std::string hexadecimal(const std::string& octets) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const char octet : octets) {
-    text += kDigits[static_cast<unsigned char>(octet) >> 4];
-    text += kDigits[static_cast<unsigned char>(octet) & 0xf];
-  }
-  return text;
 }
 
 std::string time_ago(std::time_t seconds, const char* format = "%Y-%m-%dT%H:%M:%SZ") {
@@ -315,6 +306,60 @@ TEST_F(ClientsLosses, AreToldOfADefaultLevelToo) {
 
   EXPECT_EQ(outcome.status, 0);
   EXPECT_TRUE(contains(outcome.err, "web: 2 of 3 clients of the last 7 days would be lost"));
+}
+
+TEST_F(ClientsLosses, AreInTheDocumentOfWhatChangesLevels) {
+  write_record(usual_clients());
+  const auto told = [](const Json::Value& losses) {
+    return losses.size() != 1
+               ? losses.toStyledString()
+               : losses[0]["service"].asString() + " " + losses[0]["level"]["name"].asString() +
+                     " " + losses[0]["verdict"].asString() + ", " + counts(losses[0]["last-week"]) +
+                     ", of all " + counts(losses[0]["all"]);
+  };
+  constexpr char kSomeLost[] = "web modern some-lost, 2 of 3, 13 of 213, of all 2 of 4, 13 of 214";
+  constexpr char kNoneLost[] =
+      "web intermediate none-lost, 0 of 3, 0 of 213, of all 0 of 4, 0 of 214";
+
+  const Json::Value foreseen = run_json("set", {"web", "modern", "--dry-run"}).document["losses"];
+  EXPECT_EQ(told(foreseen), kSomeLost);
+  EXPECT_EQ(foreseen[0]["addresses"], json(R"(["192.0.2.7", "192.0.2.9"])"));
+  EXPECT_EQ(foreseen[0]["text"],
+            "2 of 3 clients of the last 7 days would be lost (192.0.2.7, 192.0.2.9)");
+  EXPECT_EQ(told(run_json("set", {"web", "modern", "--apply"}).document["losses"]), kSomeLost);
+  EXPECT_EQ(run_json("set", {"web", "modern"}).document["losses"], json("[]"));
+  ASSERT_EQ(run({"set", "web", "default"}).status, 0);
+  EXPECT_EQ(told(run_json("default", {"modern", "--dry-run"}).document["losses"]), kSomeLost);
+  EXPECT_EQ(told(run_json("default", {"modern"}).document["losses"]), kSomeLost);
+  EXPECT_EQ(told(run_json("default", {"intermediate"}).document["losses"]), kNoneLost);
+
+  write_file(kRecord, "{");
+  const Json::Value unknown = run_json("set", {"web", "modern", "--dry-run"}).document["losses"];
+  EXPECT_EQ(unknown[0]["verdict"], "not-known");
+  EXPECT_TRUE(unknown[0]["last-week"].isNull());
+  EXPECT_TRUE(contains(unknown[0]["text"].asString(), "not known who would be lost: "));
+}
+
+TEST_F(ClientsLosses, AreToldOfLevelsThatComeBack) {
+  constexpr char kBackup[] = "/tmp/backup.json";
+  constexpr char kText[] = "web: 2 of 3 clients of the last 7 days would be lost";
+  write_record(usual_clients());
+  ASSERT_EQ(run({"set", "web", "modern"}).status, 0);
+  ASSERT_EQ(run({"backup", kBackup}).status, 0);
+  ASSERT_EQ(run({"set", "web", "intermediate"}).status, 0);
+
+  for (const Arguments& arguments :
+       {Arguments{"undo", "--dry-run"}, {"undo"}, {"redo"}, {"restore", kBackup, "--dry-run"}}) {
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_TRUE(contains(outcome.err, arguments[0] == "redo" ? "web: none of 3 clients" : kText))
+        << arguments[0];
+  }
+  const Json::Value restored = run_json("restore", {kBackup}).document["losses"];
+  EXPECT_EQ(restored[0]["verdict"], "some-lost");
+  ASSERT_EQ(run({"set", "web", "intermediate"}).status, 0);
+  const Json::Value undone = run_json("undo").document["changes"][0]["losses"];
+  EXPECT_EQ(counts(undone[0]["last-week"]), "2 of 3, 13 of 213");
 }
 
 TEST_F(ClientsLosses, DoNotKeepAChangeForARecordThatIsBroken) {

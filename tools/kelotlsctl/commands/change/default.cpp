@@ -73,7 +73,8 @@ Report default_level(Console& console, const Arguments& arguments) {
   const WriteAccess access(console, arguments.confidence(), back.joins());
   const LevelChange plan = make_plan(load_store(), level);
   plan.refuse_unreachable();
-  tell_losses(console, plan.before, plan.after, plan.selection.names, arguments.refuse_loss);
+  const Json::Value losses =
+      tell_losses(console, plan.before, plan.after, plan.selection.names, arguments.refuse_loss);
   const bool applies = arguments.apply || back.wait;
   if (applies) {
     require_trust(console, walk_places(console, kAllPlaces, plan.selection),
@@ -82,12 +83,14 @@ Report default_level(Console& console, const Arguments& arguments) {
   if (!arguments.dry_run && (applies || plan.before.default_level() != level)) {
     begin_record(arguments.command, arguments.reason, plan.record());
   }
-  return make_change(
+  Report made = make_change(
       console, back, [&] { return plan.snapshot(); },
       [&] {
         return applies ? set_and_apply(console, plan, arguments)
                        : set_only(plan, arguments.dry_run);
       });
+  made.document["losses"] = losses;
+  return made;
 }
 
 void print_default(Console& console, const Json::Value& document) {

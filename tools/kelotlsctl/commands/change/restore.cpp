@@ -2,6 +2,7 @@
 #include "changes/dating.h"
 #include "changes/level_change.h"
 #include "changes/way_back.h"
+#include "clients/losses.h"
 #include "command_line.h"
 #include "framework_config.h"
 #include "store/documents.h"
@@ -52,6 +53,7 @@ Report restore(Console& console, const Arguments& arguments) {
   const LevelChange plan = {before, live, changed_services(before, live)};
   const LevelChange everything = {before, live, {live.names(), true}};
   everything.refuse_unreachable();
+  report.document["losses"] = tell_losses(console, before, live, plan.selection.names, false);
   if (arguments.dry_run) {
     return report;
   }

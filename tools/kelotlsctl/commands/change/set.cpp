@@ -139,7 +139,8 @@ Report set_level(Console& console, const Arguments& arguments) {
   const LevelChange plan = make_plan(request);
   plan.refuse_unreachable();
   dating.refuse_pointless(plan);
-  tell_losses(console, plan.before, plan.after, plan.selection.names, arguments.refuse_loss);
+  const Json::Value losses =
+      tell_losses(console, plan.before, plan.after, plan.selection.names, arguments.refuse_loss);
   const bool applies = arguments.apply || back.wait;
   if (applies) {
     require_trust(console, walk_places(console, kAllPlaces, plan.selection),
@@ -153,7 +154,7 @@ Report set_level(Console& console, const Arguments& arguments) {
   }
   // A level that is to end is not to stay for want of its date.
   back.is_kept = back.is_kept || dating.brings_dates();
-  return make_change(
+  Report made = make_change(
       console, back, [&] { return plan.snapshot(); },
       [&] {
         if (arguments.dry_run) {
@@ -168,6 +169,8 @@ Report set_level(Console& console, const Arguments& arguments) {
         dating.end(plan, undone_in(report));
         return report;
       });
+  made.document["losses"] = losses;
+  return made;
 }
 
 void print_set(Console& console, const Json::Value& document) {

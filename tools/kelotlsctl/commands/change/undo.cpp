@@ -7,6 +7,7 @@
 
 #include "changes/dating.h"
 #include "changes/way_back.h"
+#include "clients/losses.h"
 #include "command_line.h"
 #include "store/history.h"
 
@@ -289,10 +290,15 @@ Report undo_last(Console& console, const Arguments& arguments, Kind kind) {
   Report all;
   all.document["changes"] = list_of({});
   for (const Undoing& undoing : undoings) {
-    require_trust(console, walk_places(console, kAllPlaces, undoing.plan.selection),
+    const LevelChange& plan = undoing.plan;
+    const Json::Value losses =
+        tell_losses(console, plan.before, plan.after, plan.selection.names, false);
+    require_trust(console, walk_places(console, kAllPlaces, plan.selection),
                   arguments.confidence());
     const Report report = make(console, undoing, arguments);
-    all.document["changes"].append(undoing_json(undoing, report, !arguments.dry_run));
+    Json::Value change = undoing_json(undoing, report, !arguments.dry_run);
+    change["losses"] = losses;
+    all.document["changes"].append(change);
     all.code = report.code;
     if (report.code != kDone) {
       break;
