@@ -222,6 +222,38 @@ TEST(PacketReading, PutsFragmentsTogetherInAnyOrder) {
   }
 }
 
+/// A fragment of IPv4 at this place.
+std::string fragment_at(unsigned offset, const std::string& part, bool is_more) {
+  Ipv4Header header;
+  header.offset = offset;
+  header.is_more = is_more;
+  return ipv4(part, header);
+}
+
+TEST(PacketReading, PutsFragmentsTogetherUpToTheLargestDatagram) {
+  const std::string payload(60000, 'p');
+  const std::string segment = tcp({7, payload, TcpSegment::kAck, 40000, 443, ""});
+  PacketReader reader(DLT_RAW);
+
+  EXPECT_FALSE(reader.read(fragment_at(0, segment.substr(0, 32768), true), kWhen));
+  const auto read = reader.read(fragment_at(32768, segment.substr(32768), false), kWhen);
+
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->payload, payload);
+}
+
+TEST(PacketReading, TakesTheFirstEndOfADatagramForItsEnd) {
+  const std::string segment = tcp({7, "payload!", TcpSegment::kAck, 40000, 443, ""});
+  PacketReader reader(DLT_RAW);
+
+  EXPECT_FALSE(reader.read(fragment_at(16, segment.substr(16), false), kWhen));
+  EXPECT_FALSE(reader.read(fragment_at(40, "more", false), kWhen));
+  const auto read = reader.read(fragment_at(0, segment.substr(0, 16), true), kWhen);
+
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->payload, "payload!");
+}
+
 TEST(PacketReading, ForgetsFragmentsThatNothingCompletes) {
   PacketReader reader(DLT_RAW);
   const std::string segment = tcp({7, std::string(100, 'p'), TcpSegment::kAck, 40000, 443, ""});
@@ -290,6 +322,16 @@ std::vector<Cut> random_cuts(std::size_t size, std::mt19937& random) {
   }
   std::shuffle(cuts.begin(), cuts.end(), random);
   return cuts;
+}
+
+TEST(FollowingStreams, AreNotEndedByWhatWasBeforeThem) {
+  const std::string hello = record_of(300);
+  Watching watching;
+  watching.begin();
+  watching.say(0, hello.substr(0, 20));
+  watching.say({kStart - 5, "begin", TcpSegment::kAck | TcpSegment::kFin, 40000, 443, ""});
+  watching.say(20, hello.substr(20));
+  EXPECT_EQ(only_hello(watching), message_of(hello));
 }
 
 TEST(FollowingStreams, GivesTheSameHelloHoweverItIsCut) {
@@ -479,6 +521,16 @@ TEST(ReadingOpenings, NeedsNoMoreThanTheHello) {
     EXPECT_LE(result.needed, record.size());
   }
   EXPECT_EQ(read_opening(record + "anything", "").hello, message_of(record));
+}
+
+TEST(ReadingOpenings, LooksForTlsBehindSoMuchPlainAndNoMore) {
+  const std::string element = "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>";
+  const std::string hello = record_of(300);
+  const auto behind_spaces = [&](std::size_t count) {
+    return read_opening(element + std::string(count, ' ') + hello, "xmpp").what;
+  };
+  EXPECT_EQ(behind_spaces(100), Opening::kHello);
+  EXPECT_EQ(behind_spaces(std::size_t{1} << 16), Opening::kNotTls);
 }
 
 TEST(ReadingOpenings, TellsWhatIsNoTls) {

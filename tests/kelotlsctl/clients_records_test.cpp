@@ -123,6 +123,10 @@ TEST_F(ClientRecording, DropsTheOldestFirstAndThenTheRarest) {
   const std::string old = hello(0x0001);
   const std::string rare = hello(0x0002);
   const std::string frequent = hello(0x0003);
+  const std::string older = hello(0x0004);
+  for (int i = 0; i < 7; ++i) {
+    records.add(older, kNoon - 30 * kDay, "");
+  }
   for (int i = 0; i < 5; ++i) {
     records.add(old, kNoon - 20 * kDay, "");
   }
@@ -133,17 +137,39 @@ TEST_F(ClientRecording, DropsTheOldestFirstAndThenTheRarest) {
   records.save();
   const std::size_t one = 2 * rare.size() + 200;
 
+  records.set_limit(1024 + 3 * one);
+  EXPECT_EQ(hellos_of(records), (Lines{frequent, rare, old})) << "the older one is gone";
   records.set_limit(1024 + 2 * one);
   EXPECT_EQ(hellos_of(records), (Lines{frequent, rare})) << "the old one is gone";
-  EXPECT_EQ(records.left_out_hellos(), 1U);
-  EXPECT_EQ(records.left_out_connections(), 5U);
+  EXPECT_EQ(records.left_out_hellos(), 2U);
+  EXPECT_EQ(records.left_out_connections(), 12U);
 
   records.set_limit(1024 + one);
   EXPECT_EQ(hellos_of(records), Lines{frequent});
-  EXPECT_EQ(records.connections(), 8U) << "they were counted";
+  EXPECT_EQ(records.connections(), 15U) << "they were counted";
   const ClientRecords read = saved(records);
-  EXPECT_EQ(read.left_out_hellos(), 2U);
-  EXPECT_EQ(read.left_out_connections(), 6U);
+  EXPECT_EQ(read.left_out_hellos(), 3U);
+  EXPECT_EQ(read.left_out_connections(), 13U);
+}
+
+TEST_F(ClientRecording, KeepsNothingThatGoesBeforeWhatItDrops) {
+  ClientRecords records("web");
+  const std::string frequent = hello(0x0001);
+  kelotlsctl::Hello large;
+  large.suites = kelotlsctl::Numbers(100, 0x0002);
+  for (const int count : {3, 2, 1}) {
+    for (int i = 0; i < count; ++i) {
+      records.add(count == 3   ? frequent
+                  : count == 2 ? kelotlsctl::write_hello(large).substr(5)
+                               : hello(0x0003),
+                  kNoon, "");
+    }
+  }
+
+  records.set_limit(1024 + 2 * (2 * frequent.size() + 200));
+
+  EXPECT_EQ(hellos_of(records), Lines{frequent}) << "the rarest is gone as well";
+  EXPECT_EQ(records.left_out_connections(), 3U);
 }
 
 TEST_F(ClientRecording, NeverMakesALargerFileThanItMay) {
