@@ -267,6 +267,7 @@ struct Given {
   Numbers versions;
   Numbers suites;  // in TLS 1.2
   bool has_dhe = false;
+  bool signs_with_sha1 = false;  // in TLS 1.2
 };
 
 struct Case {
@@ -313,12 +314,17 @@ std::string tls13_outcome(const Offered& offered, bool is_rsa) {
   return "refused";
 }
 
-/// Whether the server can sign in this version with what the client takes. Without the extension
-/// SHA-1 is meant, which security levels above 0 refuse.
-bool can_sign(const Offered& offered, bool is_rsa) {
+/// Whether the server can sign in TLS 1.2 with what the client takes: SHA-1 where it says nothing
+/// of signatures, be it of those of certificates alone.
+bool can_sign(const Offered& offered, const Case& one) {
   const Numbers rsa = {0x0401, 0x0501, 0x0601, 0x0301, 0x0804, 0x0805, 0x0806};
   const Numbers ecdsa = {0x0403, 0x0503, 0x0603, 0x0303};
-  return offered.has_signatures && shares_any(offered.signatures, is_rsa ? rsa : ecdsa);
+  const bool takes_sha1 =
+      offered.has_signatures
+          ? has(offered.signatures, one.is_rsa ? 0x0201 : 0x0203)
+          : offered.base.find(kelotlsctl::kCertificateSignaturesExtension) == nullptr;
+  return (takes_sha1 && one.given.signs_with_sha1) ||
+         (offered.has_signatures && shares_any(offered.signatures, one.is_rsa ? rsa : ecdsa));
 }
 
 /// OpenSSL takes the first suite that its keys and groups allow, in the client's order; only then
@@ -337,7 +343,7 @@ std::string tls12_outcome(const Offered& offered, std::uint16_t version, const C
       continue;
     }
     // The certificate itself has to be signed with what the client takes, too.
-    return version == kTls12 && !can_sign(offered, one.is_rsa)
+    return version == kTls12 && !can_sign(offered, one)
                ? "refused"
                : "TLS 1." + std::to_string(version - kTls10) + " " + name;
   }
@@ -515,7 +521,18 @@ class ClientsMutated : public PrivateTree {
   }
 };
 
-/// Which versions, suites and DHE OpenSSL's security level leaves, seen by clients that offer one.
+/// Whether a client with this alone is answered in TLS 1.2.
+bool is_answered(SSL_CTX* server, const char* suites, const char* signatures) {
+  const ContextOwner client(SSL_CTX_new(TLS_client_method()));
+  SSL_CTX_set_security_level(client.get(), 0);
+  SSL_CTX_set_max_proto_version(client.get(), kTls12);
+  SSL_CTX_set_cipher_list(client.get(), suites);
+  SSL_CTX_set1_sigalgs_list(client.get(), signatures);
+  return outcome_of_handshake(server, client.get()).rfind("TLS 1.2", 0) == 0;
+}
+
+/// What OpenSSL's security level leaves, and OpenSSL 1.1 leaves more of it: seen by clients that
+/// offer one thing.
 Given given_by(SSL_CTX* server, const std::map<std::uint16_t, std::string>& suites) {
   Given given;
   for (const std::uint16_t version : {kTls10, kTls11, kTls12, kTls13}) {
@@ -535,11 +552,8 @@ Given given_by(SSL_CTX* server, const std::map<std::uint16_t, std::string>& suit
       given.suites.push_back(number);
     }
   }
-  const ContextOwner client(SSL_CTX_new(TLS_client_method()));
-  SSL_CTX_set_security_level(client.get(), 0);
-  SSL_CTX_set_max_proto_version(client.get(), kTls12);
-  SSL_CTX_set_cipher_list(client.get(), "kDHE:@SECLEVEL=0");
-  given.has_dhe = outcome_of_handshake(server, client.get()).rfind("TLS", 0) == 0;
+  given.has_dhe = is_answered(server, "kDHE:@SECLEVEL=0", "RSA+SHA256:ECDSA+SHA256");
+  given.signs_with_sha1 = is_answered(server, "ALL:@SECLEVEL=0", "RSA+SHA1:ECDSA+SHA1");
   return given;
 }
 
