@@ -215,9 +215,9 @@ class ClientsJudge : public PrivateTree {
 
 TEST_F(ClientsJudge, RefusesAKeyShareOfAGroupThatIsNotOffered) {
   ClientHello hello =
-      *kelotlsctl::read_client_hello(hello_of({"", 0, 0, "", "", "P-256:X25519", ""}));
+      *kelotlsctl::read_client_hello(hello_of({"", 0, 0, "", "", "P-256:P-384", ""}));
   kelotlsctl::set_extension(hello, kelotlsctl::kGroupsExtension,
-                            kelotlsctl::counted(kelotlsctl::list_bytes({0x001d}), 2));
+                            kelotlsctl::counted(kelotlsctl::list_bytes({0x0018}), 2));
 
   EXPECT_FALSE(judge(kModern, "RSA", kelotlsctl::write_client_hello(hello)).is_answered);
 }
