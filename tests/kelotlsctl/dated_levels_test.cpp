@@ -162,6 +162,11 @@ TEST_F(KelotlsctlDated, IsTriedAgainWhereTheReturnFails) {
   EXPECT_EQ(check.status, 3);
   EXPECT_TRUE(
       contains(check.out, "web was to return to modern at 2020-01-01T00:00:00Z, which fails: "));
+  const std::string metrics = run({"metrics"}).out;
+  EXPECT_TRUE(contains(metrics, "kelotls_findings{kind=\"change\",severity=\"error\"} 1\n"));
+  EXPECT_TRUE(
+      contains(metrics, "kelotls_last_change_result{command=\"settle\",result=\"failed\"} 1\n"))
+      << metrics;
 
   const Outcome other = run({"set", "ssh", "old"});
   EXPECT_EQ(other.status, 0);

@@ -307,7 +307,7 @@ constexpr Family kFamilies[] = {
     {"kelotls_services_by_state", "How many services are in the state.", add_by_state},
     {"kelotls_findings", "How many findings kelotlsctl check has.", add_findings},
     {"kelotls_last_change_timestamp_seconds", "When the last change on record that the command made was over, or, where it did not come to its end, began.", add_change_times},
-    {"kelotls_last_change_result", "Always 1, with what came of that change: done, failed, undone, interrupted.", add_change_results},
+    {"kelotls_last_change_result", "Always 1, with what came of that change, in the words of kelotlsctl history.", add_change_results},
     {"kelotls_service_stored_level", "The service's stored level: 0 default, 1 modern, 2 intermediate, 3 old.", add_stored_levels},
     {"kelotls_service_effective_level", "The level that the service is to be served at: 1 modern, 2 intermediate, 3 old, below 0 none.", add_effective_levels},
     {"kelotls_service_state", "Always 1, with the service's state by its files and by the last survey of its running server.", add_states},
