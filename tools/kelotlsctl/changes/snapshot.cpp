@@ -1,6 +1,7 @@
 // Owns what a change may alter of a service.
 #include "changes/snapshot.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -214,6 +215,16 @@ void put_back(const Json::Value& snapshot, bool with_stamps) {
   put_back_kept(kDated, snapshot, always);
   put_back_kept(kAddress, snapshot, is_membership);
   put_back_kept(kStamp, snapshot, with_stamps ? always : has_left);
+  bring_to_disk();  // links and entries of directories, too, before the snapshot itself may go
+}
+
+void bring_to_disk() {
+  for (const char* const path : {kelotls::kFrameworkDir, kelotls::kPackageReloaderDir}) {
+    const kelotls::Descriptor directory(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.is_open() && ::syncfs(directory.get()) != 0) {
+      throw system_failure(path);
+    }
+  }
 }
 
 std::vector<std::string> services_in(const Json::Value& snapshot, const Store& store) {

@@ -30,9 +30,12 @@ void merge_snapshot(Json::Value& snapshot, const Json::Value& later);
 
 /// Puts everything back, in the same way however often it is done. A service that has left since,
 /// without this command, stays away where only its level was changed. A Failure at the first thing
-/// that cannot be put back. with_stamps: the services count as reloaded with what they had, because
-/// their servers start only now.
+/// that cannot be put back. Afterwards it is on the disk. with_stamps: the services count as
+/// reloaded with what they had, because their servers start only now.
 void put_back(const Json::Value& snapshot, bool with_stamps);
+
+/// Everything that was written of the framework is on the disk. A Failure where it is not.
+void bring_to_disk();
 
 /// The services of the snapshot that the data store has.
 std::vector<std::string> services_in(const Json::Value& snapshot, const Store& store);

@@ -1,15 +1,11 @@
 // Owns making a change so that it can be taken back.
 #include "changes/way_back.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
 #include "changes/pending_change.h"
-#include "files.h"
-#include "paths.h"
+#include "changes/snapshot.h"
 #include "store/history.h"
 #include "system/interruption.h"
 
@@ -18,17 +14,6 @@ namespace kelotlsctl {
 namespace {
 
 using ChangeState = PendingChange::State;
-
-/// Rendering does not wait for the disk. What waits to be confirmed is to be there after a restart
-/// that comes later.
-void bring_to_disk() {
-  for (const char* const path : {kelotls::kFrameworkDir, kelotls::kPackageReloaderDir}) {
-    const kelotls::Descriptor directory(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.is_open() && ::syncfs(directory.get()) != 0) {
-      throw system_failure(path);
-    }
-  }
-}
 
 void require_boot_clock() {
   if (this_moment().boot.empty()) {
@@ -46,6 +31,8 @@ void close_record(Report& report) {
   }
 }
 
+/// Rendering does not wait for the disk. What waits to be confirmed is to be there after a restart
+/// that comes later.
 void begin_waiting(PendingChange& change, std::chrono::seconds duration, Report& report) {
   bring_to_disk();
   set_waiting();
