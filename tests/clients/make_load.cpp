@@ -104,8 +104,9 @@ int main(int argc, char** argv) {
     times.push_back(Clock::now() - before);
   }
   const std::chrono::duration<double> took = Clock::now() - start;
-  std::nth_element(times.begin(), times.begin() + all / 2, times.end());
-  const std::chrono::duration<double, std::micro> median = times.at(all / 2);
+  const auto middle = times.begin() + all / 2;
+  std::nth_element(times.begin(), middle, times.end());
+  const std::chrono::duration<double, std::micro> median = *middle;
   std::printf("{\"made\": %d, \"seconds\": %.2f, \"median-microseconds\": %.1f}\n", all,
               took.count(), median.count());
   std::fflush(stdout);
