@@ -258,6 +258,22 @@ TEST_F(KelotlsctlConfirm, IsWaitedForAfterASettleThatFailed) {
   EXPECT_TRUE(eventually([] { return !processes_of(KELOTLSCTL).empty(); }));
 }
 
+TEST_F(KelotlsctlConfirm, ClosesTheRecordOfWhatItGivesUp) {
+  ASSERT_EQ(run({"set", "web", "modern", "--confirm", kLong}).status, 0);
+  write_file(kReloaderStatus, "9");
+  ASSERT_EQ(run({"revert"}).status, 1);
+  restart();
+  // As a kill leaves it right after the change's file says that it has failed.
+  std::string history = read_file(kHistory);
+  ASSERT_TRUE(contains(history, "take-back-failed"));
+  history.pop_back();
+  write_file(kHistory, history.substr(0, history.rfind('\n') + 1));
+  ASSERT_EQ(last_record()["result"], "taking-back");
+
+  EXPECT_EQ(run({"confirm"}).status, 0);
+  EXPECT_EQ(last_record()["result"], "take-back-failed");
+}
+
 TEST_F(KelotlsctlConfirm, LeavesWhatCannotBeTakenBackWhenAskedTo) {
   ASSERT_EQ(run({"set", "web", "modern", "--confirm", kLong}).status, 0);
   write_file(kReloaderStatus, "9");

@@ -373,7 +373,9 @@ void take_back(Console& console, PendingChange& change, const std::string& comma
 }
 
 void keep(PendingChange& change, const std::string& command) {
-  if (change.state() != ChangeState::kFailed) {
+  if (change.state() == ChangeState::kFailed) {
+    tell(change, command, "take-back-failed");  // who failed may have been killed before it said so
+  } else {
     change.become(ChangeState::kConfirmed);
     tell(change, command, "confirmed");
   }
