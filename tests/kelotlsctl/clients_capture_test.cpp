@@ -144,7 +144,8 @@ TEST(PacketReading, SeesThroughEveryLink) {
     EXPECT_TRUE(kelotlsctl::is_known_link(link.link)) << link.name;
     PacketReader reader(link.link);
     const std::string packet = link.head + (link.is_ipv6 ? ipv6(segment) : ipv4(segment));
-    const auto read = reader.read(packet + (link.is_ipv6 ? "" : "padding"), kWhen);
+    const std::string padded = packet + (link.is_ipv6 ? "" : "padding");
+    const auto read = reader.read(padded, kWhen);
     ASSERT_TRUE(read) << link.name;
     EXPECT_EQ(read->payload, "payload") << link.name;
     EXPECT_EQ(read->destination_port, 443) << link.name;
@@ -164,13 +165,17 @@ TEST(PacketReading, PassesOverOptionsAndHeaders) {
   PacketReader reader(DLT_RAW);
   Ipv4Header with_options;
   with_options.options = std::string(8, '\1');
-  EXPECT_EQ(reader.read(ipv4(tcp(segment), with_options), kWhen)->payload, "payload");
+  const std::string version_4 = ipv4(tcp(segment), with_options);
+  const auto read_4 = reader.read(version_4, kWhen);
+  ASSERT_TRUE(read_4);
+  EXPECT_EQ(read_4->payload, "payload");
 
   const std::string authentication = number(6, 1) + number(4, 1) + std::string(22, '\0');
   const std::string headers = ipv6_option(43, 8) + ipv6_option(60, 24) + ipv6_option(51, 16);
-  const auto read = reader.read(ipv6(headers + authentication + tcp(segment), 0), kWhen);
-  ASSERT_TRUE(read);
-  EXPECT_EQ(read->payload, "payload");
+  const std::string version_6 = ipv6(headers + authentication + tcp(segment), 0);
+  const auto read_6 = reader.read(version_6, kWhen);
+  ASSERT_TRUE(read_6);
+  EXPECT_EQ(read_6->payload, "payload");
 }
 
 TEST(PacketReading, GivesNothingOfOtherProtocols) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <ctime>
+#include <memory>
 
 #include "first_message.h"
 #include "kelotlsctl.h"
@@ -230,11 +231,12 @@ TEST_F(ClientsLosses, JudgesWithWhatTheRunningServerShows) {
 }
 
 TEST_F(ClientsLosses, AsksAServerOfTls12ForItsCertificateToo) {
-  SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
-  SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
-  use_certificate(context, "ecdsa");
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_server_method()),
+                                                                  SSL_CTX_free);
+  SSL_CTX_set_max_proto_version(context.get(), TLS1_2_VERSION);
+  use_certificate(context.get(), "ecdsa");
   write_record(usual_clients());
-  const LoopbackServer server(AF_INET, serve_tls(context));
+  const LoopbackServer server(AF_INET, serve_tls(context.get()));
   ASSERT_EQ(run({"address", "web", "127.0.0.1:" + server.port()}).status, 0);
 
   EXPECT_EQ(run_clients("judge", {"web", "modern"}).document["certificates"]["kinds"],
