@@ -260,9 +260,9 @@ TEST_F(KelotlsctlConfirm, IsWaitedForAfterASettleThatFailed) {
 
 TEST_F(KelotlsctlConfirm, ClosesTheRecordOfWhatItGivesUp) {
   ASSERT_EQ(run({"set", "web", "modern", "--confirm", kLong}).status, 0);
+  restart();
   write_file(kReloaderStatus, "9");
   ASSERT_EQ(run({"revert"}).status, 1);
-  restart();
   // As a kill leaves it right after the change's file says that it has failed.
   std::string history = read_file(kHistory);
   ASSERT_TRUE(contains(history, "take-back-failed"));
