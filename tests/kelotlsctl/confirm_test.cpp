@@ -149,6 +149,7 @@ TEST_F(KelotlsctlConfirm, RefusesOtherChangesWhileOneWaits) {
     const Outcome refused = run(command);
     EXPECT_EQ(refused.status, 1) << command[0];
     EXPECT_TRUE(contains(refused.err, "a change of web waits to be confirmed, for ")) << command[0];
+    EXPECT_FALSE(contains(refused.err, "Looking for a prime")) << "refused after the search";
     EXPECT_EQ(tree_of_services(), waiting) << command[0];
   }
   EXPECT_EQ(run({"confirm"}).status, 0);

@@ -63,6 +63,15 @@ void make_texts(Console& console, std::vector<Plan>& plans, bool is_forced) {
   }
 }
 
+/// Who is to be refused is refused before the search for primes, not minutes later.
+void require_access(Console& console, const std::vector<Plan>& plans, const Arguments& arguments) {
+  const bool writes = std::any_of(plans.begin(), plans.end(),
+                                  [&](const Plan& plan) { return !plan.stays(arguments.force); });
+  if (writes && kelotls::exists_at(kelotls::kFrameworkDir)) {
+    const WriteAccess access(console, arguments.confidence());
+  }
+}
+
 /// Where there is no framework yet, there is neither a lock nor a history.
 void execute(Console& console, const std::vector<Plan>& plans, const Arguments& arguments) {
   const bool writes =
@@ -97,6 +106,7 @@ Report make_dh_files(Console& console, const Arguments& arguments) {
     files.append(plan_json(plans.back(), arguments.force));
   }
   if (!arguments.dry_run) {
+    require_access(console, plans, arguments);
     make_texts(console, plans, arguments.force);  // takes long: nobody waits for the lock meanwhile
     execute(console, plans, arguments);
   }
