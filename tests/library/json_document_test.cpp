@@ -2,8 +2,10 @@
 #include "json_document.h"
 
 #include <json/value.h>
+#include <json/version.h>
 
 #include <cerrno>
+#include <limits>
 #include <string>
 
 #include "private_tree.h"
@@ -69,8 +71,12 @@ TEST_F(JsonDocument, CountsLinesAndColumnsFromOne) {
 }
 
 TEST_F(JsonDocument, SaysWhatOnlyJsoncppSees) {
+#if JSONCPP_VERSION_HEXA < 0x01090600
   EXPECT_EQ(fault_of("1e999"), "Line 1, Column 1: '1e999' is not a number.");
   EXPECT_EQ(fault_of("[1,\n -1e999]"), "Line 2, Column 2: '-1e999' is not a number.");
+#else
+  EXPECT_EQ(value_of("[1,\n -1e999]")[1], -std::numeric_limits<double>::infinity());
+#endif
   EXPECT_EQ(
       fault_of("{\n  \"a\": \"\\ud800\"\n}"),
       "Line 2, Column 8: additional six characters expected to parse unicode surrogate pair.");
@@ -93,8 +99,10 @@ TEST_F(JsonDocument, ReadsOnAfterAFault) {
   JsonReader reader;
   Json::Value value;
   EXPECT_FALSE(reader.parse("[1,", value));
-  EXPECT_FALSE(reader.parse("1e999", value));
-  EXPECT_EQ(reader.fault(), "Line 1, Column 1: '1e999' is not a number.");
+  EXPECT_FALSE(reader.parse(R"("\ud800")", value));
+  EXPECT_EQ(
+      reader.fault(),
+      "Line 1, Column 1: additional six characters expected to parse unicode surrogate pair.");
   EXPECT_FALSE(reader.parse("\n{", value));
   EXPECT_EQ(reader.fault(), "Line 2, Column 2: a key in quotes is missing");
   EXPECT_TRUE(reader.parse("[1]", value));
