@@ -31,10 +31,7 @@ void close_record(Report& report) {
   }
 }
 
-/// Rendering does not wait for the disk. What waits to be confirmed is to be there after a restart
-/// that comes later.
 void begin_waiting(PendingChange& change, std::chrono::seconds duration, Report& report) {
-  bring_to_disk();
   set_waiting();
   close_record(report);
   const Moment now = this_moment();
@@ -48,9 +45,11 @@ void begin_waiting(PendingChange& change, std::chrono::seconds duration, Report&
 }
 
 /// The change is over: it waits, or what it leaves is what there is. former: the one that has
-/// waited before it.
+/// waited before it. Rendering does not wait for the disk: what is there after a restart that comes
+/// later is to be this, and not what has failed in between.
 void end_change(PendingChange& change, std::optional<PendingChange> former, const WayBack& way_back,
                 Report& report) {
+  bring_to_disk();
   if (report.is_undone && former) {
     former->become(ChangeState::kWaiting);  // for as long as it would have
     return;
