@@ -223,6 +223,16 @@ TEST_F(Explain, NamesTheKnownDifferencesOfThisMachinesOpenSsl) {
   }
 }
 
+TEST_F(Explain, NamesThePostQuantumGroupsThatALevelLeavesOut) {
+  const bool has_them = OpenSSL_version_num() >= 0x30500000UL;
+  const Lines expected = has_them ? Lines{"X25519MLKEM768"} : Lines{};
+  EXPECT_EQ(strings(explain(1)["left-out-groups"]), expected);
+  EXPECT_EQ(strings(explain(3)["left-out-groups"]), expected);
+  std::ostringstream text;
+  kelotlsctl::print_explanation(text, explain(1), false);
+  EXPECT_EQ(text.str().find("X25519MLKEM768") != std::string::npos, has_them);
+}
+
 TEST_F(Explain, BlamesTheSystemWideMinimumVersion) {
   set_openssl_configuration(
       configuration("CipherString = DEFAULT:@SECLEVEL=0\nMinProtocol = TLSv1.2\n"));
@@ -538,6 +548,12 @@ TEST_F(Explain, PrintsDifferencesWithTheirReasons) {
 
   const std::string text = printed(explain(2), false, kelotlsctl::print_explanation);
 
+  const std::string left_out = OpenSSL_version_num() < 0x30500000UL
+                                   ? ""
+                                   : "  left out          X25519MLKEM768\n"
+                                     "                    which this OpenSSL offers by itself: the "
+                                     "level names its\n"
+                                     "                    groups\n";
   EXPECT_EQ(text,
             std::string("Level 2, intermediate, on this machine\n") + "  OpenSSL           " +
                 OpenSSL_version(OPENSSL_VERSION) +
@@ -557,7 +573,8 @@ TEST_F(Explain, PrintsDifferencesWithTheirReasons) {
                 "Java 8u31,\n"
                 "                    OpenSSL 1.0.1, Opera 20, Safari 9\n"
                 "                    as version 5.6 of the guideline names them\n"
-                "  lost clients      IE 11 on Windows 7\n"
+                "  lost clients      IE 11 on Windows 7\n" +
+                left_out +
                 "\n"
                 "Differences from what the level asks for:\n"
                 "  missing           2048-bit DH\n"

@@ -228,6 +228,27 @@ Json::Value with_unsafe_dh_file(Json::Value differences, const Profile& profile)
   return differences;
 }
 
+/// Groups with post-quantum key exchange that this OpenSSL offers by itself, and the level does not
+/// name.
+Json::Value left_out_groups(const Offer& offered) {
+  constexpr unsigned long kFirstWithMlKem = 0x30500000L;
+  Json::Value names = list_of({});
+  if (OpenSSL_version_num() < kFirstWithMlKem) {
+    return names;
+  }
+  const kelotls::ContextOwner plain(SSL_CTX_new(TLS_server_method()));
+  require(plain != nullptr, "SSL_CTX_new");
+  for (const std::uint16_t group : offer_of(survey_context(plain.get(), nullptr)).groups) {
+    const std::string name = group_name(group);
+    const bool is_offered =
+        std::find(offered.groups.begin(), offered.groups.end(), group) != offered.groups.end();
+    if (name.find("MLKEM") != std::string::npos && !is_offered) {
+      names.append(name);
+    }
+  }
+  return names;
+}
+
 }  // namespace
 
 Json::Value describe_level(int level) {
@@ -269,7 +290,8 @@ Json::Value explain_context(SSL_CTX* context, int level) {
                  {"differences", with_unsafe_dh_file(compared["differences"], profile)},
                  {"guideline", kGuideline},
                  {"oldest-clients", oldest_clients(offered)},
-                 {"lost-clients", oldest_clients(requested_by(profile), offered)}});
+                 {"lost-clients", oldest_clients(requested_by(profile), offered)},
+                 {"left-out-groups", left_out_groups(offered)}});
 }
 
 Json::Value probe(const ProbeTarget& target, int level, const Progress& progress) {
@@ -483,6 +505,10 @@ void print_explanation(std::ostream& out, const Json::Value& explanation, bool c
   print_offer(text, explanation["offers"], explanation);
   if (!explanation["lost-clients"].empty()) {
     print_list(text, "lost clients", explanation["lost-clients"]);
+  }
+  if (!explanation["left-out-groups"].empty()) {
+    print_list(text, "left out", explanation["left-out-groups"]);
+    text.field("", words_of("which this OpenSSL offers by itself: the level names its groups"));
   }
   out << (explanation["differences"].empty() ? "\nThis is all that the level asks for.\n"
                                              : "\nDifferences from what the level asks for:\n");
