@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +12,20 @@
 #include <vector>
 
 #include "framework.h"
+
+namespace {
+
+bool modes_are_refused = false;  // as file systems do that keep none
+
+}  // namespace
+
+extern "C" int fchmod(int descriptor, mode_t mode) noexcept {
+  if (modes_are_refused) {
+    errno = EPERM;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_fchmod, descriptor, mode));
+}
 
 namespace kelotls::test {
 namespace {
@@ -159,6 +174,11 @@ TEST_F(Files, CreatingLeavesNothingBehindWhereItFails) {
 
   mount_read_only(kDirectory);
   expect_failure(EROFS, [] { return create_file(kFile, "text", 0600); });
+}
+
+TEST_F(Files, CreatingFailsWhereAFileCannotHaveAMode) {
+  modes_are_refused = true;
+  expect_failure(EPERM, [] { return create_file(kFile, "text", 0600); });
 }
 
 // Replacing an entry

@@ -57,6 +57,7 @@ TEST_F(JsonDocument, SaysWhyATextIsNoDocument) {
             "Line 1, Column 5: a control character, or the end, within a string");
   EXPECT_EQ(fault_of(R"("\x")"), "Line 1, Column 3: no such escape");
   EXPECT_EQ(fault_of(R"("\u12g4")"), "Line 1, Column 6: no such escape");
+  EXPECT_EQ(fault_of(R"("\u12:4")"), "Line 1, Column 6: no such escape");
   EXPECT_EQ(fault_of(R"("\)"), "Line 1, Column 3: no such escape");
   EXPECT_EQ(fault_of(std::string(257, '[')), "Line 1, Column 257: nested deeper than 256");
 }
