@@ -2,11 +2,6 @@
 // generated: each member in turn, and each two of them, with a value of every kind.
 #include <json/value.h>
 
-#include <valijson/adapters/jsoncpp_adapter.hpp>
-#include <valijson/schema.hpp>
-#include <valijson/schema_parser.hpp>
-#include <valijson/validator.hpp>
-
 #include <functional>
 #include <optional>
 #include <string>
@@ -14,29 +9,12 @@
 
 #include "framework.h"
 #include "framework_config.h"
+#include "published_schema.h"
 #include "regeneration.h"
 #include "registration.h"
 
 namespace kelotls::test {
 namespace {
-
-/// Says of a value whether the schema of this name takes it.
-class Schema {
- public:
-  explicit Schema(const std::string& name) {
-    const Json::Value document =
-        read_json(std::string(KELOTLS_SCHEMAS) + "/" + name + ".schema.json");
-    valijson::SchemaParser().populateSchema(valijson::adapters::JsonCppAdapter(document), schema_);
-  }
-
-  bool accepts(const Json::Value& value) {
-    return valijson::Validator().validate(schema_, valijson::adapters::JsonCppAdapter(value),
-                                          nullptr);
-  }
-
- private:
-  valijson::Schema schema_;
-};
 
 /// A value of each kind, and the corners of some; a null optional is a member that is missing.
 /// Every string is one that a service may be named.
@@ -108,7 +86,8 @@ class Schemas : public PrivateTree {
     EXPECT_GT(invalid_, 10);
   }
 
-  void expect_agreement(Schema& schema, const Json::Value& document, const Faults& faults) {
+  void expect_agreement(PublishedSchema& schema, const Json::Value& document,
+                        const Faults& faults) {
     const bool is_valid = schema.accepts(document);
     ++(is_valid ? valid_ : invalid_);
     EXPECT_EQ(faults.empty(), is_valid)
@@ -121,7 +100,7 @@ class Schemas : public PrivateTree {
 };
 
 TEST_F(Schemas, JudgeRegistrationsAsTheCoreDoes) {
-  Schema schema("registration");
+  PublishedSchema schema("registration");
   const auto judge = [&](const Json::Value& registration) {
     expect_agreement(schema, registration, registration_faults(registration, Purpose::kJoin));
   };
@@ -143,7 +122,7 @@ TEST_F(Schemas, JudgeRegistrationsAsTheCoreDoes) {
 }
 
 TEST_F(Schemas, JudgeDescriptorsAsTheCoreDoes) {
-  Schema schema("descriptor");
+  PublishedSchema schema("descriptor");
   const auto judge = [&](const Json::Value& descriptor) {
     expect_agreement(schema, descriptor, descriptor_faults(descriptor));
   };
@@ -157,7 +136,7 @@ TEST_F(Schemas, JudgeDescriptorsAsTheCoreDoes) {
 }
 
 TEST_F(Schemas, JudgeDataStoresAsTheCoreDoes) {
-  Schema schema("datastore");
+  PublishedSchema schema("datastore");
   const auto judge = [&](const Json::Value& data_store) {
     expect_agreement(schema, data_store, data_store_faults(data_store));
   };
