@@ -126,7 +126,7 @@ std::vector<Frame> scan_frames() {
       {"bytes behind a data store", kBeforeServices + R"("web":)" + entry + "}}", "", every_byte(),
        2},
       {"members behind the services",
-       R"({"services":{"web":)" + entry + "}",
+       kBeforeServices + R"("web":)" + entry + "}",
        "}",
        {"{", "}", ":", ",", "1", "3", " ", kDefaultLevel, kServices, R"("web":)" + entry},
        6},
