@@ -1,0 +1,180 @@
+"""A machine under qemu, with a disk whose cache does not survive, and what runs in it."""
+
+import contextlib
+import os
+import re
+import shutil
+import socket
+import subprocess
+import time
+
+import power
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+PATIENCE = 300  # seconds for one answer, on a machine that has much else to do
+DISK_BYTES = 64 << 20
+
+# What a file system is made with on the host, mounted with in the machine, and needs of the kernel.
+EXT4 = ["mkfs.ext4", "-q", "-b", "4096", "-E", "lazy_itable_init=0,lazy_journal_init=0"]
+FILE_SYSTEMS = {
+    "ext4": (EXT4, "-t ext4 -o data=ordered", "crc16 mbcache jbd2 crc32c_generic ext4"),
+    "ext4, data=writeback": (EXT4, "-t ext4 -o data=writeback", "crc16 mbcache jbd2 crc32c_generic ext4"),
+    "f2fs": (["mkfs.f2fs", "-q", "-f"], "-t f2fs",
+             "crc32_generic lz4_compress lz4hc_compress zstd_compress f2fs"),
+}
+ODD = re.compile(r"EXT4-fs.*(error|warning)|JBD2.*(error|fail)|F2FS-fs.*(error|corrupt|inconsist|fail)"
+                 r"|I/O error|BUG:|WARNING:|Oops", re.IGNORECASE)
+
+
+class Gone(Exception):
+    """The machine has no power any more."""
+
+
+class Broken(Exception):
+    """The machine, its disk or its file system does not do what this test stands on."""
+
+
+class Machine:
+    """One appliance: a disk, and one start of the machine after the other."""
+
+    def __init__(self, parts, file_system):
+        """parts: a directory with the kernel, vmlinux, and what it starts from, start.cpio."""
+        self.parts, self.file_system = parts, file_system
+        self.directory = f"/tmp/{re.sub('[^a-z0-9]+', '-', file_system)}"
+        os.makedirs(self.directory)
+        self.image, self.log = f"{self.directory}/image", f"{self.directory}/log"
+        make, self.mount, self.modules = FILE_SYSTEMS[file_system]
+        with open(self.image, "wb") as image:
+            image.truncate(DISK_BYTES)
+        self.program([*make, self.image])
+        self.qemu = self.disk = self.channel = None
+
+    def program(self, words):
+        ended = subprocess.run(words, capture_output=True, text=True, check=False)
+        if ended.returncode:
+            raise Broken(f"{words}: status {ended.returncode}: {ended.stdout}{ended.stderr}")
+
+    # Its starts
+
+    def start(self):
+        """Starts it and lets its file system recover."""
+        disk_socket, control = f"{self.directory}/disk.socket", f"{self.directory}/control.socket"
+        for path in (disk_socket, control):
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(path)
+        listener = socket.socket(socket.AF_UNIX)
+        listener.bind(control)
+        listener.listen()
+        listener.settimeout(PATIENCE)
+        self.disk = subprocess.Popen(
+            ["nbdkit", "--foreground", "--exit-with-parent", "--unix", disk_socket, "--filter=exitlast",
+             "python", f"{HERE}/volatile_disk.py", f"image={self.image}", f"log={self.log}"])
+        self.await_path(disk_socket)
+        self.qemu = subprocess.Popen(self.command(disk_socket, control), stdin=subprocess.DEVNULL)
+        self.channel = listener.accept()[0].makefile("rwb")
+        listener.close()
+        line = self.line()
+        if line != b"ready\n":
+            raise Broken(f"the machine says {line} as it starts: {self.console()}")
+        self.require(f"mkdir /disk && mount {self.mount} /dev/vda /disk")
+
+    def await_path(self, path):
+        end = time.monotonic() + PATIENCE
+        while not os.path.exists(path):
+            if time.monotonic() > end or self.disk.poll() is not None:
+                raise Broken("nbdkit does not serve the disk")
+            time.sleep(0.01)
+
+    def command(self, disk_socket, control):
+        return ["qemu-system-x86_64", "-machine", "q35", "-accel", "tcg", "-m", "256", "-nodefaults",
+                "-no-user-config", "-display", "none", "-no-reboot", "-cpu", "qemu64,+rdrand",
+                "-kernel", f"{self.parts}/vmlinux", "-initrd", f"{self.parts}/start.cpio",
+                "-append", "console=ttyS0 quiet panic=-1 random.trust_cpu=on "
+                           f"powercut.modules={self.modules.replace(' ', ',')}",
+                "-serial", f"file:{self.directory}/console",
+                "-blockdev", f"driver=nbd,node-name=disk,server.type=unix,server.path={disk_socket}",
+                "-device", f"virtio-blk-pci,drive=disk,write-cache=on,physical_block_size={power.SECTOR}",
+                "-device", "virtio-serial-pci",
+                "-chardev", f"socket,id=control,path={control}",
+                "-device", "virtserialport,chardev=control,name=control"]
+
+    def console(self):
+        with open(f"{self.directory}/console", encoding="utf-8", errors="replace") as file:
+            return file.read()[-2000:]
+
+    # What runs in it
+
+    def line(self):
+        try:
+            line = self.channel.readline()
+        except ConnectionError:
+            line = b""
+        if not line.endswith(b"\n"):
+            raise Gone
+        return line
+
+    def announce(self, words):
+        """Has it begin with this line of its shell."""
+        try:
+            self.channel.write(words.encode() + b"\n")
+            self.channel.flush()
+        except (BrokenPipeError, ConnectionError):
+            raise Gone from None
+
+    def answer(self):
+        """(status, output) of what was announced."""
+        status, count = map(int, self.line().split())
+        output = self.channel.read(count)
+        if len(output) < count:
+            raise Gone
+        return status, output
+
+    def run(self, words):
+        self.announce(words)
+        return self.answer()
+
+    def require(self, words):
+        status, output = self.run(words)
+        if status:
+            raise Broken(f"{words}: status {status}: {output.decode(errors='replace')} {self.console()}")
+        return output
+
+    def oddities(self):
+        """What its kernel has complained of."""
+        return [line for line in self.require("dmesg").decode().splitlines() if ODD.search(line)]
+
+    def requests(self):
+        """How much its disk has been asked for so far."""
+        return os.path.getsize(self.log)
+
+    # Its ends
+
+    def kill(self):
+        if self.qemu is not None:
+            self.qemu.kill()
+
+    def end(self):
+        """Waits until it has no power and its disk has taken all that it was asked for."""
+        self.qemu.wait()
+        self.disk.wait()
+        with contextlib.suppress(OSError):
+            self.channel.close()
+        self.qemu = None
+
+    def lose(self, seed, keeps_all, lies):
+        """Makes of the disk what the power cut leaves of it; how many sectors were lost. The image and the
+        log before it stay beside it."""
+        shutil.copyfile(self.image, f"{self.directory}/image.before")
+        shutil.copyfile(self.log, f"{self.directory}/log.before")
+        return power.cut(self.image, self.log, seed, keeps_all, lies)
+
+    def fsck(self):
+        """What the file system's own checker finds odd once the journal was replayed, or None."""
+        if not self.file_system.startswith("ext4"):
+            return None
+        copy = f"{self.directory}/image.checked"
+        shutil.copyfile(self.image, copy)
+        self.program(["e2fsck", "-y", "-E", "journal_only", copy])
+        ended = subprocess.run(["e2fsck", "-fn", copy], capture_output=True, text=True, check=False)
+        return None if ended.returncode == 0 else f"e2fsck: {ended.stdout}"
+
