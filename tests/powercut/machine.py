@@ -4,6 +4,7 @@ import contextlib
 import os
 import re
 import shutil
+import select
 import socket
 import subprocess
 import time
@@ -37,17 +38,16 @@ class Broken(Exception):
 class Machine:
     """One appliance: a disk, and one start of the machine after the other."""
 
-    def __init__(self, parts, file_system):
+    def __init__(self, parts, file_system, directory):
         """parts: a directory with the kernel, vmlinux, and what it starts from, start.cpio."""
-        self.parts, self.file_system = parts, file_system
-        self.directory = f"/tmp/{re.sub('[^a-z0-9]+', '-', file_system)}"
+        self.parts, self.file_system, self.directory = parts, file_system, directory
         os.makedirs(self.directory)
         self.image, self.log = f"{self.directory}/image", f"{self.directory}/log"
         make, self.mount, self.modules = FILE_SYSTEMS[file_system]
         with open(self.image, "wb") as image:
             image.truncate(DISK_BYTES)
         self.program([*make, self.image])
-        self.qemu = self.disk = self.channel = None
+        self.qemu = self.disk = self.channel = self.socket = None
 
     def program(self, words):
         ended = subprocess.run(words, capture_output=True, text=True, check=False)
@@ -70,8 +70,10 @@ class Machine:
             ["nbdkit", "--foreground", "--exit-with-parent", "--unix", disk_socket, "--filter=exitlast",
              "python", f"{HERE}/volatile_disk.py", f"image={self.image}", f"log={self.log}"])
         self.await_path(disk_socket)
-        self.qemu = subprocess.Popen(self.command(disk_socket, control), stdin=subprocess.DEVNULL)
-        self.channel = listener.accept()[0].makefile("rwb")
+        self.qemu = subprocess.Popen(self.command(disk_socket, control), stdin=subprocess.DEVNULL,
+                                     stdout=subprocess.DEVNULL)
+        self.socket = listener.accept()[0]
+        self.channel = self.socket.makefile("rwb")
         listener.close()
         line = self.line()
         if line != b"ready\n":
@@ -129,6 +131,9 @@ class Machine:
             raise Gone
         return status, output
 
+    def has_answer(self):
+        return bool(select.select([self.socket], [], [], 0.0005)[0])
+
     def run(self, words):
         self.announce(words)
         return self.answer()
@@ -155,10 +160,13 @@ class Machine:
 
     def end(self):
         """Waits until it has no power and its disk has taken all that it was asked for."""
+        if self.qemu is None:
+            return
         self.qemu.wait()
         self.disk.wait()
         with contextlib.suppress(OSError):
             self.channel.close()
+        self.socket.close()
         self.qemu = None
 
     def lose(self, seed, keeps_all, lies):
