@@ -75,6 +75,8 @@ class Turn:
 
     def begin(self, chance):
         """Runs a random command here, and announces it there."""
+        if self.waits or self.was_waiting:
+            self.on_disk = [self.new]
         self.old, self.history, self.was_waiting = self.new, self.longer_history, self.waits
         if not self.was_waiting:
             self.certain = self.old
@@ -88,8 +90,6 @@ class Turn:
         """Takes the answer; what is wrong with it, or None."""
         status, output = self.machine.answer()
         self.is_over = True
-        if self.waits or self.was_waiting:
-            self.on_disk = [self.new]
         if status != self.status:
             return f"{self.words} gave {status}, not {self.status}: {output.decode()}"
         return None
@@ -125,24 +125,22 @@ class Turn:
         return [self.old] if WAITS in self.words else [self.old, self.new]
 
     def wrong_levels(self, now, goal):
-        """The data store is whole, in any case; files and dates of a change that is not may be of either."""
+        """The data store is whole, in any case; the dates of a change that is not may be either."""
         wrong = differences(now, goal, ["stored"])
-        for member in ("descriptor", "link", "date"):
-            for name, seen in now.items():
-                either = [goal] if self.is_whole() else [self.old, self.new]
-                if seen[member] not in [each[name][member] for each in either]:
-                    wrong.append(f"{name}: {member} {seen[member]}, not {goal[name][member]}")
+        dates_of = [goal] if self.is_whole() else [self.old, self.new]
+        wrong += [f"{name}: date {seen['date']}, not {goal[name]['date']}" for name, seen in now.items()
+                  if seen["date"] not in [each[name]["date"] for each in dates_of]]
         return wrong
 
     def wrong_files(self, now, goal):
+        """A descriptor, a link or a rendered file is of a moment since everything was brought to the disk."""
         wrong = []
         is_exact = self.was_waiting or self.is_over and self.waits
         for name, seen in now.items():
-            permitted = [goal[name]["rendered"]]
-            if not is_exact:
-                permitted += [each[name]["rendered"] for each in self.on_disk]
-            if seen["rendered"] not in permitted:
-                wrong.append(f"{name}: rendered {seen['rendered']}, not {permitted}")
+            for member in ("descriptor", "link", "rendered"):
+                permitted = [each[name][member] for each in ([goal] if is_exact else [goal, *self.on_disk])]
+                if seen[member] not in permitted:
+                    wrong.append(f"{name}: {member} {seen[member]}, not {permitted}")
             if seen["rendered"] is not None and seen["serving"] != seen["rendered"]:
                 wrong.append(f"{name}: its server has {seen['serving']}, and its file is {seen['rendered']}")
         return wrong

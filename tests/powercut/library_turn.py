@@ -64,8 +64,8 @@ class Turn:
 
     def __init__(self, private_tree, machine):
         self.private_tree, self.machine = private_tree, machine
-        self.disk = Disk(read_tree())  # a machine that has just started has nothing in memory alone
-        self.trees = [texts(read_tree())]  # after each operation
+        self.disk = Disk(settled(read_tree()))  # a machine that has just started has nothing in memory alone
+        self.trees = [texts(settled(read_tree()))]  # after each operation
         self.words, self.calls, self.is_over = None, [], True
 
     def begin(self, chance):
@@ -105,6 +105,7 @@ class Turn:
 
     def repair(self):
         """What the library does not mend of what is there now, or None."""
+        self.private_tree.log.take()
         for words in (["regenerate"], ["render"]):
             before = meanings(settled(read_tree()))
             run = self.private_tree.run(words)

@@ -23,8 +23,8 @@ FILE_SYSTEMS = {
     "f2fs": (["mkfs.f2fs", "-q", "-f"], "-t f2fs",
              "crc32_generic lz4_compress lz4hc_compress zstd_compress f2fs"),
 }
-ODD = re.compile(r"EXT4-fs.*(error|warning)|JBD2.*(error|fail)|F2FS-fs.*(error|corrupt|inconsist|fail)"
-                 r"|I/O error|BUG:|WARNING:|Oops", re.IGNORECASE)
+ODD = re.compile(r"EXT4-fs.*([Ee]rror|[Ww]arning)|JBD2.*([Ee]rror|[Ff]ail)|F2FS-fs.*([Ee]rror|[Cc]orrupt|[Ii]nconsist)"
+                 r"|I/O error|\bBUG: |\bWARNING: |Oops:")
 
 
 class Gone(Exception):
@@ -68,7 +68,8 @@ class Machine:
         listener.settimeout(PATIENCE)
         self.disk = subprocess.Popen(
             ["nbdkit", "--foreground", "--exit-with-parent", "--unix", disk_socket, "--filter=exitlast",
-             "python", f"{HERE}/volatile_disk.py", f"image={self.image}", f"log={self.log}"])
+             "python", f"{HERE}/volatile_disk.py", f"image={self.image}", f"log={self.log}"],
+            stderr=subprocess.DEVNULL)  # it tells of each connection that ends with the machine
         self.await_path(disk_socket)
         self.qemu = subprocess.Popen(self.command(disk_socket, control), stdin=subprocess.DEVNULL,
                                      stdout=subprocess.DEVNULL)
@@ -131,8 +132,9 @@ class Machine:
             raise Gone
         return status, output
 
-    def has_answer(self):
-        return bool(select.select([self.socket], [], [], 0.0005)[0])
+    def await_answer(self, seconds):
+        """Until an answer begins, or so long."""
+        select.select([self.socket], [], [], seconds)
 
     def run(self, words):
         self.announce(words)
@@ -149,8 +151,17 @@ class Machine:
         return [line for line in self.require("dmesg").decode().splitlines() if ODD.search(line)]
 
     def requests(self):
-        """How much its disk has been asked for so far."""
+        """How long the log of its disk is."""
         return os.path.getsize(self.log)
+
+    def ends_of_requests(self):
+        at = [0]
+        for _, _, data in power.records(self.log):
+            at.append(at[-1] + power.RECORD.size + len(data))
+        return at
+
+    def forget_requests_after(self, at):
+        os.truncate(self.log, at)
 
     # Its ends
 
