@@ -1,7 +1,12 @@
-"""What is left of a disk when its power is cut."""
+"""What is left of a disk when its power is cut.
+
+  power.py IMAGE LOG SEED    makes it of the image from before, by the log of the disk and the seed, and
+                             prints how many sectors were lost
+"""
 
 import random
 import struct
+import sys
 
 RECORD = struct.Struct("<cQI")
 SECTOR = 4096  # what the disk says that it writes whole or not at all
@@ -48,3 +53,7 @@ def cut(image, log, seed, keeps_all=False, lies=False):
                 else:
                     lost += 1
     return lost
+
+
+if __name__ == "__main__":
+    print(cut(*sys.argv[1:4]))
