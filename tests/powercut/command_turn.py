@@ -6,7 +6,7 @@ import os
 import shlex
 import subprocess
 
-from appliance import FRAMEWORK, observe, read, records
+from appliance import FRAMEWORK, observe, read
 
 NAME = "command"
 COMMAND = "/usr/bin/kelotlsctl"
@@ -48,8 +48,21 @@ def state():
     return {name: seen._asdict() | {"date": until.get(name)} for name, seen in observe().items()}
 
 
+def history():
+    """(the records of the history by their ids, how many lines are none). A power cut may leave of the line
+    that was being written what it likes; the command goes on behind it."""
+    found, faulty = {}, 0
+    for line in read(f"{FRAMEWORK}/history.jsonl").splitlines():
+        try:
+            record = json.loads(line)
+            found.setdefault(record["id"], {}).update(record)
+        except (json.JSONDecodeError, TypeError, KeyError):
+            faulty += 1
+    return found, faulty
+
+
 def commands():
-    return [record["command"] for record in records().values()]
+    return [record["command"] for record in history()[0].values()]
 
 
 def is_waiting():
@@ -70,6 +83,7 @@ class Turn:
         self.words, self.is_over = None, True
         self.certain = self.old = self.new = state()  # certain: what a change that waits is taken back to
         self.history = self.longer_history = commands()
+        self.faulty = history()[1]
         self.was_waiting = self.waits = False
         self.on_disk = [self.new]  # what rendered files may be of: rendering does not wait for the disk
 
@@ -150,10 +164,13 @@ class Turn:
         permitted = [self.longer_history] + ([] if self.is_over else [self.history])
         if left not in permitted:
             return f"the history has {left[-4:]}, not {[each[-4:] for each in permitted]}"
-        still_open = [record for record in records().values() if "ended" not in record]
+        found, faulty = history()
+        if faulty > self.faulty + (0 if self.is_over else 1):
+            return f"the history has {faulty} lines that are no records, and had {self.faulty}"
+        still_open = [record for record in found.values() if "ended" not in record]
         if still_open:
             return f"the history leaves open: {still_open}"
-        result = list(records().values())[-1]["result"] if left != self.history else None
+        result = list(found.values())[-1]["result"] if left != self.history else None
         if result in ("done", "confirmed") and self.words and state_levels(state()) != state_levels(self.new):
             return f"the history says {result} of {self.words}, which it is not"
         return None

@@ -77,6 +77,7 @@ class Machine:
         self.qemu = subprocess.Popen(self.command(disk_socket, control), stdin=subprocess.DEVNULL,
                                      stdout=subprocess.DEVNULL)
         self.socket = listener.accept()[0]
+        self.socket.settimeout(PATIENCE)
         self.channel = self.socket.makefile("rwb")
         listener.close()
         line = self.line()
@@ -115,6 +116,8 @@ class Machine:
             line = self.channel.readline()
         except ConnectionError:
             line = b""
+        except TimeoutError:
+            raise Broken(f"the machine does not answer: {self.console()}") from None
         if not line.endswith(b"\n"):
             raise Gone
         return line
@@ -130,7 +133,10 @@ class Machine:
     def answer(self):
         """(status, output) of what was announced."""
         status, count = map(int, self.line().split())
-        output = self.channel.read(count)
+        try:
+            output = self.channel.read(count)
+        except ConnectionError:
+            output = b""
         if len(output) < count:
             raise Gone
         return status, output
