@@ -11,6 +11,8 @@ from appliance import FRAMEWORK, observe, read
 NAME = "command"
 COMMAND = "/usr/bin/kelotlsctl"
 BACKUP = "/usr/kelo/levels.json"
+REGISTRATION = "/usr/kelo/ftp.json"
+UNTIL = ["--until", "2037-01-01", "--reason", "printer"]
 LEVELS = ("modern", "intermediate", "old", "default")
 # What brings everything to the disk before it has succeeded.
 WAITS = "--confirm"
@@ -20,20 +22,15 @@ ALL_OR_NOTHING = ("undo", "redo", "revert")
 
 def random_words(chance, is_waiting):
     services = chance.sample(("web", "mail"), chance.randint(1, 2))
-    confirm = [WAITS, "1h"]
+    levels, default = ["set", *services, chance.choice(LEVELS)], ["default", chance.choice(LEVELS[:3])]
+    join, leave, confirm = ["join", REGISTRATION], ["leave", REGISTRATION], [WAITS, "1h"]
     if is_waiting:
-        return chance.choice((["confirm"], ["confirm"], ["revert"],
-                              ["set", *services, chance.choice(LEVELS), *confirm]))
-    change = chance.choice((
-        ["set", *services, chance.choice(LEVELS)], ["set", *services, chance.choice(LEVELS)],
-        ["default", chance.choice(LEVELS[:3])], ["apply"], ["restore", BACKUP],
-        ["join", "/usr/kelo/ftp.json"], ["leave", "/usr/kelo/ftp.json"]))
-    if change[0] in ("set", "default", "restore"):
-        change += chance.choice(([], ["--apply"], confirm)) if change[0] != "restore" else []
-    if change[0] == "set" and WAITS not in change and chance.random() < 0.3:
-        change += ["--until", "2037-01-01", "--reason", "printer"]
-    return chance.choice((change, change, change, change + confirm if change[0] in ("apply", "join", "leave",
-                          "restore") else change, ["undo"], ["redo"], ["render"], ["regen"]))
+        return chance.choice((["confirm"], ["confirm"], ["revert"], levels + confirm))
+    return chance.choice((
+        levels, levels + ["--apply"], levels + confirm, levels + UNTIL, levels + ["--apply"] + UNTIL,
+        default, default + ["--apply"], default + confirm, ["apply"], ["apply"] + confirm,
+        ["restore", BACKUP], ["restore", BACKUP] + confirm, join, join + confirm, leave, leave + confirm,
+        ["undo"], ["redo"], ["render"], ["regen"]))
 
 
 def dates():

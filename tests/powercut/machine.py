@@ -93,8 +93,8 @@ class Machine:
             time.sleep(0.01)
 
     def command(self, disk_socket, control):
-        return ["qemu-system-x86_64", "-machine", "q35", "-accel", "tcg", "-m", "256", "-nodefaults",
-                "-no-user-config", "-display", "none", "-no-reboot", "-cpu", "qemu64,+rdrand",
+        return ["setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64",
+                "-machine", "q35", "-accel", "tcg", "-m", "256", "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot", "-cpu", "qemu64,+rdrand",
                 "-kernel", f"{self.parts}/vmlinux", "-initrd", f"{self.parts}/start.cpio",
                 "-append", "console=ttyS0 quiet panic=-1 random.trust_cpu=on no_timer_check "
                            f"powercut.modules={self.modules.replace(' ', ',')}",
