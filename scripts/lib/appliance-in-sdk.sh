@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
 # Runs a command inside the appliance's SDK, as root of a namespace of its own: the SDK's tools and
 # libraries read-only, this project and its build directory at the paths that they have outside, no
-# network. ARM programs start by themselves.
+# network. ARM programs start by themselves. An ARM machine has its own tools and libraries, of the same
+# generation.
 #
 #   appliance-in-sdk.sh COMMAND [ARGUMENT]...
 set -euo pipefail
 
+if [[ $(uname -m) == arm* ]]; then
+  export CMAKE_GENERATOR=Ninja
+  exec "$@"
+fi
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 sdk=$project/build/appliance-sdk
 if [ ! -d "$sdk" ]; then
