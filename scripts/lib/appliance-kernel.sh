@@ -168,6 +168,45 @@ run_tests() { # run_tests CTEST-OPTION...
     $((SECONDS - started))
 }
 
+# Faults, each of which has to be noticed
+
+of_proof=(-R '^LevelSnapshot[.]OldIsAsCommitted$|^Bed[.](KnowsTheNames|HasDirectories)')
+
+plant_library() {
+  local library=$1/build/appliance/libkelotls.so.7
+  sed -i 's/ECDHE-RSA-AES256-GCM-SHA384/ECDHE-RSA-AES128-GCM-SHA256/g' "$library"
+  ! cmp -s "$build/libkelotls.so.7" "$library" || { echo 'No fault was planted' >&2; exit 1; }
+}
+plant_excuse() {
+  sed -i 's/^export PATH=/export KELOTLS_EMULATED=1 PATH=/' "$1/scripts/lib/appliance-guest.sh"
+}
+stop_machine() {
+  until grep -q ' Passed ' "$machine/said" || ! kill -0 "$emulator" 2>/dev/null; do sleep 0.2; done
+  kill -KILL "$emulator"
+}
+
+proven() { # proven WHAT STATUS PATTERN
+  local status=0
+  printf '\n== %s\n' "$1"
+  (run_tests "${of_proof[@]}") > "$machine/proof" 2>&1 || status=$?
+  if [ "$status" = "$2" ] && grep -qE "$3" "$machine/proof"; then
+    sed -n '/^On a 32-bit ARM kernel/,$p' "$machine/proof"
+    return
+  fi
+  cat "$machine/proof"
+  echo "It ended with status $status, not $2, or did not say: $3"
+  exit 1
+}
+
+prove() {
+  proven 'no fault' 0 '^ +3 passed'
+  plant=plant_library proven 'a library with another list of ciphers' 1 \
+    '^ +LevelSnapshot[.]OldIsAsCommitted: failed'
+  plant=plant_excuse proven 'tests that excuse themselves' 1 '^ +Bed[.].*: the emulator shows'
+  disturb=stop_machine proven 'a machine that stops' 1 'The machine ended before ctest did'
+  printf '\nEvery fault was noticed\n'
+}
+
 need_packages <<'END'
 qemu-system-arm: emulates a whole ARM machine
 kmod: finds the modules that its kernel starts with
@@ -176,4 +215,8 @@ e2fsprogs: makes its disks and reads them
 END
 mkdir -p "$machine"
 [ "$(cat "$machine/root/contents" 2>/dev/null)" = "$(contents)" ] || make_machine
-run_tests "$@"
+if [ "${1-}" = --prove ]; then
+  prove
+else
+  run_tests "$@"
+fi

@@ -1,5 +1,6 @@
 // kelotlsctl clients record, import and forget: real clients of a real server, files of packets,
 // and what the process that reads packets is left with.
+#include <pcap.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -305,6 +306,17 @@ TEST_F(KelotlsctlClientsLive, AreRecordedFromTheWire) {
   EXPECT_EQ(while_recording["hellos"], record["hellos"]);
 }
 
+/// Sorted, and without the numbers of sockets and the like.
+Lines kinds_of_descriptors(const std::string& process) {
+  Lines kinds;
+  for (const std::string& descriptor : names_in(process + "/fd")) {
+    const std::string target = link_target(process + "/fd/" + descriptor);
+    kinds.push_back(target.substr(0, target.find(':')));
+  }
+  std::sort(kinds.begin(), kinds.end());
+  return kinds;
+}
+
 TEST_F(KelotlsctlClientsLive, AreReadByAProcessWithoutPrivileges) {
   const auto recorder = record();
   const std::string reader = "/proc/" + reader_of(*recorder);
@@ -319,11 +331,13 @@ TEST_F(KelotlsctlClientsLive, AreReadByAProcessWithoutPrivileges) {
     EXPECT_TRUE(contains(status, "Uid:\t65534\t65534\t65534\t65534\n"));
     EXPECT_TRUE(contains(status, "Gid:\t65534\t65534\t65534\t65534\n"));
   }
-  const Lines descriptors = names_in(reader + "/fd");
-  EXPECT_EQ(descriptors.size(), 5U) << "the standard ones, packets, and the channel";
-  for (const char* const standard : {"/fd/0", "/fd/1", "/fd/2"}) {
-    EXPECT_EQ(link_target(reader + standard), "/dev/null");
+  Lines descriptors = {"/dev/null", "/dev/null", "/dev/null", "socket", "socket"};
+  if (contains(::pcap_lib_version(), " 1.10.0 ")) {  // keeps what it would be woken by
+    descriptors.emplace_back("anon_inode");
+    std::sort(descriptors.begin(), descriptors.end());
   }
+  EXPECT_EQ(kinds_of_descriptors(reader), descriptors)
+      << "the standard ones, packets, and the channel";
   EXPECT_EQ(recorder->end(), 0);
 }
 
