@@ -1,4 +1,4 @@
-#!/bin/busybox sh
+#!/bin/sh
 # The first process of the ARM machine of scripts/appliance --kernel, in its first file system: mounts
 # the two disks and starts the tests.
 export PATH=/bin

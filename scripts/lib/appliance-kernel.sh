@@ -15,6 +15,7 @@ build=$project/build/appliance
 machine=$project/build/appliance-kernel
 # shellcheck source=scripts/lib/setup.sh
 . "$project/scripts/lib/setup.sh"
+PATH=$PATH:/usr/sbin:/sbin  # where the tools for disks and modules are
 
 suite=bullseye
 packages=(
@@ -24,17 +25,18 @@ packages=(
   # what the command and the library need
   libjsoncpp24 libpcap0.8 libseccomp2 libssl1.1 libstdc++6
   # what the tests run beside them
-  cmake locales nginx-light openssl python3 python3-pystache ruby-mustache
+  cmake locales openssl python3 python3-pystache ruby-mustache
   # what the checks build with
   g++ libjsoncpp-dev libssl-dev ninja-build pkg-config)
-# The private trees take a newer bubblewrap, which comes with the libraries that it needs.
+# The tests take a newer bubblewrap and nginx, which come with the libraries that they need.
 newer_suite=bookworm
-newer_packages=(bubblewrap libc6 libcap2 libpcre2-8-0 libselinux1)
+newer_programs=(/usr/bin/bwrap /usr/sbin/nginx)
+newer_packages=(bubblewrap nginx libc6 libcap2 libcrypt1 libpcre2-8-0 libselinux1 libssl3 zlib1g)
 # What the machine needs to find its disks, to speak, and to have random numbers from the start.
 modules=(virtio_mmio virtio_blk ext4 virtio_console virtio_rng)
 
 contents() {
-  printf '%s\n' "$suite" "${packages[@]}" "$newer_suite" "${newer_packages[@]}" "${modules[@]}"
+  printf '%s\n' "$suite" "${packages[@]}" "$newer_suite" "${newer_packages[@]}" "${newer_programs[@]}" "${modules[@]}"
   cat "$project/scripts/lib/appliance-initial.sh"
 }
 
@@ -43,7 +45,8 @@ as_root_of_files() { unshare --map-root-user -- "$@"; }
 
 make_disk() { # make_disk FILE DIRECTORY MEBIBYTES
   rm -f "$1"
-  as_root_of_files mke2fs -q -t ext4 -E root_owner=0:0 -d "$2" "$1" "$3M"
+  truncate --size "$3M" "$1"
+  as_root_of_files mke2fs -q -t ext4 -E root_owner=0:0 -d "$2" "$1"
 }
 
 unpack() { # unpack DIRECTORY SUITE PACKAGE...
@@ -61,15 +64,17 @@ unpack() { # unpack DIRECTORY SUITE PACKAGE...
   }
 }
 
-# Beside the machine's own C library, which is older.
-add_bubblewrap() { # add_bubblewrap ROOT UNPACKED
-  local libraries=/usr/lib/newer-bubblewrap
+# Each finds its own C library beside the machine's, which is older.
+add_newer_programs() { # add_newer_programs ROOT UNPACKED
+  local libraries=/usr/lib/newer program
   mkdir "$1$libraries"
   find "$2"/{,usr/}lib/arm-linux-gnueabihf -maxdepth 1 -name '*.so*' -exec cp -L {} "$1$libraries" \;
-  cp "$2/usr/bin/bwrap" "$1$libraries"
-  printf '#!/bin/sh\nexec %s --library-path %s %s "$@"\n' \
-    $libraries/ld-linux-armhf.so.3 $libraries $libraries/bwrap > "$1/usr/bin/bwrap"
-  chmod 755 "$1/usr/bin/bwrap"
+  for program in "${newer_programs[@]}"; do
+    cp "$2$program" "$1$program"
+    patchelf --set-interpreter $libraries/ld-linux-armhf.so.3 --force-rpath --set-rpath $libraries "$1$program"
+  done
+  cp -r "$2"/etc/nginx "$1/etc"
+  mkdir -p "$1"/var/{log,lib}/nginx
 }
 
 # Packages are only unpacked: to configure them would take ARM programs. What their scripts would have
@@ -84,10 +89,11 @@ configure() {
 }
 
 # The first file system: as much as it takes to mount the disk.
-make_initial() { # make_initial ROOT DIRECTORY
+make_initial() { # make_initial ROOT DIRECTORY LINUX-VERSION
   local version=$3 module
   mkdir -p "$2"/{bin,dev,modules,proc,root,sys}
   cp "$1/bin/busybox" "$2/bin"
+  ln -s busybox "$2/bin/sh"
   for module in "${modules[@]}"; do
     modprobe -d "$1" -S "$version" --show-depends "$module"
   done | awk '$1 == "insmod" && !seen[$2]++ { print $2 }' | while read -r module; do
@@ -104,7 +110,7 @@ make_machine() {
   mkdir -p "$work"
   unpack "$work/files" "$suite" "${packages[@]}"
   unpack "$work/newer" "$newer_suite" "${newer_packages[@]}"
-  add_bubblewrap "$work/files" "$work/newer"
+  add_newer_programs "$work/files" "$work/newer"
   configure "$work/files"
   version=$(basename "$work"/files/lib/modules/*)
   depmod -b "$work/files" "$version"
@@ -211,6 +217,7 @@ need_packages <<'END'
 qemu-system-arm: emulates a whole ARM machine
 kmod: finds the modules that its kernel starts with
 cpio: packs them
+patchelf: has newer programs find the libraries of their own
 e2fsprogs: makes its disks and reads them
 END
 mkdir -p "$machine"
