@@ -145,7 +145,7 @@ run_machine() {
   disk() { printf '%s\n' -drive "if=none,id=$1,format=raw,file=$2" -device "virtio-blk-device,drive=$1"; }
   mapfile -t disk < <(disk files "$machine/root/disk,snapshot=on"; disk project "$machine/project.disk")
   : > "$said"
-  nice qemu-system-arm -M virt,highmem=off -cpu cortex-a15 -smp 2 -m 3072 -accel tcg,thread=multi \
+  qemu-system-arm -M virt,highmem=off -cpu cortex-a15 -smp 2 -m 3072 -accel tcg,thread=multi \
     -nodefaults -no-reboot -display none -nic none \
     -kernel "$machine/root/kernel" -initrd "$machine/root/initrd" \
     -append "console=ttyAMA0 panic=-1 quiet project=$project" -serial "file:$machine/console" \
