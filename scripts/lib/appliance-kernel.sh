@@ -25,18 +25,22 @@ packages=(
   # what the command and the library need
   libjsoncpp24 libpcap0.8 libseccomp2 libssl1.1 libstdc++6
   # what the tests run beside them
-  cmake locales openssl python3 python3-pystache ruby-mustache
+  cmake locales openssl python3 ruby
   # what the checks build with
   g++ libjsoncpp-dev libssl-dev ninja-build pkg-config)
-# The tests take a newer bubblewrap and nginx, which come with the libraries that they need.
+# The tests take a newer bubblewrap and nginx, which come with the libraries that they need, and newer
+# judges of the renderer, which are scripts.
 newer_suite=bookworm
 newer_programs=(/usr/bin/bwrap /usr/sbin/nginx)
-newer_packages=(bubblewrap nginx libc6 libcap2 libcrypt1 libpcre2-8-0 libselinux1 libssl3 zlib1g)
+newer_scripts=(/usr/lib/python3/dist-packages/pystache /usr/lib/ruby/vendor_ruby/mustache{,.rb})
+newer_packages=(bubblewrap nginx libc6 libcap2 libcrypt1 libpcre2-8-0 libselinux1 libssl3 zlib1g
+  python3-pystache ruby-mustache)
 # What the machine needs to find its disks, to speak, and to have random numbers from the start.
 modules=(virtio_mmio virtio_blk ext4 virtio_console virtio_rng)
 
 contents() {
-  printf '%s\n' "$suite" "${packages[@]}" "$newer_suite" "${newer_packages[@]}" "${newer_programs[@]}" "${modules[@]}"
+  printf '%s\n' "$suite" "${packages[@]}" "$newer_suite" "${newer_packages[@]}" "${newer_programs[@]}" "${newer_scripts[@]}" \
+    "${modules[@]}"
   cat "$project/scripts/lib/appliance-initial.sh"
 }
 
@@ -66,12 +70,16 @@ unpack() { # unpack DIRECTORY SUITE PACKAGE...
 
 # Each finds its own C library beside the machine's, which is older.
 add_newer_programs() { # add_newer_programs ROOT UNPACKED
-  local libraries=/usr/lib/newer program
+  local libraries=/usr/lib/newer program script
   mkdir "$1$libraries"
   find "$2"/{,usr/}lib/arm-linux-gnueabihf -maxdepth 1 -name '*.so*' -exec cp -L {} "$1$libraries" \;
   for program in "${newer_programs[@]}"; do
     cp "$2$program" "$1$program"
     patchelf --set-interpreter $libraries/ld-linux-armhf.so.3 --force-rpath --set-rpath $libraries "$1$program"
+  done
+  for script in "${newer_scripts[@]}"; do
+    mkdir -p "$1${script%/*}"
+    cp -r "$2$script" "$1$script"
   done
   cp -r "$2"/etc/nginx "$1/etc"
   mkdir -p "$1"/var/{log,lib}/nginx
