@@ -25,22 +25,22 @@ packages=(
   # what the command and the library need
   libjsoncpp24 libpcap0.8 libseccomp2 libssl1.1 libstdc++6
   # what the tests run beside them
-  cmake locales openssl python3 ruby
+  cmake locales openssl python3
   # what the checks build with
   g++ libjsoncpp-dev libssl-dev ninja-build pkg-config)
-# The tests take a newer bubblewrap and nginx, which come with the libraries that they need, and newer
-# judges of the renderer, which are scripts.
+# The tests take a newer bubblewrap and nginx, which come with the libraries that they need.
 newer_suite=bookworm
 newer_programs=(/usr/bin/bwrap /usr/sbin/nginx)
-newer_scripts=(/usr/lib/python3/dist-packages/pystache /usr/lib/ruby/vendor_ruby/mustache{,.rb})
-newer_packages=(bubblewrap nginx libc6 libcap2 libcrypt1 libpcre2-8-0 libselinux1 libssl3 zlib1g
-  python3-pystache ruby-mustache)
+newer_packages=(bubblewrap nginx libc6 libcap2 libcrypt1 libpcre2-8-0 libselinux1 libssl3 zlib1g)
 # What the machine needs to find its disks, to speak, and to have random numbers from the start.
 modules=(virtio_mmio virtio_blk ext4 virtio_console virtio_rng)
 
+# Judges the table of cases by two other renderers, and runs nothing of the build; the machine's
+# generation of ruby cannot run one of them. The host runs it.
+not_here=MustacheOracles
+
 contents() {
-  printf '%s\n' "$suite" "${packages[@]}" "$newer_suite" "${newer_packages[@]}" "${newer_programs[@]}" "${newer_scripts[@]}" \
-    "${modules[@]}"
+  printf '%s\n' "$suite" "${packages[@]}" "$newer_suite" "${newer_packages[@]}" "${newer_programs[@]}" "${modules[@]}"
   cat "$project/scripts/lib/appliance-initial.sh"
 }
 
@@ -70,16 +70,12 @@ unpack() { # unpack DIRECTORY SUITE PACKAGE...
 
 # Each finds its own C library beside the machine's, which is older.
 add_newer_programs() { # add_newer_programs ROOT UNPACKED
-  local libraries=/usr/lib/newer program script
+  local libraries=/usr/lib/newer program
   mkdir "$1$libraries"
   find "$2"/{,usr/}lib/arm-linux-gnueabihf -maxdepth 1 -name '*.so*' -exec cp -L {} "$1$libraries" \;
   for program in "${newer_programs[@]}"; do
     cp "$2$program" "$1$program"
     patchelf --set-interpreter $libraries/ld-linux-armhf.so.3 --force-rpath --set-rpath $libraries "$1$program"
-  done
-  for script in "${newer_scripts[@]}"; do
-    mkdir -p "$1${script%/*}"
-    cp -r "$2$script" "$1$script"
   done
   cp -r "$2"/etc/nginx "$1/etc"
   mkdir -p "$1"/var/{log,lib}/nginx
@@ -141,6 +137,7 @@ make_project_disk() { # make_project_disk CTEST-OPTION...
   cp -a "$build" "$files/build"
   rm -rf "$files/build/appliance/Testing"
   find "$files/build" -name '*.o' -delete
+  sed -i -E "/^(add_test|set_tests_properties)\($not_here /d" "$files/build/appliance/tests/CTestTestfile.cmake"
   printf '%s\0' "$@" > "$files/ctest-options"
   "${plant:-true}" "$files"
   make_disk "$machine/project.disk" "$files" 1024
@@ -174,12 +171,12 @@ run_tests() { # run_tests CTEST-OPTION...
   local started=$SECONDS
   make_project_disk "$@"
   (cd "$build" && ctest --show-only "$@") |
-    sed -nE 's/^ *Test +#[0-9]+: (.*)/\1/p' > "$machine/expected"
+    sed -nE 's/^ *Test +#[0-9]+: (.*)/\1/p' | { grep -vx "$not_here" || true; } > "$machine/expected"
   run_machine
   debugfs -R 'cat /build/appliance/Testing/Temporary/LastTest.log' "$machine/project.disk" \
     > "$machine/log" 2> /dev/null || true
   "$project/scripts/lib/appliance-verdicts" "$machine/expected" "$machine/said" "$machine/log" \
-    $((SECONDS - started))
+    $((SECONDS - started)) "$not_here"
 }
 
 # Faults, each of which has to be noticed
