@@ -25,7 +25,7 @@ packages=(
   # what the command and the library need
   libjsoncpp24 libpcap0.8 libseccomp2 libssl1.1 libstdc++6
   # what the tests run beside them
-  cmake locales openssl python3
+  cmake locales openssl python3 strace
   # what the checks build with
   g++ libjsoncpp-dev libssl-dev ninja-build pkg-config)
 # The tests take a newer bubblewrap and nginx, which come with the libraries that they need.
