@@ -699,7 +699,11 @@ TEST_F(ProbeServer, KeepsWhatItHasSeenOfAServerThatWentAway) {
   use_certificate(context.get(), "rsa");
   LoopbackServer server(AF_INET, serve_tls(context.get()));
   ProbeTarget target = impatient(server);
-  target.patience.deadline = std::chrono::seconds(6);
+#ifdef KELOTLSCTL_PROBE_WITHOUT_HASTE
+  target.patience.deadline = std::chrono::seconds(60);
+#else
+  target.patience.deadline = std::chrono::seconds(6);  // not enough: nobody answers any more
+#endif
 
   const Json::Value report =
       kelotlsctl::probe(target, 2, [&](std::size_t, std::size_t) { server.stop(); });
@@ -708,7 +712,9 @@ TEST_F(ProbeServer, KeepsWhatItHasSeenOfAServerThatWentAway) {
   EXPECT_EQ(suite(report, "TLS 1.2", "ECDHE-RSA-AES128-GCM-SHA256"), "accepted, yes");
   const Lines lines = not_known(report);
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "TLS 1.3: Connection refused"), 1);
+#ifndef KELOTLSCTL_PROBE_WITHOUT_HASTE
   EXPECT_EQ(report["notes"][0], "Not everything was tried within 6 s; --deadline gives it longer.");
+#endif
 }
 
 // Text

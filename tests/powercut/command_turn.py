@@ -14,8 +14,9 @@ BACKUP = "/usr/kelo/levels.json"
 REGISTRATION = "/usr/kelo/ftp.json"
 UNTIL = ["--until", "2037-01-01", "--reason", "printer"]
 LEVELS = ("modern", "intermediate", "old", "default")
-# What brings everything to the disk before it has succeeded.
 WAITS = "--confirm"
+# What brings everything to the disk before it has succeeded.
+KEPT = {WAITS, "--until", "undo", "redo"}
 # What is taken back where it is interrupted; all else is left as far as it has come.
 ALL_OR_NOTHING = ("undo", "redo", "revert")
 
@@ -86,7 +87,7 @@ class Turn:
 
     def begin(self, chance):
         """Runs a random command here, and announces it there."""
-        if self.waits or self.was_waiting:
+        if self.waits or self.was_waiting or self.words and self.status == 0 and KEPT & set(self.words):
             self.on_disk = [self.new]
         self.old, self.history, self.was_waiting = self.new, self.longer_history, self.waits
         if not self.was_waiting:
