@@ -87,6 +87,7 @@ configure() {
   cp "$1/usr/share/base-passwd/passwd.master" "$1/etc/passwd"
   cp "$1/usr/share/base-passwd/group.master" "$1/etc/group"
   ln -sf mawk "$1/usr/bin/awk"
+  ln -s ../../bin/true "$1/usr/bin/true"  # where it is once /bin is /usr/bin, as on an installed machine
   : > "$1/etc/ssl/openssl.cnf"  # OpenSSL's own defaults, as on the appliance
   mkdir -p "$1"/{dev,proc,run,sys,tmp,mnt,root}
   chmod 1777 "$1/tmp"
