@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -148,6 +149,24 @@ JsonOutcome run_json(const std::string& command, const Arguments& arguments) {
             "")
       << outcome.out;
   return result;
+}
+
+double seconds_of(const std::string& command, const std::string& output_path) {
+  const Outcome outcome =
+      run_program({"bash", "-c", "TIMEFORMAT='%U %S'; time \"$0\" \"$1\" > \"$2\"", KELOTLSCTL,
+                   command, output_path});
+  double user = 0;
+  double system = 0;
+  EXPECT_EQ(std::sscanf(outcome.err.c_str(), "%lf %lf", &user, &system), 2) << outcome.err;
+  return user + system;
+}
+
+double seconds_for_a_thousand_services() {
+#ifdef KELOTLSCTL_LIST_SECONDS
+  return KELOTLSCTL_LIST_SECONDS;
+#else
+  return 50 * seconds_of("levels", "/dev/null");
+#endif
 }
 
 std::string faults_against(const std::string& schema_path, const Json::Value& document) {

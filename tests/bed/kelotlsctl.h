@@ -41,6 +41,14 @@ struct JsonOutcome {
 };
 JsonOutcome run_json(const std::string& command, const Arguments& arguments = {});
 
+/// Runs the command with its output in the file, and tells how much processor time it took, of
+/// which other work on the machine takes nothing.
+double seconds_of(const std::string& command, const std::string& output_path);
+
+/// How much of it may be spent on a thousand services. Where the processor is emulated, a second is
+/// whatever the machine beneath makes of it: there it is counted in starts of the command.
+double seconds_for_a_thousand_services();
+
 /// What the schema at the path finds wrong with the document, one fault a line; empty for nothing.
 std::string faults_against(const std::string& schema_path, const Json::Value& document);
 
