@@ -47,9 +47,14 @@ std::string metric(const std::string& sample) {
   return value_of(samples_in(run({"metrics"}).out), sample);
 }
 
-/// 1769903999 of "2026-01-31T23:59:59Z", as another program counts.
+/// 1769903999 of "2026-01-31T23:59:59Z", as another program counts: not date, which on 32-bit ARM
+/// knows no time after January 2038.
 std::string seconds_to(const std::string& time) {
-  const Outcome outcome = run_program({"date", "-u", "-d", time, "+%s"});
+  const Outcome outcome =
+      run_program({"python3", "-c",
+                   "import calendar, datetime, sys; print(calendar.timegm("
+                   "datetime.datetime.strptime(sys.argv[1], '%Y-%m-%dT%H:%M:%SZ').timetuple()))",
+                   time});
   return outcome.out.substr(0, outcome.out.find('\n'));
 }
 
