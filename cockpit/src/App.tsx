@@ -1,0 +1,18 @@
+// The page: where one is decides what is shown.
+
+import { Page } from "@patternfly/react-core";
+import { Overview } from "./overview/Overview";
+import ServicePage from "./service/ServicePage";
+import { DialogsAndToasts } from "./ui/dialogs";
+import { usePlace } from "./ui/location";
+
+export function App() {
+  const { path } = usePlace();
+  return (
+    <DialogsAndToasts>
+      <Page className="no-masthead-sidebar" isContentFilled>
+        {path[0] === "service" && path[1] ? <ServicePage key={path[1]} name={path[1]} /> : <Overview tab={path[0] ?? "services"} />}
+      </Page>
+    </DialogsAndToasts>
+  );
+}

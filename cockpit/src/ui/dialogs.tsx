@@ -1,0 +1,58 @@
+// The dialog that is open, if any, and the messages about what was done.
+
+import { Alert, AlertActionCloseButton, AlertGroup } from "@patternfly/react-core";
+import type { AlertProps } from "@patternfly/react-core";
+import { Fragment, createContext, useCallback, useContext, useMemo, useState } from "react";
+import type { ReactElement, ReactNode } from "react";
+
+interface Dialogs {
+  // One at a time; its component closes itself by close().
+  show: (dialog: ReactElement) => void;
+  close: () => void;
+}
+
+type Say = (title: string, variant?: AlertProps["variant"], more?: ReactNode) => void;
+
+const DialogContext = createContext<Dialogs>({ show: () => {}, close: () => {} });
+const ToastContext = createContext<Say>(() => {});
+
+export const useDialogs = () => useContext(DialogContext);
+export const useToasts = () => useContext(ToastContext);
+
+interface Toast {
+  key: number;
+  title: string;
+  variant: AlertProps["variant"];
+  more: ReactNode;
+}
+
+export function DialogsAndToasts({ children }: { children: ReactNode }) {
+  const [open, setOpen] = useState<{ key: number; dialog: ReactElement } | null>(null);
+  const [toasts, setToasts] = useState<Toast[]>([]);
+  const dialogs = useMemo(() => ({
+    // A key of its own: nothing of a former dialog is left in a new one.
+    show: (dialog: ReactElement) => setOpen(former => ({ key: (former?.key ?? 0) + 1, dialog })),
+    close: () => setOpen(null),
+  }), []);
+  const say = useCallback<Say>((title, variant = "success", more = null) => {
+    setToasts(former => [...former, { key: (former.at(-1)?.key ?? 0) + 1, title, variant, more }]);
+  }, []);
+  const dismiss = (key: number) => setToasts(former => former.filter(toast => toast.key !== key));
+
+  return (
+    <DialogContext.Provider value={dialogs}>
+      <ToastContext.Provider value={say}>
+        {children}
+        {open && <Fragment key={open.key}>{open.dialog}</Fragment>}
+        <AlertGroup isToast isLiveRegion>
+          {toasts.map(({ key, title, variant, more }) => (
+            <Alert key={key} variant={variant} title={title} timeout={variant === "success" ? 12000 : false}
+              onTimeout={() => dismiss(key)} actionClose={<AlertActionCloseButton onClose={() => dismiss(key)} />}>
+              {more}
+            </Alert>
+          ))}
+        </AlertGroup>
+      </ToastContext.Provider>
+    </DialogContext.Provider>
+  );
+}
