@@ -24,7 +24,7 @@ class KelotlsctlCompletion : public Kelotlsctl {
 
 TEST_F(KelotlsctlCompletion, OffersCommands) {
   EXPECT_EQ(complete("kelotlsctl re"), "revert redo regen render reload restore recover\n");
-  EXPECT_EQ(complete("kelotlsctl --j"), "--json\n");
+  EXPECT_EQ(complete("kelotlsctl --j"), "--json --json-lines\n");
 }
 
 TEST_F(KelotlsctlCompletion, OffersServicesAndLevels) {
@@ -67,19 +67,23 @@ TEST_F(KelotlsctlCompletion, QuotesNamesThatAShellWouldTakeApart) {
 }
 
 TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
-  EXPECT_EQ(complete("kelotlsctl render --"),
-            "--json --quiet --reason --trust-anyway --help --dry-run --check --preview --level\n");
+  EXPECT_EQ(
+      complete("kelotlsctl render --"),
+      "--json --json-lines --quiet --reason --trust-anyway --help --dry-run --check --preview "
+      "--level\n");
   EXPECT_EQ(complete("kelotlsctl check --a"), "--all\n");
   EXPECT_EQ(complete("kelotlsctl check --p"), "--plugin\n");
   EXPECT_EQ(complete("kelotlsctl metrics --s"), "--survey\n");
   EXPECT_EQ(complete("kelotlsctl join --r"), "--reason --replace\n");
   EXPECT_EQ(complete("kelotlsctl leave --c"), "--confirm\n");
   EXPECT_EQ(complete("kelotlsctl settle --"),
-            "--json --quiet --reason --trust-anyway --help --wait --before-services\n");
+            "--json --json-lines --quiet --reason --trust-anyway --help --wait "
+            "--before-services\n");
   EXPECT_EQ(complete("kelotlsctl list --d"), "\n");
-  EXPECT_EQ(complete("kelotlsctl list --"),
-            "--json --quiet --reason --trust-anyway --help --level --state --terse --names "
-            "--findings\n");
+  EXPECT_EQ(
+      complete("kelotlsctl list --"),
+      "--json --json-lines --quiet --reason --trust-anyway --help --level --state --terse --names "
+      "--findings\n");
 }
 
 TEST_F(KelotlsctlCompletion, OffersFiles) {
@@ -113,8 +117,8 @@ TEST_F(KelotlsctlCompletion, KnowsEveryCommandInBothShells) {
     EXPECT_EQ(bash.count(name), 1u) << name;
     EXPECT_TRUE(contains(zsh, "\n    '" + name + ":"));
   }
-  EXPECT_EQ(commands, 31u);
-  EXPECT_EQ(bash.size(), commands + 6) << "the options before a command are six";
+  EXPECT_EQ(commands, 32u);
+  EXPECT_EQ(bash.size(), commands + 7) << "the options before a command are seven";
 }
 
 }  // namespace

@@ -110,7 +110,7 @@ TEST_F(KelotlsctlConsole, GivesAnExampleOfEachCommandThatParses) {
     EXPECT_EQ(run(example).err.find("Run with --help"), std::string::npos) << name;
     EXPECT_NE(run(example).status, 2) << name;
   }
-  EXPECT_EQ(commands, 31u);
+  EXPECT_EQ(commands, 32u);
 }
 
 /// The codes behind "Exit codes: " in the help of a command.
@@ -172,6 +172,8 @@ TEST_F(KelotlsctlConsole, NamesInTheHelpOfEachCommandTheCodesThatItEndsWith) {
                                            {"metrics", "--survey"},
                                            {"metrics", "--textfile", "/tmp/absent/file"},
                                            {"validate", "/tmp/absent"},
+                                           {"catalogue"},
+                                           {"catalogue", "/tmp/absent"},
                                            {"join", "/tmp/bad.json"},
                                            {"join", "/tmp/web.json"},
                                            {"leave", "--dry-run", "/tmp/web.json"},
@@ -201,7 +203,7 @@ TEST_F(KelotlsctlConsole, NamesInTheHelpOfEachCommandTheCodesThatItEndsWith) {
       seen[command[0]].insert(run(command).status);
     }
   }
-  EXPECT_EQ(seen.size(), 24u);
+  EXPECT_EQ(seen.size(), 25u);
   for (const auto& [command, codes] : seen) {
     const std::set<int> documented = documented_codes(command);
     for (const int code : codes) {
@@ -490,6 +492,92 @@ TEST_F(KelotlsctlConsole, FinishesItsWorkWhenNobodyReads) {
   EXPECT_EQ(stored_level("web"), 3);
   EXPECT_EQ(read_file(rendered_path("web")), "level old\n");
   EXPECT_EQ(read_file(kReloaderRuns), "run\n");
+}
+
+/// Each line as a value; all of them satisfy the schema of lines.
+std::vector<Json::Value> lines_of(const std::string& out) {
+  std::vector<Json::Value> lines;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(json(line));
+    EXPECT_EQ(faults_against(KELOTLS_SCHEMAS "/output/json-lines.schema.json", lines.back()), "")
+        << line;
+  }
+  return lines;
+}
+
+std::string events_of(const std::vector<Json::Value>& lines) {
+  std::string text;
+  for (const Json::Value& line : lines) {
+    const std::string event = line["event"].asString();
+    const std::string step = line.get("step", "").asString();
+    text += event == "progress" ? step + " " + line["subject"].asString() + " " +
+                                      line["done"].asString() + "/" + line["all"].asString() + "\n"
+                                : event + " " + line.get("text", "").asString() + "\n";
+  }
+  return text;
+}
+
+TEST_F(KelotlsctlConsole, TellsInLinesWhatItIsAtAndLastTheDocument) {
+  join_both();
+  const std::vector<Json::Value> lines =
+      lines_of(run({"--json-lines", "set", "web", "old", "--confirm", "5m"}).out);
+  const std::string events = events_of(lines);
+  EXPECT_TRUE(contains(events, "rendering web 0/1\nrendering  1/1\nreloading " + link_path("web") +
+                                   " 0/1\nreloading  1/1\nprobing old "));
+  EXPECT_TRUE(contains(events,
+                       "\nasking  1/1\nnote Taken back in 5 min, unless confirmed: "
+                       "kelotlsctl confirm\nresult \n"));
+  ASSERT_FALSE(lines.empty());
+  const Json::Value& document = lines.back()["document"];
+  EXPECT_EQ(faults_against(KELOTLS_SCHEMAS "/output/set.schema.json", document), "");
+  EXPECT_EQ(document["confirm"]["seconds"], 300);
+}
+
+TEST_F(KelotlsctlConsole, TellsInLinesWarningsLogLinesAndErrors) {
+  join_both();
+  write_file(kReloaderStatus, "7");
+  const Outcome outcome = run({"--json-lines", "set", "web", "old", "--apply"});
+  const std::string events = events_of(lines_of(outcome.out));
+  EXPECT_EQ(outcome.status, 5);
+  EXPECT_TRUE(contains(events, "warning " + link_path("web") + " ended with status 7\n"));
+  EXPECT_TRUE(contains(events, "log "));
+  EXPECT_TRUE(contains(outcome.err, " ended with status 7\n"));
+  for (const Arguments& command :
+       {Arguments{"--json-lines", "get", "nix"}, Arguments{"bogus", "--json-lines"}}) {
+    const std::vector<Json::Value> lines = lines_of(run(command).out);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(faults_against(KELOTLS_SCHEMAS "/output/error.schema.json", lines[0]["document"]),
+              "");
+  }
+}
+
+TEST_F(KelotlsctlConsole, KeepsQuietInLinesToo) {
+  join_both();
+  EXPECT_EQ(events_of(lines_of(run({"--json-lines", "--quiet", "apply"}).out)), "result \n");
+}
+
+TEST_F(KelotlsctlConsole, KeepsALineToOneLineWhateverNamesHold) {
+  write_file(kDataStore, data_store_text(2, {{"a\\nb\\u202e", "0"}}));
+  const std::string out = run({"--json-lines", "check"}).out;
+  EXPECT_TRUE(contains(events_of(lines_of(out)), "checking a\nb\u202e 0/1\n"));
+  EXPECT_TRUE(contains(out, "a\\nb\\u202e"));
+}
+
+// The pipe is full before the command begins, and nobody reads until the reloader has run.
+TEST_F(KelotlsctlConsole, DoesNotWaitInTheMiddleOfAChangeForAReaderOfItsLines) {
+  join_both();
+  const Outcome outcome =
+      run_program({"bash", "-c",
+                   "mkfifo /tmp/pipe; exec 3<> /tmp/pipe; head -c 65536 /dev/zero >&3;"
+                   "\"$0\" --json-lines set web old --apply > /tmp/pipe & "
+                   "while ! grep -q run /tmp/runs; do sleep 0.01; done;"
+                   "head -c 65536 <&3 > /dev/null; exec 4< /tmp/pipe 3>&-; wait $!; cat <&4",
+                   KELOTLSCTL});
+  const std::vector<Json::Value> lines = lines_of(outcome.out);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.back()["event"], "result");
+  EXPECT_EQ(stored_level("web"), 3);
 }
 
 TEST_F(KelotlsctlConsole, SaysThatItsDataCouldNotBeWritten) {

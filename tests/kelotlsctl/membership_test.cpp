@@ -112,6 +112,39 @@ TEST_F(KelotlsctlMembership, TakesNamesUpToWhatAFileNameHolds) {
   EXPECT_EQ(run({"render"}).status, 0);
 }
 
+TEST_F(KelotlsctlMembership, ShowsTheRegistrationsOfADirectoryAndWhoseServicesHaveJoined) {
+  join_both();
+  make_directories("/tmp/catalogue/web/");
+  make_directories("/tmp/catalogue/bad/");
+  make_directories("/tmp/catalogue/none/");
+  make_directories("/tmp/catalogue/new/");
+  write_file("/tmp/catalogue/web/registration.json", web_registration());
+  write_file("/tmp/catalogue/bad/registration.json",
+             R"({"services": [{"service": "..", "display-name": ""}]})");
+  write_file("/tmp/catalogue/new/registration.json",
+             R"({"services": [{"service": "new", "display-name": "New \u202e"}]})");
+  const Json::Value document = run_json("catalogue", {"/tmp/catalogue"}).document;
+  const Json::Value& found = document["registrations"];
+  ASSERT_EQ(found.size(), 3u);
+  EXPECT_EQ(found[0]["name"], "bad");
+  EXPECT_EQ(found[0]["faults"][0]["path"], "$.services[0].service");
+  EXPECT_EQ(found[0]["services"].size(), 0u);
+  EXPECT_EQ(found[1]["faults"][0]["path"], "$.services[0].display-name");
+  EXPECT_EQ(found[2]["file"], "/tmp/catalogue/web/registration.json");
+  EXPECT_EQ(found[2]["services"][0],
+            json(R"({"service": "web", "display-name": "Web server", "joined": true})"));
+  const Outcome text = run({"catalogue", "/tmp/catalogue"});
+  EXPECT_TRUE(
+      contains(text.out, "\nweb      joined  /tmp/catalogue/web/registration.json  Web server"));
+  EXPECT_TRUE(contains(text.err, "warning: /tmp/catalogue/bad/registration.json: $.services[0]"));
+
+  write_file(kDataStore, "broken");
+  EXPECT_TRUE(run_json("catalogue", {"/tmp/catalogue"})
+                  .document["registrations"][2]["services"][0]["joined"]
+                  .isNull());
+  EXPECT_EQ(run({"catalogue", "/tmp/absent"}).status, 1);
+}
+
 TEST_F(KelotlsctlMembership, JoinsAndSaysWhatItDid) {
   const Outcome first = run({"join", "-"}, web_registration());
   EXPECT_EQ(first.status, 0);

@@ -72,6 +72,28 @@ TEST_F(KelotlsctlRecovery, BacksUpAndRestoresByTheSchemas) {
   EXPECT_EQ(outcome.document["changes"][0]["to"]["name"], "default");
 }
 
+TEST_F(KelotlsctlRecovery, BacksUpToTheStandardOutputAndRestoresFromTheStandardInput) {
+  back_up_with_web_at_old();
+  const Lines before = names_in(".");
+  const Outcome backup = run({"backup", "-"});
+  EXPECT_EQ(backup.out, read_file(kBackup));
+  EXPECT_EQ(names_in("."), before);
+  const JsonOutcome as_json = run_json("backup", {"-"});
+  EXPECT_EQ(as_json.document["backup"], read_json(kBackup));
+  EXPECT_FALSE(run_json("backup", {"-", "--dry-run"}).document.isMember("backup"));
+  EXPECT_EQ(run({"backup", "-", "--dry-run"}).out, "-: would hold the levels of 2 services\n");
+
+  ASSERT_EQ(run({"set", "web", "modern"}).status, 0);
+  EXPECT_EQ(run({"restore", "-"}, backup.out).out, "web: modern became old\n");
+  EXPECT_EQ(stored_level("web"), 3);
+  write_file(kDataStore, "broken");
+  EXPECT_EQ(run({"recover", "--from", "-"}, backup.out).status, 0);
+  EXPECT_EQ(stored_level("web"), 3);
+  const Outcome refused = run({"restore", "-"}, "{");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(contains(refused.err, "error: the standard input cannot be restored from: not a "));
+}
+
 TEST_F(KelotlsctlRecovery, RestoresLevelsAndNamesServicesThatDiffer) {
   join_both();
   write_file(kBackup, data_store_text(3, {{"web", "1"}, {"other", "2"}}));

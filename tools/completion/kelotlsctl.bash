@@ -3,7 +3,7 @@
 _kelotlsctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
   local commands='list status show get set default levels explain probe check metrics history confirm revert
-    undo redo settle validate join leave address clients regen render reload apply backup restore init recover dh'
+    undo redo settle validate catalogue join leave address clients regen render reload apply backup restore init recover dh'
   local levels='modern intermediate old default'
   local command='' position=0 index word
   for ((index = 1; index < COMP_CWORD; index++)); do
@@ -33,7 +33,7 @@ _kelotlsctl() {
       --prefix | --prefix6 | --limit | --certificate) return ;;
     *)
       case $command in
-        '') words="$commands --json --quiet --reason --trust-anyway --version --help" ;;
+        '') words="$commands --json --json-lines --quiet --reason --trust-anyway --version --help" ;;
         *) [[ $current == -* ]] && words=$(_kelotlsctl_options "$command") ;;
       esac
       ;;
@@ -48,7 +48,7 @@ _kelotlsctl() {
       render:* | reload:* | apply:* | check:*) _kelotlsctl_services "$current"; return ;;
       explain:0) _kelotlsctl_services "$current"; words=$levels ;;
       default:0) words=$levels ;;
-      validate:0 | join:0 | leave:0 | backup:0 | restore:0) _kelotlsctl_files "$current"; return ;;
+      validate:0 | catalogue:0 | join:0 | leave:0 | backup:0 | restore:0) _kelotlsctl_files "$current"; return ;;
     esac
   fi
   local word_list
@@ -57,7 +57,7 @@ _kelotlsctl() {
 }
 
 _kelotlsctl_options() {
-  local options='--json --quiet --reason --trust-anyway --help'
+  local options='--json --json-lines --quiet --reason --trust-anyway --help'
   case $1 in
     list) options+=' --level --state --terse --names --findings' ;;
     set) options+=' --dry-run --apply --all --refuse-loss --confirm --until --then --reload-timeout' ;;

@@ -37,6 +37,8 @@ class Parser {
     app.require_subcommand(0, 1);
     app.fallthrough();
     app.add_flag("--json", is_json, "Print JSON, as /usr/share/kelotls/schemas describes");
+    app.add_flag("--json-lines", has_lines,
+                 "Print JSON, a line for each thing as it happens, and last the document");
     app.add_flag("--quiet", is_quiet, "Print what was asked for, and faults, only");
     app.add_option("--reason", arguments.reason, "Why the change is made; kept in the history")
         ->check(not_empty);
@@ -56,8 +58,12 @@ class Parser {
 
   CLI::App app{"Manage the TLS security levels of an appliance's services"};
   bool is_json = false;
+  bool has_lines = false;
   bool is_quiet = false;
   Arguments arguments;
+
+  Form form() const { return has_lines ? Form::kJsonLines : is_json ? Form::kJson : Form::kText; }
+
   const CommandRow* requested = &commands().front();
 
  private:
@@ -197,12 +203,13 @@ void occupy_standard_descriptors() {
 void keep_files_from_others() { ::umask(::umask(077) | 022); }
 
 /// How faults of the command line are told, and the exit status that says so.
-enum class Audience { kPeople, kPrograms, kMonitoring };
+enum class Audience { kPeople, kPrograms, kReadersOfLines, kMonitoring };
 
 Audience audience(int argc, char** argv) {
-  return asks_for("--plugin", argc, argv) ? Audience::kMonitoring
-         : asks_for("--json", argc, argv) ? Audience::kPrograms
-                                          : Audience::kPeople;
+  return asks_for("--plugin", argc, argv)       ? Audience::kMonitoring
+         : asks_for("--json-lines", argc, argv) ? Audience::kReadersOfLines
+         : asks_for("--json", argc, argv)       ? Audience::kPrograms
+                                                : Audience::kPeople;
 }
 
 /// Says what is wrong with the command line. Before the parser is through there is no console.
@@ -213,10 +220,11 @@ int refuse_usage(const std::string& fault, Audience audience) {
     return kUnknown;
   }
   std::cerr << printable(fault) << '\n' << kAdvice << '\n';
-  if (audience == Audience::kPrograms) {
-    Console console(true, false);
+  if (audience != Audience::kPeople) {
+    const bool has_lines = audience == Audience::kReadersOfLines;
+    Console console(has_lines ? Form::kJsonLines : Form::kJson, false);
     console.document(Failure(kUsage, fault, kAdvice));
-    console.flush();
+    console.end();
   }
   return kUsage;
 }
@@ -239,7 +247,7 @@ int run_program(int argc, char** argv) {
     const bool is_answered = error.get_exit_code() == 0;  // help, or the version
     return is_answered ? parser.app.exit(error) : refuse_usage(error.what(), wanted);
   }
-  Console console(parser.is_json, parser.is_quiet);
+  Console console(parser.form(), parser.is_quiet);
   // Many failures are a line of the system log: the operator sees each as well.
   static Console* observing = nullptr;
   observing = &console;
@@ -249,7 +257,7 @@ int run_program(int argc, char** argv) {
   });
   const int code = end(console, run(console, *parser.requested, parser.arguments));
   kelotls::log::observe(nullptr);
-  return console.flush()           ? code
+  return console.end()             ? code
          : parser.arguments.plugin ? int{kUnknown}
                                    : (code == kDone ? int{kFailed} : code);
 }

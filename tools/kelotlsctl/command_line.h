@@ -92,9 +92,11 @@ struct CommandRow {
 
 // look/: what changes nothing
 CommandFunction list_services, show_status, show_service, get_level, show_levels, explain,
-    probe_service, check_framework, show_metrics, show_history, validate_registration;
+    probe_service, check_framework, show_metrics, show_history, validate_registration,
+    show_catalogue;
 PrintFunction print_services, print_status, print_service, print_level_of_service, print_levels,
-    print_explained, print_probed, print_findings, print_metrics, print_history, print_validated;
+    print_explained, print_probed, print_findings, print_metrics, print_history, print_validated,
+    print_catalogue;
 
 // change/: what writes, renders or runs
 CommandFunction set_level, default_level, join_services, leave_services, regenerate,

@@ -154,7 +154,7 @@ std::string probe_fault(Console& console, const std::string& service, int level)
   ProbeTarget target;
   target.context = context.get();
   const Json::Value report = probe(target, level, [&](std::size_t done, std::size_t all) {
-    console.progress("probing " + effective_level_json(level)["name"].asString(), done, all);
+    console.progress("probing", effective_level_json(level)["name"].asString(), done, all);
   });
   return first_own_difference(report, false);
 }
@@ -198,7 +198,7 @@ Json::Value probe_services(Console& console, const Store& store, const Addresses
   });
   std::size_t done = 0;
   const std::vector<Json::Value> seen = ask_reloaded_servers(
-      addresses, store, services, [&] { console.progress("probing", ++done, services.size()); });
+      addresses, store, services, [&] { console.progress("asking", {}, ++done, services.size()); });
   for (Json::ArrayIndex index = 0; index < list.size(); ++index) {
     if (!list[index].isMember("fault")) {
       note_server(console, seen[index], list[index]);
@@ -270,7 +270,7 @@ Json::Value render_templates_of(Console& console, const Store& store, const Sele
   const auto render_one = [&](std::size_t index) {
     const std::string& service = selection.names[index];
     if (::getpid() == here) {
-      console.progress("rendering " + printable(service), index, count);
+      console.progress("rendering", service, index, count);
     }
     const Rendered rendered = render(store, service, reader, rendering);
     return rendered.outcome != Outcome::kNoTemplate ? rendered_json(service, rendered, with_diff)
@@ -279,7 +279,7 @@ Json::Value render_templates_of(Console& console, const Store& store, const Sele
   const Json::Value results = rendering == kelotls::Rendering::kInForce
                                   ? for_each_index_on_disk(count, render_one)
                                   : for_each_index(count, render_one);
-  console.progress("rendering", count, count);
+  console.progress("rendering", {}, count, count);
   Json::Value list = list_of({});
   for (std::size_t index = 0; index < count; ++index) {
     const Json::Value& result = results[static_cast<Json::ArrayIndex>(index)];
@@ -376,10 +376,10 @@ Json::Value run_reloaders(Console& console, const Store& store, const Selection&
       reloaders[index]["not-run"] = "interrupted by " + signal_name(interruption());
       continue;
     }
-    console.progress("reloading " + printable(reloaders[index]["path"]), index, reloaders.size());
+    console.progress("reloading", reloaders[index]["path"].asString(), index, reloaders.size());
     run_listed(reloaders[index], options.timeout);
   }
-  console.progress("reloading", reloaders.size(), reloaders.size());
+  console.progress("reloading", {}, reloaders.size(), reloaders.size());
   if (!reloaders.empty() && reloaders[reloaders.size() - 1].isMember("not-run")) {
     set_result("interrupted");
   }

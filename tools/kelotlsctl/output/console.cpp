@@ -2,11 +2,14 @@
 #include "output/console.h"
 
 #include <fcntl.h>
+#include <json/writer.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +25,14 @@ constexpr char kRed[] = "\033[31m";
 constexpr char kYellow[] = "\033[33m";
 constexpr char kPlain[] = "\033[0m";
 constexpr std::size_t kBarWidth = 30;
+
+/// One line, whatever the value holds.
+std::string json_line(const Json::Value& value) {
+  Json::StreamWriterBuilder settings;
+  settings["indentation"] = "";
+  settings["emitUTF8"] = true;
+  return printable_json(Json::writeString(settings, value)) + '\n';
+}
 
 }  // namespace
 
@@ -50,8 +61,8 @@ Json::Value list_where(const std::vector<std::string>& texts,
   return list_of(chosen);
 }
 
-Console::Console(bool json, bool quiet)
-    : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)), json_(json), quiet_(quiet) {
+Console::Console(Form form, bool quiet)
+    : output_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)), form_(form), quiet_(quiet) {
   ::dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
@@ -74,7 +85,11 @@ void Console::print_each(const Json::Value& texts, const std::string& remark) {
 }
 
 void Console::document(const Json::Value& value) {
-  data_ << printable_json(kelotls::json_text(value));
+  if (form_ == Form::kJsonLines) {
+    last_line_ = json_line(object({{"event", "result"}, {"document", value}}));
+  } else {
+    data_ << printable_json(kelotls::json_text(value));
+  }
 }
 
 void Console::document(const Failure& failure) {
@@ -92,11 +107,41 @@ bool Console::flush() {
   return false;
 }
 
+bool Console::end() {
+  data_ << last_line_;
+  last_line_.clear();
+  return flush();
+}
+
+/// A pipe that is ready takes this much without making its writer wait.
+bool Console::can_write_at_once() const {
+  pollfd output = {output_.get(), POLLOUT, 0};
+  return data_.str().size() <= PIPE_BUF && ::poll(&output, 1, 0) == 1;
+}
+
+void Console::tell(const char* event, const std::string& text) {
+  tell(object({{"event", event}, {"text", text}}));
+}
+
+/// A reader that does not keep up must not hold up a change: what cannot be written now comes with
+/// what is told later.
+void Console::tell(const Json::Value& event) {
+  if (form_ != Form::kJsonLines) {
+    return;
+  }
+  data_ << json_line(event);
+  if (can_write_at_once()) {
+    flush();
+  }
+}
+
 void Console::write_line(const std::string& text) {
   if (is_silent_) {
     return;
   }
-  flush();  // so that a terminal shows everything in its order
+  if (form_ != Form::kJsonLines) {
+    flush();  // so that a terminal shows everything in its order
+  }
   std::string line = bar_is_drawn_ ? "\r\033[K" : "";
   bar_is_drawn_ = false;
   line += text + '\n';
@@ -112,25 +157,40 @@ void Console::complain(const char* kind, const char* colour_code, const std::str
 
 void Console::say(const std::string& text) {
   if (!quiet_) {
+    tell("note", text);
     write_line(printable_lines(text));
   }
 }
 
-void Console::warn(const std::string& text) { complain("warning", kYellow, text); }
+void Console::warn(const std::string& text) {
+  tell("warning", text);
+  complain("warning", kYellow, text);
+}
 
 void Console::error(const Failure& failure) {
   complain("error", kRed, failure.what());
   if (!failure.advice.empty()) {
     write_line("  " + printable_lines(failure.advice));
   }
-  if (json_) {
+  if (json()) {
     document(failure);
   }
 }
 
-void Console::log_line(const std::string& text) { complain("log", kYellow, printable(text)); }
+void Console::log_line(const std::string& text) {
+  tell("log", text);
+  complain("log", kYellow, printable(text));
+}
 
-void Console::progress(const std::string& what, std::size_t done, std::size_t all) {
+void Console::progress(const std::string& step, const std::string& subject, std::size_t done,
+                       std::size_t all) {
+  if (form_ == Form::kJsonLines && !quiet_ && all != 0 && can_write_at_once()) {
+    tell(object({{"event", "progress"},
+                 {"step", step},
+                 {"subject", subject},
+                 {"done", Json::UInt64{done}},
+                 {"all", Json::UInt64{all}}}));
+  }
   if (quiet_ || is_silent_ || all == 0 || ::isatty(STDERR_FILENO) == 0) {
     return;
   }
@@ -140,6 +200,7 @@ void Console::progress(const std::string& what, std::size_t done, std::size_t al
     const std::size_t filled = kBarWidth * done / all;
     const std::string bar = " [" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') +
                             "] " + std::to_string(done) + "/" + std::to_string(all);
+    const std::string what = subject.empty() ? step : step + ' ' + printable(subject);
     const std::size_t columns = width_of(STDERR_FILENO);
     line += (columns == 0 ? what : cut(what, columns - std::min(columns, bar.size() + 1))) + bar;
   }

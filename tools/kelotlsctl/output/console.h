@@ -60,14 +60,18 @@ Json::Value list_of(const Range& range, const Make& make) {
   return list;
 }
 
+/// How a command tells what it has to say. Lines: one JSON object for each thing as it happens, and
+/// last the document, for programs that show what a command is at.
+enum class Form { kText, kJson, kJsonLines };
+
 class Console {
  public:
   /// Keeps the standard output for the command's own data: what programs that are run write to it
   /// goes to the standard error from now on.
-  Console(bool json, bool quiet);
+  Console(Form form, bool quiet);
 
-  void set_json(bool json) { json_ = json; }
-  bool json() const { return json_; }
+  void set_form(Form form) { form_ = form; }
+  bool json() const { return form_ != Form::kText; }
 
   /// From now on nothing goes to the standard error.
   void silence() { is_silent_ = true; }
@@ -85,6 +89,7 @@ class Console {
   void print_each(const Json::Value& texts, const std::string& remark);
 
   /// The one document that a command gives with --json, as data; of a Failure, why there is none.
+  /// With lines it becomes the last one.
   void document(const Json::Value& value);
   void document(const Failure& failure);
 
@@ -92,24 +97,32 @@ class Console {
   /// gone away is no failure.
   bool flush();
 
+  /// The same, when nothing more is to be said.
+  bool end();
+
   // On the standard error. say and progress keep silent with --quiet.
   void say(const std::string& text);
   void warn(const std::string& text);
   void error(const Failure& failure);
   void log_line(const std::string& text);
 
-  /// A bar that is drawn over itself, on a terminal only, and vanishes with the last step.
-  void progress(const std::string& what, std::size_t done, std::size_t all);
+  /// A bar that is drawn over itself, on a terminal only, and vanishes with the last step. The
+  /// subject is what the step is about at the moment; empty where that cannot be said.
+  void progress(const std::string& step, const std::string& subject, std::size_t done,
+                std::size_t all);
 
  private:
   void complain(const char* kind, const char* colour_code, const std::string& text);
   void write_line(const std::string& text);
+  void tell(const char* event, const std::string& text);
+  void tell(const Json::Value& event);
+  bool can_write_at_once() const;
 
   static bool may_colour(int descriptor);
   static std::size_t width_of(int descriptor);
 
   const kelotls::Descriptor output_;
-  bool json_;
+  Form form_;
   const bool quiet_;
   bool colour_ = may_colour(1);
   std::size_t width_ = width_of(1);
@@ -118,25 +131,24 @@ class Console {
   bool is_silent_ = false;
   bool has_lost_output_ = false;
   std::ostringstream data_;
+  std::string last_line_;
 };
 
 /// The bar of a loop, which vanishes with it.
 class ProgressBar {
  public:
-  ProgressBar(Console& console, std::string what, std::size_t all)
-      : console_(console), what_(std::move(what)), all_(all) {}
-  ~ProgressBar() { console_.progress(what_, all_, all_); }
+  ProgressBar(Console& console, std::string step, std::size_t all)
+      : console_(console), step_(std::move(step)), all_(all) {}
+  ~ProgressBar() { console_.progress(step_, {}, all_, all_); }
   ProgressBar(const ProgressBar&) = delete;
   ProgressBar& operator=(const ProgressBar&) = delete;
 
   /// The next turn is about this.
-  void next(const std::string& name) {
-    console_.progress(what_ + " " + printable(name), done_++, all_);
-  }
+  void next(const std::string& name) { console_.progress(step_, name, done_++, all_); }
 
  private:
   Console& console_;
-  const std::string what_;
+  const std::string step_;
   const std::size_t all_;
   std::size_t done_ = 0;
 };

@@ -82,6 +82,14 @@ void append_level_faults(const Store& saved, kelotls::Faults& faults) {
   }
 }
 
+/// Of the file, or of the standard input for "-".
+bool read_text(const std::string& file, std::string& text) {
+  return file == "-" ? kelotls::read_to_end(STDIN_FILENO, 0, text) : kelotls::read_file(file, text);
+}
+
+/// "the standard input" for "-".
+std::string source_of(const std::string& file) { return file == "-" ? "the standard input" : file; }
+
 std::string lines_of(const kelotls::Faults& faults) {
   std::string lines;
   for (const kelotls::Fault& fault : faults) {
@@ -136,10 +144,9 @@ std::map<std::string, Address> Registration::addresses() const {
 
 Registration read_registration(const std::string& file, kelotls::Purpose purpose) {
   Registration registration;
-  registration.source = file == "-" ? "the standard input" : file;
+  registration.source = source_of(file);
   std::string text;
-  if (!(file == "-" ? kelotls::read_to_end(STDIN_FILENO, 0, text)
-                    : kelotls::read_file(file, text))) {
+  if (!read_text(file, text)) {
     throw system_failure(file);
   }
   kelotls::JsonReader reader(kelotls::DuplicateKeys::kRefused);
@@ -190,10 +197,14 @@ std::string fault_text(const kelotls::Fault& fault) {
 
 Store read_backup(const std::string& file) {
   Store saved;
-  std::string fault;
-  std::string list = ": ";
-  if (!read_document(file, saved.root, fault)) {
-    list += fault;
+  std::string text;
+  std::string list;
+  kelotls::JsonReader reader;
+  errno = 0;
+  if (!read_text(file, text)) {
+    list = std::string(": ") + std::strerror(errno);
+  } else if (!reader.parse(text, saved.root)) {
+    list = ": not a JSON text: " + reader.fault();
   } else {
     kelotls::Faults faults = kelotls::data_store_faults(saved.root);
     if (faults.empty()) {
@@ -202,7 +213,7 @@ Store read_backup(const std::string& file) {
     list = lines_of(faults);
   }
   if (!list.empty()) {
-    throw Failure(kFailed, printable(file) + " cannot be restored from" + list,
+    throw Failure(kFailed, printable(source_of(file)) + " cannot be restored from" + list,
                   "Nothing was changed.");
   }
   return saved;

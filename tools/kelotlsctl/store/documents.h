@@ -42,7 +42,8 @@ kelotls::Faults file_warnings(const Json::Value& registration);
 /// "$.services[0].reloader-path: /run/x: No such file or directory"
 std::string fault_text(const kelotls::Fault& fault);
 
-/// A backup of the levels, in the data store's format. A Failure for a file that cannot be used,
+/// A backup of the levels, in the data store's format, from the file, or from the standard input
+/// for "-". A Failure for a file that cannot be used,
 /// with which the library would set the default level to 0, and for levels that nobody could set.
 Store read_backup(const std::string& file);
 

@@ -43,9 +43,9 @@ Report take_levels(Console& console, const LevelChange& plan, Report report, boo
 
 Report restore(Console& console, const Arguments& arguments) {
   const WayBack back = way_back(arguments.confirm, arguments.confidence());
+  const Store saved = read_backup(arguments.file);  // may come slowly: nobody waits for the lock
   const WriteAccess access(console, arguments.confidence(), back.joins());
   const Store before = load_store();
-  const Store saved = read_backup(arguments.file);
   Report report = {kDone, restoration_json(before, saved)};
   report.document["written"] = !arguments.dry_run;
   Store live = before;

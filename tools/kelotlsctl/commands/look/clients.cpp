@@ -34,7 +34,7 @@ Json::Value judged_at(Console& console, const Arguments& arguments, const Store&
                        : parse_certificates(arguments.certificate);
   question.now = std::time(nullptr);
   Json::Value judged = judge_record(records, question, [&](std::size_t done, std::size_t all) {
-    console.progress("judging " + printable(service), done, all);
+    console.progress("judging", service, done, all);
   });
   const std::string subject = subject_text(addresses, service);
   judged["about"] = subject.empty() ? "context" : "level";

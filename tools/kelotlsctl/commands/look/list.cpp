@@ -33,7 +33,7 @@ void print_terse(Console& console, const Json::Value& document) {
 /// For shells that complete names: without a filter only the data store is read, and there is no
 /// JSON form.
 Report report_names(Console& console, const std::vector<std::string>& names) {
-  console.set_json(false);
+  console.set_form(Form::kText);
   return {kDone, object({{"names", list_of(names)}}), {}, {}, print_names};
 }
 

@@ -115,7 +115,7 @@ std::string plugin_line(PluginState state, const std::string& text) {
 
 Report check_as_plugin(Console& console, const Arguments& arguments) {
   console.silence();  // some read both outputs as one
-  console.set_json(false);
+  console.set_form(Form::kText);
   try {
     return judge(console, arguments);
   } catch (const std::exception& exception) {

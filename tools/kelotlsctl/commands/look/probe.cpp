@@ -59,7 +59,7 @@ Report probe_service(Console& console, const Arguments& arguments) {
   target.find_expected = expected.at_level(level);
   target.closing = expected.closing();
   Json::Value document = probe(target, level, [&](std::size_t done, std::size_t all) {
-    console.progress("probing " + printable(arguments.service), done, all);
+    console.progress("probing", arguments.service, done, all);
   });
   if (!expected.fault().empty()) {
     document["notes"].append("No difference is expected: " + expected.fault());
