@@ -532,6 +532,7 @@ TEST_F(KelotlsctlConsole, TellsInLinesWhatItIsAtAndLastTheDocument) {
   const Json::Value& document = lines.back()["document"];
   EXPECT_EQ(faults_against(KELOTLS_SCHEMAS "/output/set.schema.json", document), "");
   EXPECT_EQ(document["confirm"]["seconds"], 300);
+  EXPECT_EQ(run({"confirm"}).status, 0);
 }
 
 TEST_F(KelotlsctlConsole, TellsInLinesWarningsLogLinesAndErrors) {

@@ -1,0 +1,145 @@
+// What all dialogs that change something share: first one chooses and sees what that would do, then it is done while
+// one watches, and then one sees what came of it.
+
+import {
+  Button, Form, HelperText, HelperTextItem, List, ListItem, Modal, ModalBody, ModalFooter, ModalHeader, Progress, Title,
+} from "@patternfly/react-core";
+import cockpit from "cockpit";
+import { useEffect, useRef } from "react";
+import type { FormEvent, ReactNode } from "react";
+import { FaultAlert } from "../ui/FaultAlert";
+import { Plain, plain } from "../ui/Plain";
+import { useToasts } from "../ui/dialogs";
+import { GuardedButton } from "../ui/guarded";
+import { Signed } from "../ui/Labels";
+import "./dialogs.css";
+import { Results } from "./Results";
+import { useMaking } from "./making";
+import type { Made, Making, Message, Order, Step } from "./making";
+
+const _ = cockpit.gettext;
+
+interface ChangeDialogProps {
+  title: string;
+  // What the button says that makes the change.
+  act: string;
+  isDanger?: boolean;
+  // What runs; null while it is not known.
+  orders: Order[] | null;
+  // What is said once all of it has been done.
+  success: (made: Made[]) => string;
+  onClose: () => void;
+  size?: "medium" | "large";
+  children: ReactNode;
+}
+
+export function ChangeDialog({ title, act, isDanger, orders, success, onClose, size = "large", children }: ChangeDialogProps) {
+  const { making, make, stop } = useMaking();
+  const say = useToasts();
+  const isRunning = making.phase === "running";
+
+  const begin = async () => {
+    if (!orders) return;
+    const { made, messages, fault } = await make(orders);
+    if (fault || made.length < orders.length || made.some(({ code }) => code !== 0)) return;
+    const warnings = messages.filter(({ event }) => event !== "note");
+    onClose();
+    if (warnings.length === 0) say(success(made));
+    else say(success(made), "warning", <Messages messages={warnings} />);
+  };
+  const submit = (event: FormEvent) => {
+    event.preventDefault();
+    void begin();
+  };
+
+  return (
+    <Modal isOpen variant={size} onClose={isRunning ? undefined : onClose} onEscapePress={() => isRunning || onClose()}
+      aria-labelledby="dialog-title" className="kelotls-dialog">
+      <ModalHeader title={plain(title)} labelId="dialog-title" />
+      <ModalBody tabIndex={0} aria-label={_("Content")} role="group">
+        {making.phase === "choosing"
+          ? <Form id="dialog-form" onSubmit={submit}>{children}</Form>
+          : <Watched making={making} />}
+      </ModalBody>
+      <ModalFooter>
+        {making.phase === "choosing" && <>
+          <GuardedButton type="submit" form="dialog-form" variant={isDanger ? "danger" : "primary"} isDisabled={!orders}>{act}</GuardedButton>
+          <Button variant="link" onClick={onClose}>{_("Cancel")}</Button>
+        </>}
+        {isRunning && <Button variant="secondary" onClick={stop}>{_("Stop")}</Button>}
+        {making.phase === "over" && <CloseButton onClose={onClose} />}
+      </ModalFooter>
+    </Modal>
+  );
+}
+
+// Takes the focus, which was on a button that is gone.
+function CloseButton({ onClose }: { onClose: () => void }) {
+  const button = useRef<HTMLButtonElement>(null);
+  useEffect(() => button.current?.focus(), []);
+  return <Button ref={button} onClick={onClose}>{_("Close")}</Button>;
+}
+
+const kSteps: { [step: string]: string } = {
+  "looking who may change": _("Looking who may change files"),
+  judging: _("Judging templates"),
+  rendering: _("Rendering"),
+  reloading: _("Reloading"),
+  probing: _("Probing"),
+  asking: _("Asking servers"),
+};
+
+function Watched({ making }: { making: Making }) {
+  const place = useRef<HTMLDivElement>(null);
+  useEffect(() => place.current?.focus(), []);
+  const isOver = making.phase === "over";
+  const now = making.steps.find(({ isDone }) => !isDone);
+  return (
+    <div ref={place} tabIndex={-1} className="kelotls-watched">
+      <div role="status" className="pf-v6-screen-reader">
+        {isOver ? _("It is over.") : now ? stepName(now) : _("Working")}
+      </div>
+      {making.takesBack && <Title headingLevel="h2" size="md">{_("What has failed is taken back")}</Title>}
+      {!(isOver && making.fault && making.steps.length === 0) &&
+        <List isPlain aria-label={_("Steps")} className="kelotls-steps">
+          {making.steps.map(step => <ListItem key={step.step}><StepOf step={step} isOver={isOver} /></ListItem>)}
+          {!isOver && !now && <ListItem><Signed mood="busy">{_("Working")}</Signed></ListItem>}
+        </List>}
+      {isOver && <Title headingLevel="h2" size="md">{_("What came of it")}</Title>}
+      {making.fault && <FaultAlert fault={making.fault} />}
+      {isOver && <Results made={making.made} />}
+      {making.messages.length > 0 && <Messages messages={making.messages} />}
+    </div>
+  );
+}
+
+function stepName({ step }: Step): string {
+  return kSteps[step] ?? plain(step);
+}
+
+function StepOf({ step, isOver }: { step: Step; isOver: boolean }) {
+  const name = stepName(step);
+  if (step.isDone) return <Signed mood="good">{name}: {_("done")}</Signed>;
+  if (isOver) return <Signed mood="warning">{name}: {_("not finished")}</Signed>;
+  return (
+    <div className="kelotls-step">
+      <Signed mood="busy">{name}: {_("running")}{step.subject && <> (<Plain text={step.subject} />)</>}</Signed>
+      <Progress aria-label={name} value={step.done} max={step.all} size="sm" measureLocation="outside"
+        label={cockpit.format(_("$0 of $1"), step.done, step.all)} valueText={cockpit.format(_("$0 of $1"), step.done, step.all)} />
+    </div>
+  );
+}
+
+const kSaid: { [event in Message["event"]]: "default" | "warning" } = { note: "default", warning: "warning", log: "warning" };
+
+export function Messages({ messages }: { messages: Message[] }) {
+  return (
+    <div role="group" aria-label={_("Messages")}>
+      <HelperText component="ul" className="kelotls-messages">
+        {messages.map(({ event, text }, at) =>
+          <HelperTextItem key={at} component="li" variant={kSaid[event]}><Plain text={text} lines /></HelperTextItem>)}
+      </HelperText>
+    </div>
+  );
+}
+
