@@ -1,8 +1,9 @@
 import "@patternfly/patternfly/patternfly-base.css";
-import "./page.css";
 import { createRoot } from "react-dom/client";
 import { App } from "./App";
 import { followLanguage, followTheme } from "./ui/surroundings";
+// After the styles of the components, to have the last word.
+import "./page.css";
 
 followTheme();
 followLanguage();

@@ -35,7 +35,9 @@ export function duration(seconds: number, style: "short" | "long" = "short"): st
 export function ago(utc: string, now = Date.now()): string {
   const time = new Date(utc).getTime();
   if (Number.isNaN(time)) return utc;
-  const seconds = Math.round((time - now) / 1000);
+  // What has just happened by the appliance's clock may lie a little ahead of this one.
+  const ahead = (time - now) / 1000;
+  const seconds = Math.round(ahead > 0 && ahead < 60 ? 0 : ahead);
   if (Math.abs(seconds) >= 7 * 86400) return moment(utc);
   const [unit, length] = kUnits.find(([, length]) => Math.abs(seconds) >= length) ?? ["second", 1];
   return new Intl.RelativeTimeFormat(language(), { numeric: "auto" })
