@@ -148,11 +148,11 @@ TEST_F(KelotlsctlLook, ListsWithWhatCheckFinds) {
   EXPECT_EQ(run({"list", "--findings"}).out, run({"list"}).out + run({"check"}).out);
 }
 
-TEST_F(KelotlsctlLook, ListsFindingsNeitherTerselyNorByName) {
-  for (const char* const other : {"--terse", "--names"}) {
+TEST_F(KelotlsctlLook, ListsFindingsNeitherTerselyNorByNameNorByFilesAlone) {
+  for (const char* const other : {"--terse", "--names", "--files"}) {
     const Outcome outcome = run({"list", "--findings", other});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_TRUE(contains(outcome.err, "--findings excludes --names and --terse"));
+    EXPECT_TRUE(contains(outcome.err, "--findings excludes --names, --terse and --files"));
   }
 }
 

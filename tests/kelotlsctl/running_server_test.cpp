@@ -144,6 +144,19 @@ TEST_F(KelotlsctlRunningServer, IsAskedOnceForItsLevelAndForWhatIsWrong) {
   EXPECT_EQ(all.document["findings"][0]["kind"], "not-known");
 }
 
+TEST_F(KelotlsctlRunningServer, IsNotAskedWhereFilesAloneAreLookedAt) {
+  ASSERT_EQ(run({"apply"}).status, 0);
+  ASSERT_EQ(nginx_.process().end(), 0);
+  ASSERT_EQ(run_json("list").document["services"][0]["state"], "no-answer");
+  ASSERT_EQ(run_json("status").document["states"]["no-answer"], 1);
+
+  const Json::Value service = run_json("list", {"--files"}).document["services"][0];
+
+  EXPECT_EQ(service["state"], "in-force");
+  EXPECT_EQ(service["asked"], "files");
+  EXPECT_EQ(run_json("status", {"--files"}).document["states"]["in-force"], 1);
+}
+
 TEST_F(KelotlsctlRunningServer, IsNotAskedWhereItsAddressIsNotKept) {
   ASSERT_EQ(run({"address", "nginx", "--remove"}).status, 0);
 

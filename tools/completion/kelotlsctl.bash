@@ -59,7 +59,8 @@ _kelotlsctl() {
 _kelotlsctl_options() {
   local options='--json --json-lines --quiet --reason --trust-anyway --help'
   case $1 in
-    list) options+=' --level --state --terse --names --findings' ;;
+    list) options+=' --level --state --terse --names --findings --files' ;;
+    status) options+=' --files' ;;
     set) options+=' --dry-run --apply --all --refuse-loss --confirm --until --then --reload-timeout' ;;
     default) options+=' --dry-run --apply --refuse-loss --confirm --reload-timeout' ;;
     apply) options+=' --dry-run --confirm --reload-timeout' ;;

@@ -22,6 +22,7 @@ struct Arguments {
   bool context = false;
   bool terse = false;
   bool findings = false;
+  bool files = false;  ///< ask no running server
   bool plugin = false;
   bool survey = false;
   std::string command;  ///< its name

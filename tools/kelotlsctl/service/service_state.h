@@ -112,6 +112,9 @@ using SeeServer =
 Json::Value ask_with_short_patience(const Addresses& addresses, const std::string& service,
                                     int level);
 
+/// Asks none, for a look at files alone.
+Json::Value ask_nobody(const Addresses& addresses, const std::string& service, int level);
+
 /// Looks at services one after another, reading what they share once.
 class ServiceInspector {
  public:

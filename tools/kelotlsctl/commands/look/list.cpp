@@ -128,8 +128,8 @@ std::vector<std::string> names_of(const Json::Value& services) {
 
 Report list_services(Console& console, const Arguments& arguments) {
   require_state(arguments.state);
-  if (arguments.findings && (arguments.names || arguments.terse)) {
-    throw Failure(kUsage, "--findings excludes --names and --terse");
+  if (arguments.findings && (arguments.names || arguments.terse || arguments.files)) {
+    throw Failure(kUsage, "--findings excludes --names, --terse and --files");
   }
   const Store store = load_store();
   const std::vector<std::string> names = services_at(store, arguments.level);
@@ -137,7 +137,7 @@ Report list_services(Console& console, const Arguments& arguments) {
     return report_names(console, names);
   }
   std::map<std::string, Json::Value> seen;
-  const SeeServer see = ask_once(seen);
+  const SeeServer see = arguments.files ? ask_nobody : ask_once(seen);
   const Json::Value services = inspect_services(store, names, arguments.state, see);
   if (arguments.names) {
     return report_names(console, names_of(services));
@@ -149,7 +149,7 @@ Report list_services(Console& console, const Arguments& arguments) {
   if (arguments.findings) {
     add_findings(console, store, see, report);
   }
-  const std::string unasked = unasked_note(services);
+  const std::string unasked = arguments.files ? "" : unasked_note(services);
   if (!unasked.empty() && !console.json() && !arguments.terse) {
     report.notes.push_back(unasked);
   }

@@ -177,7 +177,7 @@ std::string failure_text(const Json::Value& document) {
 
 }  // namespace
 
-Report show_status(Console&, const Arguments&) {
+Report show_status(Console&, const Arguments& arguments) {
   const Store store = load_store();
   Report report;
   report.document = object({{"default-level", level_json(store.default_level())},
@@ -189,7 +189,7 @@ Report show_status(Console&, const Arguments&) {
                             {"at-fault", list_of({})},
                             {"dated", list_of({})}});
   ServiceInspector inspector(store);
-  inspector.ask_servers();
+  inspector.see_servers(arguments.files ? ask_nobody : ask_with_short_patience);
   for (const std::string& service : in_natural_order(store.names())) {
     const ServiceStatus status = inspector.inspect(service);
     count(report.document["levels"], status.document["effective-level"]["name"]);
