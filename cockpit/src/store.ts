@@ -5,7 +5,7 @@ import cockpit from "cockpit";
 import { useSyncExternalStore } from "react";
 import { faultFrom, run } from "./command";
 import type { Fault } from "./command";
-import type { Documents, History, List, Status } from "./documents";
+import type { History, List, Status } from "./documents";
 
 const kDirectories = [
   "/usr/kelo/etc/security-profile/tls-profile",
@@ -15,6 +15,9 @@ const kDirectories = [
 // Changes come in bursts: a change of levels alone writes five files.
 const kQuietMilliseconds = 150;
 const kRetryMilliseconds = 10000;
+// A server that stops changes no file.
+const kLookAgainMilliseconds = 300000;
+const kPatienceMilliseconds = 1000;
 
 // What one command told last, and why it does not tell it now.
 export interface Told<Document> {
@@ -29,12 +32,14 @@ export interface Levels {
   history: Told<History.Document>;
   // Whether something is being read.
   reading: boolean;
+  // Whether the list says what the files say, and the running servers are still being asked.
+  asking: boolean;
   // Whether this user may change anything; null while that is not known.
   writable: boolean | null;
 }
 
 const kNothing = { document: null, asOf: null, fault: null };
-let levels: Levels = { list: kNothing, status: kNothing, history: kNothing, reading: true, writable: null };
+let levels: Levels = { list: kNothing, status: kNothing, history: kNothing, reading: true, asking: false, writable: null };
 
 const listeners = new Set<() => void>();
 
@@ -71,22 +76,36 @@ export function refresh(): Promise<void> {
   return running;
 }
 
+// What waits to be confirmed is told at once, however slow a server is. So is what the files say of the services,
+// where their servers take longer than one wants to wait.
 async function readAll() {
+  const whole = { isTold: false };
   await Promise.all([
-    tell("status", "status", []),
-    tell("history", "history", []),
-    tell("list", "list", ["--findings"]),
+    tell("list", ["--findings"]).finally(() => { whole.isTold = true; }),
+    tellByFiles(whole),
+    tell("status", ["--files"]).then(() => tell("history", [])),
   ]);
 }
 
-async function tell<Command extends keyof Documents & ("list" | "status" | "history")>(
-  place: Command, command: Command, args: string[],
-) {
+async function tellByFiles(whole: { isTold: boolean }) {
+  if (levels.list.document) await new Promise(resume => window.setTimeout(resume, kPatienceMilliseconds));
+  if (whole.isTold) return;
+  try {
+    const { document } = await run("list", ["--files"]);
+    if (whole.isTold) return;
+    const findings = levels.list.document?.findings;
+    become({ list: { document: { ...document, findings }, asOf: new Date(), fault: null }, asking: true });
+  } catch {
+    // The other run will tell why.
+  }
+}
+
+async function tell(command: "list" | "status" | "history", args: string[]) {
   try {
     const { document } = await run(command, args);
-    become({ [place]: { document, asOf: new Date(), fault: null } });
+    become({ [command]: { document, asOf: new Date(), fault: null }, ...(command === "list" && { asking: false }) });
   } catch (caught) {
-    become({ [place]: { ...levels[place], fault: faultFrom(caught) } });
+    become({ [command]: { ...levels[command], fault: faultFrom(caught) } });
   }
 }
 
@@ -111,11 +130,8 @@ function watch(path: string) {
   });
 }
 
-let started = false;
-
-function start() {
-  if (started) return;
-  started = true;
+// Called before anything is drawn: the command runs meanwhile.
+export function start() {
   kDirectories.forEach(watch);
   cockpit.addEventListener("visibilitychange", soon);
   const permission = cockpit.permission({ admin: true });
@@ -125,13 +141,13 @@ function start() {
     void refresh();
   });
   become({ writable: permission.allowed });
+  window.setInterval(soon, kLookAgainMilliseconds);
   void refresh();
 }
 
 export function useLevels(): Levels {
   return useSyncExternalStore(listener => {
     listeners.add(listener);
-    start();
     return () => listeners.delete(listener);
   }, () => levels);
 }

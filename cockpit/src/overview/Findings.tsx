@@ -22,7 +22,7 @@ export function Findings() {
   const found = severities.flatMap(({ severity }) =>
     (list.document?.findings ?? []).filter(finding => finding.severity === severity));
   const { shown, pages } = usePage(found);
-  if (!list.document) return list.fault ? null : <Skeleton screenreaderText={_("Looking for what is wrong")} />;
+  if (!list.document?.findings) return list.fault ? null : <Skeleton screenreaderText={_("Looking for what is wrong")} />;
   return (
     <>
       <div className="kelotls-bar">

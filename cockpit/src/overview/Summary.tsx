@@ -20,11 +20,11 @@ import { severities } from "./severity";
 const _ = cockpit.gettext;
 
 export function Summary() {
-  const { list, status, history } = useLevels();
+  const { list, status, history, asking } = useLevels();
   return (
     <Grid hasGutter sm={6} lg={3}>
       <GridItem><DefaultLevel list={list.document} /></GridItem>
-      <GridItem><OnTheWire list={list.document} /></GridItem>
+      <GridItem><OnTheWire list={list.document} asking={asking} /></GridItem>
       <GridItem><FoundWrong list={list.document} /></GridItem>
       <GridItem>
         <LastChange history={history.document} fault={history.fault?.error} isKnown={status.document?.["history-known"] ?? true} />
@@ -71,7 +71,7 @@ function DefaultLevel({ list }: { list: List.Document | null }) {
   );
 }
 
-function OnTheWire({ list }: { list: List.Document | null }) {
+function OnTheWire({ list, asking }: { list: List.Document | null; asking: boolean }) {
   const counts = new Map<State, number>();
   for (const { state } of list?.services ?? []) counts.set(state, (counts.get(state) ?? 0) + 1);
   const states = (Object.keys(kStates) as State[]).filter(state => counts.has(state));
@@ -91,17 +91,17 @@ function OnTheWire({ list }: { list: List.Document | null }) {
           </li>)}
         </ul>}
       {states.length > 0 && <div className="kelotls-subtle kelotls-below">
-        {cockpit.format(_("$0 seen on the wire, $1 judged by their files"), seen, list!.services.length - seen)}
+        {asking ? _("The running servers are being asked") : cockpit.format(_("$0 seen on the wire, $1 judged by their files"), seen, list!.services.length - seen)}
       </div>}
     </Part>
   );
 }
 
 function FoundWrong({ list }: { list: List.Document | null }) {
-  const findings = list?.findings ?? [];
+  const findings = list?.findings;
   return (
     <Part title={_("Findings")}>
-      {!list ? <Waiting /> : findings.length === 0 ? <Signed mood="good">{_("Nothing is wrong.")}</Signed> :
+      {!findings ? <Waiting /> : findings.length === 0 ? <Signed mood="good">{_("Nothing is wrong.")}</Signed> :
         <ul className="kelotls-counts">
           {severities.map(({ severity, mood, counted }) => {
             const count = findings.filter(finding => finding.severity === severity).length;
