@@ -1,0 +1,348 @@
+"""What the page stands on in the tests: an appliance with nginx and the C service, and Cockpit's own web
+server, session and bridge over it. Runs as root of a private tree, and makes of it what it needs."""
+
+import ctypes
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import socketserver
+import subprocess
+import threading
+import time
+
+HERE = pathlib.Path(__file__).parent
+PROJECT = HERE.parent.parent
+KELO = pathlib.Path("/usr/kelo")
+PROFILE = KELO / "etc/security-profile/tls-profile"
+STORE = PROFILE / "datastore.json"
+SERVICES = pathlib.Path("/usr/share/kelotls/services")
+RELOADERS = [pathlib.Path(prefix) / "libexec/security-profile/tls-profile" for prefix in ("/usr", "/usr/local")]
+COCKPIT_PORT, DOOR_PORT, NGINX_PORT, TLS_SERVICE_PORT = 9090, 9091, 8443, 8444
+PASSWORD = "secret"
+USERS = {"root": 0, "operator": 1000, "viewer": 1001}
+PATIENCE = int(os.environ.get("KELOTLS_PATIENCE", "40"))  # seconds; a condition that takes longer has failed
+PR_SET_CHILD_SUBREAPER = 36
+
+
+def wait_until(condition, what, patience=PATIENCE):
+    """What the condition gives once that is true."""
+    end = time.monotonic() + patience
+    while True:
+        found = condition()
+        if found:
+            return found
+        if time.monotonic() > end:
+            raise AssertionError(f"after {patience} s not yet: {what() if callable(what) else what}")
+        time.sleep(0.03)
+
+
+# The tree
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, stdin=subprocess.DEVNULL, **options)
+
+
+def link_anew(path, target):
+    """An entry of a directory that the tree shows of the machine becomes one of the tree's own."""
+    path.unlink(missing_ok=True)
+    path.symlink_to(target)
+
+
+def make_directory_anew(path):
+    """The same for a directory, with the machine's entries in it as links."""
+    target = path.resolve()
+    path.unlink()
+    path.mkdir()
+    for entry in target.iterdir():
+        (path / entry.name).symlink_to(entry)
+
+
+def add_page(page):
+    """Installs the page's directory where Cockpit looks for packages."""
+    packages = pathlib.Path("/usr/share/cockpit")
+    if packages.is_symlink():
+        make_directory_anew(packages)
+    link_anew(packages / "kelotls", page)
+
+
+def add_users():
+    """Who may log in, with the password of all; the login is PAM's own."""
+    homes = pathlib.Path("/run/home")
+    homes.mkdir()
+    password = subprocess.run(["openssl", "passwd", "-6", PASSWORD], stdout=subprocess.PIPE, text=True,
+                              check=True).stdout.strip()
+    for name, number in USERS.items():
+        (homes / name).mkdir()
+        os.chown(homes / name, number, number)
+    for name, mode, text in (
+            ("passwd", 0o644, "".join(f"{name}:x:{number}:{number}:{name}:{homes / name}:/bin/sh\n"
+                                      for name, number in USERS.items())
+             + "nobody:x:65534:65534:nobody:/:/bin/false\n"),
+            ("shadow", 0o600, "".join(f"{name}:{password}:1::::::\n" for name in USERS)),
+            ("shells", 0o644, "/bin/sh\n")):
+        path = pathlib.Path("/etc", name)
+        path.unlink(missing_ok=True)
+        path.write_text(text, encoding="utf-8")
+        path.chmod(mode)
+    link = pathlib.Path("/etc/pam.d")
+    link.unlink()
+    link.mkdir()
+    (link / "cockpit").write_text("".join(
+        f"{kind} required pam_{'permit' if kind == 'session' else 'unix'}.so\n"
+        for kind in ("auth", "account", "password", "session")), encoding="utf-8")
+
+
+def configure_cockpit():
+    """Nobody becomes root by sudo in a private tree, where no program gains rights. Whoever may, gets in by a
+    socket, behind which root's own bridge is started."""
+    link = pathlib.Path("/etc/cockpit")
+    link.unlink()
+    link.mkdir()
+    (link / "cockpit.conf").write_text("[WebService]\nAllowUnencrypted=true\n", encoding="utf-8")
+    (link / "shell.override.json").write_text(json.dumps({"bridges": [
+        {"privileged": True, "spawn": ["/usr/bin/python3", "-B", str(HERE / "privileged_bridge.py")]}]}),
+        encoding="utf-8")
+
+
+def prepare_tree(kelotlsctl, page):
+    """Once for each tree."""
+    assert os.environ.get("KELOTLS_PRIVATE_TREE") == "1", "this is for a private tree alone"
+    ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
+    os.umask(0o022)
+    for place in ("/etc", "/usr/share"):
+        run("mount", "-o", "remount,rw", place)
+    add_page(page)
+    add_users()
+    configure_cockpit()
+    link_anew(SERVICES.parent / "known_clients.json", PROJECT / "tools/kelotlsctl/clients/known_clients.json")
+    # Where its package has it. The machine's own directory is shown read-only.
+    run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", "/usr/local/sbin")
+    link_anew(pathlib.Path("/usr/local/sbin/kelotlsctl"), kelotlsctl)
+
+
+# Processes
+
+
+def children():
+    text = pathlib.Path(f"/proc/self/task/{os.getpid()}/children").read_text(encoding="utf-8")
+    return {int(word) for word in text.split()}
+
+
+def end_children(spared):
+    """Those that have been orphaned become this process's own."""
+    for _ in range(100):
+        left = children() - spared
+        if not left:
+            return
+        for process in left:
+            try:
+                os.kill(process, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+        for process in left:
+            try:
+                os.waitpid(process, 0)
+            except ChildProcessError:
+                pass
+
+
+def is_listening(port):
+    with socket.socket() as client:
+        return client.connect_ex(("127.0.0.1", port)) == 0
+
+
+# The appliance
+
+
+class Appliance:
+    """The framework's files and two running servers; made anew for each test."""
+
+    def __init__(self, build):
+        self.build = pathlib.Path(build)
+        self.certificate = pathlib.Path("/tmp/rsa.pem")
+        if not self.certificate.exists():
+            run(PROJECT / "tests/bed/make_certificates", "/tmp")
+
+    def make_empty(self):
+        """As it comes from the factory: nothing has joined."""
+        for directory in (KELO, *RELOADERS):
+            shutil.rmtree(directory, ignore_errors=True)
+            for entry in directory.iterdir() if directory.exists() else ():
+                raise AssertionError(f"{entry} is left of the test before")
+        for directory in (PROFILE / "services", PROFILE / "config", KELO / "run", KELO / "etc/ssl",
+                          KELO / "etc/nginx", KELO / "share", *RELOADERS):
+            directory.mkdir(parents=True, exist_ok=True)
+        for name in ("dh1024.pem", "dh2048.pem"):
+            shutil.copy(PROJECT / "tests/bed/data" / name, KELO / "etc/ssl")
+        self.command("init", "--default", "intermediate")
+
+    def make(self):
+        """With two services, both served: one by its template, one by the library."""
+        self.make_empty()
+        self.install_servers()
+        self.command("join", str(SERVICES / "nginx/registration.json"))
+        self.command("join", str(KELO / "share/tls_service/registration.json"))
+        self.command("address", "tls_service", f"localhost:{TLS_SERVICE_PORT}")
+        self.command("render")
+        self.start_servers()
+        self.command("apply")
+
+    def install_servers(self):
+        shutil.copy(SERVICES / "nginx/nginx.conf", KELO / "etc/nginx")
+        shutil.copy(self.certificate, KELO / "etc/ssl/nginx.pem")
+        shutil.copytree(PROJECT / "examples/tls_service", KELO / "share/tls_service")
+
+    def start_servers(self):
+        subprocess.Popen(["/usr/sbin/nginx", "-c", KELO / "etc/nginx/nginx.conf", "-g", "user root; daemon off;"],
+                         stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        subprocess.Popen([self.build / "examples/tls_service", "--pid-file", KELO / "run/tls_service.pid",
+                          "tls_service", self.certificate, str(TLS_SERVICE_PORT)],
+                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        for port in (NGINX_PORT, TLS_SERVICE_PORT):
+            wait_until(lambda port=port: is_listening(port), f"a server listens at {port}")
+
+    def command(self, *arguments, code=0, stdin=None):
+        """What an administrator does beside the page; its output, and as a document with --json."""
+        result = subprocess.run(["/usr/local/sbin/kelotlsctl", *arguments], input=stdin, text=True,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
+        if code is not None:
+            assert result.returncode == code, \
+                f"kelotlsctl {' '.join(arguments)}: {result.returncode}: {result.stderr}{result.stdout}"
+        return json.loads(result.stdout) if "--json" in arguments else result.stdout
+
+    def level(self, service):
+        return self.command("get", service, "--json")["stored-level"]["name"]
+
+    def join(self, *services):
+        """Services from their members in a registration."""
+        self.command("join", "-", stdin=json.dumps({"services": list(services)}))
+
+
+# The wire
+
+
+VERSIONS = ("tls1", "tls1_1", "tls1_2", "tls1_3")
+
+
+def accepts(port, version):
+    """Whether the server takes a handshake of this version, as OpenSSL's client sees it."""
+    result = subprocess.run(["openssl", "s_client", "-connect", f"127.0.0.1:{port}", f"-{version}", "-brief",
+                             "-cipher", "ALL:@SECLEVEL=0"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, text=True, check=False, timeout=PATIENCE)
+    assert "onnection refused" not in result.stdout, f"nobody listens at {port}"
+    return "CONNECTION ESTABLISHED" in result.stdout
+
+
+# Cockpit
+
+
+class Cockpit:
+    """The web server; it starts a session, and that a bridge, for each who logs in."""
+
+    def __init__(self):
+        self._process = None
+
+    def start(self):
+        with open("/tmp/cockpit-ws.log", "ab") as log:
+            self._process = subprocess.Popen(
+                ["/usr/lib/cockpit/cockpit-ws", "--no-tls", "--address", "127.0.0.1", "--port",
+                 str(COCKPIT_PORT)], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        wait_until(lambda: is_listening(COCKPIT_PORT), "Cockpit listens")
+
+    @property
+    def number(self):
+        return self._process.pid
+
+    def stop(self):
+        self._process.kill()
+        self._process.wait()
+
+
+class Door:
+    """The way between the browser and Cockpit, which can be shut as when the network is lost."""
+
+    def __init__(self):
+        self._open = set()
+        self._lock = threading.Lock()
+        self.is_shut = False
+        door = self
+
+        class Handler(socketserver.BaseRequestHandler):
+            def handle(self):
+                door.pass_on(self.request)
+
+        class Server(socketserver.ThreadingTCPServer):
+            allow_reuse_address = True
+            daemon_threads = True
+            request_queue_size = 128
+
+        self._server = Server(("127.0.0.1", DOOR_PORT), Handler)
+        threading.Thread(target=self._server.serve_forever, daemon=True).start()
+
+    def pass_on(self, client):
+        with socket.socket() as server:
+            with self._lock:
+                if self.is_shut:
+                    return
+                self._open |= {client, server}
+            try:
+                server.connect(("127.0.0.1", COCKPIT_PORT))
+                back = threading.Thread(target=copy, args=(server, client), daemon=True)
+                back.start()
+                copy(client, server)
+                back.join()
+            except OSError:
+                pass
+            finally:
+                with self._lock:
+                    self._open -= {client, server}
+
+    def shut(self):
+        with self._lock:
+            self.is_shut = True
+            for each in self._open:
+                try:
+                    each.shutdown(socket.SHUT_RDWR)
+                except OSError:
+                    pass
+
+    def open(self):
+        with self._lock:
+            self.is_shut = False
+
+
+def copy(source, target):
+    try:
+        while piece := source.recv(65536):
+            target.sendall(piece)
+    except OSError:
+        pass
+    for each, how in ((target, socket.SHUT_WR), (source, socket.SHUT_RD)):
+        try:
+            each.shutdown(how)
+        except OSError:
+            pass
+
+
+class PrivilegedDoor:
+    """Starts a bridge of root's own for each user who may have it and asks."""
+
+    def __init__(self):
+        self._listener = socket.socket(socket.AF_UNIX)
+        self._listener.bind("/run/privileged")
+        os.chown("/run/privileged", USERS["operator"], 0)
+        os.chmod("/run/privileged", 0o600)
+        self._listener.listen()
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    def _serve(self):
+        while True:
+            connection, _ = self._listener.accept()
+            with connection:
+                subprocess.Popen(["cockpit-bridge", "--privileged"], stdin=connection, stdout=connection,
+                                 stderr=subprocess.DEVNULL, env={"PATH": "/usr/local/sbin:/usr/sbin:/usr/bin:/bin",
+                                                                 "HOME": "/run/home/root", "LANG": "C.UTF-8"})
