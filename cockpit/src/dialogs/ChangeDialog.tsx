@@ -2,7 +2,7 @@
 // one watches, and then one sees what came of it.
 
 import {
-  Button, Form, HelperText, HelperTextItem, List, ListItem, Modal, ModalBody, ModalFooter, ModalHeader, Progress, Title,
+  Button, Form, List, ListItem, Modal, ModalBody, ModalFooter, ModalHeader, Progress, Title,
 } from "@patternfly/react-core";
 import cockpit from "cockpit";
 import { useEffect, useRef } from "react";
@@ -53,7 +53,7 @@ export function ChangeDialog({ title, act, isDanger, orders, success, onClose, s
   };
 
   return (
-    <Modal isOpen variant={size} onClose={isRunning ? undefined : onClose} onEscapePress={() => isRunning || onClose()}
+    <Modal isOpen variant={size} onClose={making.phase === "choosing" ? onClose : undefined} onEscapePress={() => isRunning || onClose()}
       aria-labelledby="dialog-title" className="kelotls-dialog">
       <ModalHeader title={plain(title)} labelId="dialog-title" />
       <ModalBody tabIndex={0} aria-label={_("Content")} role="group">
@@ -99,8 +99,8 @@ function Watched({ making }: { making: Making }) {
       <div role="status" className="pf-v6-screen-reader">
         {isOver ? _("It is over.") : now ? stepName(now) : _("Working")}
       </div>
-      {making.takesBack && <Title headingLevel="h2" size="md">{_("What has failed is taken back")}</Title>}
-      {!(isOver && making.fault && making.steps.length === 0) &&
+      {making.takesBack && !isOver && <Title headingLevel="h2" size="md">{_("What has failed is taken back")}</Title>}
+      {(!isOver || (making.fault && making.steps.length > 0)) &&
         <List isPlain aria-label={_("Steps")} className="kelotls-steps">
           {making.steps.map(step => <ListItem key={step.step}><StepOf step={step} isOver={isOver} /></ListItem>)}
           {!isOver && !now && <ListItem><Signed mood="busy">{_("Working")}</Signed></ListItem>}
@@ -130,16 +130,17 @@ function StepOf({ step, isOver }: { step: Step; isOver: boolean }) {
   );
 }
 
-const kSaid: { [event in Message["event"]]: "default" | "warning" } = { note: "default", warning: "warning", log: "warning" };
-
+// What is taken back may fail in the same way once more: it is said once.
 export function Messages({ messages }: { messages: Message[] }) {
+  const texts = new Map(messages.map(message => [message.text, message]));
   return (
-    <div role="group" aria-label={_("Messages")}>
-      <HelperText component="ul" className="kelotls-messages">
-        {messages.map(({ event, text }, at) =>
-          <HelperTextItem key={at} component="li" variant={kSaid[event]}><Plain text={text} lines /></HelperTextItem>)}
-      </HelperText>
-    </div>
+    <List isPlain aria-label={_("Messages")}>
+      {[...texts.values()].map(({ event, text }) => (
+        <ListItem key={text}>
+          {event === "note" ? <Plain text={text} lines /> : <Signed mood="warning"><Plain text={text} lines /></Signed>}
+        </ListItem>
+      ))}
+    </List>
   );
 }
 

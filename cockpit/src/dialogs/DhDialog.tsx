@@ -32,7 +32,7 @@ export default function DhDialog({ onClose }: { onClose: () => void }) {
       success={() => _("DH parameters made")}>
       <Foreseen preview={preview}>
         {({ document: { files } }) => (
-          <Table aria-label={_("DH parameters")} variant="compact">
+          <Table role="table" aria-label={_("DH parameters")} variant="compact">
             <Thead><Tr><Th>{_("File")}</Th><Th>{_("Bits")}</Th><Th>{_("What happens")}</Th></Tr></Thead>
             <Tbody>{files.map(file => (
               <Tr key={file.path}>

@@ -51,20 +51,21 @@ export function Part({ title, children }: { title: string; children: ReactNode }
 }
 
 export function ClientsPart({ losses, judged }: { losses: Loss[]; judged: ClientsJudge.Document | null }) {
-  const lost = judged?.clients.filter(client => client.lost) ?? [];
+  const lost = alike(judged?.clients.filter(client => client.lost) ?? []);
   return (
     <Part title={_("Clients")}>
       {losses.length === 0 ? <p>{_("No record of clients is kept, so nobody knows who would be lost.")}</p> : <Losses losses={losses} />}
       {judged?.["about-text"] && <p><Plain text={judged["about-text"]} /></p>}
       {lost.length > 0 &&
-        <Table aria-label={_("Clients that would be lost")} variant="compact">
-          <Thead><Tr><Th>{_("Client")}</Th><Th>{_("From")}</Th><Th>{_("Last seen")}</Th><Th>{_("Why")}</Th></Tr></Thead>
+        <Table role="table" aria-label={_("Clients that would be lost")} variant="compact">
+          <Thead><Tr><Th>{_("Client")}</Th><Th>{_("Connections")}</Th><Th>{_("From")}</Th><Th>{_("Last seen")}</Th><Th>{_("Why")}</Th></Tr></Thead>
           <Tbody>{lost.map(client => (
-            <Tr key={client.hello}>
-              <Td dataLabel={_("Client")}><Plain text={clientName(client)} /></Td>
-              <Td dataLabel={_("From")}>{client.addresses.length === 0 ? _("not kept") : <Plain text={client.addresses.join(", ")} />}</Td>
+            <Tr key={client.key}>
+              <Td dataLabel={_("Client")}><Plain text={client.name} /></Td>
+              <Td dataLabel={_("Connections")}>{client.connections}</Td>
+              <Td dataLabel={_("From")}>{client.from ? <Plain text={client.from} /> : _("not kept")}</Td>
               <Td dataLabel={_("Last seen")}>{moment(client.last)}</Td>
-              <Td dataLabel={_("Why")}>{client.then && !client.then.answered ? <Plain text={client.then.text} /> : null}</Td>
+              <Td dataLabel={_("Why")}><Plain text={client.why} /></Td>
             </Tr>
           ))}</Tbody>
         </Table>}
@@ -72,7 +73,32 @@ export function ClientsPart({ losses, judged }: { losses: Loss[]; judged: Client
   );
 }
 
-export function clientName(client: { names: string[]; "newest-protocol": string }): string {
+interface Lost {
+  key: string;
+  name: string;
+  from: string;
+  why: string;
+  last: string;
+  connections: number;
+}
+
+// Those that look the same to people are one row, although their hellos differ.
+function alike(clients: ClientsJudge.Document["clients"]): Lost[] {
+  const rows = new Map<string, Lost>();
+  for (const client of clients) {
+    const name = clientName(client);
+    const from = client.addresses.join(", ");
+    const why = client.then && !client.then.answered ? client.then.text : "";
+    const key = [name, from, why].join("\0");
+    const row = rows.get(key) ?? { key, name, from, why, last: client.last, connections: 0 };
+    row.connections += client.connections.all;
+    row.last = row.last > client.last ? row.last : client.last;
+    rows.set(key, row);
+  }
+  return [...rows.values()].sort((one, other) => other.connections - one.connections);
+}
+
+function clientName(client: { names: string[]; "newest-protocol": string }): string {
   return client.names.length > 0 ? client.names.join(", ")
     : cockpit.format(_("unknown, offers up to $0"), client["newest-protocol"]);
 }

@@ -86,37 +86,41 @@ export default function LevelDialog({ services, onClose }: { services: string[] 
   return (
     <ChangeDialog title={titleOf(services)} act={_("Apply")} onClose={onClose} orders={isReady ? [change(services, level, options)] : null}
       success={made => ("confirm" in made[0].document ? _("Level changed, waits for confirmation") : _("Level changed"))}>
-      <FormGroup role="radiogroup" fieldId="level" label={_("Level")}>
-        {(Object.keys(kChoices) as Choice[]).filter(choice => !isDefault || choice !== "default").map(choice => (
-          <Radio key={choice} id={`level-${choice}`} name="level" isChecked={level === choice} onChange={() => setLevel(choice)}
-            label={kChoices[choice].name}
-            description={[choice === "default" ? cockpit.format(_("It is $0 now."), levelName(defaultLevel)) : kChoices[choice].allows,
-              choice === current ? _("This is the level now.") : ""].join(" ")} />
-        ))}
-      </FormGroup>
-      <Foreseen preview={preview} nothing={_("Choose a level to see what it would change.")}>
-        {({ applied, losses, judged, explained }) => <>
-          <ClientsPart losses={losses} judged={judged} />
-          {applied && <FilesPart rendered={applied.rendered} />}
-          {applied && <ReloadersPart reloaders={applied.reloaders} fault={applied["reload-fault"]} />}
-          {explained && <MachinePart explained={explained} />}
-        </>}
-      </Foreseen>
-      {!isDefault && <>
-        <FormGroup fieldId="until" label={_("Ends on")}>
-          <TextInput id="until" type="date" value={until} min={tomorrow()} aria-describedby="until-help" onChange={(_event, date) => setUntil(date)} />
-          <div id="until-help" className="kelotls-help">{_("Leave it empty for a level without an end.")}</div>
+      <div className="kelotls-columns">
+        <FormGroup role="radiogroup" className="kelotls-levels" fieldId="level" label={_("Level")}>
+          {(Object.keys(kChoices) as Choice[]).filter(choice => !isDefault || choice !== "default").map(choice => (
+            <Radio key={choice} id={`level-${choice}`} name="level" isChecked={level === choice} onChange={() => setLevel(choice)}
+              label={kChoices[choice].name}
+              description={[choice === "default" ? cockpit.format(_("It is $0 now."), levelName(defaultLevel)) : kChoices[choice].allows,
+                choice === current ? _("This is the level now.") : ""].join(" ")} />
+          ))}
         </FormGroup>
-        {until !== "" &&
-          <FormGroup fieldId="then" label={_("Level after that")}>
-            <FormSelect id="then" value={then} onChange={(_event, value) => setThen(value)}>
-              <FormSelectOption value="" label={_("The level before")} />
-              {(Object.keys(kChoices) as Choice[]).map(choice => <FormSelectOption key={choice} value={choice} label={kChoices[choice].name} />)}
-            </FormSelect>
-          </FormGroup>}
-      </>}
-      <ConfirmationFields value={confirmation} onChange={setConfirmation}
-        needsReason={until !== "" ? _("A level that ends needs a reason, for the next administrator.") : null} />
+        <Foreseen preview={preview} nothing={_("Choose a level to see what it would change.")}>
+          {({ applied, losses, judged, explained }) => <>
+            <ClientsPart losses={losses} judged={judged} />
+            {applied && <FilesPart rendered={applied.rendered} />}
+            {applied && <ReloadersPart reloaders={applied.reloaders} fault={applied["reload-fault"]} />}
+            {explained && <MachinePart explained={explained} />}
+          </>}
+        </Foreseen>
+        <div className="kelotls-fields">
+          {!isDefault && <>
+            <FormGroup fieldId="until" label={_("Ends on")}>
+              <TextInput id="until" type="date" value={until} min={tomorrow()} aria-describedby="until-help" onChange={(_event, date) => setUntil(date)} />
+              <div id="until-help" className="kelotls-help">{_("Leave it empty for a level without an end.")}</div>
+            </FormGroup>
+            {until !== "" &&
+              <FormGroup fieldId="then" label={_("Level after that")}>
+                <FormSelect id="then" value={then} onChange={(_event, value) => setThen(value)}>
+                  <FormSelectOption value="" label={_("The level before")} />
+                  {(Object.keys(kChoices) as Choice[]).map(choice => <FormSelectOption key={choice} value={choice} label={kChoices[choice].name} />)}
+                </FormSelect>
+              </FormGroup>}
+          </>}
+          <ConfirmationFields value={confirmation} onChange={setConfirmation}
+            needsReason={until !== "" ? _("A level that ends needs a reason, for the next administrator.") : null} />
+        </div>
+      </div>
     </ChangeDialog>
   );
 }

@@ -30,7 +30,7 @@ function Changes({ document: { "default-level": level, changes, unknown, missing
     <p>{_("Default level:")} <LevelLabel name={level.from.name} />{!isSame && <> <Arrow /> <LevelLabel name={level.to.name} /></>}</p>
     {isSame && changes.length === 0 && <p>{_("No level differs from the backup.")}</p>}
     {changes.length > 0 &&
-      <Table aria-label={_("Levels that change")} variant="compact">
+      <Table role="table" aria-label={_("Levels that change")} variant="compact">
         <Thead><Tr><Th>{_("Service")}</Th><Th>{_("From")}</Th><Th>{_("To")}</Th></Tr></Thead>
         <Tbody>{changes.map(({ service, from, to }) => (
           <Tr key={service}>

@@ -48,7 +48,7 @@ export function Results({ made }: { made: Made[] }) {
   });
   if (rows.length === 0) return null;
   return (
-    <Table aria-label={_("Results")} variant="compact">
+    <Table role="table" aria-label={_("Results")} variant="compact">
       <Thead><Tr><Th>{_("Service")}</Th><Th>{_("Level")}</Th><Th>{_("Result")}</Th></Tr></Thead>
       <Tbody>
         {rows.map(({ probed, reasons, isUndone }) => (
@@ -57,7 +57,7 @@ export function Results({ made }: { made: Made[] }) {
             <Td dataLabel={_("Level")}><LevelLabel name={probed["effective-level"].name} /></Td>
             <Td dataLabel={_("Result")}>
               <Signed mood={kOutcomes[probed.result].mood}>{kOutcomes[probed.result].name}</Signed>
-              {isUndone && <div>{_("The former level is back.")}</div>}
+              {isUndone && <div>{_("Its former level is stored again.")}</div>}
               {reasons.map(reason => <div key={reason}><Plain text={reason} lines /></div>)}
             </Td>
           </Tr>

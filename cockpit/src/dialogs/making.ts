@@ -150,6 +150,6 @@ function toldToEnd(): Fault {
   return {
     kind: "command",
     error: _("kelotlsctl was told to end"),
-    advice: _("It ends the step at which it is, and takes back what it has begun. The history tells when it is through."),
+    advice: _("It ends the step at which it is, and takes back what is not in force by then. The history tells what came of it."),
   };
 }

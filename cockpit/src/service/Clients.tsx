@@ -4,6 +4,7 @@ import { EmptyState, EmptyStateBody } from "@patternfly/react-core";
 import { Table, Tbody, Td, Th, Thead, Tr } from "@patternfly/react-table";
 import cockpit from "cockpit";
 import { run } from "../command";
+import type { Fault } from "../command";
 import type { ClientsJudge, ClientsShow } from "../documents";
 import { usePreview } from "../dialogs/usePreview";
 import { FaultAlert } from "../ui/FaultAlert";
@@ -33,7 +34,7 @@ async function ask(name: string): Promise<Asked> {
 
 export function Clients({ name }: { name: string }) {
   const { seen, fault, isBusy } = usePreview(name, () => ask(name));
-  if (fault?.kind === "command" && fault.code === kCannotTell) return <NoRecord name={name} text={fault.error} />;
+  if (fault?.kind === "command" && fault.code === kCannotTell) return <NoRecord fault={fault} />;
   return (
     <div aria-busy={isBusy}>
       {fault && <FaultAlert fault={fault} />}
@@ -42,12 +43,12 @@ export function Clients({ name }: { name: string }) {
   );
 }
 
-function NoRecord({ name, text }: { name: string; text: string }) {
+function NoRecord({ fault }: { fault: Fault }) {
   return (
     <EmptyState variant="xs" headingLevel="h3" titleText={_("No record of clients is kept")}>
       <EmptyStateBody>
-        <p><Plain text={text} /></p>
-        <p>{_("A record is begun by:")} <code><Plain text={`systemctl enable --now kelotls-clients@${name}`} /></code></p>
+        <p><Plain text={fault.error} /></p>
+        {fault.advice && <p><code><Plain text={fault.advice} /></code></p>}
       </EmptyStateBody>
     </EmptyState>
   );
@@ -62,7 +63,7 @@ function Recorded({ shown, judged }: Asked) {
         {_("since")} <Moment utc={record.since} />{record["left-out"].connections > 0 && <>, {cockpit.format(_("$0 left out"), record["left-out"].connections)}</>}
       </p>
       <Bars name={_("Connections by version")} rows={versions.map(row => ({ name: row["newest-protocol"], value: row.connections }))} />
-      <Table aria-label={_("Clients by version")} variant="compact">
+      <Table role="table" aria-label={_("Clients by version")} variant="compact">
         <Thead><Tr><Th>{_("Newest version offered")}</Th><Th>{_("Clients")}</Th><Th>{_("Connections")}</Th></Tr></Thead>
         <Tbody>{versions.map(({ "newest-protocol": version, clients, connections }) => (
           <Tr key={version}>
@@ -72,7 +73,7 @@ function Recorded({ shown, judged }: Asked) {
           </Tr>
         ))}</Tbody>
       </Table>
-      <Table aria-label={_("What other levels would lose")} variant="compact">
+      <Table role="table" aria-label={_("What other levels would lose")} variant="compact">
         <Thead><Tr><Th>{_("Level")}</Th><Th>{_("Clients lost")}</Th><Th>{_("Their connections")}</Th><Th>{_("From")}</Th></Tr></Thead>
         <Tbody>{judged.map(({ level, all, addresses, verdict }) => (
           <Tr key={level.name}>
