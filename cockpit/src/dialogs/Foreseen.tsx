@@ -178,7 +178,7 @@ export function MachinePart({ explained }: { explained: Explain.Document }) {
           </List>
         </>}
       {explained["oldest-clients"].length > 0 &&
-        <p>{_("Oldest clients that still connect:")} <Plain text={explained["oldest-clients"].join(", ")} /></p>}
+        <p><Plain text={cockpit.format(_("Oldest clients that still connect: $0"), explained["oldest-clients"].join(", "))} /></p>}
     </Part>
   );
 }

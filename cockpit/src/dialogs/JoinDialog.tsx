@@ -93,14 +93,14 @@ function PlanPart({ plan }: { plan: Join.Document }) {
         {plan.services.map(({ service, new: isNew, probe, dropped, replaced }) => (
           <ListItem key={service}>
             <strong><Plain text={service} /></strong>{isNew ? "" : ` ${_("joins again, and keeps its level")}`}
-            {probe && <div>{_("Its server is asked at")} <Plain text={probe.address} /></div>}
+            {probe && <div><Plain text={cockpit.format(_("Its server is asked at $0"), probe.address)} /></div>}
             {dropped.map(({ kind, path, removed }) => (
-              <div key={kind}>{kind === "template" ? _("It has no template any more:") : _("It has no reloader any more:")}{" "}
-                <Plain text={[path, removed].filter(Boolean).join(", ")} /></div>
+              <div key={kind}><Plain text={cockpit.format(kind === "template" ? _("It has no template any more: $0") : _("It has no reloader any more: $0"),
+                [path, removed].filter(Boolean).join(", "))} /></div>
             ))}
             {replaced.map(({ kind, from, to }) => (
-              <div key={kind}>{kind === "template" ? _("Another template:") : _("Another reloader:")}{" "}
-                <Plain text={to} /> {_("in place of")} <Plain text={from} /></div>
+              <div key={kind}><Plain text={cockpit.format(kind === "template" ? _("Another template: $0 in place of $1")
+                : _("Another reloader: $0 in place of $1"), to, from)} /></div>
             ))}
           </ListItem>
         ))}

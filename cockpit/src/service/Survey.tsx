@@ -117,7 +117,7 @@ export function Survey({ survey }: { survey: Probe.Document }) {
       <p><Signed mood={kVerdicts[survey.verdict].mood}>{kVerdicts[survey.verdict].text}</Signed></p>
       <p className="kelotls-subtle">{survey.target === "context"
         ? _("Asked was the context that the library makes for it on this machine, not a running server.")
-        : <>{_("Asked was the server at")} <Plain text={survey.target} /></>}</p>
+        : <Plain text={cockpit.format(_("Asked was the server at $0"), survey.target)} />}</p>
       <Legend />
       <Matrix name={_("Protocol versions")} rowsName={_("Version")} columns={versions.map(({ version }) => version)}
         rows={[{ name: _("Protocol"), seen: versions }]} />
@@ -152,7 +152,7 @@ function Remarks({ title, remarks }: { title: string; remarks: { what: string; t
       {remarks.map(({ what, text, expected }, at) => (
         <ListItem key={at}>
           <strong><Plain text={what} /></strong>: <Plain text={text} />
-          {expected !== undefined && <div>{_("Expected of this server:")} <Plain text={expected} /></div>}
+          {expected !== undefined && <div><Plain text={cockpit.format(_("Expected of this server: $0"), expected)} /></div>}
         </ListItem>
       ))}
     </List>
