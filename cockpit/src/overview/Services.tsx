@@ -123,7 +123,7 @@ export function Services() {
   );
 }
 
-// What is typed shows at once, and reaches the address when the typing rests.
+// What is typed shows at once; the address, which tells of changes a little later, follows.
 function useFilterText() {
   const { path, options } = usePlace();
   const kept = options.name ?? "";
@@ -136,16 +136,13 @@ function useFilterText() {
       setText(kept);
     }
   }, [kept]);
-  useEffect(() => {
-    if (text === written.current) return undefined;
-    const timer = window.setTimeout(() => {
-      written.current = text;
-      const { name: _name, page: _page, ...rest } = options;
-      replace(path, text ? { ...rest, name: text } : rest);
-    }, 300);
-    return () => window.clearTimeout(timer);
-  });
-  return { text, setText };
+  const write = (typed: string) => {
+    setText(typed);
+    written.current = typed;
+    const { name: _name, page: _page, ...rest } = options;
+    replace(path, typed ? { ...rest, name: typed } : rest);
+  };
+  return { text, setText: write };
 }
 
 function useSelection(all: Service[] | undefined) {

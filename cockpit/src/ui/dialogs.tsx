@@ -2,7 +2,7 @@
 
 import { Alert, AlertActionCloseButton, AlertGroup } from "@patternfly/react-core";
 import type { AlertProps } from "@patternfly/react-core";
-import { Fragment, createContext, useCallback, useContext, useMemo, useState } from "react";
+import { Fragment, createContext, useCallback, useContext, useEffect, useMemo, useRef, useState } from "react";
 import type { ReactElement, ReactNode } from "react";
 
 interface Dialogs {
@@ -29,11 +29,24 @@ interface Toast {
 export function DialogsAndToasts({ children }: { children: ReactNode }) {
   const [open, setOpen] = useState<{ key: number; dialog: ReactElement } | null>(null);
   const [toasts, setToasts] = useState<Toast[]>([]);
+  const opener = useRef<HTMLElement | null>(null);
   const dialogs = useMemo(() => ({
-    // A key of its own: nothing of a former dialog is left in a new one.
-    show: (dialog: ReactElement) => setOpen(former => ({ key: (former?.key ?? 0) + 1, dialog })),
+    show: (dialog: ReactElement) => {
+      // What is beneath a dialog is hidden from screen readers, which what has the focus cannot be.
+      if (document.activeElement instanceof HTMLElement && document.activeElement !== document.body) {
+        opener.current = document.activeElement;
+        opener.current.blur();
+      }
+      // A key of its own: nothing of a former dialog is left in a new one.
+      setOpen(former => ({ key: (former?.key ?? 0) + 1, dialog }));
+    },
     close: () => setOpen(null),
   }), []);
+  useEffect(() => {
+    if (open || !opener.current) return;
+    opener.current.focus();
+    opener.current = null;
+  }, [open]);
   const say = useCallback<Say>((title, variant = "success", more = null) => {
     setToasts(former => [...former, { key: (former.at(-1)?.key ?? 0) + 1, title, variant, more }]);
   }, []);
