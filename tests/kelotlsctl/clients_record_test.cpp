@@ -317,6 +317,21 @@ Lines kinds_of_descriptors(const std::string& process) {
   return kinds;
 }
 
+TEST_F(KelotlsctlClientsLive, AreNotThoseWithWhichTheCommandAsks) {
+  const auto recorder = record();
+  EXPECT_EQ(json(run({"--json", "probe", "web"}).out)["target"], "localhost port 443");
+  EXPECT_EQ(connect({"-tls1_2"}).status, 0);
+
+  EXPECT_EQ(recorder->end(), 0);
+
+  const Json::Value versions = json(run({"--json", "clients", "show", "web"}).out)["by-protocol"];
+  ASSERT_EQ(versions.size(), 2U);
+  EXPECT_EQ(versions[0]["newest-protocol"], "TLS 1.2");
+  EXPECT_EQ(versions[0]["connections"], 1) << "the one client that there was";
+  EXPECT_EQ(versions[1]["newest-protocol"], "TLS 1.3");
+  EXPECT_EQ(versions[1]["clients"], 3) << "whole handshakes, for each kind of certificate";
+}
+
 TEST_F(KelotlsctlClientsLive, AreReadByAProcessWithoutPrivileges) {
   const auto recorder = record();
   const std::string reader = "/proc/" + reader_of(*recorder);

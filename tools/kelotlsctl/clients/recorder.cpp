@@ -277,6 +277,9 @@ class Recorder {
   }
 
   void add(const CaptureMessage& message, ClientRecords& records, RecordingResult& result) {
+    if (is_own_hello(message.text)) {
+      return;
+    }
     const std::uint64_t before = records.hellos().size() + records.left_out_hellos();
     records.add(message.text, is_live_ ? std::time(nullptr) : message.first,
                 kept_address(message.source, options_.addresses));

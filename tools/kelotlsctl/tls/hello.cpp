@@ -35,6 +35,13 @@ Bytes random_bytes(std::size_t count) {
   return bytes;
 }
 
+// What a hello's random begins with. Nobody derives a key of it.
+constexpr char kOwnRandom[] = "kelotlsctl asks.";
+constexpr std::size_t kOwnRandomSize = sizeof kOwnRandom - 1;
+constexpr std::size_t kRandomSize = 32;
+
+Bytes own_random() { return kOwnRandom + random_bytes(kRandomSize - kOwnRandomSize); }
+
 Bytes extension(std::uint16_t kind, const Bytes& body) {
   return number(kind, 2) + vector_of(body, 2);
 }
@@ -149,12 +156,17 @@ Bytes write_hello(const Hello& hello) {
     return write_ssl2_hello();
   }
   const std::uint16_t version = std::min(hello.version, kTls12);
-  const Bytes body = number(version, 2) + random_bytes(32) + vector_of("", 1) +
+  const Bytes body = number(version, 2) + own_random() + vector_of("", 1) +
                      vector_of(list_of_suites(hello), 2) +
                      vector_of(hello.compression ? Bytes("\1\0", 2) : Bytes(1, '\0'), 1) +
                      (hello.version == kSsl3 ? Bytes() : extensions(hello));
   return number(22, 1) + number(std::min(version, kTls10), 2) +
          vector_of(number(1, 1) + vector_of(body, 3), 2);
+}
+
+bool is_own_hello(const Bytes& message) {
+  constexpr std::size_t kRandomAt = 6;  // behind the message's type and length, and the version
+  return message.size() > kRandomAt && message.compare(kRandomAt, kOwnRandomSize, kOwnRandom) == 0;
 }
 
 }  // namespace kelotlsctl

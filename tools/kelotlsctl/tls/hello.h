@@ -45,4 +45,8 @@ struct Hello {
 /// shares.
 Bytes write_hello(const Hello& hello);
 
+/// Whether the handshake message is such a hello, of TLS or SSL 3: its random says so. Who records
+/// clients is not to count those who only ask what a server offers.
+bool is_own_hello(const Bytes& message);
+
 }  // namespace kelotlsctl
