@@ -1,11 +1,13 @@
-// Builds the page into dist/: one script, one style sheet, the fonts, and the translations as Cockpit loads them.
+// Builds the page into dist/: one script, one style sheet, the fonts, the translations as Cockpit loads them, and the
+// licences of what is in there of others. Which modules those are goes to bundled.json, for the bill of materials.
 // With --watch, again at each change of the sources.
 import { context, build } from "esbuild";
-import { copyFileSync, mkdirSync, readFileSync, rmSync } from "node:fs";
+import { copyFileSync, existsSync, mkdirSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { fileURLToPath } from "node:url";
 import { writeTranslations } from "./texts.mjs";
 
-process.chdir(fileURLToPath(new URL(".", import.meta.url)));
+const directory = fileURLToPath(new URL(".", import.meta.url));
+process.chdir(directory);
 
 // Cockpit brings its own module, as a global of the page.
 const cockpitOfTheHost = {
@@ -32,7 +34,21 @@ const componentsAlone = {
   },
 };
 
+// Nothing here uses PatternFly's fonts of icons and its pictures.
+const withoutPictures = {
+  name: "without-pictures",
+  setup(build) {
+    build.onLoad({ filter: /\/patternfly-base\.css$/ }, ({ path }) => ({
+      loader: "css",
+      contents: readFileSync(path, "utf8")
+        .replace(/@font-face \{[^}]*(?:fa-solid|pficon)[^}]*\}/g, "")
+        .replace(/url\("\.\/assets\/images\/[^"]*"\)/g, "none"),
+    }));
+  },
+};
+
 const options = {
+  absWorkingDir: directory,
   entryPoints: ["src/index.tsx"],
   outdir: "dist",
   bundle: true,
@@ -41,11 +57,11 @@ const options = {
   target: "es2020",
   jsx: "automatic",
   define: { "process.env.NODE_ENV": '"production"' },
-  loader: { ".woff2": "file", ".svg": "file" },
+  loader: { ".woff2": "file" },
   assetNames: "fonts/[name]",
-  legalComments: "linked",
+  legalComments: "none",  // LICENSES.txt has all
   metafile: true,
-  plugins: [cockpitOfTheHost, componentsAlone],
+  plugins: [cockpitOfTheHost, componentsAlone, withoutPictures],
 };
 
 rmSync("dist", { recursive: true, force: true });
@@ -56,5 +72,24 @@ writeTranslations("dist");
 if (process.argv.includes("--watch")) {
   await (await context(options)).watch();
 } else {
-  await build(options);
+  writeLicenses(modulesIn((await build(options)).metafile));
+}
+
+function modulesIn({ outputs }) {
+  const inputs = Object.values(outputs).flatMap(output =>
+    Object.entries(output.inputs).filter(([, { bytesInOutput }]) => bytesInOutput > 0).map(([path]) => path));
+  const names = inputs.map(path => /.*node_modules\/((?:@[^/]*\/)?[^/]*)/.exec(path)?.[1]).filter(name => name);
+  return [...new Set(names)].sort().map(name => {
+    const { version, license } = JSON.parse(readFileSync(`node_modules/${name}/package.json`, "utf8"));
+    return { name, version, license };
+  });
+}
+
+function writeLicenses(modules) {
+  writeFileSync("bundled.json", JSON.stringify(modules, null, 1) + "\n");
+  const texts = modules.map(({ name, version, license }) => {
+    const file = ["LICENSE", "LICENSE.txt", "LICENSE.md"].map(file => `node_modules/${name}/${file}`).find(existsSync);
+    return `${name} ${version}, ${license}\n\n${file ? readFileSync(file, "utf8").trim() : "Brings no text of its licence."}\n`;
+  });
+  writeFileSync("dist/LICENSES.txt", texts.join("\n----\n\n"));
 }

@@ -10,7 +10,8 @@ bare=$packages/root
 root=$packages/test-root
 
 # What the packages depend on, and what is tried with them: there is no network to get it from later.
-root_packages=(libssl3 libjsoncpp25 libpcap0.8 libseccomp2 libstdc++6 libssl-dev libjsoncpp-dev openssl nginx bsdutils)
+root_packages=(libssl3 libjsoncpp25 libpcap0.8 libseccomp2 libstdc++6 libssl-dev libjsoncpp-dev openssl nginx bsdutils
+  cockpit-bridge)
 
 need_root_packages() {
   need_packages <<'EOF'

@@ -1,5 +1,6 @@
 # shellcheck shell=bash
 # How the Debian packages are built; sourced after setup.sh by scripts that are in the project's directory.
+. scripts/lib/page.sh
 
 need_package_builders() {
   need_packages <<'END'
@@ -17,6 +18,7 @@ libpcap-dev: reads packets, for the management command
 libseccomp-dev: leaves to what reads them few system calls
 python3-pystache: makes the services' templates from the table of levels
 END
+  need_page_modules
 }
 
 # What the packages for the appliance are built with stands in its SDK.
@@ -28,11 +30,13 @@ need_appliance_builders() {
   need_packages <<< "libcli11-dev: the command's arguments"
 }
 
-# make_package_source DIRECTORY: the files as they are here, with debian/ where dpkg wants it.
+# make_package_source DIRECTORY [TAR-OPTION]...: the files as they are here, with debian/ where dpkg wants it,
+# and with the modules that the page is built of.
 make_package_source() {
   rm -rf "$1"
   mkdir -p "$1"
-  tar -c --exclude=./build --exclude=./.git --exclude=./packaging . | tar -C "$1" -x
+  tar -c --exclude=./build --exclude=./.git --exclude=./packaging --exclude=./cockpit/dist "${@:2}" . |
+    tar -C "$1" -x
   cp -r packaging/debian "$1/debian"
 }
 
