@@ -2,6 +2,7 @@
 server, session and bridge over it. Runs as root of a private tree, and makes of it what it needs."""
 
 import ctypes
+import fcntl
 import json
 import os
 import pathlib
@@ -19,6 +20,8 @@ KELO = pathlib.Path("/usr/kelo")
 PROFILE = KELO / "etc/security-profile/tls-profile"
 STORE = PROFILE / "datastore.json"
 SERVICES = pathlib.Path("/usr/share/kelotls/services")
+LOCAL = pathlib.Path("/usr/local")
+KELOTLSCTL = LOCAL / "sbin/kelotlsctl"
 RELOADERS = [pathlib.Path(prefix) / "libexec/security-profile/tls-profile" for prefix in ("/usr", "/usr/local")]
 COCKPIT_PORT, DOOR_PORT, NGINX_PORT, TLS_SERVICE_PORT = 9090, 9091, 8443, 8444
 PASSWORD = "secret"
@@ -97,15 +100,15 @@ def add_users():
 
 
 def configure_cockpit():
-    """Nobody becomes root by sudo in a private tree, where no program gains rights. Whoever may, gets in by a
-    socket, behind which root's own bridge is started."""
+    """Nobody becomes root by sudo in a private tree, where no program gains rights. In its place is what
+    connects to a socket, behind which root's own bridge is started for those who may."""
     link = pathlib.Path("/etc/cockpit")
     link.unlink()
     link.mkdir()
     (link / "cockpit.conf").write_text("[WebService]\nAllowUnencrypted=true\n", encoding="utf-8")
-    (link / "shell.override.json").write_text(json.dumps({"bridges": [
-        {"privileged": True, "spawn": ["/usr/bin/python3", "-B", str(HERE / "privileged_bridge.py")]}]}),
-        encoding="utf-8")
+    sudo = LOCAL / "bin/sudo"
+    sudo.write_text(f"#!/bin/sh\nexec /usr/bin/python3 -B {HERE}/privileged_bridge.py\n", encoding="ascii")
+    sudo.chmod(0o755)
 
 
 def prepare_tree(kelotlsctl, page):
@@ -115,13 +118,13 @@ def prepare_tree(kelotlsctl, page):
     os.umask(0o022)
     for place in ("/etc", "/usr/share"):
         run("mount", "-o", "remount,rw", place)
+    for name in ("bin", "sbin"):  # the machine's own are shown read-only
+        run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", LOCAL / name)
     add_page(page)
     add_users()
     configure_cockpit()
     link_anew(SERVICES.parent / "known_clients.json", PROJECT / "tools/kelotlsctl/clients/known_clients.json")
-    # Where its package has it. The machine's own directory is shown read-only.
-    run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", "/usr/local/sbin")
-    link_anew(pathlib.Path("/usr/local/sbin/kelotlsctl"), kelotlsctl)
+    link_anew(KELOTLSCTL, kelotlsctl)
 
 
 # Processes
@@ -189,7 +192,7 @@ class Appliance:
         self.command("address", "tls_service", f"localhost:{TLS_SERVICE_PORT}")
         self.command("render")
         self.start_servers()
-        self.command("apply")
+        wait_until(lambda: self.run("apply").returncode == 0, "all is in force")
 
     def install_servers(self):
         shutil.copy(SERVICES / "nginx/nginx.conf", KELO / "etc/nginx")
@@ -207,12 +210,22 @@ class Appliance:
 
     def command(self, *arguments, code=0, stdin=None):
         """What an administrator does beside the page; its output, and as a document with --json."""
-        result = subprocess.run(["/usr/local/sbin/kelotlsctl", *arguments], input=stdin, text=True,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
+        result = self.run(*arguments, stdin=stdin)
         if code is not None:
             assert result.returncode == code, \
                 f"kelotlsctl {' '.join(arguments)}: {result.returncode}: {result.stderr}{result.stdout}"
         return json.loads(result.stdout) if "--json" in arguments else result.stdout
+
+    @staticmethod
+    def run(*arguments, stdin=None):
+        return subprocess.run([KELOTLSCTL, *arguments], input=stdin, text=True, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, check=False)
+
+    @staticmethod
+    def begin(*arguments):
+        """The same, without waiting for its end."""
+        return subprocess.Popen([KELOTLSCTL, *arguments], stdin=subprocess.DEVNULL,
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def level(self, service):
         return self.command("get", service, "--json")["stored-level"]["name"]
@@ -220,6 +233,13 @@ class Appliance:
     def join(self, *services):
         """Services from their members in a registration."""
         self.command("join", "-", stdin=json.dumps({"services": list(services)}))
+
+
+def hold_lock():
+    """The lock of all that write, until what is returned is closed."""
+    file = open(PROFILE / "lock", "r+", encoding="utf-8")
+    fcntl.flock(file, fcntl.LOCK_EX)
+    return file
 
 
 # The wire

@@ -197,12 +197,17 @@ class Browser:
     def wait_table(self, name):
         return self.wait(lambda: self.find_all("grid", name) or self.find_all("table", name), f"table {name!r}")[0]
 
+    def wait_toast(self, text):
+        """What is said beside the page once something is done."""
+        self.wait_for("heading", re.compile(re.escape(text)))
+
     # Doing
 
-    def click(self, role, name=None, within=None):
-        """Once it is there and enabled; nothing may lie over it."""
+    def click(self, role, name=None, dialog=None):
+        """Once it is there and enabled; nothing may lie over it. dialog: the name of the one in which it is."""
         def try_click():
-            found = [each for each in self.find_all(role, name, within) if each.is_enabled]
+            around = self.find_all("dialog", dialog) if dialog else [None]
+            found = [each for each in self.find_all(role, name, around[0]) if each.is_enabled] if around else ()
             if not found:
                 return False
             assert len(found) == 1, f"{len(found)} of {role} {name!r} on\n{self.outline()}"
@@ -213,21 +218,6 @@ class Browser:
                 return False
             return True
         self.wait(try_click, f"{role} {name!r} can be clicked")
-
-    def click_in(self, dialog, role, name=None):
-        """The same in the dialog of this name."""
-        def try_click():
-            around = self.find_all("dialog", dialog)
-            found = [each for each in self.find_all(role, name, around[0]) if each.is_enabled] if around else ()
-            if not found:
-                return False
-            try:
-                found[0].click()
-            except (ElementClickInterceptedException, ElementNotInteractableException,
-                    StaleElementReferenceException):
-                return False
-            return True
-        self.wait(try_click, f"{role} {name!r} in {dialog!r} can be clicked")
 
     def fill(self, role, name, text, within=None):
         element = self.get(role, name, within).element
@@ -262,10 +252,11 @@ class Browser:
     # Telling
 
     def outline(self):
-        """What there is, for who reads a failure."""
+        """What there is, for who reads a failure; of a dialog, that alone."""
         try:
-            answer = self.driver.execute_cdp_cmd("Accessibility.queryAXTree", {
-                "objectId": self._object(self._document)})
+            dialogs = self.find_all("dialog")
+            answer = self.driver.execute_cdp_cmd("Accessibility.queryAXTree", {"backendNodeId": dialogs[0].backend}
+                                                 if dialogs else {"objectId": self._object(self._document)})
             lines = []
             for node in answer["nodes"]:
                 role, name = node["role"]["value"], node.get("name", {}).get("value", "")
@@ -292,7 +283,7 @@ class Dialog:
         return self.page.wait_for("dialog", self.name)
 
     def click(self, role, name):
-        self.page.click_in(self.name, role, name)
+        self.page.click(role, name, self.name)
 
     def get(self, role, name=None):
         return self.page.wait(lambda: self.page.find_all(role, name, self.found), f"{role} {name!r} in {self.name}")[0]

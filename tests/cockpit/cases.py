@@ -117,7 +117,7 @@ class PageCase(unittest.TestCase):
 
     def settled(self):
         """What the command's status says of a change that waits; None where none does."""
-        return self.appliance.command("status", "--json").get("pending")
+        return self.appliance.command("status", "--json")["waiting"]
 
     def assert_wire(self, port, *versions):
         """What the server takes, waiting until it does: old processes may answer beside new ones for a moment."""

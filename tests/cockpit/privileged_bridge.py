@@ -1,5 +1,5 @@
-"""Takes the place of sudo for Cockpit: gives a user who may a bridge that runs as root. It connects to the
-socket behind which the tests start one, and passes on what comes."""
+"""Takes the place of sudo for Cockpit, which asks it for a bridge that runs as root: connects to the socket
+behind which the tests start one for a user who may, and passes on what comes."""
 
 import os
 import socket

@@ -74,7 +74,7 @@ class Overview(PageCase):
 
         self.page.click("button", "Undo last change")
         self.page.wait_text("nginx", "dialog", "Undo last change")
-        self.page.click("button", "Undo")
+        self.page.click("button", "Undo", "Undo last change")
         self.page.wait_gone("dialog")
 
         self.assert_wire(bed.NGINX_PORT, "tls1_2", "tls1_3")
@@ -82,7 +82,7 @@ class Overview(PageCase):
 
         self.page.click("button", "Redo")
         self.page.wait_text("nginx", "dialog", "Redo the change taken back")
-        self.page.click("button", "Redo")
+        self.page.click("button", "Redo", "Redo the change taken back")
         self.page.wait_gone("dialog")
 
         self.assert_wire(bed.NGINX_PORT, "tls1_3")

@@ -1,0 +1,305 @@
+"""Whoever uses a screen reader, a narrow screen, a dark one or another language gets the same; and texts of
+others are shown as texts."""
+
+import contextlib
+import json
+import re
+import unittest
+
+import bed
+from browser import Dialog
+from cases import DOWNLOADS, PageCase
+
+AXE = bed.PROJECT / "cockpit/node_modules/axe-core/axe.min.js"
+RULES = ["wcag2a", "wcag2aa", "wcag21a", "wcag21aa"]
+NARROWEST = 320  # CSS pixels, at which WCAG 2.1 asks for no scrolling in two directions
+RUN_AXE = """
+const done = arguments[arguments.length - 1];
+axe.run(document, { runOnly: arguments[0], resultTypes: ["violations"] }).then(
+  ({ violations }) => done(violations.map(({ id, help, nodes }) => id + ": " + help + "\\n" + nodes.slice(0, 3).map(
+    node => "    " + node.html.slice(0, 200) + "\\n      " + node.any.concat(node.all, node.none).map(
+      ({ message }) => message).join("; ")).join("\\n"))),
+  error => done([String(error)]));
+"""
+# Text that a thing with a scroll bar of its own holds does not count, nor what is there for screen readers alone.
+TOO_WIDE = """
+return document.documentElement.scrollWidth <= document.documentElement.clientWidth ? [] :
+  [...document.querySelectorAll("body *")].filter(each => each.getBoundingClientRect().right > innerWidth + 1).map(
+    each => each.tagName + "." + each.className + ": " + each.textContent.slice(0, 40)).slice(0, 8);
+"""
+
+
+def translations(language):
+    """What the page's texts are in this language: those without forms for numbers and without places to fill."""
+    text = (bed.PROJECT / f"cockpit/po/{language}.po").read_text(encoding="utf-8")
+    text = re.sub(r'"\n"', "", text)
+    pairs = re.findall(r'^msgid "((?:[^"\\]|\\.)+)"\nmsgstr "((?:[^"\\]|\\.)+)"$', text, re.M)
+    return {json.loads(f'"{each}"'): json.loads(f'"{other}"') for each, other in pairs}
+
+
+class Views(PageCase):
+    """All of them, one after the other."""
+
+    def make_appliance(self):
+        super().make_appliance()
+        self.appliance.command("set", "nginx", "modern", "--apply", "--reason", "audit")
+        (bed.KELO / "etc/ssl/dh1024.pem").unlink()
+        self.appliance.command("backup", str(DOWNLOADS / "levels.json"))
+
+    def views(self):
+        """Names, each once its view is there."""
+        page = self.page
+        page.open("/")
+        page.wait_row("Web server", "modern", "In force")
+        yield "services"
+        page.open("/findings")
+        page.wait_for("list", "Findings")
+        yield "findings"
+        page.open("/history")
+        page.wait_row("nginx", "audit")
+        yield "history"
+        page.open("/service/nginx")
+        page.wait_table("Cipher suites")
+        yield "one service"
+        yield from self.dialogs()
+        self.appliance.command("set", "nginx", "intermediate", "--confirm", "5m")
+        page.open("/")
+        page.wait_for("region", "Change waiting for confirmation")
+        yield "a change that waits"
+        self.appliance.command("confirm")
+        good = bed.STORE.read_bytes()
+        bed.STORE.write_text("oops", encoding="utf-8")
+        page.open("/")
+        page.wait_for("heading", "The data store cannot be used")
+        yield "a store that cannot be used"
+        bed.STORE.write_bytes(good)
+
+    def dialogs(self):
+        page = self.page
+        with self.dialog("button", "Change level of nginx") as dialog:
+            yield "level"
+            dialog.click("radio", "Old")
+            dialog.wait_for("list", "What OpenSSL of this machine does not give")
+            dialog.click("button", re.compile("Differences of"))
+            yield "level with its preview"
+        with self.dialog("button", "Join a service") as dialog:
+            dialog.click("radio", re.compile("^apache2"))
+            dialog.wait_for("region", "Preview")
+            yield "join, catalogue"
+            dialog.click("tab", "File")
+            dialog.fill("textbox", "Registration", '{"services": [{"service": "a/b"}]}')
+            dialog.wait_for("list", "Faults")
+            yield "join, file"
+        for action, there in (("Apply what is pending", "Reloaders that will run"), ("Back up levels", None),
+                              ("Make DH parameters", None)):
+            with self.dialog("menuitem", action) as dialog:
+                if there:
+                    dialog.wait_text(re.compile("Reloaders"))
+                yield action
+        with self.dialog("menuitem", "Restore levels"):
+            page.script("return document.querySelector('[role=dialog] input[type=file]')").send_keys(
+                str(DOWNLOADS / "levels.json"))
+            page.wait_text("Default level", "dialog")
+            yield "restore"
+        page.open("/history")
+        with self.dialog("button", "Undo last change", is_there=True) as dialog:
+            dialog.wait_text("nginx")
+            yield "undo"
+
+    @contextlib.contextmanager
+    def dialog(self, role, name, is_there=False):
+        if not is_there:
+            self.page.open("/")
+            self.page.wait_row("Web server", "In force")
+        if role == "menuitem":
+            self.page.click("button", "More actions")
+        self.page.click(role, name)
+        self.page.wait(lambda: self.page.has("dialog"), f"the dialog of {name}")
+        dialog = Dialog(self.page, self.page.find_all("dialog")[0].name)
+        yield dialog
+        self.page.click("button", "Cancel", dialog.name)
+
+    def assert_accessible(self, view):
+        self.page.script(AXE.read_text(encoding="utf-8"))
+        violations = self.page.driver.execute_async_script(RUN_AXE, RULES)
+        if violations:
+            self.faults.append(f"{view}:\n" + "\n".join(violations))
+
+    def test_axe_finds_nothing(self):
+        self.faults = []
+        for view in self.views():
+            for is_dark in (False, True):
+                self.page.set_dark(is_dark)
+                self.page.wait(lambda dark=is_dark: self.is_dark() == dark, "its colours")
+                self.assert_accessible(f"{view}, {'dark' if is_dark else 'light'}")
+            self.page.set_dark(False)
+        self.assertFalse(self.faults, "\n".join(self.faults))
+
+    def is_dark(self):
+        colour = self.page.script("return getComputedStyle(document.body).backgroundColor + ' ' +"
+                                  "getComputedStyle(document.documentElement).backgroundColor + ' ' +"
+                                  "getComputedStyle(document.querySelector('.pf-v6-c-page')).backgroundColor")
+        values = [[float(part) for part in each.split(",")] for each in re.findall(r"rgba?\(([^)]*)\)", colour)]
+        opaque = [each for each in values if len(each) == 3 or each[3] > 0]
+        return bool(opaque) and sum(opaque[-1][:3]) < 3 * 128
+
+    def test_nothing_scrolls_sideways_on_a_narrow_screen(self):
+        faults = []
+        for view in self.views():
+            self.page.set_width(NARROWEST)
+            wide = self.page.script(TOO_WIDE)
+            if wide:
+                faults.append(f"{view}: {wide}")
+            self.page.set_width(1280)
+        self.assertFalse(faults, "\n".join(faults))
+
+
+class Languages(PageCase):
+    def test_german(self):
+        german = translations("de")
+        self.page.set_language("de-de")
+        self.page.open("/")
+
+        self.page.wait_for("button", german["Join a service"])
+
+        self.assertTrue(self.page.script("return document.documentElement.lang").startswith("de"))
+        for place in ("/", "/findings", "/history", "/service/nginx"):
+            self.page.open(place)
+            self.page.wait(lambda: self.page.has("heading") and not self.page.has("progressbar"), "the view")
+            shown = self.page.script("return document.body.innerText").split("\n")
+            left = [each for each in shown if german.get(each.strip(), each.strip()) != each.strip()]
+            self.assertFalse(left, f"{place} is not in German: {left}")
+
+
+HOSTILE = '<img src=x onerror="window.hit=1">\u202egnihton\u200b\x07'
+SHOWN = re.compile(r'<img src=x onerror="window\.hit=1">\\u202egnihton\\u200b\\(x07|u0007)')
+# What a page may not hold itself: it would act on what is around it.
+UNSEEN = re.compile("[\x00-\x08\x0b-\x1f\x7f-\x9f\u200b-\u200f\u202a-\u202e\u2060-\u2069\ufeff]")
+
+
+class TextsOfOthers(PageCase):
+    """Each place where a text comes from outside holds one with HTML, with a control character, one that has no
+    width and one that turns the direction of writing."""
+
+    def make_appliance(self):
+        super().make_appliance()
+        store = json.loads(bed.STORE.read_text(encoding="utf-8"))
+        service = HOSTILE.replace("/", "")
+        store["services"][service] = {"display-name": HOSTILE, "current-level": 2}
+        bed.STORE.write_text(json.dumps(store), encoding="utf-8")
+        descriptor = json.loads((bed.PROFILE / "services/tls_service.conf").read_text(encoding="utf-8"))
+        text = json.dumps(descriptor).replace("tls_service", json.dumps(service)[1:-1]).replace(
+            "TLS service", json.dumps(HOSTILE)[1:-1])
+        (bed.PROFILE / "services" / f"{service}.conf").write_text(text, encoding="utf-8")
+
+    def assert_text(self, what=True):
+        """That it is there, and a text."""
+        def shown():
+            return self.page.script("return document.body.innerText + '\\n' + [...document.querySelectorAll("
+                                    "'input, textarea')].map(each => each.value).join('\\n')")
+        if what:
+            self.page.wait(lambda: SHOWN.search(shown()), "the text, escaped")
+        self.assertIsNone(self.page.script("return window.hit || null"), "it was taken for HTML")
+        names = "\n".join(each.name for role in ("button", "checkbox", "link", "heading", "dialog", "row", "radio")
+                          for each in self.page.find_all(role))
+        for place, text in (("the page", shown()), ("names", names)):
+            found = UNSEEN.search(text)
+            self.assertIsNone(found, f"{place}: {found and text[max(0, found.start() - 80):found.end() + 20]!r}")
+
+    def test_names_of_services(self):
+        self.page.wait_row(r"\u202egnihton")
+        self.assert_text()
+
+    def test_a_services_page(self):
+        self.page.wait_row(r"\u202egnihton")
+        self.page.script("[...document.querySelectorAll('tbody a')].find(each => each.textContent.includes('gnihton')).click()")
+        self.page.wait_for("region", "Level")
+        self.assert_text()
+
+    def test_dialogs_of_a_service(self):
+        self.page.click("button", re.compile(r"Change level of .*gnihton"))
+        self.page.click("radio", "Modern")
+        self.page.wait_text("Reloaders", "dialog")
+        self.assert_text()
+        self.page.click("button", "Cancel")
+        self.page.wait_gone("dialog")
+        self.page.click("button", re.compile(r"Actions for .*gnihton"))
+        self.page.click("menuitem", "Leave")
+        self.page.wait_for("list", "Files that will be removed")
+        self.assert_text()
+
+    def test_reasons(self):
+        self.appliance.command("set", "nginx", "modern", "--apply", "--until", "60d", "--reason", HOSTILE, code=None)
+        self.appliance.command("set", "nginx", "modern", "--apply", "--reason", HOSTILE)
+        self.page.open("/history")
+        self.page.wait_table("History")
+        self.assert_text()
+
+    def test_what_a_reloader_says(self):
+        self.write_reloader("printf '%s' '" + HOSTILE + "' >&2\nexit 1\n")
+        dialog = self.change_level("tls_service", "Modern", is_confirmed=False)
+        dialog.wait_for("heading", "What came of it")
+        self.assert_text()
+
+    def test_findings(self):
+        (bed.PROFILE / "config" / (HOSTILE + ".conf.XXXXXX")).touch()
+        (bed.PROFILE / "services" / (HOSTILE + "2.conf")).write_text("oops", encoding="utf-8")
+        self.page.open("/findings")
+        self.page.wait_for("list", "Findings")
+        self.assert_text()
+
+    def test_rendered_text(self):
+        template = bed.KELO / "share/hostile.mustache"
+        template.write_text("{{#mozilla_modern}}modern{{/mozilla_modern}} " + HOSTILE + "\n", encoding="utf-8")
+        self.appliance.join({"service": "hostile", "display-name": "Hostile", "mustache-path": str(template)})
+        self.appliance.command("render", "hostile")
+        self.page.open("/service/hostile")
+        self.page.wait_for("region", "Rendered file")
+        self.assert_text()
+        self.page.open("/")
+        dialog = self.choose_level("hostile", "Modern")
+        dialog.click("button", re.compile("Differences of"))
+        self.assert_text()
+
+    def test_faults_of_a_registration(self):
+        self.page.click("button", "Join a service")
+        dialog = Dialog(self.page, "Join a service")
+        dialog.click("tab", "File")
+        wrong = DOWNLOADS / "wrong.json"
+        wrong.write_text(json.dumps({"services": [{"service": HOSTILE, "display-name": HOSTILE, HOSTILE: 1}]}),
+                         encoding="utf-8")
+        self.page.script("return document.querySelector('[role=dialog] input[type=file]')").send_keys(str(wrong))
+        dialog.wait_for("list", "Faults")
+        self.assertIsNone(self.page.script("return window.hit || null"))
+        self.assertIsNone(UNSEEN.search(dialog.get("list", "Faults").text))
+
+    def test_names_in_a_backup(self):
+        backup = DOWNLOADS / "backup.json"
+        backup.write_text(json.dumps({"default-level": 2, "services": {
+            HOSTILE + "x": {"display-name": "x", "current-level": 1}}}), encoding="utf-8")
+        self.page.click("button", "More actions")
+        self.page.click("menuitem", "Restore levels")
+        dialog = Dialog(self.page, "Restore levels")
+        self.page.script("return document.querySelector('[role=dialog] input[type=file]')").send_keys(str(backup))
+        dialog.wait_for("list", re.compile("In the backup, but not joined"))
+        self.assert_text()
+
+
+class LongNames(PageCase):
+    def make_appliance(self):
+        super().make_appliance()
+        self.name = "s" + "0123456789" * 20
+        self.appliance.join({"service": self.name, "display-name": "Very " + "long " * 60 + "W" * 200})
+
+    def test_they_break_and_do_not_widen_the_page(self):
+        self.page.wait_row(self.name)
+        for place in ("/", f"/service/{self.name}"):
+            self.page.open(place)
+            self.page.wait(lambda: self.name in self.page.script("return document.body.textContent"), "the name")
+            for width in (NARROWEST, 1280):
+                self.page.set_width(width)
+                self.assertEqual(self.page.script(TOO_WIDE), [], f"{place} at {width}")
+
+
+if __name__ == "__main__":
+    unittest.main()
