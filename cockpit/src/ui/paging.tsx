@@ -25,7 +25,10 @@ export function usePage<Item>(items: Item[]) {
       titles={{
         paginationAriaLabel: variant === "top" ? cockpit.format(_("Pages of $0"), name) : cockpit.format(_("Pages of $0, below"), name),
         items: "", page: "", ofWord: _("of"),
-        perPageSuffix: _("per page"), itemsPerPage: _("Items per page"), optionsToggleAriaLabel: _("Items per page"),
+        perPageSuffix: _("per page"), itemsPerPage: _("Items per page"),
+        // Begins with what is seen, by which people who speak to their machine call it.
+        optionsToggleAriaLabel: cockpit.format(_("$0 - $1 of $2, items per page"),
+          items.length === 0 ? 0 : (page - 1) * size + 1, Math.min(page * size, items.length), items.length),
         toFirstPageAriaLabel: _("Go to first page"), toPreviousPageAriaLabel: _("Go to previous page"),
         toNextPageAriaLabel: _("Go to next page"), toLastPageAriaLabel: _("Go to last page"),
         currPageAriaLabel: _("Current page"),
