@@ -34,7 +34,7 @@ interface ChangeDialogProps {
 }
 
 export function ChangeDialog({ title, act, isDanger, orders, success, onClose, size = "large", children }: ChangeDialogProps) {
-  const { making, make, stop } = useMaking();
+  const { making, make, stop, goBack } = useMaking();
   const say = useToasts();
   const isRunning = making.phase === "running";
 
@@ -68,6 +68,8 @@ export function ChangeDialog({ title, act, isDanger, orders, success, onClose, s
         </>}
         {isRunning && <Button variant="secondary" onClick={stop}>{_("Stop")}</Button>}
         {making.phase === "over" && <CloseButton onClose={onClose} />}
+        {making.phase === "over" && making.fault?.kind === "command" && making.made.length === 0 &&
+          <Button variant="link" onClick={goBack}>{_("Back")}</Button>}
       </ModalFooter>
     </Modal>
   );

@@ -10,7 +10,7 @@ import type { Loss } from "../ui/Losses";
 import { levelName } from "../ui/states";
 import { ChangeDialog } from "./ChangeDialog";
 import { ClientsPart, FilesPart, Foreseen, MachinePart, ReloadersPart } from "./Foreseen";
-import { ConfirmationFields, confirmationArguments, useConfirmation } from "./confirmation";
+import { ConfirmationFields, confirmationArguments, reasonArguments, useConfirmation } from "./confirmation";
 import type { Order } from "./making";
 import { usePreview } from "./usePreview";
 
@@ -38,8 +38,8 @@ function change(target: Target, level: Choice, options: string[]): Order {
     : { command: "set", args: [...options, "--", ...target, level] };
 }
 
-async function foresee(target: Target, level: Choice, effective: string): Promise<Seen> {
-  const { command, args } = change(target, level, ["--apply", "--dry-run"]);
+async function foresee(target: Target, level: Choice, effective: string, dating: string[]): Promise<Seen> {
+  const { command, args } = change(target, level, ["--apply", "--dry-run", ...dating]);
   const [{ document }, explained] = await Promise.all([
     run(command as "set" | "default", args),
     run("explain", [effective]).catch(() => null),
@@ -71,13 +71,16 @@ export default function LevelDialog({ services, onClose }: { services: string[] 
   const isDefault = services === "default";
   const defaultLevel = list.document?.["default-level"].name ?? "intermediate";
   const effective = level === "default" ? defaultLevel : level;
-  const preview = usePreview(level, () => foresee(services, level!, effective!));
   const lacksReason = until !== "" && confirmation.reason.trim() === "";
+  const dating = [...(until ? [`--until=${until}`] : []), ...(until && then ? [`--then=${then}`] : [])];
+  // What is wrong with a date is told beforehand, too. Which reason there is does not matter to that.
+  const foreseen = lacksReason ? [] : dating;
+  const preview = usePreview(level && [level, ...foreseen].join(" "),
+    () => foresee(services, level!, effective!, foreseen.length > 0 ? [...foreseen, ...reasonArguments(confirmation.reason)] : []));
 
   const options = [
     ...confirmationArguments(confirmation, ["--apply"]),
-    ...(until ? [`--until=${until}`] : []),
-    ...(until && then ? [`--then=${then}`] : []),
+    ...dating,
   ];
   const isReady = level !== null && preview.seen !== null && !preview.fault && !lacksReason;
   const current = isDefault ? list.document?.["default-level"].name

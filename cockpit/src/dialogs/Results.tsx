@@ -40,8 +40,13 @@ function reasons({ service, ...probed }: Probed, { rendered, reloaders, "reload-
   return [...own, ...ran, ...[fault, probed.fault, probed["not-seen"]].filter(text => text !== undefined)];
 }
 
+// Those of undo and redo hold one for each change that they take back.
+function documentsIn(document: object): object[] {
+  return "changes" in document && Array.isArray(document.changes) ? document.changes as object[] : [document];
+}
+
 export function Results({ made }: { made: Made[] }) {
-  const rows = made.flatMap(({ document }) => {
+  const rows = made.flatMap(({ document }) => documentsIn(document)).flatMap(document => {
     const all = applied(document);
     const taken = undone(document);
     return all ? all.probed.map(probed => ({ probed, reasons: reasons(probed, all), isUndone: taken.has(probed.service) })) : [];

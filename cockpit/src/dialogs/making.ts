@@ -40,7 +40,7 @@ export interface Making {
   fault: Fault | null;
 }
 
-type Event = { kind: "begin" } | { kind: "line"; line: Line } | { kind: "made"; made: Made } | { kind: "end"; fault: Fault | null };
+type Event = { kind: "begin" } | { kind: "back" } | { kind: "line"; line: Line } | { kind: "made"; made: Made } | { kind: "end"; fault: Fault | null };
 
 const kNothing: Making = { phase: "choosing", steps: [], takesBack: false, messages: [], made: [], fault: null };
 
@@ -48,6 +48,8 @@ function reduce(making: Making, event: Event): Making {
   switch (event.kind) {
     case "begin":
       return { ...kNothing, phase: "running" };
+    case "back":
+      return kNothing;
     case "line":
       return "step" in event.line ? withProgress(making, event.line)
         : "text" in event.line ? { ...making, messages: [...making.messages, event.line] }
@@ -107,7 +109,8 @@ export function useMaking() {
 
   // It ends the step at which it is, and takes back what it has begun.
   const stop = useCallback(() => stopping.current?.abort(), []);
-  return { making, make, stop };
+  const goBack = useCallback(() => tell({ kind: "back" }), []);
+  return { making, make, stop, goBack };
 }
 
 async function runTelling(order: Order, signal: AbortSignal, tell: (line: Line) => void): Promise<Made> {
