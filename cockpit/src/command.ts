@@ -110,6 +110,10 @@ function faultOf(why: { problem: string | null; message: string; exit_signal?: s
   if (why.exit_signal) {
     return { kind: "unreadable", error: cockpit.format(_("kelotlsctl was ended by signal $0"), why.exit_signal), advice: "" };
   }
+  return connectionLost();
+}
+
+export function connectionLost(): Fault {
   return {
     kind: "connection",
     error: _("The connection to the appliance was lost"),

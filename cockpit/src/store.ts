@@ -3,7 +3,7 @@
 
 import cockpit from "cockpit";
 import { useSyncExternalStore } from "react";
-import { faultFrom, run } from "./command";
+import { connectionLost, faultFrom, run } from "./command";
 import type { Fault } from "./command";
 import type { History, List, Status } from "./documents";
 
@@ -125,8 +125,12 @@ function watch(path: string) {
     if (!changed.endsWith("/lock") && !changed.endsWith(".lock")) soon();
   });
   channel.addEventListener("close", (_event, { problem }) => {
-    // A directory that does not exist yet.
-    if (problem && problem !== "disconnected") window.setTimeout(() => watch(path), kRetryMilliseconds);
+    if (problem === "disconnected" || problem === "terminated" || problem === "no-session") {
+      become({ list: { ...levels.list, fault: connectionLost() } });
+    } else if (problem) {
+      // A directory that does not exist yet.
+      window.setTimeout(() => watch(path), kRetryMilliseconds);
+    }
   });
 }
 

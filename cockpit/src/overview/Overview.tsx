@@ -6,6 +6,7 @@ import {
 import cockpit from "cockpit";
 import type { ReactNode } from "react";
 import { useLevels } from "../store";
+import { Boundary } from "../ui/Boundary";
 import { FaultAlert } from "../ui/FaultAlert";
 import { address, go } from "../ui/location";
 import { clock } from "../ui/time";
@@ -65,7 +66,7 @@ function tabOf(name: TabName, title: string, count: number | undefined, content:
   return (
     <Tab eventKey={name} href={address(placeOf(name))}
       title={<TabTitleText>{title}{count !== undefined && <span className="kelotls-subtle">{`\u00a0${count}`}</span>}</TabTitleText>}>
-      {content}
+      <Boundary>{content}</Boundary>
     </Tab>
   );
 }

@@ -27,7 +27,6 @@ export function RowActions({ name }: { name: string }) {
   );
 }
 
-// The menu is made when it is first opened: there is one in every row.
 function More({ name }: { name: string }) {
   const { show, close } = useDialogs();
   const [isOpen, setOpen] = useState(false);
@@ -38,11 +37,12 @@ function More({ name }: { name: string }) {
     toggle.current?.focus();
     show(dialog);
   };
-  const button = <MenuToggle ref={toggle} variant="plain" icon={<EllipsisVIcon />} isExpanded={isOpen}
-    aria-label={cockpit.format(_("Actions for $0"), plain(name))} onClick={() => setOpen(!isOpen)} />;
-  if (!isOpen) return button;
   return (
-    <Dropdown isOpen onOpenChange={setOpen} popperProps={{ position: "end" }} toggle={{ toggleNode: button, toggleRef: toggle }}>
+    <Dropdown isOpen={isOpen} onOpenChange={setOpen} popperProps={{ position: "end" }} toggle={{
+      toggleRef: toggle,
+      toggleNode: <MenuToggle ref={toggle} variant="plain" icon={<EllipsisVIcon />} isExpanded={isOpen}
+        aria-label={cockpit.format(_("Actions for $0"), plain(name))} onClick={() => setOpen(!isOpen)} />,
+    }}>
       <DropdownList>
         <GuardedItem onClick={() => choose(<ApplyDialog services={[name]} onClose={close} />)}>{_("Apply")}</GuardedItem>
         <GuardedItem isDanger onClick={() => choose(<LeaveDialog service={name} onClose={close} />)}>{_("Leave")}</GuardedItem>

@@ -7,6 +7,7 @@ import type { ReactNode } from "react";
 import LevelDialog from "../dialogs/LevelDialog";
 import type { History, List } from "../documents";
 import { useLevels } from "../store";
+import { Boundary } from "../ui/Boundary";
 import { useDialogs } from "../ui/dialogs";
 import { GuardedButton } from "../ui/guarded";
 import { LevelLabel, Signed } from "../ui/Labels";
@@ -23,11 +24,13 @@ export function Summary() {
   const { list, status, history, asking } = useLevels();
   return (
     <Grid hasGutter sm={6} lg={3}>
-      <GridItem><DefaultLevel list={list.document} /></GridItem>
-      <GridItem><OnTheWire list={list.document} asking={asking} /></GridItem>
-      <GridItem><FoundWrong list={list.document} /></GridItem>
+      <GridItem><Boundary><DefaultLevel list={list.document} /></Boundary></GridItem>
+      <GridItem><Boundary><OnTheWire list={list.document} asking={asking} /></Boundary></GridItem>
+      <GridItem><Boundary><FoundWrong list={list.document} /></Boundary></GridItem>
       <GridItem>
-        <LastChange history={history.document} fault={history.fault?.error} isKnown={status.document?.["history-known"] ?? true} />
+        <Boundary>
+          <LastChange history={history.document} fault={history.fault?.error} isKnown={status.document?.["history-known"] ?? true} />
+        </Boundary>
       </GridItem>
     </Grid>
   );

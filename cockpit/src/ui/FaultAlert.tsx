@@ -13,7 +13,7 @@ export function FaultAlert({ fault, children }: { fault: Fault; children?: React
   return (
     <div role="alert">
       <Alert isInline variant="danger" title={plain(fault.error)} component="p" actionLinks={fault.kind === "connection" &&
-        <AlertActionLink component="button" onClick={() => window.location.reload()}>{_("Connect again")}</AlertActionLink>}>
+        <AlertActionLink component="button" onClick={() => (window.top ?? window).location.reload()}>{_("Connect again")}</AlertActionLink>}>
         {fault.advice && <p><Plain text={fault.advice} lines /></p>}
         {children}
       </Alert>
