@@ -4,16 +4,16 @@ import cockpit from "cockpit";
 import { run } from "../command";
 import { ChangeDialog } from "./ChangeDialog";
 import { FilesPart, Foreseen, ReloadersPart } from "./Foreseen";
-import { ConfirmationFields, confirmationArguments, useConfirmation } from "./confirmation";
+import { ConfirmationFields, confirmationArguments, foreseeingArguments, useConfirmation } from "./confirmation";
 import { usePreview } from "./usePreview";
 
 const _ = cockpit.gettext;
 
 export default function ApplyDialog({ services = [], onClose }: { services?: string[]; onClose: () => void }) {
   const [confirmation, setConfirmation] = useConfirmation();
-  const preview = usePreview(services.join("\0") || "all", async () => {
+  const preview = usePreview([String(confirmation.isWanted), ...services].join("\0"), async () => {
     const [{ document: applied }, { document: checked }] = await Promise.all([
-      run("apply", ["--dry-run", "--", ...services]), run("render", ["--check", "--", ...services])]);
+      run("apply", [...foreseeingArguments(confirmation), "--", ...services]), run("render", ["--check", "--", ...services])]);
     return { applied, checked };
   });
   const title = services.length === 1 ? cockpit.format(_("Apply $0"), services[0]) : _("Apply what is pending");

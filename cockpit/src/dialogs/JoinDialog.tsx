@@ -11,7 +11,7 @@ import { FaultAlert } from "../ui/FaultAlert";
 import { Plain, plain } from "../ui/Plain";
 import { ChangeDialog } from "./ChangeDialog";
 import { Foreseen, Part } from "./Foreseen";
-import { ConfirmationFields, confirmationArguments, reasonArguments, useConfirmation } from "./confirmation";
+import { ConfirmationFields, confirmationArguments, foreseeingArguments, reasonArguments, useConfirmation } from "./confirmation";
 import { placesOf } from "./jsonPlaces";
 import type { Order } from "./making";
 import { usePreview } from "./usePreview";
@@ -32,10 +32,10 @@ interface Seen {
 }
 
 // With --replace, so that the plan tells what it would take the place of; without, that is refused.
-async function foresee({ file, input }: Source): Promise<Seen> {
+async function foresee({ file, input }: Source, options: string[]): Promise<Seen> {
   const { document: verdict } = await run("validate", ["--", file], { input });
   if (!verdict.valid) return { verdict, plan: null };
-  const { document: plan } = await run("join", ["--dry-run", "--replace", "--", file], { input });
+  const { document: plan } = await run("join", [...options, "--replace", "--", file], { input });
   return { verdict, plan };
 }
 
@@ -49,7 +49,8 @@ export default function JoinDialog({ onClose }: { onClose: () => void }) {
 
   const source: Source | null = tab === "catalogue" ? (chosen === null ? null : { file: chosen })
     : text.trim() ? { file: "-", input: text } : null;
-  const preview = usePreview(source && `${source.file}\0${source.input ?? ""}`, () => foresee(source!), tab === "file" ? kTypingMilliseconds : 0);
+  const preview = usePreview(source && `${confirmation.isWanted}\0${source.file}\0${source.input ?? ""}`,
+    () => foresee(source!, foreseeingArguments(confirmation)), tab === "file" ? kTypingMilliseconds : 0);
   const plan = preview.seen?.plan ?? null;
   const needsReplacing = plan?.services.some(({ replaced }) => replaced.length > 0) ?? false;
   const isReady = source !== null && plan !== null && (!needsReplacing || replaces);

@@ -6,7 +6,7 @@ import { run } from "../command";
 import { Plain, plain } from "../ui/Plain";
 import { ChangeDialog } from "./ChangeDialog";
 import { Foreseen, Part } from "./Foreseen";
-import { ConfirmationFields, confirmationArguments, useConfirmation } from "./confirmation";
+import { ConfirmationFields, confirmationArguments, foreseeingArguments, useConfirmation } from "./confirmation";
 import { usePreview } from "./usePreview";
 
 const _ = cockpit.gettext;
@@ -14,7 +14,7 @@ const _ = cockpit.gettext;
 export default function LeaveDialog({ service, onClose }: { service: string; onClose: () => void }) {
   const [confirmation, setConfirmation] = useConfirmation();
   const input = JSON.stringify({ services: [{ service }] });
-  const preview = usePreview(service, () => run("leave", ["--dry-run", "-"], { input }));
+  const preview = usePreview(String(confirmation.isWanted), () => run("leave", [...foreseeingArguments(confirmation), "-"], { input }));
   return (
     <ChangeDialog title={cockpit.format(_("Leave: $0"), service)} act={_("Leave")} isDanger onClose={onClose} size="medium"
       orders={preview.seen ? [{ command: "leave", args: [...confirmationArguments(confirmation), "-"], input }] : null}

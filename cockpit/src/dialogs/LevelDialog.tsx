@@ -10,7 +10,7 @@ import type { Loss } from "../ui/Losses";
 import { levelName } from "../ui/states";
 import { ChangeDialog } from "./ChangeDialog";
 import { ClientsPart, FilesPart, Foreseen, MachinePart, ReloadersPart } from "./Foreseen";
-import { ConfirmationFields, confirmationArguments, reasonArguments, useConfirmation } from "./confirmation";
+import { ConfirmationFields, confirmationArguments, foreseeingArguments, reasonArguments, useConfirmation } from "./confirmation";
 import type { Order } from "./making";
 import { usePreview } from "./usePreview";
 
@@ -38,8 +38,8 @@ function change(target: Target, level: Choice, options: string[]): Order {
     : { command: "set", args: [...options, "--", ...target, level] };
 }
 
-async function foresee(target: Target, level: Choice, effective: string, dating: string[]): Promise<Seen> {
-  const { command, args } = change(target, level, ["--apply", "--dry-run", ...dating]);
+async function foresee(target: Target, level: Choice, effective: string, options: string[]): Promise<Seen> {
+  const { command, args } = change(target, level, options);
   const [{ document }, explained] = await Promise.all([
     run(command as "set" | "default", args),
     run("explain", [effective]).catch(() => null),
@@ -74,9 +74,9 @@ export default function LevelDialog({ services, onClose }: { services: string[] 
   const lacksReason = until !== "" && confirmation.reason.trim() === "";
   const dating = [...(until ? [`--until=${until}`] : []), ...(until && then ? [`--then=${then}`] : [])];
   // What is wrong with a date is told beforehand, too. Which reason there is does not matter to that.
-  const foreseen = lacksReason ? [] : dating;
+  const foreseen = [...foreseeingArguments(confirmation, ["--apply"]), ...(lacksReason ? [] : dating)];
   const preview = usePreview(level && [level, ...foreseen].join(" "),
-    () => foresee(services, level!, effective!, foreseen.length > 0 ? [...foreseen, ...reasonArguments(confirmation.reason)] : []));
+    () => foresee(services, level!, effective!, [...foreseen, ...reasonArguments(confirmation.reason)]));
 
   const options = [
     ...confirmationArguments(confirmation, ["--apply"]),
@@ -94,8 +94,10 @@ export default function LevelDialog({ services, onClose }: { services: string[] 
           {(Object.keys(kChoices) as Choice[]).filter(choice => !isDefault || choice !== "default").map(choice => (
             <Radio key={choice} id={`level-${choice}`} name="level" isChecked={level === choice} onChange={() => setLevel(choice)}
               label={kChoices[choice].name}
-              description={[choice === "default" ? cockpit.format(_("It is $0 now."), levelName(defaultLevel)) : kChoices[choice].allows,
-                choice === current ? _("This is the level now.") : ""].join(" ")} />
+              description={<>
+              {choice === "default" ? cockpit.format(_("It is $0 now."), levelName(defaultLevel)) : kChoices[choice].allows}
+              {choice === current && <><br />{_("This is the level now.")}</>}
+            </>} />
           ))}
         </FormGroup>
         <Foreseen preview={preview} nothing={_("Choose a level to see what it would change.")}>

@@ -10,7 +10,7 @@ import { Arrow, LevelLabel } from "../ui/Labels";
 import { Plain } from "../ui/Plain";
 import { ChangeDialog } from "./ChangeDialog";
 import { ClientsPart, Foreseen, Part } from "./Foreseen";
-import { ConfirmationFields, confirmationArguments, useConfirmation } from "./confirmation";
+import { ConfirmationFields, confirmationArguments, foreseeingArguments, useConfirmation } from "./confirmation";
 import { usePreview } from "./usePreview";
 
 const _ = cockpit.gettext;
@@ -49,7 +49,8 @@ function Changes({ document: { "default-level": level, changes, unknown, missing
 export default function RestoreDialog({ onClose }: { onClose: () => void }) {
   const [confirmation, setConfirmation] = useConfirmation();
   const [file, setFile] = useState<{ name: string; text: string } | null>(null);
-  const preview = usePreview(file && `${file.name}\0${file.text}`, () => run("restore", ["--dry-run", "-"], { input: file!.text }));
+  const preview = usePreview(file && `${confirmation.isWanted}\0${file.name}\0${file.text}`,
+    () => run("restore", [...foreseeingArguments(confirmation), "-"], { input: file!.text }));
   return (
     <ChangeDialog title={_("Restore levels")} act={_("Restore")} onClose={onClose}
       orders={file && preview.seen ? [{ command: "restore", args: [...confirmationArguments(confirmation), "-"], input: file.text }] : null}

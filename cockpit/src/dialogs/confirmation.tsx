@@ -28,6 +28,11 @@ export function confirmationArguments({ isWanted, time, reason }: Confirmation, 
   return [...(isWanted ? [`--confirm=${time}`] : otherwise), ...reasonArguments(reason)];
 }
 
+// For looking what would change: while another change waits, only one that is to be confirmed with it is not refused.
+export function foreseeingArguments({ isWanted, time }: Confirmation, otherwise: string[] = []): string[] {
+  return ["--dry-run", ...(isWanted ? [`--confirm=${time}`] : otherwise)];
+}
+
 export function reasonArguments(reason: string): string[] {
   return reason.trim() ? [`--reason=${reason.trim()}`] : [];
 }
