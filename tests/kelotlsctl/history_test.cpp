@@ -208,6 +208,15 @@ TEST_F(KelotlsctlHistory, GoesOnBehindALineThatWasCutShort) {
   EXPECT_TRUE(contains(run({"history"}).err, std::string(kHistory) + ", line 3: is no record"));
 }
 
+TEST_F(KelotlsctlHistory, LeavesOutWhatGoesOnWithARecordThatIsGone) {
+  join_web();
+  const std::string end = R"({"id": "gone", "ended": "2026-11-23T00:00:00Z", "result": "done"})";
+  write_file(kHistory, end + "\n" + read_file(kHistory));
+
+  EXPECT_EQ(summaries(), Lines{"join: web: done"});
+  EXPECT_TRUE(contains(run({"history"}).err, std::string(kHistory) + ", line 1: is no record"));
+}
+
 TEST_F(KelotlsctlHistory, BeginsANewFileWhenTheOldOneIsFull) {
   join_web();
   const std::string record = read_file(kHistory);

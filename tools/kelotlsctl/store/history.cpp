@@ -275,9 +275,13 @@ class HistoryReader {
     if (!reader_.parse(line, record) || kelotls::text_member(record, "id").empty()) {
       return false;
     }
-    last_line_ = record;
     const std::string id = record["id"].asString();
-    const auto [place, is_new] = places_.emplace(id, changes_.size());
+    const bool is_new = places_.count(id) == 0;
+    if (is_new && !record.isMember("command")) {
+      return false;  // it goes on with one that is in no file any more
+    }
+    last_line_ = record;
+    const auto place = places_.emplace(id, changes_.size()).first;
     if (is_new) {
       record["result"] = record.get("result", "interrupted");
       changes_.append(record);
