@@ -16,6 +16,10 @@ namespace {
 
 constexpr char kCatalogue[] = "/usr/share/kelotls/services";
 
+std::string file_of(const std::string& directory, const std::string& name) {
+  return directory + "/" + name + "/registration.json";
+}
+
 /// Null where the data store does not say whether it has joined.
 Json::Value service_json(const Json::Value& service, const std::optional<Store>& store) {
   const std::string name = service["service"].asString();
@@ -61,7 +65,7 @@ Report show_catalogue(Console&, const Arguments& arguments) {
   const std::optional<Store> store = try_store();
   Json::Value registrations = list_of({});
   for (const std::string& name : names) {
-    const std::string file = directory + "/" + name + "/registration.json";
+    const std::string file = file_of(directory, name);
     if (kelotls::exists_at(file)) {
       registrations.append(registration_json(name, file, store));
     }
