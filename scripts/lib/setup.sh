@@ -60,11 +60,11 @@ need_packages() {
   fi
 }
 
-# stop_new_service PACKAGE: Debian starts the services that it installs, now and at each boot. One
+# stop_new_service PACKAGE [UNIT]: Debian starts the services that it installs, now and at each boot. One
 # that came only because a script here needs its program is stopped again.
 stop_new_service() {
   if [[ " ${new_packages[*]-} " == *" $1 "* ]] && [ -d /run/systemd/system ]; then
-    quietly as_root systemctl disable --now "$1"
+    quietly as_root systemctl disable --now "${2-$1}"
   fi
 }
 

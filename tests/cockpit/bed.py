@@ -14,6 +14,8 @@ import subprocess
 import threading
 import time
 
+import privileged_bridge
+
 HERE = pathlib.Path(__file__).parent
 PROJECT = HERE.parent.parent
 KELO = pathlib.Path("/usr/kelo")
@@ -23,8 +25,11 @@ SERVICES = pathlib.Path("/usr/share/kelotls/services")
 LOCAL = pathlib.Path("/usr/local")
 KELOTLSCTL = LOCAL / "sbin/kelotlsctl"
 RELOADERS = [pathlib.Path(prefix) / "libexec/security-profile/tls-profile" for prefix in ("/usr", "/usr/local")]
+FRAMEWORK = [KELO, *RELOADERS]
+KEPT = pathlib.Path("/tmp/made-appliance")
 COCKPIT_PORT, DOOR_PORT, NGINX_PORT, TLS_SERVICE_PORT = 9090, 9091, 8443, 8444
 PASSWORD = "secret"
+HOMES = pathlib.Path("/run/home")
 USERS = {"root": 0, "operator": 1000, "viewer": 1001}
 PATIENCE = int(os.environ.get("KELOTLS_PATIENCE", "40"))  # seconds; a condition that takes longer has failed
 PR_SET_CHILD_SUBREAPER = 36
@@ -74,15 +79,14 @@ def add_page(page):
 
 def add_users():
     """Who may log in, with the password of all; the login is PAM's own."""
-    homes = pathlib.Path("/run/home")
-    homes.mkdir()
+    HOMES.mkdir()
     password = subprocess.run(["openssl", "passwd", "-6", PASSWORD], stdout=subprocess.PIPE, text=True,
                               check=True).stdout.strip()
     for name, number in USERS.items():
-        (homes / name).mkdir()
-        os.chown(homes / name, number, number)
+        (HOMES / name).mkdir()
+        os.chown(HOMES / name, number, number)
     for name, mode, text in (
-            ("passwd", 0o644, "".join(f"{name}:x:{number}:{number}:{name}:{homes / name}:/bin/sh\n"
+            ("passwd", 0o644, "".join(f"{name}:x:{number}:{number}:{name}:{HOMES / name}:/bin/sh\n"
                                       for name, number in USERS.items())
              + "nobody:x:65534:65534:nobody:/:/bin/false\n"),
             ("shadow", 0o600, "".join(f"{name}:{password}:1::::::\n" for name in USERS)),
@@ -161,6 +165,20 @@ def is_listening(port):
 # The appliance
 
 
+def empty(directory):
+    directory.mkdir(parents=True, exist_ok=True)
+    for entry in directory.iterdir():
+        if entry.is_dir() and not entry.is_symlink():
+            shutil.rmtree(entry)
+        else:
+            entry.unlink()
+
+
+def replace_content(directory, source):
+    empty(directory)
+    shutil.copytree(source, directory, symlinks=True, dirs_exist_ok=True)
+
+
 class Appliance:
     """The framework's files and two running servers; made anew for each test."""
 
@@ -172,10 +190,8 @@ class Appliance:
 
     def make_empty(self):
         """As it comes from the factory: nothing has joined."""
-        for directory in (KELO, *RELOADERS):
-            shutil.rmtree(directory, ignore_errors=True)
-            for entry in directory.iterdir() if directory.exists() else ():
-                raise AssertionError(f"{entry} is left of the test before")
+        for directory in FRAMEWORK:
+            empty(directory)
         for directory in (PROFILE / "services", PROFILE / "config", KELO / "run", KELO / "etc/ssl",
                           KELO / "etc/nginx", KELO / "share", *RELOADERS):
             directory.mkdir(parents=True, exist_ok=True)
@@ -185,6 +201,11 @@ class Appliance:
 
     def make(self):
         """With two services, both served: one by its template, one by the library."""
+        if KEPT.exists():
+            for directory in FRAMEWORK:
+                replace_content(directory, KEPT / str(directory).lstrip("/"))
+            self.start_servers()
+            return
         self.make_empty()
         self.install_servers()
         self.command("join", str(SERVICES / "nginx/registration.json"))
@@ -193,6 +214,10 @@ class Appliance:
         self.command("render")
         self.start_servers()
         wait_until(lambda: self.run("apply").returncode == 0, "all is in force")
+        for directory in FRAMEWORK:
+            shutil.copytree(directory, KEPT / str(directory).lstrip("/"), symlinks=True)
+        for path in (KEPT / str(KELO).lstrip("/") / "run").iterdir():
+            path.unlink()
 
     def install_servers(self):
         shutil.copy(SERVICES / "nginx/nginx.conf", KELO / "etc/nginx")
@@ -353,16 +378,23 @@ class PrivilegedDoor:
 
     def __init__(self):
         self._listener = socket.socket(socket.AF_UNIX)
-        self._listener.bind("/run/privileged")
-        os.chown("/run/privileged", USERS["operator"], 0)
-        os.chmod("/run/privileged", 0o600)
+        self._listener.bind(privileged_bridge.SOCKET)
+        os.chown(privileged_bridge.SOCKET, USERS["operator"], 0)
+        os.chmod(privileged_bridge.SOCKET, 0o600)
         self._listener.listen()
         threading.Thread(target=self._serve, daemon=True).start()
 
     def _serve(self):
         while True:
-            connection, _ = self._listener.accept()
-            with connection:
-                subprocess.Popen(["cockpit-bridge", "--privileged"], stdin=connection, stdout=connection,
-                                 stderr=subprocess.DEVNULL, env={"PATH": "/usr/local/sbin:/usr/sbin:/usr/bin:/bin",
-                                                                 "HOME": "/run/home/root", "LANG": "C.UTF-8"})
+            threading.Thread(target=self._run_bridge, args=(self._listener.accept()[0],), daemon=True).start()
+
+    @staticmethod
+    def _run_bridge(connection):
+        with connection:
+            _, streams, _, _ = socket.recv_fds(connection, 16, 3)
+            bridge = subprocess.Popen(
+                ["cockpit-bridge", "--privileged"], stdin=streams[0], stdout=streams[1], stderr=streams[2],
+                env={"PATH": os.environ["PATH"], "HOME": str(HOMES / "root"), "LANG": "C.UTF-8"})
+            for stream in streams:
+                os.close(stream)
+            bridge.wait()

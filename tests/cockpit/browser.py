@@ -58,6 +58,7 @@ class Browser:
                                                   "intl.accept_languages": "en-US"})
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self._document = "document"
+        self._user = None
         self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
 
     def quit(self):
@@ -65,13 +66,25 @@ class Browser:
 
     # Coming and going
 
+    def come(self, user):
+        """To the page, in the session of the test before where that was the same user's."""
+        if self._user != user:
+            self.log_in(user)
+            return
+        self.driver.get(ADDRESS + PAGE)
+        if self.script("return document.getElementById('login-user-input') !== null"):  # it has ended
+            self.log_in(user)
+
     def log_in(self, user, path=PAGE):
         """By Cockpit's own login page, which is shown instead of the page until then."""
+        self.forget()
+        self.driver.execute_cdp_cmd("Network.clearBrowserCookies", {})
         self.driver.get(ADDRESS + path)
         self.wait(lambda: self.driver.find_element(By.ID, "login-user-input").is_displayed(), "the login page")
         self.driver.find_element(By.ID, "login-user-input").send_keys(user)
         self.driver.find_element(By.ID, "login-password-input").send_keys(PASSWORD, Keys.ENTER)
         self.wait(lambda: self.script("return document.getElementById('login-user-input') === null"), "logged in")
+        self._user = user if path == PAGE else None
 
     def open(self, place="/"):
         """A view of the page, loaded anew."""
@@ -97,12 +110,12 @@ class Browser:
         self._document = "document"
 
     def forget(self):
-        """Everything that the browser has kept of the session."""
+        """Everything that the browser has kept but for the session itself."""
         self.leave_frame()
         self.driver.get("about:blank")
         for command, arguments in (
-                ("Network.clearBrowserCookies", {}),
-                ("Storage.clearDataForOrigin", {"origin": ADDRESS, "storageTypes": "all"}),
+                ("Network.deleteCookies", {"name": "CockpitLang", "url": ADDRESS}),
+                ("Storage.clearDataForOrigin", {"origin": ADDRESS, "storageTypes": "local_storage"}),
                 ("Emulation.setEmulatedMedia", {"features": []}),
                 ("Emulation.clearDeviceMetricsOverride", {})):
             self.driver.execute_cdp_cmd(command, arguments)

@@ -1,8 +1,10 @@
 """What every test begins with: a fresh appliance, and the page open in a browser."""
 
+import datetime
 import os
 import pathlib
 import shutil
+import signal
 import unittest
 
 import bed
@@ -70,7 +72,7 @@ class PageCase(unittest.TestCase):
 
     def log_in(self):
         if self.user is not None:
-            self.page.log_in(self.user)
+            self.page.come(self.user)
 
     def end_what_runs(self):
         """Servers, and who waits for a confirmation; Cockpit and the browsers stay."""
@@ -114,6 +116,25 @@ class PageCase(unittest.TestCase):
 
     def write_reloader(self, text):
         (bed.KELO / "share/tls_service/reloader").write_text("#!/bin/sh\n" + text, encoding="utf-8")
+
+    @staticmethod
+    def days_ahead(days):
+        return (datetime.date.today() + datetime.timedelta(days)).isoformat()
+
+    def record_clients(self):
+        """Of nginx: one that knows no more than TLS 1.2, and others."""
+        record = self.appliance.begin("clients", "record", "nginx")
+
+        def has_both():
+            for version in ("tls1_2", "tls1_3"):
+                bed.accepts(bed.NGINX_PORT, version)
+            record.send_signal(signal.SIGUSR1)
+            shown = self.appliance.run("clients", "show", "nginx", "--json").stdout
+            return shown.count("TLS 1.2") > 1 and "TLS 1.3" in shown
+
+        bed.wait_until(has_both, "both clients are on record")
+        record.send_signal(signal.SIGINT)
+        record.wait()
 
     def settled(self):
         """What the command's status says of a change that waits; None where none does."""

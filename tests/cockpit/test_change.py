@@ -2,8 +2,6 @@
 
 import datetime
 import re
-import signal
-import subprocess
 import unittest
 
 import bed
@@ -160,20 +158,7 @@ class LevelOfOneService(PageCase):
 class ClientsThatAreLost(PageCase):
     def make_appliance(self):
         super().make_appliance()
-        record = subprocess.Popen([bed.KELOTLSCTL, "clients", "record", "nginx"],
-                                  stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-
-        def has_both():
-            for version in ("tls1_2", "tls1_3"):
-                bed.accepts(bed.NGINX_PORT, version)
-            record.send_signal(signal.SIGUSR1)
-            shown = subprocess.run([bed.KELOTLSCTL, "clients", "show", "nginx", "--json"],
-                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False).stdout
-            return shown.count("TLS 1.2") > 1 and "TLS 1.3" in shown
-
-        bed.wait_until(has_both, "both clients are on record")
-        record.send_signal(signal.SIGINT)
-        record.wait()
+        self.record_clients()
 
     def test_they_are_named_before_a_level_is_applied(self):
         dialog = self.choose_level("nginx", "Modern")
