@@ -29,11 +29,13 @@ interface ChangeDialogProps {
   // What is said once all of it has been done.
   success: (made: Made[]) => string;
   onClose: () => void;
+  // Once all of it has been done, and the dialog is gone.
+  onDone?: () => void;
   size?: "medium" | "large";
   children: ReactNode;
 }
 
-export function ChangeDialog({ title, act, isDanger, orders, success, onClose, size = "large", children }: ChangeDialogProps) {
+export function ChangeDialog({ title, act, isDanger, orders, success, onClose, onDone, size = "large", children }: ChangeDialogProps) {
   const { making, make, stop, goBack } = useMaking();
   const say = useToasts();
   const isRunning = making.phase === "running";
@@ -44,6 +46,7 @@ export function ChangeDialog({ title, act, isDanger, orders, success, onClose, s
     if (fault || made.length < orders.length || made.some(({ code }) => code !== 0)) return;
     const warnings = messages.filter(({ event }) => event !== "note");
     onClose();
+    onDone?.();
     if (warnings.length === 0) say(success(made));
     else say(success(made), "warning", <Messages messages={warnings} />);
   };

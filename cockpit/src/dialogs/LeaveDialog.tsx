@@ -11,12 +11,18 @@ import { usePreview } from "./usePreview";
 
 const _ = cockpit.gettext;
 
-export default function LeaveDialog({ service, onClose }: { service: string; onClose: () => void }) {
+interface LeaveDialogProps {
+  service: string;
+  onClose: () => void;
+  onDone?: () => void;
+}
+
+export default function LeaveDialog({ service, onClose, onDone }: LeaveDialogProps) {
   const [confirmation, setConfirmation] = useConfirmation();
   const input = JSON.stringify({ services: [{ service }] });
   const preview = usePreview(String(confirmation.isWanted), () => run("leave", [...foreseeingArguments(confirmation), "-"], { input }));
   return (
-    <ChangeDialog title={cockpit.format(_("Leave: $0"), service)} act={_("Leave")} isDanger onClose={onClose} size="medium"
+    <ChangeDialog title={cockpit.format(_("Leave: $0"), service)} act={_("Leave")} isDanger onClose={onClose} onDone={onDone} size="medium"
       orders={preview.seen ? [{ command: "leave", args: [...confirmationArguments(confirmation), "-"], input }] : null}
       success={made => cockpit.format("confirm" in made[0].document ? _("$0 left, waits for confirmation") : _("$0 left"), plain(service))}>
       <Foreseen preview={preview}>

@@ -20,7 +20,7 @@ import { Moment } from "../ui/Moment";
 import { Plain } from "../ui/Plain";
 import { useDialogs } from "../ui/dialogs";
 import { GuardedButton } from "../ui/guarded";
-import { address } from "../ui/location";
+import { address, go } from "../ui/location";
 import { Clients } from "./Clients";
 import { Survey } from "./Survey";
 import "./service.css";
@@ -63,7 +63,7 @@ function Actions({ name }: { name: string }) {
         <GuardedButton variant="secondary" onClick={() => show(<ApplyDialog services={[name]} onClose={close} />)}>{_("Apply")}</GuardedButton>
       </ActionListItem>
       <ActionListItem>
-        <GuardedButton variant="secondary" isDanger onClick={() => show(<LeaveDialog service={name} onClose={close} />)}>{_("Leave")}</GuardedButton>
+        <GuardedButton variant="secondary" isDanger onClick={() => show(<LeaveDialog service={name} onClose={close} onDone={() => go([])} />)}>{_("Leave")}</GuardedButton>
       </ActionListItem>
     </ActionListGroup></ActionList>
   );
