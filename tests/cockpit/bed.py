@@ -60,28 +60,22 @@ def link_anew(path, target):
     path.symlink_to(target)
 
 
-def make_directory_anew(path):
-    """The same for a directory, with the machine's entries in it as links."""
-    target = path.resolve()
-    path.unlink()
-    path.mkdir()
-    for entry in target.iterdir():
-        (path / entry.name).symlink_to(entry)
-
-
 def add_page(page):
-    """Installs the page's directory where Cockpit looks for packages."""
+    """Installs the page's directory where Cockpit looks for packages, beside those that frame it."""
     packages = pathlib.Path("/usr/share/cockpit")
-    if packages.is_symlink():
-        make_directory_anew(packages)
-    link_anew(packages / "kelotls", page)
+    machines = packages.resolve()
+    packages.unlink()
+    packages.mkdir()
+    for name in ("base1", "branding", "shell", "static"):
+        (packages / name).symlink_to(machines / name)
+    (packages / "kelotls").symlink_to(page)
 
 
-def add_users():
+def add_users(password):
     """Who may log in, with the password of all; the login is PAM's own."""
     HOMES.mkdir()
-    password = subprocess.run(["openssl", "passwd", "-6", PASSWORD], stdout=subprocess.PIPE, text=True,
-                              check=True).stdout.strip()
+    hashed = subprocess.run(["openssl", "passwd", "-6", "-stdin"], input=password, stdout=subprocess.PIPE, text=True,
+                            check=True).stdout.strip()
     for name, number in USERS.items():
         (HOMES / name).mkdir()
         os.chown(HOMES / name, number, number)
@@ -89,7 +83,7 @@ def add_users():
             ("passwd", 0o644, "".join(f"{name}:x:{number}:{number}:{name}:{HOMES / name}:/bin/sh\n"
                                       for name, number in USERS.items())
              + "nobody:x:65534:65534:nobody:/:/bin/false\n"),
-            ("shadow", 0o600, "".join(f"{name}:{password}:1::::::\n" for name in USERS)),
+            ("shadow", 0o600, "".join(f"{name}:{hashed}:1::::::\n" for name in USERS)),
             ("shells", 0o644, "/bin/sh\n")):
         path = pathlib.Path("/etc", name)
         path.unlink(missing_ok=True)
@@ -115,7 +109,7 @@ def configure_cockpit():
     sudo.chmod(0o755)
 
 
-def prepare_tree(kelotlsctl, page):
+def prepare_tree(kelotlsctl, page, password=PASSWORD):
     """Once for each tree."""
     assert os.environ.get("KELOTLS_PRIVATE_TREE") == "1", "this is for a private tree alone"
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
@@ -125,7 +119,7 @@ def prepare_tree(kelotlsctl, page):
     for name in ("bin", "sbin"):  # the machine's own are shown read-only
         run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", LOCAL / name)
     add_page(page)
-    add_users()
+    add_users(password)
     configure_cockpit()
     link_anew(SERVICES.parent / "known_clients.json", PROJECT / "tools/kelotlsctl/clients/known_clients.json")
     link_anew(KELOTLSCTL, kelotlsctl)
@@ -225,13 +219,16 @@ class Appliance:
         shutil.copytree(PROJECT / "examples/tls_service", KELO / "share/tls_service")
 
     def start_servers(self):
-        subprocess.Popen(["/usr/sbin/nginx", "-c", KELO / "etc/nginx/nginx.conf", "-g", "user root; daemon off;"],
-                         stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.start_nginx()
         subprocess.Popen([self.build / "examples/tls_service", "--pid-file", KELO / "run/tls_service.pid",
                           "tls_service", self.certificate, str(TLS_SERVICE_PORT)],
                          stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
-        for port in (NGINX_PORT, TLS_SERVICE_PORT):
-            wait_until(lambda port=port: is_listening(port), f"a server listens at {port}")
+        wait_until(lambda: is_listening(TLS_SERVICE_PORT), "the C service listens")
+
+    def start_nginx(self):
+        subprocess.Popen(["/usr/sbin/nginx", "-c", KELO / "etc/nginx/nginx.conf", "-g", "user root; daemon off;"],
+                         stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_until(lambda: is_listening(NGINX_PORT), "nginx listens")
 
     def command(self, *arguments, code=0, stdin=None):
         """What an administrator does beside the page; its output, and as a document with --json."""

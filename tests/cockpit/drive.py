@@ -8,13 +8,17 @@ being compared. Exit status 1 unless all have passed.
 """
 
 import argparse
+import base64
 import concurrent.futures
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import time
+import urllib.error
+import urllib.request
 
 HERE = pathlib.Path(__file__).parent
 PROJECT = HERE.parent.parent
@@ -36,6 +40,38 @@ def run(build, page, services, name, pictures=None):
     return result.returncode == 0, result.stdout
 
 
+def is_served(build, page, services):
+    """Whether the page is reached from outside of the tree with the password that is printed, and ends when told to;
+    and what is wrong."""
+    serving = subprocess.Popen(["/usr/bin/python3", "-B", HERE / "serve.py", build, page, services],
+                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+    try:
+        said = ""
+        for line in serving.stdout:
+            said += line
+            if line.startswith("Ctrl-C"):
+                break
+        address = re.search(r"(http://\S+)/kelotls", said)
+        password = re.search(r"Password: *(\S+)", said)
+        if not (address and password):
+            return False, said
+        codes = [log_in(address[1], word) for word in (password[1], "wrong")]
+    finally:
+        serving.send_signal(signal.SIGTERM)
+        status = serving.wait()
+    return codes == [200, 401] and status == 0, f"{said}\nlogin: {codes}, status {status}"
+
+
+def log_in(address, password):
+    token = base64.b64encode(f"root:{password}".encode()).decode()
+    try:
+        with urllib.request.urlopen(urllib.request.Request(
+                f"{address}/cockpit/login", headers={"Authorization": f"Basic {token}"})) as answer:
+            return answer.status
+    except urllib.error.HTTPError as error:
+        return error.code
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--pictures", type=pathlib.Path)
@@ -54,6 +90,13 @@ def main():
                            arguments.pictures and arguments.pictures.resolve())
         return name, passed, said, time.monotonic() - begun
 
+    if not arguments.names:
+        served, said = is_served(arguments.build, arguments.page, arguments.services)
+        count += 1
+        print(f"scripts/demo --page: {'served' if served else 'FAILED'}", flush=True)
+        if not served:
+            failed.append("scripts/demo --page")
+            print(said)
     with concurrent.futures.ThreadPoolExecutor(AT_A_TIME) as pool:
         for name, passed, said, seconds in pool.map(run_one, arguments.names or MODULES):
             ran = re.search(r"^Ran (\d+) test", said, re.M)

@@ -38,7 +38,7 @@ class Joining(PageCase):
 
         self.page.wait_row("Web server", "default → intermediate")
         self.assertTrue((bed.PROFILE / "config/nginx.conf").exists())
-        self.appliance.start_servers()
+        self.appliance.start_nginx()
         self.assert_wire(bed.NGINX_PORT, "tls1_2", "tls1_3")
 
     def test_from_a_file_that_is_picked(self):
