@@ -132,6 +132,7 @@ async function runTelling(order: Order, signal: AbortSignal, tell: (line: Line) 
     throw signal.aborted ? new CommandFault(toldToEnd()) : caught;
   }
   read("\n");
+  for (const text of saidByOthers(said)) tell({ event: "note", text });
   if (typeof document !== "object" || document === null) {
     throw new CommandFault({ kind: "unreadable", error: _("kelotlsctl printed no document"), advice: said.trim(), code });
   }
@@ -139,6 +140,12 @@ async function runTelling(order: Order, signal: AbortSignal, tell: (line: Line) 
     throw new CommandFault({ kind: "command", ...document as Documents["error"] });
   }
   return { order, document: document as Documents[keyof Documents], code };
+}
+
+// What reloaders say goes to the standard error, too: among what the command says there itself, which has come
+// already.
+function saidByOthers(said: string): string[] {
+  return said.split("\n").filter(line => line.trim() && !line.startsWith("kelotlsctl: ") && !line.startsWith("  "));
 }
 
 function parsed(line: string): Line | null {
