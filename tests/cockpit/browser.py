@@ -182,7 +182,7 @@ class Browser:
             with contextlib.suppress(StaleElementReferenceException, WebDriverException):
                 return condition()
             return False
-        return wait_until(holds, lambda: f"{what}, on\n{self.outline()}")
+        return wait_until(holds, lambda: f"{what() if callable(what) else what}, on\n{self.outline()}")
 
     def wait_for(self, role, name=None, within=None):
         return self.wait(lambda: self.find_all(role, name, within), f"{role} {name!r}")[0]
@@ -196,16 +196,16 @@ class Browser:
         return self.wait(lambda: pattern.search(self.find_all(role, name)[0].text) if self.has(role, name)
                          else None, f"{pattern.pattern!r} in {role} {name!r}")
 
-    def row(self, name, table=None):
-        """The row of a table in which this is written."""
-        return self.wait(lambda: [each for each in self.find_all("row", within=table) if name in each.name],
-                         f"a row with {name!r}")[0]
+    def rows(self):
+        """What is written in each row of the tables, heads included."""
+        return [" ".join(text.split()) for text in self.script(
+            "return [...document.querySelectorAll('tr')].map(row => row.innerText)")]
 
     def wait_row(self, name, *texts):
-        """Until these are in the row, in this order."""
-        pattern = re.compile(r"[\s\S]*".join(map(re.escape, texts)))
-        self.wait(lambda: any(name in each.name and pattern.search(each.name) for each in self.find_all("row")),
-                  f"a row with {name!r} and {texts}")
+        """Until a row holds the name, and these in this order."""
+        pattern = re.compile(".*".join(map(re.escape, texts)))
+        self.wait(lambda: any(name in row and pattern.search(row) for row in self.rows()),
+                  lambda: f"a row with {name!r} and {texts} among {self.rows()}")
 
     def wait_table(self, name):
         return self.wait(lambda: self.find_all("grid", name) or self.find_all("table", name), f"table {name!r}")[0]

@@ -236,7 +236,7 @@ class OneService(PageCase):
         self.page.click("link", "History of this service")
 
         self.page.wait_table("History")
-        self.page.wait(lambda: all("tls_service" in each.name for each in self.page.find_all("row")[1:]),
+        self.page.wait(lambda: all("tls_service" in row for row in self.page.rows()[1:]),
                        "its own alone")
 
 

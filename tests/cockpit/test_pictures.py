@@ -17,6 +17,7 @@ CELLS = (64, 40)  # each is the mean of a square of 20 pixels
 CELL_MOST = 32  # of 255: by how much one may differ
 CELLS_MOST = 0.06  # the share of those that may differ by more
 COLOURS = 64
+MADE = os.environ.get("KELOTLS_PICTURES")
 
 
 def share_that_differs(one, other):
@@ -48,10 +49,9 @@ class Pictures(PageCase):
             " each.playState !== 'running')"), "it stands still")
         now = pathlib.Path("/tmp") / f"{name}.png"
         self.page.driver.save_screenshot(str(now))
-        made = os.environ.get("KELOTLS_PICTURES")
         with Image.open(now) as picture:
-            if made:
-                picture.convert("RGB").quantize(COLOURS).save(os.path.join(made, f"{name}.png"), optimize=True)
+            if MADE:
+                picture.convert("RGB").quantize(COLOURS).save(os.path.join(MADE, f"{name}.png"), optimize=True)
                 return
             with Image.open(PICTURES / f"{name}.png") as wanted:
                 self.assertEqual(picture.size, wanted.size)
@@ -89,6 +89,7 @@ class Pictures(PageCase):
         self.page.wait_table("Cipher suites")
         self.assert_as_in_picture("service")
 
+    @unittest.skipIf(MADE, "the pictures are being made")
     def test_that_another_page_is_told_apart(self):
         with Image.open(PICTURES / "services.png") as one, Image.open(PICTURES / "change.png") as other:
             self.assertGreater(share_that_differs(one, other), 2 * CELLS_MOST)

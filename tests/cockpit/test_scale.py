@@ -52,7 +52,7 @@ class ThousandServices(PageCase):
 
     def test_pages_lead_through_all_of_them(self):
         self.page.wait_row("Service number 0")
-        self.assertLess(len(self.page.find_all("row")), 110)
+        self.assertLess(len(self.page.rows()), 110)
 
         self.page.wait(lambda: self.page.has("button", "Go to next page"), "the way on")
         self.page.find_all("button", "Go to next page")[0].click()
