@@ -29,6 +29,7 @@ FRAMEWORK = [KELO, *RELOADERS]
 KEPT = pathlib.Path("/tmp/made-appliance")
 COCKPIT_PORT, DOOR_PORT, NGINX_PORT, TLS_SERVICE_PORT = 9090, 9091, 8443, 8444
 PASSWORD = "secret"
+OTHER_COCKPIT = "KELOTLS_COCKPIT"  # names the directory of another version, unpacked, in the environment
 HOMES = pathlib.Path("/run/home")
 USERS = {"root": 0, "operator": 1000, "viewer": 1001}
 PATIENCE = int(os.environ.get("KELOTLS_PATIENCE", "40"))  # seconds; a condition that takes longer has failed
@@ -60,10 +61,19 @@ def link_anew(path, target):
     path.symlink_to(target)
 
 
-def add_page(page):
+def use_cockpit(root):
+    """Another version's unpacked packages take the place of the machine's Cockpit."""
+    for place in ("usr/lib/cockpit", "usr/bin/cockpit-bridge"):
+        run("mount", "--bind", root / place, pathlib.Path("/", place))
+    modules = next(LOCAL.glob("lib/python3.*/dist-packages"))
+    run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", modules)
+    (modules / "cockpit").symlink_to(root / "usr/lib/python3/dist-packages/cockpit")
+
+
+def add_page(page, root):
     """Installs the page's directory where Cockpit looks for packages, beside those that frame it."""
     packages = pathlib.Path("/usr/share/cockpit")
-    machines = packages.resolve()
+    machines = root / "usr/share/cockpit" if root else packages.resolve()
     packages.unlink()
     packages.mkdir()
     for name in ("base1", "branding", "shell", "static"):
@@ -103,7 +113,8 @@ def configure_cockpit():
     link = pathlib.Path("/etc/cockpit")
     link.unlink()
     link.mkdir()
-    (link / "cockpit.conf").write_text("[WebService]\nAllowUnencrypted=true\n", encoding="utf-8")
+    (link / "cockpit.conf").write_text("[WebService]\nAllowUnencrypted=true\n"
+                                      "[basic]\nCommand=/usr/lib/cockpit/cockpit-session\n", encoding="utf-8")
     sudo = LOCAL / "bin/sudo"
     sudo.write_text(f"#!/bin/sh\nexec /usr/bin/python3 -B {HERE}/privileged_bridge.py\n", encoding="ascii")
     sudo.chmod(0o755)
@@ -118,7 +129,10 @@ def prepare_tree(kelotlsctl, page, password=PASSWORD):
         run("mount", "-o", "remount,rw", place)
     for name in ("bin", "sbin"):  # the machine's own are shown read-only
         run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", LOCAL / name)
-    add_page(page)
+    root = os.environ.get(OTHER_COCKPIT)
+    if root:
+        use_cockpit(pathlib.Path(root))
+    add_page(page, root and pathlib.Path(root))
     add_users(password)
     configure_cockpit()
     link_anew(SERVICES.parent / "known_clients.json", PROJECT / "tools/kelotlsctl/clients/known_clients.json")
