@@ -83,7 +83,7 @@ TEST_F(KelotlsctlCompletion, OffersTheOptionsOfEachCommand) {
   EXPECT_EQ(
       complete("kelotlsctl list --"),
       "--json --json-lines --quiet --reason --trust-anyway --help --level --state --terse --names "
-      "--findings\n");
+      "--findings --files\n");
 }
 
 TEST_F(KelotlsctlCompletion, OffersFiles) {
