@@ -180,6 +180,14 @@ TEST_F(KelotlsctlStatus, TellsRootOfAFileThatNobodyMayRead) {
   EXPECT_EQ(outcome.out, "web\n") << outcome.err;
 }
 
+TEST_F(KelotlsctlWithoutRoot, IsToldThatOnlyRootKnowsWhereServersAreAsked) {
+  ASSERT_EQ(run({"address", "web", "localhost:1"}).status, 0);
+  const Outcome outcome = run_as_user({"probe", "web"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err,
+            "kelotlsctl: error: where running servers are asked is not known: needs root\n");
+}
+
 TEST_F(KelotlsctlWithoutRoot, IsStillToldOfAMissingTemplate) {
   std::filesystem::permissions(rendered_path("web"), std::filesystem::perms(0644));
   remove_all(kTemplate);

@@ -10,6 +10,7 @@
 #include "json_document.h"
 #include "output/console.h"
 #include "store/documents.h"
+#include "store/store.h"
 
 namespace kelotlsctl {
 
@@ -46,6 +47,9 @@ std::string read_file(Json::Value& document) {
 }  // namespace
 
 Addresses Addresses::load() {
+  if (is_withheld(kPath)) {
+    throw Failure(kFailed, "where running servers are asked is not known: needs root");
+  }
   Json::Value document;
   const std::string fault = read_file(document);
   if (!fault.empty()) {
