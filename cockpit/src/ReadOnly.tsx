@@ -2,6 +2,7 @@ import { Alert, PageSection } from "@patternfly/react-core";
 import LockIcon from "@patternfly/react-icons/dist/esm/icons/lock-icon";
 import cockpit from "cockpit";
 import { useLevels } from "./store";
+import { kSeverities } from "./ui/severities";
 
 const _ = cockpit.gettext;
 
@@ -11,7 +12,7 @@ export function ReadOnly() {
   if (writable !== false) return null;
   return (
     <PageSection component="section" aria-label={_("Read-only access")}>
-      <Alert isInline customIcon={<LockIcon />} component="h2" title={_("You can look, but change nothing")}>
+      <Alert isInline variantLabel={kSeverities.custom} customIcon={<LockIcon />} component="h2" title={_("You can look, but change nothing")}>
         {_("Changes need administrative access, which this session does not have. Where you may have it, turn it on at the top of Cockpit's window. Some of what only root may read is not shown.")}
       </Alert>
     </PageSection>

@@ -15,6 +15,7 @@ import { useDialogs, useToasts } from "./ui/dialogs";
 import { FaultAlert } from "./ui/FaultAlert";
 import { GuardedButton } from "./ui/guarded";
 import { Plain } from "./ui/Plain";
+import { kSeverities } from "./ui/severities";
 import { kDefaultLevel, subjectName } from "./ui/states";
 import { duration } from "./ui/time";
 
@@ -56,7 +57,7 @@ function Region({ waiting, asOf }: { waiting: Change; asOf: Date }) {
   const { variant, title } = headings(waiting, left);
   return (
     <PageSection component="section" aria-label={_("Change waiting for confirmation")} className="kelotls-waiting">
-      <Alert isInline component="h2" variant={variant} title={title}>
+      <Alert isInline component="h2" variant={variant} variantLabel={kSeverities[variant ?? "custom"]} title={title}>
         <p>
           {waiting.state === "prepared" && _("It waits for nobody yet:")}
           {waiting.state !== "prepared" && _("It is about:")} <Services services={waiting.services} />

@@ -66,7 +66,7 @@ export function HistoryTable() {
       </Toolbar>
       {changes.length === 0 ?
         <EmptyState headingLevel="h2" icon={HistoryIcon} titleText={wanted ? _("No change of such a service") : _("Nothing was changed yet.")} /> :
-        <Table aria-label={_("History")} variant="compact">
+        <Table role="table" aria-label={_("History")} variant="compact">
           <Thead>
             <Tr>
               <Th>{_("Time")}</Th><Th>{_("Who")}</Th><Th>{_("Command")}</Th><Th>{_("Service")}</Th><Th>{_("Level")}</Th>

@@ -99,7 +99,7 @@ export function Services() {
         {cockpit.format(cockpit.ngettext("$0 of $1 service", "$0 of $1 services", all.length), sorted.length, all.length)}
       </div>
       {sorted.length === 0 ? <NobodyFound onClear={clear} /> :
-        <Table aria-label={_("Services")} variant="compact" className="kelotls-services">
+        <Table role="table" aria-label={_("Services")} variant="compact" className="kelotls-services">
           <Thead>
             <Tr>
               <Th className="pf-v6-c-table__check">

@@ -5,6 +5,7 @@ import cockpit from "cockpit";
 import { Component } from "react";
 import type { ReactNode } from "react";
 import { plain } from "./Plain";
+import { kSeverities } from "./severities";
 
 const _ = cockpit.gettext;
 
@@ -24,7 +25,7 @@ export class Boundary extends Component<{ children: ReactNode }, BoundaryState> 
     if (!error) return this.props.children;
     return (
       <div role="alert">
-        <Alert isInline variant="danger" component="p" title={_("This part of the page has failed")} actionLinks={
+        <Alert isInline variant="danger" variantLabel={kSeverities.danger} component="p" title={_("This part of the page has failed")} actionLinks={
           <AlertActionLink component="button" onClick={() => this.setState({ error: null })}>{_("Try again")}</AlertActionLink>}>
           {plain(error.message)}
         </Alert>

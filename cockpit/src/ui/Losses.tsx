@@ -4,6 +4,7 @@ import { Alert, List, ListItem } from "@patternfly/react-core";
 import cockpit from "cockpit";
 import type { Undo } from "../documents";
 import { Plain, plain } from "./Plain";
+import { kSeverities } from "./severities";
 import { levelName } from "./states";
 
 const _ = cockpit.gettext;
@@ -14,7 +15,7 @@ const kVariants = { "none-lost": "success", "some-lost": "danger", "not-known": 
 
 export function Losses({ losses }: { losses: Loss[] }) {
   return <>{losses.map(loss => (
-    <Alert key={loss.service} isInline component="p" variant={kVariants[loss.verdict]} title={plain(loss.text)}
+    <Alert key={loss.service} isInline component="p" variant={kVariants[loss.verdict]} variantLabel={kSeverities[kVariants[loss.verdict]]} title={plain(loss.text)}
       className="kelotls-loss">
       <p>{cockpit.format(_("$0: $1 becomes $2"), plain(loss.service), levelName(loss.today.name), levelName(loss.level.name))}</p>
       {loss.addresses.length > 0 && <>

@@ -4,6 +4,7 @@ import { Alert, AlertActionCloseButton, AlertGroup } from "@patternfly/react-cor
 import type { AlertProps } from "@patternfly/react-core";
 import { Fragment, createContext, useCallback, useContext, useEffect, useMemo, useRef, useState } from "react";
 import type { ReactElement, ReactNode } from "react";
+import { kSeverities } from "./severities";
 
 interface Dialogs {
   // One at a time; its component closes itself by close().
@@ -59,7 +60,7 @@ export function DialogsAndToasts({ children }: { children: ReactNode }) {
         {open && <Fragment key={open.key}>{open.dialog}</Fragment>}
         <AlertGroup isToast isLiveRegion>
           {toasts.map(({ key, title, variant, more }) => (
-            <Alert key={key} variant={variant} title={title} timeout={variant === "success" ? 12000 : false}
+            <Alert key={key} variant={variant} variantLabel={kSeverities[variant ?? "custom"]} title={title} timeout={variant === "success" ? 12000 : false}
               onTimeout={() => dismiss(key)} actionClose={<AlertActionCloseButton onClose={() => dismiss(key)} />}>
               {more}
             </Alert>
