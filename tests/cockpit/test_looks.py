@@ -41,7 +41,30 @@ def translations(language):
     return {json.loads(f'"{each}"'): json.loads(f'"{other}"') for each, other in pairs}
 
 
-class Views(PageCase):
+class Judged(PageCase):
+    """By axe, in light and dark."""
+
+    def judge(self, view):
+        """What is wrong with the view."""
+        faults = []
+        for is_dark in (False, True):
+            self.page.set_dark(is_dark)
+            self.page.wait(lambda dark=is_dark: self.is_dark() == dark and self.page.script(IS_STILL), "its colours")
+            self.page.script(AXE.read_text(encoding="utf-8"))
+            faults += [f"{view}, {'dark' if is_dark else 'light'}: {violation}"
+                       for violation in self.page.driver.execute_async_script(RUN_AXE, RULES)]
+        self.page.set_dark(False)
+        return faults
+
+    def is_dark(self):
+        colours = self.page.script("return [document.body, document.documentElement, document.querySelector("
+                                   "'.pf-v6-c-page')].map(each => getComputedStyle(each).backgroundColor)")
+        values = [[float(part) for part in re.findall(r"[\d.]+", each)] for each in colours]
+        opaque = [each for each in values if len(each) == 3 or each[3] > 0]
+        return bool(opaque) and sum(opaque[-1][:3]) < 3 * 128
+
+
+class Views(Judged):
     """All of them, one after the other."""
 
     def make_appliance(self):
@@ -66,6 +89,7 @@ class Views(PageCase):
         page.wait_table("Cipher suites")
         yield "one service"
         yield from self.dialogs()
+        yield from self.changes()
         self.appliance.command("set", "nginx", "intermediate", "--confirm", "5m")
         page.open("/")
         page.wait_for("region", "Change waiting for confirmation")
@@ -110,6 +134,21 @@ class Views(PageCase):
             dialog.wait_text("nginx")
             yield "undo"
 
+    def changes(self):
+        self.page.open("/")
+        self.hold_reloader()
+        dialog = self.change_level("tls_service", "Modern", is_confirmed=False)
+        self.wait_held()
+        dialog.wait_for("progressbar")
+        yield "a change that is made"
+        self.release_reloader()
+        dialog.wait_gone()
+        self.break_reloader()
+        dialog = self.change_level("tls_service", "Intermediate", is_confirmed=False)
+        dialog.wait_for("heading", "What came of it")
+        yield "what came of it"
+        dialog.click("button", "Close")
+
     @contextlib.contextmanager
     def dialog(self, role, name, is_there=False):
         if not is_there:
@@ -123,29 +162,9 @@ class Views(PageCase):
         yield dialog
         self.page.click("button", "Cancel", dialog.name)
 
-    def assert_accessible(self, view):
-        self.page.script(AXE.read_text(encoding="utf-8"))
-        violations = self.page.driver.execute_async_script(RUN_AXE, RULES)
-        if violations:
-            self.faults.append(f"{view}:\n" + "\n".join(violations))
-
     def test_axe_finds_nothing(self):
-        self.faults = []
-        for view in self.views():
-            for is_dark in (False, True):
-                self.page.set_dark(is_dark)
-                self.page.wait(lambda dark=is_dark: self.is_dark() == dark and self.page.script(IS_STILL), "its colours")
-                self.assert_accessible(f"{view}, {'dark' if is_dark else 'light'}")
-            self.page.set_dark(False)
-        self.assertFalse(self.faults, "\n".join(self.faults))
-
-    def is_dark(self):
-        colour = self.page.script("return getComputedStyle(document.body).backgroundColor + ' ' +"
-                                  "getComputedStyle(document.documentElement).backgroundColor + ' ' +"
-                                  "getComputedStyle(document.querySelector('.pf-v6-c-page')).backgroundColor")
-        values = [[float(part) for part in each.split(",")] for each in re.findall(r"rgba?\(([^)]*)\)", colour)]
-        opaque = [each for each in values if len(each) == 3 or each[3] > 0]
-        return bool(opaque) and sum(opaque[-1][:3]) < 3 * 128
+        faults = [fault for view in self.views() for fault in self.judge(view)]
+        self.assertFalse(faults, "\n".join(faults))
 
     def test_nothing_scrolls_sideways_on_a_narrow_screen(self):
         faults = []
@@ -155,6 +174,16 @@ class Views(PageCase):
             if wide:
                 faults.append(f"{view}: {wide}")
             self.page.set_width(1280)
+        self.assertFalse(faults, "\n".join(faults))
+
+
+class ReadOnly(Judged):
+    user = "viewer"
+
+    def test_axe_finds_nothing(self):
+        self.page.wait_for("region", "Read-only access")
+        self.page.wait_row("Web server")
+        faults = self.judge("without privilege")
         self.assertFalse(faults, "\n".join(faults))
 
 
