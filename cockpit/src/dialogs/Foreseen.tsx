@@ -58,12 +58,12 @@ export function ClientsPart({ losses, judged }: { losses: Loss[]; judged: Client
       {judged?.["about-text"] && <p><Plain text={judged["about-text"]} /></p>}
       {lost.length > 0 &&
         <Table role="table" aria-label={_("Clients that would be lost")} variant="compact">
-          <Thead><Tr><Th>{_("Client")}</Th><Th>{_("Connections")}</Th><Th>{_("From")}</Th><Th>{_("Last seen")}</Th><Th>{_("Why")}</Th></Tr></Thead>
+          <Thead><Tr><Th>{_("Client")}</Th><Th modifier="fitContent">{_("Connections")}</Th><Th>{_("From")}</Th><Th>{_("Last seen")}</Th><Th>{_("Why")}</Th></Tr></Thead>
           <Tbody>{lost.map(client => (
             <Tr key={client.key}>
               <Td dataLabel={_("Client")}><Plain text={client.name} /></Td>
               <Td dataLabel={_("Connections")}>{client.connections}</Td>
-              <Td dataLabel={_("From")}>{client.from ? <Plain text={client.from} /> : _("not kept")}</Td>
+              <Td dataLabel={_("From")} modifier={client.from.includes(",") ? "breakWord" : "fitContent"}>{client.from ? <Plain text={client.from} /> : _("not kept")}</Td>
               <Td dataLabel={_("Last seen")}>{moment(client.last)}</Td>
               <Td dataLabel={_("Why")}><Plain text={client.why} /></Td>
             </Tr>
