@@ -17,6 +17,14 @@ ADDRESS = f"http://127.0.0.1:{DOOR_PORT}"
 PAGE = "/cockpit/@localhost/kelotls/index.html"
 FRAME = "iframe[name='cockpit1:localhost/kelotls']"
 
+# Where a session has ended while its window was open, the frame is there and holds nothing.
+WHAT_IS_OPEN = f"""
+if (document.getElementById("login-user-input")) return "login";
+const frame = document.querySelector({FRAME!r});
+const title = frame && frame.contentDocument && frame.contentDocument.title;
+return title === "Forbidden" ? "login" : frame && frame.contentDocument.querySelector("h1") ? "page" : null;
+"""
+
 
 class Found:
     """Something on the page."""
@@ -93,11 +101,15 @@ class Browser:
 
     def open_in_shell(self, place="/"):
         """The same as an administrator has it: framed by Cockpit's own pages. What is found, then, is in the
-        frame; leave_frame() leads back to what is around it."""
+        frame; leave_frame() leads back to what is around it. False where the session has ended."""
         self.leave_frame()
         self.driver.get("about:blank")
         self.driver.get(f"{ADDRESS}/kelotls#{place}")
-        self.enter_frame()
+        self.wait(lambda: self.script(WHAT_IS_OPEN), "the page, or a login")
+        if self.script(WHAT_IS_OPEN) == "page":
+            self.enter_frame()
+            return True
+        return False
 
     def enter_frame(self):
         self.leave_frame()

@@ -24,8 +24,10 @@ class LostConnection(PageCase):
                        or not self.page.driver.find_element(By.CSS_SELECTOR, FRAME).is_displayed(), "Cockpit says so")
 
     def come_back(self):
+        """In the same session, unless that ended with the connection."""
         self.door.open()
-        self.page.open_in_shell()
+        if not self.page.open_in_shell():
+            self.log_in_again()
 
     def test_before_an_apply(self):
         dialog = self.choose_level("nginx", "Modern")
