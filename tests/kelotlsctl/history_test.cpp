@@ -192,6 +192,16 @@ TEST_F(KelotlsctlHistory, CallsAChangeWithoutAnEndInterrupted) {
   EXPECT_FALSE(changes()[1].isMember("ended"));
 }
 
+TEST_F(KelotlsctlHistory, CallsAChangeThatIsBeingMadeRunning) {
+  join_web();
+  write_program(kReloader, "#!/bin/sh\n" KELOTLSCTL " --json history > /tmp/history\n" KELOTLSCTL
+                           " --json status > /tmp/status-of-all\n");
+  ASSERT_EQ(run({"reload"}).status, 0);
+  EXPECT_EQ(read_json("/tmp/history")["changes"][1]["result"], "running");
+  EXPECT_TRUE(read_json("/tmp/status-of-all")["last-failure"].isNull());
+  EXPECT_EQ(summaries().back(), "reload: web: done");
+}
+
 TEST_F(KelotlsctlHistory, IsForRootAlone) {
   join_web();
   struct stat status = {};

@@ -53,6 +53,7 @@ export function levelName(name: string): string {
 export const kResults: { [result in Result]: Named } = {
   done: { name: _("Done"), mood: "good" },
   confirmed: { name: _("Confirmed"), mood: "good" },
+  running: { name: _("Being made"), mood: "busy" },
   waiting: { name: _("Waits to be confirmed"), mood: "busy" },
   "taking-back": { name: _("Being taken back"), mood: "busy" },
   undone: { name: _("Failed, former level is back"), mood: "warning" },

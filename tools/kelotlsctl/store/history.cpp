@@ -22,6 +22,7 @@
 #include "json_document.h"
 #include "output/console.h"
 #include "paths.h"
+#include "store/lock.h"
 #include "store/store.h"
 #include "system/clocks.h"
 #include "system/digest.h"
@@ -423,6 +424,28 @@ Json::Value read_history(std::vector<std::string>& faults) {
     changes.append(outside);
   }
   return changes;
+}
+
+/// Who makes a change ends its record before others may make one. A record that has no end while
+/// nobody makes changes is read once more: it may have got one in between.
+Json::Value look_at_history(std::vector<std::string>& faults) {
+  std::string without_end;
+  for (;;) {
+    std::vector<std::string> found;
+    Json::Value changes = read_history(found);
+    const Json::ArrayIndex count = changes.size();
+    const std::string id =
+        count == 0 || is_ended(changes[count - 1]) ? "" : changes[count - 1]["id"].asString();
+    const bool is_running = !id.empty() && Lock::is_held();
+    if (is_running) {
+      changes[count - 1]["result"] = "running";
+    }
+    if (id.empty() || is_running || id == without_end) {
+      faults.insert(faults.end(), found.begin(), found.end());
+      return changes;
+    }
+    without_end = id;
+  }
 }
 
 }  // namespace kelotlsctl

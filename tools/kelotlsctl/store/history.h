@@ -1,7 +1,7 @@
 // Owns the trace that every change leaves: records in a file that only root reads, and a line in
 // the system log. A record is the lines of one "id", later ones adding to the first: one on the
 // disk before the first effect of the change, one when it is over, one more where it was confirmed
-// or taken back later. A change that has the first alone was interrupted.
+// or taken back later. A change that has the first alone is being made, or was interrupted.
 #pragma once
 
 #include <json/value.h>
@@ -72,5 +72,8 @@ void catch_up_history();
 /// change that no command has made has the command "outside", also where it is not yet on record.
 /// faults: "PATH, line 3: ...", for lines that are no record.
 Json::Value read_history(std::vector<std::string>& faults);
+
+/// The same for who holds no lock: a change that has no end because it is being made is "running".
+Json::Value look_at_history(std::vector<std::string>& faults);
 
 }  // namespace kelotlsctl

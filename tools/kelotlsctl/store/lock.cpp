@@ -104,4 +104,10 @@ Lock::~Lock() {
   static_cast<void>(file_.is_open() && ::ftruncate(file_.get(), 0) == 0);
 }
 
+bool Lock::is_held() {
+  const kelotls::Descriptor file(
+      ::open(kPath, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+  return file.is_open() && ::flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
 }  // namespace kelotlsctl

@@ -23,6 +23,9 @@ class Lock {
   Lock& operator=(const Lock&) = delete;
   ~Lock();
 
+  /// Whether somebody holds the lock. False for who is not root, who cannot see that.
+  static bool is_held();
+
  private:
   const kelotls::Descriptor file_;
 };

@@ -60,7 +60,7 @@ void add_rows(Table& table, const Json::Value& record) {
 Report show_history(Console& console, const Arguments& arguments) {
   Report report;
   report.document["changes"] = list_of({});
-  Json::Value records = read_history(report.warnings);
+  Json::Value records = look_at_history(report.warnings);
   for (Json::Value& record : records) {
     if (arguments.service.empty() || keep_what_concerns(record, arguments.service)) {
       report.document["changes"].append(record);

@@ -370,7 +370,7 @@ Facts gather(Console& console, const Arguments& arguments, Report& report) {
   }
   facts.findings = find_faults(console, facts.store, {}, see);
   if (!is_withheld(kHistoryPath)) {
-    facts.history = read_history(report.warnings);
+    facts.history = look_at_history(report.warnings);
   }
   return facts;
 }

@@ -67,13 +67,14 @@ Json::Value services_that_failed(const Json::Value& record) {
 }
 
 bool is_failure(const std::string& result) {
-  return result != "done" && result != "confirmed" && result != "waiting" && result != "taken-back";
+  return result != "done" && result != "running" && result != "confirmed" && result != "waiting" &&
+         result != "taken-back";
 }
 
 /// Null where no change has failed.
 Json::Value last_failure(std::vector<std::string>& warnings) {
   Json::Value failure;
-  for (const Json::Value& record : read_history(warnings)) {
+  for (const Json::Value& record : look_at_history(warnings)) {
     if (is_failure(record["result"].asString())) {
       failure = record;
     }
