@@ -25,11 +25,13 @@ IS_STILL = """
 return document.getAnimations().every(({ playState, effect }) =>
   playState !== "running" || effect.getTiming().iterations === Infinity);
 """
-# Text that a thing with a scroll bar of its own holds does not count, nor what is there for screen readers alone.
+# What holds lines of files, tables of data and tabs scroll by themselves.
 TOO_WIDE = """
-return document.documentElement.scrollWidth <= document.documentElement.clientWidth ? [] :
-  [...document.querySelectorAll("body *")].filter(each => each.getBoundingClientRect().right > innerWidth + 1).map(
-    each => each.tagName + "." + each.className + ": " + each.textContent.slice(0, 40)).slice(0, 8);
+const OWN = "figure, pre, textarea, .kelotls-matrix-place, .pf-v6-c-tabs__list";
+const scrolls = each => each.scrollWidth > each.clientWidth + 1 &&
+  (each === document.documentElement || ["auto", "scroll"].includes(getComputedStyle(each).overflowX));
+return [...document.querySelectorAll("*")].filter(each => scrolls(each) && !each.closest(OWN)).map(
+  each => each.tagName + "." + each.className + ": " + each.scrollWidth + " in " + each.clientWidth).slice(0, 8);
 """
 
 
