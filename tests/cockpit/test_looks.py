@@ -28,7 +28,8 @@ return document.getAnimations().every(({ playState, effect }) =>
 # What holds lines of files, tables of data and tabs scroll by themselves.
 TOO_WIDE = """
 const OWN = "figure, pre, textarea, .kelotls-matrix-place, .pf-v6-c-tabs__list";
-const scrolls = each => each.scrollWidth > each.clientWidth + 1 &&
+const scrolls = each => each.tagName === "MAIN" && each.getBoundingClientRect().right > innerWidth + 1 ||
+  each.scrollWidth > each.clientWidth + 1 &&
   (each === document.documentElement || ["auto", "scroll"].includes(getComputedStyle(each).overflowX));
 return [...document.querySelectorAll("*")].filter(each => scrolls(each) && !each.closest(OWN)).map(
   each => each.tagName + "." + each.className + ": " + each.scrollWidth + " in " + each.clientWidth).slice(0, 8);
