@@ -78,7 +78,8 @@ class Pictures(PageCase):
     def test_a_change_that_waits(self):
         self.page.wait_row("Web server", "In force")
         self.change_level("nginx", "Modern", reason="audit").wait_gone()
-        self.page.wait_for("region", "Change waiting for confirmation")
+        self.page.wait_for("button", "Keep the change")
+        self.page.wait_text("Waits to be confirmed")
         self.page.wait_row("Web server", "modern", "In force")
         self.page.wait_toast("Level changed")
         self.assert_as_in_picture("waiting")
