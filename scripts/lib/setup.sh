@@ -26,6 +26,17 @@ quietly() {
   return "$status"
 }
 
+# build_release TARGET...: in build/release of the project's directory, which is the current one. Scripts may
+# run beside each other, and two that configure one build tree at once remove each other's files.
+build_release() {
+  mkdir -p build
+  (
+    flock 9
+    quietly cmake --preset release
+    quietly cmake --build --preset release --target "$@"
+  ) 9> build/release.lock
+}
+
 # apt_get ARGUMENT...: its output shows only if it fails. While another apt is at work, as on a machine
 # that has just booted, it waits: apt's own DPkg::Lock::Timeout is for one lock of three.
 apt_get() {
