@@ -22,7 +22,7 @@ build_page() {
   quietly node cockpit/build.mjs
 }
 
-# check_page: types and translations.
+# check_page: whether its types fit what the command prints by its schemas, and every text is translated.
 check_page() {
   need_page_modules
   quietly npm run --silent --prefix cockpit check
