@@ -1,6 +1,5 @@
 // kelotlsctl catalogue: the registrations that packages bring, and which of their services have
 // joined.
-#include <algorithm>
 #include <cerrno>
 #include <optional>
 
