@@ -1,13 +1,10 @@
 // What can be done to one service.
 
-import { Dropdown, DropdownList, MenuToggle } from "@patternfly/react-core";
-import EllipsisVIcon from "@patternfly/react-icons/dist/esm/icons/ellipsis-v-icon";
 import cockpit from "cockpit";
-import { useRef, useState } from "react";
-import type { ReactElement } from "react";
 import ApplyDialog from "../dialogs/ApplyDialog";
 import LeaveDialog from "../dialogs/LeaveDialog";
 import LevelDialog from "../dialogs/LevelDialog";
+import { DialogMenu } from "../ui/DialogMenu";
 import { useDialogs } from "../ui/dialogs";
 import { GuardedButton, GuardedItem } from "../ui/guarded";
 import { plain } from "../ui/Plain";
@@ -22,31 +19,10 @@ export function RowActions({ name }: { name: string }) {
         onClick={() => show(<LevelDialog services={[name]} onClose={close} />)}>
         {_("Change level")}
       </GuardedButton>
-      <More name={name} />
-    </span>
-  );
-}
-
-function More({ name }: { name: string }) {
-  const { show, close } = useDialogs();
-  const [isOpen, setOpen] = useState(false);
-  const toggle = useRef<HTMLButtonElement>(null);
-  const choose = (dialog: ReactElement) => {
-    setOpen(false);
-    // The dialog gives the focus back to what had it: the menu's button.
-    toggle.current?.focus();
-    show(dialog);
-  };
-  return (
-    <Dropdown isOpen={isOpen} onOpenChange={setOpen} popperProps={{ position: "end" }} toggle={{
-      toggleRef: toggle,
-      toggleNode: <MenuToggle ref={toggle} variant="plain" icon={<EllipsisVIcon />} isExpanded={isOpen}
-        aria-label={cockpit.format(_("Actions for $0"), plain(name))} onClick={() => setOpen(!isOpen)} />,
-    }}>
-      <DropdownList>
+      <DialogMenu name={cockpit.format(_("Actions for $0"), plain(name))}>{choose => <>
         <GuardedItem onClick={() => choose(<ApplyDialog services={[name]} onClose={close} />)}>{_("Apply")}</GuardedItem>
         <GuardedItem isDanger onClick={() => choose(<LeaveDialog service={name} onClose={close} />)}>{_("Leave")}</GuardedItem>
-      </DropdownList>
-    </Dropdown>
+      </>}</DialogMenu>
+    </span>
   );
 }
