@@ -180,6 +180,31 @@ TEST(PatientAsker, TakesNoSingleCloseForARefusal) {
   EXPECT_EQ(asker.ask(kGood, kAttempts).verdict, Verdict::kAccepted);
 }
 
+TEST(PatientAsker, FindsAnotherHelloThatIsAnsweredWhereTheServerWasReloaded) {
+  const Hello impossible = hello_of(3);
+  for (const bool is_before_learning : {true, false}) {
+    bool was_reloaded = false;
+    int asked = 0;
+    Asker asker(
+        [&](const Hello& hello, Clock::time_point) {
+          ++asked;
+          const bool is_impossible = hello.suites == impossible.suites;
+          return !is_impossible && is_good(hello) == was_reloaded ? accepted() : not_known(kClosed);
+        },
+        kPatience);
+    asker.expect_closes();
+    asker.greet({kBad, kGood});
+    was_reloaded = is_before_learning;
+    asker.learn_refusal(impossible);
+    was_reloaded = true;
+    asked = 0;
+
+    EXPECT_EQ(asker.ask(kBad, kAttempts).verdict, Verdict::kRefused) << is_before_learning;
+    EXPECT_LE(asked, 5);
+    EXPECT_EQ(asker.ask(kGood, kAttempts).verdict, Verdict::kAccepted);
+  }
+}
+
 TEST(PatientAsker, BlamesAHelloThatAlwaysFailsBesideOneThatWorks) {
   int bad = 0;
   int good = 0;

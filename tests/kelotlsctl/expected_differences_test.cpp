@@ -4,9 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "kelotls/api_provider.h"
 #include "kelotlsctl.h"
 #include "loopback_server.h"
 #include "nginx.h"
+#include "tls_client.h"
 
 namespace kelotls::test {
 namespace {
@@ -96,6 +102,73 @@ TEST_F(ExpectedDifferences, HideNoOther) {
     }
   }
   EXPECT_EQ(unexpected, (Lines{"missing prime256v1", "extra X25519"}));
+}
+
+/// What a service gets that is at this level from now on.
+Context context_at(const std::string& level) {
+  EXPECT_EQ(run({"set", "web", level}).status, 0);
+  Context context(APIProvider().acquire_server_context("web"));
+  use_certificate(context.get(), "rsa");
+  return context;
+}
+
+/// Whether the hello that waits to be read offers TLS 1.3 alone.
+bool offers_tls13_alone(int descriptor) {
+  const std::string supported_versions("\x00\x2b\x00\x03\x02\x03\x04", 7);
+  std::string hello(5, '\0');
+  const auto peek = [&] {
+    return ::recv(descriptor, hello.data(), hello.size(), MSG_PEEK | MSG_WAITALL) ==
+           static_cast<ssize_t>(hello.size());
+  };
+  if (!peek()) {
+    return false;
+  }
+  const auto octet = [&](std::size_t index) { return static_cast<unsigned char>(hello[index]); };
+  hello.resize(hello.size() + std::size_t(octet(3) << 8 | octet(4)));
+  return peek() && contains(hello, supported_versions);
+}
+
+TEST_F(ExpectedDifferences, AreNoneOfAServerThatWasReloadedBehindItsFirstAnswer) {
+  write_file(kExpected, R"({"refuses-by-closing": "It sends no alerts."})");
+  const Context modern = context_at("modern");
+  const Context former = context_at("intermediate");
+  std::atomic<int> asked{0};
+  const LoopbackServer reloads(AF_INET, [&](int descriptor) {
+    if (asked++ == 0) {
+      serve_tls(former.get())(descriptor);
+    } else if (offers_tls13_alone(descriptor)) {
+      serve_tls(modern.get())(descriptor);
+    } else {
+      char hello[4096];  // read, so that closing is no reset
+      static_cast<void>(::recv(descriptor, hello, sizeof hello, 0));
+    }
+  });
+  ASSERT_EQ(run({"address", "web", "127.0.0.1:" + reloads.port()}).status, 0);
+
+  const Outcome outcome = run({"set", "web", "modern", "--apply"});
+
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_TRUE(contains(outcome.out, "reloaded  as asked\n")) << outcome.out;
+}
+
+TEST_F(ExpectedDifferences, AreNotThoseOfAServerThatReloadsDuringASlowSurvey) {
+  using std::chrono::steady_clock;
+  write_file(kExpected, "{}");
+  const Context modern = context_at("modern");
+  const Context former = context_at("intermediate");
+  const auto reload = steady_clock::now() + std::chrono::seconds(6);  // apply alone gives it 5
+  const LoopbackServer reloads(AF_INET, [&](int descriptor) {
+    if (steady_clock::now() < reload) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(250));
+      serve_tls(former.get())(descriptor);
+    } else {
+      serve_tls(modern.get())(descriptor);
+    }
+  });
+  ASSERT_EQ(run({"address", "web", "127.0.0.1:" + reloads.port()}).status, 0);
+
+  EXPECT_EQ(run({"set", "web", "modern", "--apply"}).status, 0);
+  EXPECT_EQ(run({"probe", "web"}).status, 0);
 }
 
 TEST_F(ExpectedDifferences, MayBeThatNothingIsKnown) {

@@ -54,9 +54,17 @@ Answer Asker::ask_once(const Hello& hello, bool is_hasty) {
 /// less the longer all goes well.
 void Asker::pause() { pace_ = std::clamp(2 * pace_, kFirstPause, kLongestPause); }
 
-/// Whether a hello that the server has answered before is answered now.
+/// Whether a hello that the server has answered before is answered now. One that closes to refuse
+/// may never do so again once it was reloaded, and answer another greeting instead.
 bool Asker::works(std::optional<Hello> control) {
-  return control && ask_once(*control, true).verdict != Verdict::kNotKnown;
+  return control && (is_answered(*control) ||
+                     (expects_closes_ &&
+                      std::any_of(greetings_.begin(), greetings_.end(),
+                                  [this](const Hello& hello) { return is_answered(hello); })));
+}
+
+bool Asker::is_answered(const Hello& hello) {
+  return ask_once(hello, true).verdict != Verdict::kNotKnown;
 }
 
 Answer Asker::ask(const Hello& hello, int attempts) {
@@ -86,6 +94,7 @@ void Asker::learn_refusal(const Hello& impossible) {
 }
 
 Answer Asker::greet(const std::vector<Hello>& hellos) {
+  greetings_ = hellos;
   Answer first;
   for (int fruitless = 0; fruitless < kFruitlessRounds && !is_over(); ++fruitless) {
     for (const Hello& hello : hellos) {

@@ -31,7 +31,8 @@ class Asker {
   Answer ask(const Hello& hello, int attempts);
 
   /// Looks for a hello that the server answers, so that it can be told from another that it does
-  /// not. Where it answers none of these, it counts as lost. Returns what came of the first.
+  /// not, now and whenever the one that it answered last is answered no more. Where it answers none
+  /// of these, it counts as lost. Returns what came of the first.
   Answer greet(const std::vector<Hello>& hellos);
 
   /// The server is said to refuse without an alert, by closing the connection.
@@ -57,11 +58,13 @@ class Asker {
   Answer ask_once(const Hello& hello, bool is_hasty);
   Answer insist(const Hello& hello, Answer answer, int attempts);
   bool works(std::optional<Hello> control);
+  bool is_answered(const Hello& hello);
   void pause();
 
   Ask ask_;
   const Patience patience_;
   const Clock::time_point end_;
+  std::vector<Hello> greetings_;  // any of them may be answered
   std::optional<Hello> control_;  // the last hello that was accepted or refused
   std::chrono::milliseconds pace_{0};
   Clock::duration slowest_{0};

@@ -90,13 +90,16 @@ Json::Value judged(const Address& address, const Json::Value& report,
 
 bool agrees(const Json::Value& seen) { return !seen.isNull() && is_good(seen["verdict"]); }
 
-/// Or until the grace is over.
+/// Or until the grace is over. A server that answers is asked twice at least: of a slow one, all of
+/// the grace can pass between its first answer, from before it has reloaded, and its last.
 Json::Value ask_until_it_agrees(const Addresses& addresses, const std::string& service, int level) {
   const auto end = Clock::now() + kGrace;
   Json::Value seen = ask_running_server(addresses, service, level, kPatience);
-  while (!seen.isNull() && !agrees(seen) && Clock::now() < end && interruption() == 0) {
+  bool is_due = !seen.isNull() && seen["verdict"] != "no-answer";
+  while (!seen.isNull() && !agrees(seen) && (is_due || Clock::now() < end) && interruption() == 0) {
     std::this_thread::sleep_for(kPause);
     seen = ask_running_server(addresses, service, level, kPatience);
+    is_due = false;
   }
   return seen;
 }
