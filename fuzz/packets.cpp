@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "clients/channel.h"
 #include "clients/client_hello.h"
-#include "clients/streams.h"
 #include "harness.h"
 #include "peers/starttls.h"
+#include "recording/channel.h"
+#include "recording/streams.h"
 
 namespace kelotls::fuzz {
 namespace {

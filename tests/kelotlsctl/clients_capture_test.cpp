@@ -9,13 +9,13 @@
 #include <numeric>
 #include <random>
 
-#include "clients/channel.h"
-#include "clients/packets.h"
-#include "clients/pieces.h"
-#include "clients/recorder.h"
-#include "clients/streams.h"
 #include "packets.h"
 #include "peers/starttls.h"
+#include "recording/channel.h"
+#include "recording/packets.h"
+#include "recording/pieces.h"
+#include "recording/recorder.h"
+#include "recording/streams.h"
 #include "tls/hello.h"
 
 namespace kelotls::test {

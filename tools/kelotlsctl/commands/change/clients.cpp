@@ -9,10 +9,10 @@
 #include <cstring>
 #include <memory>
 
-#include "clients/recorder.h"
 #include "clients/records.h"
 #include "command_line.h"
 #include "output/text.h"
+#include "recording/recorder.h"
 #include "store/addresses.h"
 #include "store/history.h"
 #include "store/lock.h"

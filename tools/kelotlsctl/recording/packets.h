@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "clients/pieces.h"
+#include "recording/pieces.h"
 
 namespace kelotlsctl {
 

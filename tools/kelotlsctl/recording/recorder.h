@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "clients/capture.h"
 #include "clients/records.h"
 #include "files.h"
+#include "recording/capture.h"
 
 namespace kelotlsctl {
 

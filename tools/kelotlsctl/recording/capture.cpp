@@ -1,5 +1,5 @@
 // Owns reading packets where nothing can come of it but messages.
-#include "clients/capture.h"
+#include "recording/capture.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -14,8 +14,8 @@
 #include <cstring>
 #include <memory>
 
-#include "clients/channel.h"
 #include "output/console.h"
+#include "recording/channel.h"
 #include "system/confinement.h"
 
 namespace kelotlsctl {

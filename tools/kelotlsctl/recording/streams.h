@@ -8,9 +8,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "clients/opening.h"
-#include "clients/packets.h"
-#include "clients/pieces.h"
+#include "recording/opening.h"
+#include "recording/packets.h"
+#include "recording/pieces.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns reading the headers of packets.
-#include "clients/packets.h"
+#include "recording/packets.h"
 
 #include <pcap/dlt.h>
 

@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "clients/packets.h"
 #include "clients/records.h"
+#include "recording/packets.h"
 
 namespace kelotlsctl {
 

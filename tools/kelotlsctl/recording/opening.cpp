@@ -1,5 +1,5 @@
 // Owns reading how clients open a connection.
-#include "clients/opening.h"
+#include "recording/opening.h"
 
 #include <strings.h>
 

@@ -1,10 +1,10 @@
 // Owns encoding and checking messages.
-#include "clients/channel.h"
+#include "recording/channel.h"
 
 #include <algorithm>
 
 #include "clients/client_hello.h"
-#include "clients/opening.h"
+#include "recording/opening.h"
 
 namespace kelotlsctl {
 

@@ -1,5 +1,5 @@
 // Owns putting pieces together.
-#include "clients/pieces.h"
+#include "recording/pieces.h"
 
 #include <algorithm>
 

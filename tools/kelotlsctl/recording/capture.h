@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "clients/streams.h"
+#include "recording/streams.h"
 
 namespace kelotlsctl {
 

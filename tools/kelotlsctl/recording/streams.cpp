@@ -1,5 +1,5 @@
 // Owns following streams of TCP.
-#include "clients/streams.h"
+#include "recording/streams.h"
 
 #include <algorithm>
 #include <functional>

@@ -1,5 +1,5 @@
 // Owns recording clients.
-#include "clients/recorder.h"
+#include "recording/recorder.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -15,8 +15,8 @@
 #include <cstring>
 #include <list>
 
-#include "clients/channel.h"
 #include "output/console.h"
+#include "recording/channel.h"
 #include "system/confinement.h"
 
 namespace kelotlsctl {
