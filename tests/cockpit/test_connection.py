@@ -1,12 +1,16 @@
 """The connection is lost at each step of a change, and two browsers are at one appliance."""
 
+import contextlib
 import unittest
+
+from selenium.common.exceptions import WebDriverException
 
 import bed
 from browser import FRAME, By
 from cases import Machine, PageCase
 
 WAITING = "Change waiting for confirmation"
+SOON = 10  # seconds until one who waits in vain would load the page again
 
 
 class LostConnection(PageCase):
@@ -24,10 +28,16 @@ class LostConnection(PageCase):
                        or not self.page.driver.find_element(By.CSS_SELECTOR, FRAME).is_displayed(), "Cockpit says so")
 
     def come_back(self):
-        """In the same session, unless that ended with the connection."""
+        """In the same session, unless that ended with the connection, or a moment after as in newer ones."""
         self.door.open()
+        self.page.wait(self.is_back, "the page, which stays")
+
+    def is_back(self):
         if not self.page.open_in_shell():
             self.log_in_again()
+        with contextlib.suppress(AssertionError, WebDriverException):
+            return bed.wait_until(self.page.rows, "rows", SOON)
+        return False
 
     def test_before_an_apply(self):
         dialog = self.choose_level("nginx", "Modern")
