@@ -39,7 +39,9 @@ modules=(virtio_mmio virtio_blk ext4 virtio_console virtio_rng)
 # generation of ruby cannot run one of them. The host runs it.
 not_here=MustacheOracles
 
+# Everything that decides what the machine's files are; where that has changed, they are made anew.
 contents() {
+  declare -f unpack add_newer_programs configure make_initial make_machine
   printf '%s\n' "$suite" "${packages[@]}" "$newer_suite" "${newer_packages[@]}" "${newer_programs[@]}" "${modules[@]}"
   cat "$project/scripts/lib/appliance-initial.sh"
 }

@@ -165,7 +165,11 @@ double seconds_for_a_thousand_services() {
 #ifdef KELOTLSCTL_LIST_SECONDS
   return KELOTLSCTL_LIST_SECONDS;
 #else
-  return 50 * seconds_of("levels", "/dev/null");
+  double start = 0;  // of three: what else the machine does takes its part of any of them
+  for (int round = 0; round < 3; ++round) {
+    start = std::max(start, seconds_of("levels", "/dev/null"));
+  }
+  return 50 * start;
 #endif
 }
 
