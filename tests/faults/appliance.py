@@ -52,8 +52,10 @@ class Appliance:
             shutil.copy(f"{PROJECT}/tests/bed/data/dh{bits}.pem", "/usr/kelo/etc/ssl/")
         write("/usr/kelo/template.mustache", TEMPLATE)
         for name in SERVICES:
-            write(f"/usr/kelo/reload-{name}",
-                  f"#!/bin/sh\nexec cp {FRAMEWORK}/config/{name}.conf /usr/kelo/serving/{name}\n", 0o755)
+            # Whole or not at all: it ends with the command that started it, and may be at any point then.
+            served = f"/usr/kelo/serving/{name}"
+            write(f"/usr/kelo/reload-{name}", "#!/bin/sh\n"
+                  f"cp {FRAMEWORK}/config/{name}.conf {served}.new && exec mv {served}.new {served}\n", 0o755)
         write("/usr/kelo/registration.json", registration(("mail", "web")))
         write("/usr/kelo/ftp.json", registration(("ftp",)))
         for words in (["init"], ["join", "/usr/kelo/registration.json"], ["apply"]):
