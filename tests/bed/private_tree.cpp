@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -142,6 +143,11 @@ void PrivateTree::SetUp() {
       << "start this test through tests/bed/in_private_tree: it writes to /usr/kelo";
   for (const char* directory : {kServices, kConfig, kSystemReloaders, kPackageReloaders, kSslDir}) {
     make_directories(directory);
+  }
+  // A shell's & has SIGINT ignored and nohup SIGHUP, and the programs that a test starts would heed
+  // it.
+  for (const int number : {SIGHUP, SIGINT}) {
+    ASSERT_NE(::signal(number, SIG_DFL), SIG_ERR);
   }
   log_ = std::make_unique<SystemLog>();
   // Waits until the log's thread runs, because sanitizers open descriptors for a moment while a

@@ -133,7 +133,7 @@ class PageCase(unittest.TestCase):
             return shown.count("TLS 1.2") > 1 and "TLS 1.3" in shown
 
         bed.wait_until(has_both, "both clients are on record")
-        record.send_signal(signal.SIGINT)
+        record.terminate()
         record.wait()
 
     def settled(self):

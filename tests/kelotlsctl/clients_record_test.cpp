@@ -249,6 +249,10 @@ class KelotlsctlClientsLive : public KelotlsctlClients {
   static std::unique_ptr<Process> record(const Arguments& options = {}) {
     Arguments command = {KELOTLSCTL, "clients", "record", "web"};
     command.insert(command.end(), options.begin(), options.end());
+    return recorder_of(command);
+  }
+
+  static std::unique_ptr<Process> recorder_of(const Arguments& command) {
     auto recorder = std::make_unique<Process>(command, kSaid);
     EXPECT_TRUE(eventually([] { return contains(read_file(kSaid), "recording;"); }))
         << read_file(kSaid);
@@ -371,6 +375,18 @@ TEST_F(KelotlsctlClientsLive, AreSavedByEverySignalThatEndsIt) {
     EXPECT_EQ(recorder->exit_status(), 0);
     EXPECT_EQ(read_json(kRecord)["connections"], 1) << signal;
   }
+}
+
+TEST_F(KelotlsctlClientsLive, AreRecordedOnAfterASignalThatItWasStartedToIgnore) {
+  const auto recorder =
+      recorder_of({"/bin/sh", "-c", "trap '' HUP && exec \"$0\" clients record web", KELOTLSCTL});
+  EXPECT_EQ(::kill(recorder->id(), SIGHUP), 0);
+  // One that is asked to end still sees what comes in its last 200 ms.
+  for (unsigned connections = 1; connections <= 8; ++connections) {
+    EXPECT_EQ(connect({}).status, 0);
+    EXPECT_EQ(saved(*recorder, connections)["connections"].asUInt(), connections);
+  }
+  EXPECT_EQ(recorder->end(), 0);
 }
 
 TEST_F(KelotlsctlClientsLive, AreSavedWhereTheReaderIsKilled) {

@@ -263,6 +263,19 @@ TEST_F(KelotlsctlLevels, RunsNoFurtherReloaderOnceItIsInterrupted) {
   EXPECT_EQ(record[record.size() - 1]["code"], 130);
 }
 
+TEST_F(KelotlsctlLevels, GoesOnAtASignalThatItWasStartedToIgnore) {
+  join_both();
+  join_mail();
+  write_program("/tmp/reload-mail", "#!/bin/sh\nkill -HUP $PPID\nkill -INT $PPID\n");
+  write_file(kReloaderRuns, "");
+  const Outcome outcome =
+      run_program({"sh", "-c", "trap '' HUP INT && exec \"$0\" apply", KELOTLSCTL});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(read_file(kReloaderRuns), "run\n");
+  const Json::Value record = run_json("history").document["changes"];
+  EXPECT_EQ(record[record.size() - 1]["result"], "done");
+}
+
 TEST_F(KelotlsctlLevels, TakesBackWhatItDidNotGetToWhenItIsInterrupted) {
   join_both();
   join_mail();

@@ -18,6 +18,7 @@
 #include "output/console.h"
 #include "recording/channel.h"
 #include "system/confinement.h"
+#include "system/interruption.h"
 
 namespace kelotlsctl {
 
@@ -29,11 +30,8 @@ constexpr std::chrono::seconds kSavingInterval{60};
 
 /// The signals that end a recording, and the one that saves.
 sigset_t signals_of_recording() {
-  sigset_t signals;
-  ::sigemptyset(&signals);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) {
-    ::sigaddset(&signals, number);
-  }
+  sigset_t signals = ending_signals();
+  ::sigaddset(&signals, SIGUSR1);
   return signals;
 }
 

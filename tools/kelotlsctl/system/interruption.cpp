@@ -1,4 +1,4 @@
-// Owns the signals that ask the command to end while it makes a change. They stay blocked, and are
+// Owns the signals that ask the command to end. While it makes a change they stay blocked, and are
 // fetched where a change can end: no handler runs in the middle of anything.
 #include "system/interruption.h"
 
@@ -10,16 +10,29 @@ namespace {
 
 int first_interruption = 0;
 
+bool is_ignored(int number) {
+  struct sigaction action = {};
+  return ::sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 sigset_t deferred_signals() {
-  sigset_t signals;
-  ::sigemptyset(&signals);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
-    ::sigaddset(&signals, number);
-  }
+  sigset_t signals = ending_signals();
+  ::sigaddset(&signals, SIGCHLD);
   return signals;
 }
 
 }  // namespace
+
+sigset_t ending_signals() {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    if (!is_ignored(number)) {  // one that is blocked would be kept, ignored or not
+      ::sigaddset(&signals, number);
+    }
+  }
+  return signals;
+}
 
 void defer_interruptions() {
   const sigset_t signals = deferred_signals();

@@ -1,4 +1,4 @@
-// Owns the signals that ask the command to end while it makes a change.
+// Owns the signals that ask the command to end.
 #pragma once
 
 #include <csignal>
@@ -6,8 +6,12 @@
 
 namespace kelotlsctl {
 
-/// From here on SIGINT, SIGTERM and SIGHUP wait, and SIGCHLD with them: a change first ends the
-/// step that it is at, or undoes it.
+/// SIGINT, SIGTERM and SIGHUP, without those that the command was started to ignore: nohup and a
+/// shell's & mean that it is to go on.
+sigset_t ending_signals();
+
+/// From here on the ending signals wait, and SIGCHLD with them: a change first ends the step that
+/// it is at, or undoes it.
 void defer_interruptions();
 
 /// The first of the deferred signals that has come since, 0 for none.

@@ -128,6 +128,18 @@ Json::Value undone_in(const Report& report) {
   return undone;
 }
 
+/// Writes the levels with their dates, and brings them into force where that is asked for.
+Report carry_out(Console& console, const LevelChange& plan, const ReloadOptions& options,
+                 const Dating& dating, bool applies) {
+  dating.begin(plan);
+  if (dating.brings_dates()) {
+    have_dates_watched();
+  }
+  Report report = applies ? set_and_apply(console, plan, options, false) : set_only(plan, false);
+  dating.end(plan, undone_in(report));
+  return report;
+}
+
 }  // namespace
 
 Report set_level(Console& console, const Arguments& arguments) {
@@ -157,17 +169,9 @@ Report set_level(Console& console, const Arguments& arguments) {
   Report made = make_change(
       console, back, [&] { return plan.snapshot(); },
       [&] {
-        if (arguments.dry_run) {
-          return applies ? set_and_apply(console, plan, options, true) : set_only(plan, true);
-        }
-        dating.begin(plan);
-        if (dating.brings_dates()) {
-          have_dates_watched();
-        }
-        Report report =
-            applies ? set_and_apply(console, plan, options, false) : set_only(plan, false);
-        dating.end(plan, undone_in(report));
-        return report;
+        return !arguments.dry_run ? carry_out(console, plan, options, dating, applies)
+               : applies          ? set_and_apply(console, plan, options, true)
+                                  : set_only(plan, true);
       });
   made.document["losses"] = losses;
   return made;
