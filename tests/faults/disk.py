@@ -46,6 +46,10 @@ class Disk:
             self.names[path] = what
         self.pending.append((path, what))
 
+    def is_certain(self, path):
+        """Whether there is something at the path, whatever has reached the disk."""
+        return path in self.kept and (path, None) not in self.pending
+
     def images(self):
         """Every {path: text or link target} that the disk may come up with."""
         for choice in itertools.product((False, True), repeat=len(self.pending)):

@@ -92,7 +92,7 @@ class Turn:
         image, refusals = texts(settled(tree)), set()
         if self.words is None:
             return None if image == self.trees[0] else f"nothing was begun, and {set(image.items()) ^ set(self.trees[0].items())}"
-        before = {path: text for path, text in self.trees[-2].items() if path in self.disk.kept}
+        before = {path: text for path, text in self.trees[-2].items() if self.disk.is_certain(path)}
         wrong = complaint(image, before, self.trees[-1], self.words[0], self.is_over, self.trees[:-2])
         if wrong:
             return wrong
