@@ -144,9 +144,10 @@ def text_of_store(image):
     return target
 
 
-def complaint(image, before, after, operation, returned, earlier=()):
+def complaint(image, before, after, operation, returned, earlier=(), is_certain=lambda path: True):
     """What a power cut may not have made of the files, or None. earlier: what has come before, of which
-    nothing but the data store has to be on the disk."""
+    nothing but the data store has to be on the disk. is_certain: whether what was there before, was on
+    the disk."""
     old, new = text_of_store(before), text_of_store(after)
     now = text_of_store(image)
     if now not in ((new,) if returned and operation != "render" else (old, new)):
@@ -155,7 +156,7 @@ def complaint(image, before, after, operation, returned, earlier=()):
         if path.startswith(CONFIG) and path.endswith(".conf") and image[path] not in [
                 tree.get(path) for tree in (before, after, *earlier)]:
             return f"{path} is {image[path]!r}"
-    lost = [path for path in before if path not in image and path not in after]
+    lost = [path for path in before if path not in image and path not in after and is_certain(path)]
     if operation == "leave" and now == old != new and lost:
         return f"the entries are there, and without {lost}"
     return None

@@ -92,8 +92,8 @@ class Turn:
         image, refusals = texts(settled(tree)), set()
         if self.words is None:
             return None if image == self.trees[0] else f"nothing was begun, and {set(image.items()) ^ set(self.trees[0].items())}"
-        before = {path: text for path, text in self.trees[-2].items() if self.disk.is_certain(path)}
-        wrong = complaint(image, before, self.trees[-1], self.words[0], self.is_over, self.trees[:-2])
+        wrong = complaint(image, self.trees[-2], self.trees[-1], self.words[0], self.is_over, self.trees[:-2],
+                          self.disk.is_certain)
         if wrong:
             return wrong
         for position in range(len(self.calls) + 1):
